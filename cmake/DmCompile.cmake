@@ -1,0 +1,20 @@
+# How code of this project is compiled: warnings, sanitizers, and the rules of the cache library itself.
+
+add_library(dm_warnings INTERFACE)
+target_compile_options(dm_warnings INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion $<$<BOOL:${DM_WERROR}>:-Werror>
+  $<$<COMPILE_LANGUAGE:CXX>:-Wmissing-declarations>)
+target_include_directories(dm_warnings INTERFACE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
+
+# The cache library runs without the C++ run-time library.
+add_library(dm_no_cxx_runtime INTERFACE)
+target_compile_options(dm_no_cxx_runtime INTERFACE
+  $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>)
+
+if(DM_SANITIZE)
+  add_compile_options(-fsanitize=${DM_SANITIZE} -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${DM_SANITIZE})
+else()
+  # A sanitizer's own symbols are found at run time only.
+  set(DM_NO_UNDEFINED -Wl,-z,defs)
+endif()

@@ -1,0 +1,13 @@
+# What the build takes from the system.
+find_package(Threads REQUIRED)
+find_package(Python3 REQUIRED COMPONENTS Interpreter)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(protobuf_c REQUIRED IMPORTED_TARGET libprotobuf-c)
+pkg_check_modules(libevent REQUIRED IMPORTED_TARGET libevent_core libevent_pthreads)
+find_package(pugixml REQUIRED)
+find_package(CLI11 REQUIRED)
+find_package(nlohmann_json REQUIRED)
+find_program(PROTOC_C protoc-c REQUIRED)
+if(DM_TESTS)
+  find_package(GTest REQUIRED)
+endif()

@@ -1,0 +1,47 @@
+#ifndef TQ_DM_CACHE_STATUS_H
+#define TQ_DM_CACHE_STATUS_H
+
+/*
+ * Waiting for the cache, and counters that show a row which holds it back.
+ *
+ * Unless a function says otherwise: any thread may call it except the store client's own (a wait there would wait for
+ * itself); it takes a lock of its own for a moment, never the cache lock.
+ */
+
+#include "dm_cache.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Waits until the first full application is done. timeout_ms 0 only asks. -1: not done in time. */
+DM_API int32_t dm_cache_wait_synced(int32_t timeout_ms);
+
+/* How many full applications have been done: 1 after the first synchronisation, one more after each later one. */
+DM_API uint32_t dm_cache_applied(void);
+
+/* Waits until more than `than` full applications are done: ask dm_cache_applied() before what causes the next. */
+DM_API int32_t dm_cache_wait_applied(uint32_t than, int32_t timeout_ms);
+
+/* One row since the process began. Callbacks and queries do not count. The record may grow at its end. */
+typedef struct dm_cache_stats {
+    uint8_t enabled;
+    uint8_t subscribed; /* its subscription is confirmed */
+    uint8_t scanned;    /* its scan has ended since the last resynchronisation or reconnect */
+    uint8_t reserved;
+    uint32_t objects;      /* cached now */
+    uint32_t sets;         /* sets applied, replaced objects included */
+    uint32_t deletes;      /* deletes applied */
+    uint32_t swept;        /* objects removed because a scan no longer returned them */
+    uint32_t refused;      /* sets and deletes that were refused: list full, no memory, no key, not cached */
+    uint32_t last_scan_ms; /* from the request of its last finished scan to the scan's end */
+} dm_cache_stats;
+
+/* Writes the first `size` bytes of a row's counters: give sizeof(dm_cache_stats). -1 also for a type out of range. */
+DM_API int32_t dm_cache_get_stats(int32_t type, dm_cache_stats *stats, uint32_t size);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
