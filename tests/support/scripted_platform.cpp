@@ -1,0 +1,300 @@
+// The scripted platform: the platform's functions write down, look up the answer, and hand out copies.
+#include "support/scripted_platform.h"
+
+#include <algorithm>
+#include <utility>
+
+ScriptedPlatform platform;
+
+namespace {
+
+// Writes a call down and finds its answer.
+int32_t call(const std::string &text) {
+    platform.calls.push_back(text);
+    if (platform.during_call) platform.during_call(text);
+    int32_t answer = 0;
+    size_t longest = 0;
+    for (const auto &[start, code] : platform.answers) {
+        if (!text.starts_with(start) || start.size() < longest) continue;
+        longest = start.size();
+        answer = code;
+    }
+    return answer;
+}
+
+std::string text(const char *name, uint32_t db, const ProtobufCMessage *message) {
+    return std::string(name) + ' ' + std::to_string(db) + ' ' + message->descriptor->name;
+}
+
+// A read's answer and, when that is 0, the object.
+ProtobufCMessage *read(const char *name, uint32_t db, const ProtobufCMessage *probe, int32_t *error) {
+    ++platform.reads;
+    *error = call(text(name, db, probe));
+    if (platform.during_read) platform.during_read();
+    if (*error) return nullptr;
+    const ProtobufCMessage *key = key_of(probe);
+    const auto found = platform.objects.find({db, probe->descriptor->name, key ? packed(key) : ""});
+    return found == platform.objects.end() ? nullptr : Message::copy(found->second.get()).release();
+}
+
+ScriptedPlatform::Key place(const Message &object, uint32_t db) {
+    const ProtobufCMessage *key = key_of(object.get());
+    return {db, object.get()->descriptor->name, key ? packed(key) : ""};
+}
+
+// Copies: a callback may ask for more.
+std::vector<Request> of_kind(const std::vector<Request> &requests, std::string_view kind) {
+    std::vector<Request> found;
+    std::copy_if(requests.begin(), requests.end(), std::back_inserter(found),
+                 [kind](const Request &request) { return request.kind->name == kind; });
+    return found;
+}
+
+}  // namespace
+
+void ScriptedPlatform::put(const Message &object, uint32_t db) {
+    objects[place(object, db)] = Message::copy(object.get());
+}
+
+void ScriptedPlatform::erase(const Message &object, uint32_t db) {
+    objects.erase(place(object, db));
+}
+
+int32_t ScriptedPlatform::deliver(const Request &to, int32_t cmd, void *value, int32_t flag, int32_t result) {
+    store_msg msg{};
+    msg.db = to.db;
+    msg.cmd = cmd;
+    msg.value = value;
+    msg.flag = flag;
+    msg.result = result;
+    return to.callback(&platform.handle, &msg, to.privdata);
+}
+
+void ScriptedPlatform::become_ready() {
+    const auto all = connections;
+    for (const Connection &each : all) each.ready(nullptr, each.privdata);
+}
+
+void ScriptedPlatform::confirm() {
+    for (size_t i = 0; i < subscriptions.size(); ++i) {
+        if (std::exchange(subscriptions[i].confirmed, true)) continue;
+        const Request request = subscriptions[i];
+        deliver(request, TQ_MOM_CMD_SUBSCRIBED, nullptr);
+    }
+}
+
+void ScriptedPlatform::push(const Message &object) {
+    for (const Request &each : of_kind(subscriptions, object.get()->descriptor->name))
+        deliver(each, TQ_MOM_CMD_SET, object.get());
+}
+
+void ScriptedPlatform::push_delete(const Message &object) {
+    Message bare(object.get()->descriptor->name);
+    if (const ProtobufCMessage *key = key_of(object.get())) {
+        const auto *field = protobuf_c_message_descriptor_get_field_by_name(bare.get()->descriptor, "index");
+        auto *at = reinterpret_cast<char *>(bare.get()) + field->offset;
+        *reinterpret_cast<ProtobufCMessage **>(at) = Message::copy(key).release();
+    }
+    for (const Request &each : of_kind(subscriptions, bare.get()->descriptor->name))
+        deliver(each, TQ_MOM_CMD_DELETE, bare.get());
+}
+
+void ScriptedPlatform::reply(const Message &object) {
+    const auto scan = of_kind(scans, object.get()->descriptor->name);
+    result_rec record{};
+    record.obj = object.get();
+    if (!scan.empty()) deliver(scan[0], TQ_MOM_CMD_REPLY, &record);
+}
+
+void ScriptedPlatform::reply_damaged(std::string_view kind) {
+    const auto scan = of_kind(scans, kind);
+    result_rec record{};
+    record.error = 1;
+    if (!scan.empty()) deliver(scan[0], TQ_MOM_CMD_REPLY, &record);
+}
+
+void ScriptedPlatform::end_scan(std::string_view kind) {
+    const auto scan =
+        std::find_if(scans.begin(), scans.end(), [kind](const Request &r) { return r.kind->name == kind; });
+    if (scan == scans.end()) return;
+    const Request request = *scan;
+    scans.erase(scan);
+    deliver(request, TQ_MOM_CMD_REPLY, nullptr, /*flag=*/1);
+}
+
+void ScriptedPlatform::answer_scans() {
+    while (!scans.empty()) {
+        const std::string kind = scans[0].kind->name;
+        for (const auto &[key, object] : objects)
+            if (key.kind == kind && key.db == scans[0].db) reply(object);
+        end_scan(kind);
+    }
+}
+
+void ScriptedPlatform::lose_connection(uint32_t db, int32_t reason) {
+    std::erase_if(scans, [db](const Request &scan) { return scan.db == db; });
+    for (const Connection &each : connections)
+        if (each.db == db) each.reconnect(nullptr, db, reason, nullptr);
+}
+
+void ScriptedPlatform::fire_timers() {
+    while (!timers.empty()) {
+        const auto next = std::min_element(timers.begin(), timers.end(), [](const auto &a, const auto &b) {
+            return a.second.due_ms < b.second.due_ms;
+        });
+        const auto [record, timer] = *next;
+        timers.erase(next);
+        now_ms = std::max(now_ms, timer.due_ms);
+        record->state = 0;
+        timer.handler(record);
+    }
+}
+
+void ScriptedPlatform::synchronise() {
+    become_ready();
+    confirm();
+    answer_scans();
+}
+
+int32_t tq_mom_client_connect(tq_mom_handle *, uint32_t db, tq_mom_ready_cb ready, uintptr_t privdata) {
+    const int32_t answer = call("connect " + std::to_string(db));
+    if (answer == 0) platform.connections.push_back({db, ready, privdata, nullptr});
+    return answer;
+}
+
+int32_t tq_mom_client_set_reconnect_cb(tq_mom_handle *, uint32_t db, tq_mom_reconnect_cb reconnect, int32_t) {
+    const int32_t answer = call("set_reconnect_cb " + std::to_string(db));
+    for (Connection &each : platform.connections)
+        if (answer == 0 && each.db == db) each.reconnect = reconnect;
+    return answer;
+}
+
+int32_t tq_mom_client_connect_sync(tq_mom_handle *, int32_t) {
+    return call("connect_sync");
+}
+
+int32_t tq_mom_subscribe(tq_mom_handle *, uint32_t db, const ProtobufCMessage *tmpl, int32_t, tq_mom_msg_cb callback,
+                         void *privdata) {
+    const int32_t answer = call(text("subscribe", db, tmpl));
+    if (answer != 0) return answer;
+    for (Request &each : platform.subscriptions) {
+        if (each.db != db || each.kind != tmpl->descriptor || each.callback != callback || each.privdata != privdata)
+            continue;
+        each.confirmed = false;
+        return 0;
+    }
+    platform.subscriptions.push_back({db, tmpl->descriptor, callback, privdata});
+    return 0;
+}
+
+int32_t tq_mom_subscribe_field(tq_mom_handle *, uint32_t db, const ProtobufCMessage *key, int32_t,
+                               const uint32_t *field_numbers, tq_mom_msg_cb *callbacks, void **privdata, int32_t n) {
+    std::string line = text("subscribe_field", db, key);
+    for (int32_t i = 0; i < n; ++i) line += ' ' + std::to_string(field_numbers[i]);
+    const int32_t answer = call(line);
+    for (int32_t i = 0; i < n && answer == 0; ++i)
+        platform.subscriptions.push_back({db, key->descriptor, callbacks[i], privdata[i], i > 0, field_numbers[i]});
+    return answer;
+}
+
+int32_t tq_mom_scan(tq_mom_handle *, uint32_t db, const ProtobufCMessage *tmpl, int32_t, tq_mom_msg_cb callback,
+                    void *privdata) {
+    const int32_t answer = call(text("scan", db, tmpl));
+    if (answer == 0) platform.scans.push_back({db, tmpl->descriptor, callback, privdata});
+    return answer;
+}
+
+int32_t tq_mom_scan_sync(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *tmpl, int32_t,
+                         tq_mom_msg_cb callback, void *privdata) {
+    ++platform.reads;
+    const int32_t answer = call(text("scan_sync", db, tmpl));
+    if (platform.during_read) platform.during_read();
+    if (answer != 0) return answer;
+    for (const auto &[key, object] : platform.objects) {
+        if (key.db != db || key.kind != tmpl->descriptor->name) continue;
+        result_rec record{};
+        record.obj = object.get();
+        store_msg msg{};
+        msg.db = db;
+        msg.cmd = TQ_MOM_CMD_REPLY;
+        msg.value = &record;
+        callback(handle, &msg, privdata);
+    }
+    return 0;
+}
+
+int32_t tq_mom_get_reconnect_scan_time(tq_mom_handle *, uint32_t db) {
+    call("scan_time " + std::to_string(db));
+    return platform.reconnect_scan_ms;
+}
+
+result_rec *tq_mom_hgetall_sync(tq_mom_handle *, uint32_t db, const ProtobufCMessage *obj_with_key) {
+    int32_t error = 0;
+    ProtobufCMessage *object = read("hgetall", db, obj_with_key, &error);
+    if (error == ScriptedPlatform::no_reply) return nullptr;
+    ++platform.unreleased;
+    return new result_rec{object, {}, error};
+}
+
+ProtobufCMessage *tq_mom_get_sync(tq_mom_handle *, uint32_t db, const ProtobufCMessage *obj_with_key, int32_t *error) {
+    ProtobufCMessage *object = read("get", db, obj_with_key, error);
+    if (object) ++platform.unreleased;
+    return object;
+}
+
+int32_t tq_mom_hash_res_free(result_rec *record) {
+    if (!record) return 0;
+    --platform.unreleased;
+    protobuf_c_message_free_unpacked(record->obj, nullptr);
+    delete record;
+    return 0;
+}
+
+int32_t tq_mom_tq_obj_free(ProtobufCMessage *message) {
+    if (!message) return 0;
+    --platform.unreleased;
+    protobuf_c_message_free_unpacked(message, nullptr);
+    return 0;
+}
+
+int32_t tq_mom_set(tq_mom_handle *, uint32_t db, const ProtobufCMessage *obj, int32_t, int32_t) {
+    const int32_t answer = call(text("set", db, obj));
+    if (answer == 0) platform.put(Message::copy(obj), db);
+    return answer;
+}
+
+int32_t tq_thread_insert_timer(tq_thread_master *, tq_thread_timer *timer, int32_t (*handler)(tq_thread_timer *),
+                               int32_t arg, int32_t delay_ms, const char *) {
+    const int32_t answer = call("timer " + std::to_string(arg) + ' ' + std::to_string(delay_ms));
+    if (answer != 0) return answer;
+    timer->arg = arg;
+    timer->state = TQ_THREAD_TIMER_ARMED;
+    platform.timers[timer] = {handler, platform.now_ms + delay_ms};
+    return 0;
+}
+
+int32_t tq_thread_cancel(tq_thread_timer *timer) {
+    call("cancel " + std::to_string(timer->arg));
+    platform.timers.erase(timer);
+    timer->state = 0;
+    return 0;
+}
+
+void *libtq_cap_get_g_cap_init(const char *path) {
+    call(std::string("cap_init ") + path);
+    if (!platform.capability_file) return nullptr;
+    ++platform.unreleased;
+    return &platform;
+}
+
+int32_t libtq_cap_get_g_cap(void *, const char *key, int32_t, void *value, int32_t) {
+    const int32_t answer = call(std::string("cap ") + key);
+    const auto found = platform.capabilities.find(key);
+    if (answer != 0 || found == platform.capabilities.end()) return answer ? answer : -1;
+    *static_cast<int32_t *>(value) = found->second;
+    return 0;
+}
+
+void libtq_cap_get_g_cap_finish(void *) {
+    --platform.unreleased;
+}
