@@ -1,0 +1,40 @@
+# Thin: what a person types. The build itself is CMake's (CMakePresets.json has one preset a build folder).
+JOBS ?= $(shell nproc)
+PREFIX ?= /usr/local
+
+.PHONY: run test asan tsan lint simulate install clean
+.NOTPARALLEL:
+
+# The whole road on the example chassis: load, synchronise, tables, a live change arriving.
+run: build/dmq/dmq
+	build/dmq/dmq --load examples/chassis.json shell examples/tour.dmq
+
+# Without the tests, so that it needs no test framework.
+.PHONY: build/dmq/dmq
+build/dmq/dmq:
+	scripts/setup.sh build
+	[ -f build/build.ninja ] || cmake --preset default -DDM_TESTS=OFF
+	cmake --build build -j$(JOBS) --target dmq
+
+# test, and the same under AddressSanitizer with UndefinedBehaviorSanitizer (asan) and under ThreadSanitizer (tsan).
+test: PRESET = default
+test: DIR = build
+asan: PRESET = asan
+asan: DIR = build-asan
+tsan: PRESET = tsan
+tsan: DIR = build-tsan
+test asan tsan:
+	scripts/setup.sh build test
+	cmake --preset $(PRESET)
+	cmake --build $(DIR) -j$(JOBS)
+	ctest --preset $(PRESET) -j$(JOBS)
+
+lint:
+	scripts/setup.sh build test lint
+	scripts/lint.sh
+
+install: build/dmq/dmq
+	DESTDIR='$(DESTDIR)' cmake --install build --prefix '$(PREFIX)'
+
+clean:
+	rm -rf build build-asan build-tsan build-lint
