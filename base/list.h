@@ -1,0 +1,57 @@
+// The links and lists from the inside: what the exported list operations share with the cache's row changes and with the
+// pending queue. Takes no lock: the caller holds the cache lock, or owns the list.
+#pragma once
+
+#include "base/message.h"
+
+namespace dm {
+
+// An empty head, or a link in no list: it points to itself.
+void list_init(dm_list_head *link);
+inline bool list_empty(const dm_list_head *head) {
+    return head->next == head;
+}
+
+// Appends and counts, without a limit.
+void dm_list_add_tail_no_limit(dm_list_head *link, dm_list_head *head, uint32_t *count);
+void list_unlink(dm_list_head *link);
+
+struct FreeNode {
+    void operator()(dm_cache_list_node *node) const { dm_cache_list_free(node); }
+};
+
+// An element in no list.
+using OwnedNode = std::unique_ptr<dm_cache_list_node, FreeNode>;
+
+// Puts a message into an element in place of its old one, which is freed.
+void list_replace(dm_cache_list_node *node, OwnedMessage message);
+
+// A new element at the tail; null without memory or when the list is full, the message is then freed.
+dm_cache_list_node *list_append(dm_cache_list *list, OwnedMessage message);
+
+// Walks a list's elements; the loop may remove the element that it stands on.
+class Elements {
+public:
+    explicit Elements(dm_cache_list *list) : head_(list ? &list->head : nullptr) {}
+
+    class Iterator {
+    public:
+        explicit Iterator(dm_list_head *link) : link_(link), next_(link ? link->next : nullptr) {}
+        dm_cache_list_node &operator*() const { return *reinterpret_cast<dm_cache_list_node *>(link_); }
+        Iterator &operator++() { return *this = Iterator(next_); }
+        bool operator!=(const Iterator &other) const { return link_ != other.link_; }
+
+    private:
+        dm_list_head *link_;
+        dm_list_head *next_;
+    };
+
+    // A row without a list walks like an empty one.
+    Iterator begin() const { return Iterator(head_ ? head_->next : nullptr); }
+    Iterator end() const { return Iterator(head_); }
+
+private:
+    dm_list_head *head_;
+};
+
+}  // namespace dm

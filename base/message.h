@@ -1,0 +1,43 @@
+// Messages: who owns a copy, where a message keeps its key. Needs no lock of its own: whoever hands a cached message in
+// holds the cache lock.
+#pragma once
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "tq_dm_cache/dm_cache.h"
+
+namespace dm {
+
+struct FreeMessage {
+    void operator()(ProtobufCMessage *message) const { protobuf_c_message_free_unpacked(message, nullptr); }
+};
+
+// A message of one's own.
+using OwnedMessage = std::unique_ptr<ProtobufCMessage, FreeMessage>;
+
+struct FreeMemory {
+    void operator()(void *memory) const { std::free(memory); }
+};
+
+// Memory of one's own, from malloc.
+template <class T> using OwnedMemory = std::unique_ptr<T, FreeMemory>;
+
+template <class T> const T *as(const ProtobufCMessage *message) {
+    return reinterpret_cast<const T *>(message);
+}
+
+// Writes a result through an out-parameter that the public interface declares as void *.
+template <class T> void put(void *out, T *value) {
+    std::memcpy(out, &value, sizeof value);
+}
+
+// The key of a keyed message; null when it carries none.
+inline ProtobufCMessage *key_of(const ProtobufCMessage *message, uint32_t index_offset) {
+    ProtobufCMessage *key;
+    std::memcpy(&key, reinterpret_cast<const char *>(message) + index_offset, sizeof key);
+    return key;
+}
+
+}  // namespace dm

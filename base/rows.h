@@ -1,0 +1,81 @@
+// The object type table: which kind each row holds, as one table of constants, and the exported rows made from it.
+// Nothing here takes a lock: rows are set up at start-up; what changes their lists holds the cache lock.
+#pragma once
+
+#include <cstddef>
+
+#include "base/message.h"
+#include "tq_dm_cache/p_dev.pb-c.h"
+
+namespace dm {
+
+// The row that holds a kind.
+template <class T> inline constexpr int32_t row_of = -1;
+template <> inline constexpr int32_t row_of<PDev__DpLibComplete> = DM_ROW_DP_LIB_COMPLETE;
+template <> inline constexpr int32_t row_of<PDev__DpLibMyInfo> = DM_ROW_DP_LIB_MY_INFO;
+template <> inline constexpr int32_t row_of<PDev__DeviceStaticInfo> = DM_ROW_DEVICE_STATIC_INFO;
+template <> inline constexpr int32_t row_of<PDev__DmDeviceStattrT> = DM_ROW_DM_DEVICE_STATTR;
+template <> inline constexpr int32_t row_of<PDev__DmPortAttrT> = DM_ROW_DM_PORT_ATTR;
+template <> inline constexpr int32_t row_of<PDev__CardStaticInfo> = DM_ROW_CARD_STATIC_INFO;
+template <> inline constexpr int32_t row_of<PDev__PortStatic> = DM_ROW_PORT_STATIC;
+template <> inline constexpr int32_t row_of<PDev__UnitCportInfo> = DM_ROW_UNIT_CPORT_INFO;
+template <> inline constexpr int32_t row_of<PDev__LportInfo> = DM_ROW_LPORT_INFO;
+template <> inline constexpr int32_t row_of<PDev__LocalPortInfo> = DM_ROW_LOCAL_PORT_INFO;
+template <> inline constexpr int32_t row_of<PDev__DmCardStattrT> = DM_ROW_DM_CARD_STATTR;
+template <> inline constexpr int32_t row_of<PDev__DpLibLrole> = DM_ROW_DP_LIB_LROLE;
+template <> inline constexpr int32_t row_of<PDev__DpLibMyChssInfo> = DM_ROW_DP_LIB_MY_CHSS_INFO;
+template <> inline constexpr int32_t row_of<PDev__LocalCardInfo> = DM_ROW_LOCAL_CARD_INFO;
+template <> inline constexpr int32_t row_of<PDev__DpLibGrole> = DM_ROW_DP_LIB_GROLE;
+template <> inline constexpr int32_t row_of<PDev__DeviceInfo> = DM_ROW_DEVICE_INFO;
+template <> inline constexpr int32_t row_of<PDev__CardInfo> = DM_ROW_CARD_INFO;
+template <> inline constexpr int32_t row_of<PDev__DmChipStattrT> = DM_ROW_DM_CHIP_STATTR;
+template <> inline constexpr int32_t row_of<PDev__VslPortInfo> = DM_ROW_VSL_PORT_INFO;
+template <> inline constexpr int32_t row_of<PDev__VsdPort> = DM_ROW_VSD_PORT;
+template <> inline constexpr int32_t row_of<PDev__VsdPortAttr> = DM_ROW_VSD_PORT_ATTR;
+template <> inline constexpr int32_t row_of<PDev__VsdInfo> = DM_ROW_VSD_INFO;
+template <> inline constexpr int32_t row_of<PDev__DeviceSyncInfo> = DM_ROW_DEVICE_SYNC_INFO;
+
+// What port_index/ does for a row: nothing; set it up without trees; or set it up with trees, whose keys are those of ...
+enum class Index : uint8_t { none, static_port, lport, local_port, global_port, vsd_port, card_type, chip_type };
+
+// What a kind's row is made from.
+struct Kind {
+    int32_t row;
+    const ProtobufCMessageDescriptor *descriptor;
+    const ProtobufCMessageDescriptor *key_descriptor;  // null: a kind without key
+    ProtobufCMessage *tmpl;
+    ProtobufCMessage *key;
+    dm_cache_cmp_func cmp;
+    uint32_t size;
+    uint32_t index_offset;
+    uint32_t db;
+    int32_t proc_order;
+    uint8_t mark;
+    Index index;
+};
+
+// Room for a message of any kind.
+inline constexpr size_t largest_object = sizeof(PDev__DmPortAttrT);
+
+// Null for a row that holds no kind.
+const Kind *kind_of_row(int32_t row);
+
+// Writes a row up to its index set; `proc_order` is the caller's last step.
+void fill_row(obj_sub_entry *entry, const Kind &kind);
+
+// A row is usable by number.
+inline bool row_in_range(int32_t type) {
+    return type >= 0 && type < obj_sub_list_max;
+}
+
+// Enabled, and there is a kind to ask the store for.
+inline bool row_followed(const obj_sub_entry &row) {
+    return row.enable != 0 && row.obj_tmpl;
+}
+
+// A message lacks the key that its kind needs.
+inline bool key_missing(const obj_sub_entry &row, const ProtobufCMessage *message) {
+    return row.index_offset > 0 && !key_of(message, row.index_offset);
+}
+
+}  // namespace dm

@@ -1,0 +1,24 @@
+// Changes of the store applied to the cache, followed by the row's callbacks: one at a time when live, item by item when
+// a queue is applied. On the store client's thread; the cache lock is taken for the change and released before callbacks.
+#pragma once
+
+#include "tq_dm_cache/dm_cache.h"
+
+namespace dm {
+
+// A row number travels through the store client as the private word of a callback.
+inline void *row_word(int32_t row) {
+    return reinterpret_cast<void *>(static_cast<intptr_t>(row));
+}
+
+// 0, or the code of a change that was refused: no callback runs then.
+int32_t dm_cache_handle_setmsg(tq_mom_handle *handle, int32_t row, ProtobufCMessage *obj);
+int32_t dm_cache_handle_delmsg(tq_mom_handle *handle, int32_t row, ProtobufCMessage *obj);
+
+// A queued message, whose value is the object itself.
+int32_t dm_cache_process_msg(tq_mom_handle *handle, store_msg *msg, void *privdata);
+
+// A message as the store sent it.
+int32_t dm_cache_update_obj(tq_mom_handle *handle, store_msg *msg, void *privdata);
+
+}  // namespace dm

@@ -1,0 +1,11 @@
+// Change callbacks, as the synchronisation runs them: on the store client's thread, without the cache lock.
+#pragma once
+
+#include "tq_dm_cache/dm_cache.h"
+
+namespace dm {
+
+// Runs a row's callbacks in order of registration. Always 0.
+int32_t dm_cache_user_cb_call(tq_mom_handle *handle, int32_t type, int32_t operation, ProtobufCMessage *message);
+
+}  // namespace dm

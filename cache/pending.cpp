@@ -1,0 +1,115 @@
+// The pending queue. Applying an item never keeps its copy: the cache stores its own.
+#include "cache/pending.h"
+
+#include "base/rows.h"
+#include "cache/apply.h"
+#include "tq_dm_cache/dm_cache_sync.h"
+
+static constexpr char log_tag[] = "dm_cache";
+
+namespace dm {
+
+dm_list_head g_cache_pending_list = {&g_cache_pending_list, &g_cache_pending_list};
+uint32_t g_cache_pending_num = 0;
+
+namespace {
+
+struct FreeItem {
+    void operator()(pending_item *item) const {
+        if (item->obj) protobuf_c_message_free_unpacked(item->obj, nullptr);
+        free(item);
+    }
+};
+using OwnedItem = std::unique_ptr<pending_item, FreeItem>;
+
+OwnedItem unqueue(pending_item *item) {
+    list_unlink(&item->link);
+    --g_cache_pending_num;
+    return OwnedItem(item);
+}
+
+// Calls `take` for every item that is wanted, which may unqueue it.
+template <class Wanted, class Take> void for_items(const Wanted &wanted, const Take &take) {
+    for (dm_list_head *link = g_cache_pending_list.next, *next; link != &g_cache_pending_list; link = next) {
+        next = link->next;
+        auto *item = reinterpret_cast<pending_item *>(link);
+        if (wanted(*item)) take(item);
+    }
+}
+
+void apply_item(tq_mom_handle *handle, pending_item *item) {
+    store_msg message{};
+    message.cmd = item->cmd;
+    message.flag = item->flag;
+    message.value = item->obj;
+    dm_cache_process_msg(handle, &message, row_word(item->row));
+    unqueue(item);
+}
+
+bool carries_record(int32_t cmd) {
+    return cmd == TQ_MOM_CMD_REPLY || cmd == TQ_MOM_CMD_REPLY_HASH || cmd == TQ_MOM_CMD_REPLY_GET;
+}
+
+}  // namespace
+
+void dm_cache_process_order(tq_mom_handle *handle, int32_t proc_order) {
+    for_items(
+        [=](const pending_item &item) {
+            return item.row != DM_ROW_DP_LIB_COMPLETE && obj_sub_list[item.row].proc_order == proc_order;
+        },
+        [=](pending_item *item) { apply_item(handle, item); });
+}
+
+void dm_cache_process_rest(tq_mom_handle *handle) {
+    for_items([](const pending_item &) { return true; }, [=](pending_item *item) { apply_item(handle, item); });
+}
+
+void drop_pending(int32_t row) {
+    for_items([=](const pending_item &item) { return item.row == row; }, [](pending_item *item) { unqueue(item); });
+}
+
+ProtobufCMessage *object_of(const result_rec *record, Caller caller) {
+    if (record->error == 0 && record->obj) return record->obj;
+    DM_LOG_AS(caller, cache_logs(failure), "invalid value[%p, %d, %p].\n", static_cast<const void *>(record),
+              record->error, static_cast<void *>(record->obj));
+    return nullptr;
+}
+
+}  // namespace dm
+
+using namespace dm;
+
+int32_t dm_cache_mom_cache(store_msg *msg, int32_t row) {
+    if (!msg || !row_in_range(row)) return -1;
+    if (!msg->value) {
+        DM_LOG(trace, "====>ignore null pkg!");
+        return 0;
+    }
+    OwnedItem item(static_cast<pending_item *>(calloc(1, sizeof(pending_item))));
+    if (!item) return -1;
+    item->row = row;
+    item->cmd = msg->cmd;
+    const ProtobufCMessage *obj = carries_record(msg->cmd) ? object_of(static_cast<const result_rec *>(msg->value))
+                                                           : static_cast<const ProtobufCMessage *>(msg->value);
+    if (!obj) return -1;
+    if (const int32_t ret = dm_cache_copy_obj(obj, obj->descriptor, &item->obj); ret != 0) {
+        DM_LOG(failure, "dm_cache_copy_obj failed ! ret %d\r\n", ret);
+        return -2;
+    }
+    dm_list_add_tail_no_limit(&item.release()->link, &g_cache_pending_list, &g_cache_pending_num);
+    return 0;
+}
+
+int32_t dm_cache_resort_over(void) {
+    dm_list_head *link = g_cache_pending_list.next;
+    // By count: what is moved to the tail is not met again.
+    for (uint32_t left = g_cache_pending_num; left > 0; --left) {
+        auto *item = reinterpret_cast<pending_item *>(link);
+        link = link->next;
+        if (item->row != DM_ROW_DP_LIB_COMPLETE) continue;
+        list_unlink(&item->link);
+        --g_cache_pending_num;
+        dm_list_add_tail_no_limit(&item->link, &g_cache_pending_list, &g_cache_pending_num);
+    }
+    return 0;
+}

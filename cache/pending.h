@@ -1,0 +1,31 @@
+// The pending queue: what scans and pushes bring while objects are being gathered, in order of arrival, until the whole
+// picture is applied. Only the store client's callback thread touches it; no lock.
+#pragma once
+
+#include "base/list.h"
+#include "base/log.h"
+
+namespace dm {
+
+struct pending_item {
+    dm_list_head link;
+    int32_t row;
+    int32_t cmd;
+    int32_t flag;
+    ProtobufCMessage *obj;  // owned
+};
+
+extern dm_list_head g_cache_pending_list;
+extern uint32_t g_cache_pending_num;
+
+// Applies the items of one class and frees them; then all that is left, in order of arrival.
+void dm_cache_process_order(tq_mom_handle *handle, int32_t proc_order);
+void dm_cache_process_rest(tq_mom_handle *handle);
+
+// Frees what waits for a row.
+void drop_pending(int32_t row);
+
+// The object of a one-object reply; null, logged for the caller, when the reply carries an error or no object.
+ProtobufCMessage *object_of(const result_rec *record, Caller caller = Caller{});
+
+}  // namespace dm

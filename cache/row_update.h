@@ -1,0 +1,24 @@
+// The one place where a row changes: list, trees and key records together, and the ports that depend on a static port
+// with it. Under the cache lock.
+#pragma once
+
+#include "base/list.h"
+#include "base/lock.h"
+
+namespace dm {
+
+// Stores a copy: 0 added, 1 replaced; -1 when the row holds no kind, is full, has no memory, or the object lacks its key;
+// or the code of the copy. On failure the row is as it was.
+int32_t store_object(int32_t type, const ProtobufCMessage *obj) DM_REQUIRES_LOCK;
+
+// Takes out the object that matches; null when there is none.
+OwnedNode remove_object(int32_t type, const ProtobufCMessage *probe) DM_REQUIRES_LOCK;
+
+// Marks what a row holds before it is scanned again, and removes what the scan did not bring: the number removed.
+void mark_dirty(int32_t type) DM_REQUIRES_LOCK;
+uint32_t sweep(int32_t type) DM_REQUIRES_LOCK;
+
+// Frees all that an earlier start left in a row.
+void discard_row(int32_t type) DM_REQUIRES_LOCK;
+
+}  // namespace dm

@@ -1,0 +1,142 @@
+// dm_cache_init: configuration, the object type table, the connections to the store. On the caller's thread; what the
+// connections call back runs on the store client's. Takes the cache lock only while it sets the table up.
+#include "cache/startup.h"
+
+#include <unistd.h>
+
+#include <cstring>
+
+#include "base/lock.h"
+#include "base/log.h"
+#include "base/rows.h"
+#include "cache/config.h"
+#include "cache/row_update.h"
+#include "cache/sync.h"
+#include "tq_dm_cache/dm_port_index.h"
+
+static constexpr char log_tag[] = "dm_cache";
+
+int32_t self_thread = -1;
+tq_mom_handle *g_dm_global = nullptr;
+int32_t g_dm_db_connect_reason = 0;
+int32_t dm_indep_logfile = 0;
+int32_t ndm_logfile_info = 0;
+char dp_lib_client_name[32];
+
+namespace dm {
+namespace {
+
+uint8_t g_dm_cache_inited = 0;
+
+// Databases that are connected always, and those that are connected only when an enabled row lives there.
+constexpr uint32_t always_connected[] = {1, 3};
+constexpr uint32_t connected_on_demand[] = {8, 4, 14};
+
+void keep_name(const char *name) {
+    std::strncpy(dm_cache_my_name, name, sizeof dm_cache_my_name);
+    dm_cache_my_name[sizeof dm_cache_my_name - 1] = '\0';
+}
+
+// A start that failed has left objects and index sets behind, and the store may still be sending.
+void set_up_table() {
+    CacheLock lock;
+    cancel_rescans();
+    for (int32_t row = 0; row < obj_sub_list_max; ++row) {
+        discard_row(row);
+        obj_sub_list[row].db_id = 1;
+        obj_sub_list[row].spare = 0;
+        obj_sub_list[row].proc_order = 0;
+    }
+    dm_cache_init_obj(obj_sub_list);
+    ndm_cache_init_port_obj(obj_sub_list);
+}
+
+int32_t dm_cache_db_conn(void *, uintptr_t db) {
+    const auto number = static_cast<uint32_t>(db);
+    DM_LOG(trace, "dm_cache: conn to db %d ready.\n", static_cast<int32_t>(number));
+    const int32_t ret = dm_cache_subscribe(number);
+    DM_LOG(trace, "rsync %d connect[%d].\n", static_cast<int32_t>(number), ret);
+    return ret;
+}
+
+int32_t dm_cache_reconnect_cb(void *, uint32_t db, int32_t reason, void *) {
+    if (reason == 1) g_dm_db_connect_reason = 2;
+    if (reason == 2) g_dm_db_connect_reason = 3;
+    dm_cache_tq_mom_subscribe(db);
+    return 0;
+}
+
+// The answer of a store call, logged for the caller when it is a refusal.
+int32_t checked(int32_t ret, const char *name, Caller caller = Caller{}) {
+    if (ret != 0) DM_LOG_AS(caller, cache_logs(failure), "init [%s].\n", name);
+    return ret;
+}
+
+int32_t connect_db(tq_mom_handle *handle, uint32_t db) {
+    return tq_mom_client_connect(handle, db, dm_cache_db_conn, db);
+}
+
+int32_t follow_reconnects(tq_mom_handle *handle, uint32_t db) {
+    return tq_mom_client_set_reconnect_cb(handle, db, dm_cache_reconnect_cb, 0);
+}
+
+bool database_wanted(uint32_t db) {
+    for (const obj_sub_entry &row : obj_sub_list)
+        if (row.db_id == db && row.enable) return true;
+    return false;
+}
+
+int32_t dm_connect_global_db(tq_mom_handle *handle, uint32_t db, const char *name) {
+    if (!database_wanted(db)) return 0;
+    if (const int32_t ret = checked(connect_db(handle, db), name)) return ret;
+    if (const int32_t ret = checked(follow_reconnects(handle, db), name)) return ret;
+    DM_LOG(trace, "%s connect db [%d] success.\n", name, static_cast<int32_t>(db));
+    return 0;
+}
+
+int32_t connect_databases(tq_mom_handle *handle, const char *name, Caller caller = Caller{}) {
+    for (const uint32_t db : always_connected)
+        if (const int32_t ret = checked(connect_db(handle, db), name, caller)) return ret;
+    for (const uint32_t db : always_connected)
+        if (const int32_t ret = checked(follow_reconnects(handle, db), name, caller)) return ret;
+    for (const uint32_t db : connected_on_demand)
+        if (const int32_t ret = dm_connect_global_db(handle, db, name)) return ret;
+    return checked(tq_mom_client_connect_sync(handle, 1), name, caller);
+}
+
+void dm_cache_log_subobj_to_file() {
+    for (int32_t row = 0; row < obj_sub_list_max; ++row)
+        if (obj_sub_list[row].enable) DM_LOG(trace, "obj_sub_list [%d] is enable\n", row);
+}
+
+}  // namespace
+
+bool started() {
+    return __atomic_load_n(&g_dm_cache_inited, __ATOMIC_ACQUIRE) == 1;
+}
+
+}  // namespace dm
+
+int32_t dm_cache_init(tq_mom_handle *handle, const char *name) {
+    using namespace dm;
+    if (started()) {
+        DM_LOG(trace, "dm_cache_init: already inited before.\n");
+        return 0;
+    }
+    if (!handle || !name) {
+        DM_LOG(failure, "dm_cache_init param fail [%p][%p].\n", static_cast<void *>(handle),
+               static_cast<const void *>(name));
+        return -1;
+    }
+    if (self_thread == -1) self_thread = gettid();
+    if (dm_get_cap_value() != 0) DM_LOG(failure, "dm_cache_init: get cap value failed.\n");
+    keep_name(name);
+    dm_cache_read_cfg();
+    g_dm_global = handle;
+    set_up_table();
+    if (const int32_t ret = connect_databases(handle, name)) return ret;
+    dm_cache_log_subobj_to_file();
+    DM_LOG(trace, "rsync connect[%d].\n", 0);
+    __atomic_store_n(&g_dm_cache_inited, uint8_t{1}, __ATOMIC_RELEASE);
+    return 0;
+}

@@ -1,0 +1,134 @@
+// Counters of each row and the number of full applications, for clients that wait or watch. One mutex of its own guards
+// all of it and is held for a few words at a time; nothing else is locked under it.
+#include "cache/status.h"
+
+#include <pthread.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "base/rows.h"
+#include "tq_dm_cache/dm_cache_status.h"
+
+namespace dm {
+namespace {
+
+struct RowStatus {
+    dm_cache_stats stats;
+    int64_t scan_asked_ms;
+};
+
+pthread_mutex_t status_mutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t status_changed = PTHREAD_COND_INITIALIZER;
+RowStatus rows[DM_ROW_COUNT];
+uint32_t applied = 0;
+
+class StatusLock {
+public:
+    StatusLock() { pthread_mutex_lock(&status_mutex); }
+    ~StatusLock() { pthread_mutex_unlock(&status_mutex); }
+    StatusLock(const StatusLock &) = delete;
+    StatusLock &operator=(const StatusLock &) = delete;
+};
+
+timespec now() {
+    timespec time;
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return time;
+}
+
+int64_t now_ms() {
+    const timespec time = now();
+    return int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1000000;
+}
+
+timespec deadline_in(int32_t timeout_ms) {
+    timespec time = now();
+    time.tv_sec += timeout_ms / 1000;
+    time.tv_nsec += (timeout_ms % 1000) * 1000000L;
+    if (time.tv_nsec >= 1000000000L) {
+        ++time.tv_sec;
+        time.tv_nsec -= 1000000000L;
+    }
+    return time;
+}
+
+uint32_t &counter(dm_cache_stats &stats, Count what) {
+    switch (what) {
+        case Count::sets:
+            return stats.sets;
+        case Count::deletes:
+            return stats.deletes;
+        case Count::swept:
+            return stats.swept;
+        default:
+            return stats.refused;
+    }
+}
+
+}  // namespace
+
+void status_count(int32_t row, Count what, uint32_t n) {
+    StatusLock lock;
+    counter(rows[row].stats, what) += n;
+}
+
+void status_objects(int32_t row, int32_t cached) {
+    StatusLock lock;
+    rows[row].stats.objects = static_cast<uint32_t>(cached);
+}
+
+void status_subscribed(int32_t row) {
+    StatusLock lock;
+    rows[row].stats.subscribed = 1;
+}
+
+void status_scan_asked(int32_t row) {
+    StatusLock lock;
+    rows[row].scan_asked_ms = now_ms();
+}
+
+void status_scanned(int32_t row, bool done) {
+    StatusLock lock;
+    RowStatus &status = rows[row];
+    status.stats.scanned = done ? 1 : 0;
+    if (done) status.stats.last_scan_ms = static_cast<uint32_t>(now_ms() - status.scan_asked_ms);
+}
+
+void status_applied() {
+    StatusLock lock;
+    ++applied;
+    pthread_cond_broadcast(&status_changed);
+}
+
+}  // namespace dm
+
+using namespace dm;
+
+int32_t dm_cache_wait_synced(int32_t timeout_ms) {
+    return dm_cache_wait_applied(0, timeout_ms);
+}
+
+uint32_t dm_cache_applied(void) {
+    StatusLock lock;
+    return applied;
+}
+
+int32_t dm_cache_wait_applied(uint32_t than, int32_t timeout_ms) {
+    const timespec deadline = deadline_in(timeout_ms > 0 ? timeout_ms : 0);
+    StatusLock lock;
+    while (applied <= than)
+        if (pthread_cond_clockwait(&status_changed, &status_mutex, CLOCK_MONOTONIC, &deadline) == ETIMEDOUT)
+            return applied > than ? 0 : -1;
+    return 0;
+}
+
+int32_t dm_cache_get_stats(int32_t type, dm_cache_stats *stats, uint32_t size) {
+    if (!row_in_range(type) || !stats) return -1;
+    StatusLock lock;
+    dm_cache_stats now_stats = rows[type].stats;
+    now_stats.enabled = obj_sub_list[type].enable;
+    std::memcpy(stats, &now_stats, size < sizeof now_stats ? size : sizeof now_stats);
+    return 0;
+}

@@ -1,0 +1,20 @@
+// What the synchronisation tells the counters of dm_cache_status.h. Under a lock of its own, never waits: may be called
+// under the cache lock.
+#pragma once
+
+#include <cstdint>
+
+namespace dm {
+
+enum class Count { sets, deletes, swept, refused };
+
+void status_count(int32_t row, Count what, uint32_t n = 1);
+void status_objects(int32_t row, int32_t cached);
+void status_subscribed(int32_t row);
+void status_scan_asked(int32_t row);
+void status_scanned(int32_t row, bool done);
+
+// A full application is done: wakes who waits for it.
+void status_applied();
+
+}  // namespace dm

@@ -1,0 +1,275 @@
+// Keeps every enabled row equal to the store.
+//
+// One machine for the whole cache, four states told by three flags:
+//
+//   subscribing   not every enabled row is confirmed (g_cache_all_sub_done 0). Confirmations are noted, all else is
+//                 dropped: the scan that follows brings it. The last confirmation asks for a scan of every enabled row.
+//   gathering     confirmed, but not every enabled row is scanned (g_cache_all_scan_done 0). Replies and pushes wait in the
+//                 pending queue, in order of arrival; readers still see what was cached before.
+//   applying      every row is scanned, the queue is not yet applied (g_cache_proc_done 0). Entered by the end of the last
+//                 scan and left within that same callback: the queue is applied class by class, then what was marked
+//                 dirty before the scan and did not come again is swept.
+//   live          all three flags 1: each push is applied at once.
+//
+// Two things lead from live back to gathering: a push of row 1 (the store announces its content complete again), which
+// marks every row dirty and scans all of them; and a lost connection, after which the rows of that database are subscribed
+// again, and marked dirty and scanned again when each one's timer ends. Subscribing is never entered twice.
+//
+// A row whose subscription or scan is refused, or never confirmed, holds the machine where it is until a reconnect.
+//
+// Everything here runs on the store client's callback thread, rescans on the timer's, which owns nothing but its timer
+// record. The flags and the queue take no lock; lists are changed under the cache lock.
+#include "cache/sync.h"
+
+#include "base/lock.h"
+#include "base/log.h"
+#include "base/rows.h"
+#include "cache/apply.h"
+#include "cache/pending.h"
+#include "cache/row_update.h"
+#include "cache/status.h"
+
+static constexpr char log_tag[] = "dm_cache";
+
+uint8_t g_cache_proc_done = 0;
+
+namespace dm {
+namespace {
+
+using RowFlags = uint8_t[DM_ROW_COUNT];
+
+RowFlags g_cache_sub_done;
+RowFlags g_cache_scan_done;
+uint8_t g_cache_all_sub_done = 0;
+uint8_t g_cache_all_scan_done = 0;
+tq_thread_timer g_cache_scan_timer[DM_ROW_COUNT];
+
+enum class State { subscribing, gathering, applying, live };
+
+// Clients poll this flag from other threads.
+bool proc_done() {
+    return __atomic_load_n(&g_cache_proc_done, __ATOMIC_RELAXED) != 0;
+}
+void set_proc_done(uint8_t done) {
+    __atomic_store_n(&g_cache_proc_done, done, __ATOMIC_RELEASE);
+}
+
+State state() {
+    if (!g_cache_all_sub_done) return State::subscribing;
+    if (!g_cache_all_scan_done) return State::gathering;
+    return proc_done() ? State::live : State::applying;
+}
+
+bool every_followed_row(const RowFlags &flags) {
+    for (int32_t row = 0; row < obj_sub_list_max; ++row)
+        if (row_followed(obj_sub_list[row]) && flags[row] != 1) return false;
+    return true;
+}
+
+// Calls `act` for each row that is followed in the store.
+template <class Act> void for_followed_rows(const Act &act) {
+    for (int32_t row = 0; row < obj_sub_list_max; ++row)
+        if (row_followed(obj_sub_list[row])) act(row, obj_sub_list[row]);
+}
+
+void set_scan_done(int32_t row, bool done) {
+    g_cache_scan_done[row] = done;
+    status_scanned(row, done);
+}
+
+int32_t subscribe_row(int32_t row, tq_mom_msg_cb callback, Caller caller = Caller{}) {
+    const obj_sub_entry &entry = obj_sub_list[row];
+    const int32_t ret = tq_mom_subscribe(g_dm_global, entry.db_id, entry.obj_tmpl, 0, callback, row_word(row));
+    if (ret != 0) DM_LOG_AS(caller, cache_logs(failure), "tq_mom_subscribe obj[%d], fail ret=[%d].\n", row, ret);
+    return ret;
+}
+
+int32_t scan_row(int32_t row) {
+    const obj_sub_entry &entry = obj_sub_list[row];
+    status_scan_asked(row);
+    return tq_mom_scan(g_dm_global, entry.db_id, entry.obj_tmpl, 0, dm_cache_mom_callback_func, row_word(row));
+}
+
+void dm_cache_mom_first_scan_data() {
+    for_followed_rows([caller = Caller{}](int32_t row, const obj_sub_entry &) {
+        const int32_t ret = scan_row(row);
+        if (ret != 0) DM_LOG_AS(caller, cache_logs(failure), "tq_mom_subscribe obj[%d], fail ret=[%d].\n", row, ret);
+    });
+    DM_LOG(notice, "all key rsync scan done. \n");
+}
+
+// On every confirmation, so one that comes after all others starts another full scan.
+void dm_cache_mom_start_scan() {
+    if (!every_followed_row(g_cache_sub_done)) return;
+    g_cache_all_sub_done = 1;
+    DM_LOG(notice, "all key subscribe done. \n");
+    DM_LOG(trace, "dm cache rsync subscribe finish.");
+    dm_cache_mom_first_scan_data();
+}
+
+void dm_cache_mom_update_scan_over_list(store_msg *msg, int32_t row) {
+    set_scan_done(row, true);
+    if (!every_followed_row(g_cache_scan_done) || g_cache_all_scan_done) return;
+    DM_LOG(notice, "all key scan done. \n");
+    DM_LOG(trace, "dp rsync scan finish.");
+    if (msg->value) dm_cache_mom_cache(msg, row);
+    g_cache_all_scan_done = 1;
+    set_proc_done(0);
+}
+
+void dm_cache_set_all_dirty() {
+    CacheLock lock;
+    for (int32_t row = 0; row < obj_sub_list_max; ++row)
+        if (obj_sub_list[row].enable == 1) mark_dirty(row);
+}
+
+// Applies what was gathered. An empty queue after a scan still means that what was marked dirty is gone; an empty queue
+// when live means nothing.
+void dm_cache_mom_process_cache(tq_mom_handle *handle) {
+    const bool gathered = !proc_done();
+    if (list_empty(&g_cache_pending_list)) {
+        if (gathered) dm_cache_clear_data_dirty();
+        set_proc_done(1);
+    } else {
+        for (int32_t proc_order = 1; proc_order <= 3; ++proc_order) dm_cache_process_order(handle, proc_order);
+        dm_cache_process_rest(handle);
+        dm_cache_clear_data_dirty();
+        if (list_empty(&g_cache_pending_list)) set_proc_done(1);
+        DM_LOG(trace, "process cache, g_cache_proc_done = %d\n", proc_done());
+    }
+    if (gathered && proc_done()) status_applied();
+}
+
+// The store's content is complete again: everything that its scans do not bring any more is to go.
+void resynchronise() {
+    dm_cache_set_all_dirty();
+    for (int32_t row = 0; row < obj_sub_list_max; ++row) set_scan_done(row, false);
+    g_cache_all_scan_done = 0;
+    dm_cache_mom_first_scan_data();
+}
+
+int32_t dm_cache_tq_mom_scan_input_db_timer(tq_thread_timer *timer) {
+    const int32_t row = timer->arg;
+    if (!row_in_range(row)) {
+        DM_LOG(failure, "index err.\n");
+        return -1;
+    }
+    {
+        CacheLock lock;
+        mark_dirty(row);
+    }
+    const int32_t ret = scan_row(row);
+    if (ret != 0) DM_LOG(failure, "dm_cache_tq_mom_scan_input_db obj[%d], fail ret=[%d].\n", row, ret);
+    g_cache_scan_timer[row] = {};
+    return ret;
+}
+
+void cancel_rescan(int32_t row) {
+    tq_thread_timer &timer = g_cache_scan_timer[row];
+    if (timer.state & TQ_THREAD_TIMER_ARMED) tq_thread_cancel(&timer);
+    timer = {};
+}
+
+// Whatever was scanned or queued for a row before its subscription was restored is older than the rescan to come.
+void gather_again(int32_t row) {
+    drop_pending(row);
+    set_scan_done(row, false);
+    g_cache_all_scan_done = 0;
+}
+
+int32_t dm_cache_tq_mom_subscribe_callback(tq_mom_handle *handle, store_msg *msg, void *privdata) {
+    if (!handle || !msg || msg->result != 0) {
+        DM_LOG(failure, "input err.\n");
+        return -1;
+    }
+    const auto word = reinterpret_cast<intptr_t>(privdata);
+    if (word < 0 || word >= obj_sub_list_max) {
+        DM_LOG(failure, "index err.\n");
+        return -1;
+    }
+    if (msg->cmd != TQ_MOM_CMD_SUBSCRIBED) return 0;
+
+    const auto row = static_cast<int32_t>(word);
+    gather_again(row);
+    const int32_t delay = tq_mom_get_reconnect_scan_time(handle, obj_sub_list[row].db_id);
+    cancel_rescan(row);
+    tq_thread_insert_timer(handle->timer_master, &g_cache_scan_timer[row], dm_cache_tq_mom_scan_input_db_timer, row,
+                           delay, "dmcache_scan");
+    return 0;
+}
+
+}  // namespace
+
+int32_t dm_cache_tq_mom_subscribe(uint32_t db) {
+    int32_t ret = -1;
+    for_followed_rows([&, caller = Caller{}](int32_t row, const obj_sub_entry &entry) {
+        if (entry.db_id != db) return;
+        set_scan_done(row, false);
+        g_cache_all_scan_done = 0;
+        ret = subscribe_row(row, dm_cache_tq_mom_subscribe_callback, caller);
+    });
+    return ret;
+}
+
+void cancel_rescans() {
+    for (int32_t row = 0; row < obj_sub_list_max; ++row) cancel_rescan(row);
+}
+
+}  // namespace dm
+
+using namespace dm;
+
+int32_t dm_cache_subscribe(uint32_t db) {
+    for_followed_rows([=, caller = Caller{}](int32_t row, const obj_sub_entry &entry) {
+        if (entry.db_id == db) subscribe_row(row, dm_cache_mom_callback_func, caller);
+    });
+    return 0;
+}
+
+int32_t dm_cache_mom_callback_func(tq_mom_handle *handle, store_msg *msg, void *privdata) {
+    if (!handle || !msg || !privdata || msg->result != 0) {
+        DM_LOG(failure, "global or msg or privdata is NULL \r\n");
+        return -1;
+    }
+    const auto word = reinterpret_cast<intptr_t>(privdata);
+    if (word < 0 || word >= obj_sub_list_max) {
+        DM_LOG(failure, "invalid privdata[%d]\r\n", static_cast<int32_t>(word));
+        return -1;
+    }
+    const auto row = static_cast<int32_t>(word);
+    if (msg->flag == 1) {
+        dm_cache_mom_update_scan_over_list(msg, row);
+        DM_LOG(notice, "scan done[%d] \n", row);
+    }
+    if (msg->cmd == TQ_MOM_CMD_SUBSCRIBED) {
+        g_cache_sub_done[row] = 1;
+        status_subscribed(row);
+        DM_LOG(notice, "key[%d] subscribe finish. \n", row);
+        dm_cache_mom_start_scan();
+        return 0;
+    }
+    if (state() == State::subscribing) return 0;
+    if (state() == State::gathering) {
+        if (msg->value) dm_cache_mom_cache(msg, row);
+        return 0;
+    }
+
+    dm_cache_mom_process_cache(handle);
+    if (msg->flag == 1 || state() != State::live) return 0;
+    DM_LOG(trace, "step 5, g_cache_proc_done = %d\n", proc_done());
+    if (row != DM_ROW_DP_LIB_COMPLETE) {
+        dm_cache_update_obj(handle, msg, privdata);
+        return 0;
+    }
+    DM_LOG(trace, "step 6, recive complete again\n");
+    resynchronise();
+    return 0;
+}
+
+int32_t dm_cache_clear_data_dirty(void) {
+    CacheLock lock;
+    for (int32_t row = 0; row < obj_sub_list_max; ++row)
+        if (obj_sub_list[row].enable == 1) status_count(row, Count::swept, sweep(row));
+    DM_LOG(trace, "dm_cache_clear_data_dirty done\n");
+    return 0;
+}

@@ -1,0 +1,15 @@
+// The synchronisation machine, as start-up hands it to the store client. On the store client's callback thread.
+#pragma once
+
+#include "tq_dm_cache/dm_cache_sync.h"
+
+namespace dm {
+
+// Subscribes the rows of a database again after it was lost; each is scanned again some time after its confirmation. The
+// last answer of the store, -1 when no row belongs to the database.
+int32_t dm_cache_tq_mom_subscribe(uint32_t db);
+
+// Disarms every rescan that waits for its timer.
+void cancel_rescans();
+
+}  // namespace dm

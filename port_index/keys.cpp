@@ -1,0 +1,151 @@
+// Key records: one builder for each index, and the list of static ports that the builders of global and VSD ports need.
+// Under the cache lock; the search of static ports is exported and its caller holds the lock.
+#include "port_index/keys.h"
+
+#include "base/list.h"
+#include "base/log.h"
+
+static constexpr char log_tag[] = "dm_cache_port_obj";
+
+namespace dm {
+namespace {
+
+using Keys = int64_t[NDM_CACHE_TREES];
+
+// Gives the element a new key record, in place of one that it may have. A refusal is logged for the builder that asked.
+int32_t set_keys(dm_cache_list_node *node, const Keys &keys, ProtobufCMessage *static_port, Caller caller = Caller{}) {
+    free(node->key);
+    node->key = static_cast<ndm_cache_key *>(calloc(1, sizeof(ndm_cache_key)));
+    if (!node->key) {
+        DM_LOG_AS(caller, cache_logs(failure), "malloc fail.\n");
+        return -1;
+    }
+    std::memcpy(node->key->key, keys, sizeof keys);
+    node->key->static_port = static_port;
+    return 0;
+}
+
+// The element's message with its key; null, logged, when either is missing.
+template <class T> const T *keyed_message(const dm_cache_list_node *node, Caller caller = Caller{}) {
+    const T *obj = node ? as<T>(node->obj) : nullptr;
+    if (obj && obj->index) return obj;
+    DM_LOG_AS(caller, cache_logs(failure), "param invalid.\n");
+    return nullptr;
+}
+
+// The static port of a port, with its attributes; null, logged, when it is not cached or has none.
+template <class T> PDev__PortStatic *static_port_of(const T *port, Caller caller = Caller{}) DM_REQUIRES_LOCK {
+    PDev__PortStatic *found = find_static_port(place_of(*port->index));
+    if (found && found->static_info) return found;
+    DM_LOG_AS(caller, cache_logs(failure), "get static port fail, or static info invalid.\n");
+    return nullptr;
+}
+
+int32_t ndm_local_port_gen_key(dm_cache_list_node *node) {
+    const auto *obj = node ? as<PDev__UnitCportInfo>(node->obj) : nullptr;
+    if (!obj || !obj->index || !obj->static_info) {
+        DM_LOG(failure, "param invalid.\n");
+        return -1;
+    }
+    return set_keys(node, {unit_cport_key(obj->index->unit, obj->index->cport), obj->static_info->lport}, nullptr);
+}
+
+int32_t ndm_global_port_gen_key(dm_cache_list_node *node) DM_REQUIRES_LOCK {
+    const auto *obj = keyed_message<PDev__VsdPort>(node);
+    if (!obj) return -1;
+    PDev__PortStatic *static_port = static_port_of(obj);
+    if (!static_port) return -1;
+
+    const PDev__VsdPortIndex &idx = *obj->index;
+    const PDev__DmPortAttrT &attr = *static_port->static_info;
+    return set_keys(node,
+                    {ifx_key(idx.t_vsdid, obj->ifx), dm_phyid_key(obj->dev, obj->physlot, attr.unit, attr.port),
+                     ss_phyid_key(obj->dev, obj->physlot, attr.lport),
+                     lsm_key(idx.t_sslot, idx.t_type, obj->dev, obj->slot, idx.t_port)},
+                    &static_port->base);
+}
+
+int32_t ndm_vsd_port_gen_key(dm_cache_list_node *node) DM_REQUIRES_LOCK {
+    const auto *obj = keyed_message<PDev__VsdPortAttr>(node);
+    if (!obj) return -1;
+    PDev__PortStatic *static_port = static_port_of(obj);
+    if (!static_port) return -1;
+
+    const PDev__DmPortAttrT &attr = *static_port->static_info;
+    return set_keys(node,
+                    {obj->ifx, dm_phyid_key(obj->dev, obj->physlot, attr.unit, attr.port),
+                     ss_phyid_key(obj->dev, obj->physlot, attr.lport),
+                     lsm_key(obj->index->t_sslot, attr.type, obj->dev, obj->slot, attr.user_port)},
+                    &static_port->base);
+}
+
+int32_t ndm_card_static_gen_key(dm_cache_list_node *node) {
+    const auto *obj = keyed_message<PDev__DmCardStattrT>(node);
+    return obj ? set_keys(node, {obj->index->type}, nullptr) : -1;
+}
+
+int32_t ndm_chip_static_gen_key(dm_cache_list_node *node) {
+    const auto *obj = keyed_message<PDev__DmChipStattrT>(node);
+    return obj ? set_keys(node, {obj->index->type}, nullptr) : -1;
+}
+
+}  // namespace
+
+IndexPlan plan_of(Index index) {
+    switch (index) {
+        case Index::local_port:
+            return {2, ndm_local_port_gen_key};
+        case Index::global_port:
+            return {4, ndm_global_port_gen_key};
+        case Index::vsd_port:
+            return {4, ndm_vsd_port_gen_key};
+        case Index::card_type:
+            return {1, ndm_card_static_gen_key};
+        case Index::chip_type:
+            return {1, ndm_chip_static_gen_key};
+        default:
+            return {0, nullptr};
+    }
+}
+
+PDev__PortIndex place_of(const PDev__PortIndex &idx) {
+    return idx;
+}
+
+PDev__PortIndex place_of(const PDev__VsdPortIndex &idx) {
+    return {.base = {},
+            .t_dev = idx.t_dev,
+            .t_slot = idx.t_slot,
+            .t_port = idx.t_port,
+            .t_type = idx.t_type,
+            .t_sslot = idx.t_sslot};
+}
+
+bool same_place(const PDev__PortIndex &a, const PDev__PortIndex &b) {
+    return a.t_dev == b.t_dev && a.t_slot == b.t_slot && a.t_sslot == b.t_sslot && a.t_port == b.t_port &&
+           a.t_type == b.t_type;
+}
+
+PDev__PortStatic *find_static_port(const PDev__PortIndex &place) {
+    for (const dm_cache_list_node &node : Elements(obj_sub_list[DM_ROW_PORT_STATIC].obj_list)) {
+        auto *port = reinterpret_cast<PDev__PortStatic *>(node.obj);
+        if (port && port->index && same_place(*port->index, place)) return port;
+    }
+    return nullptr;
+}
+
+}  // namespace dm
+
+int32_t ndm_get_static_port_by_index_with_subslot(int32_t t_dev, int32_t t_slot, int32_t t_sslot, int32_t t_port,
+                                                  int32_t t_type, void *out) {
+    if (!out) return -1;
+    dm::caller_holds_lock();
+    PDev__PortStatic *found = dm::find_static_port(
+        {.base = {}, .t_dev = t_dev, .t_slot = t_slot, .t_port = t_port, .t_type = t_type, .t_sslot = t_sslot});
+    dm::put(out, found);
+    return found ? 0 : -1;
+}
+
+int32_t ndm_get_static_port_by_index(int32_t t_dev, int32_t t_slot, int32_t t_port, int32_t t_type, void *out) {
+    return ndm_get_static_port_by_index_with_subslot(t_dev, t_slot, /*t_sslot=*/0, t_port, t_type, out);
+}

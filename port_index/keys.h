@@ -1,0 +1,58 @@
+// The keys of the secondary indexes: how each is composed, and the builders that make an element's key record. Lookups
+// compose theirs with the same functions. Under the cache lock.
+#pragma once
+
+#include <cstdint>
+
+#include "base/lock.h"
+#include "base/rows.h"
+#include "tq_dm_cache/dm_port_index.h"
+
+namespace dm {
+
+// Components are not masked: one that is wider than its place spills into its neighbours, in builders and lookups alike.
+// A packed 32-bit value is a signed number and keeps its sign in the 64-bit key.
+constexpr uint32_t bits(int64_t component, unsigned shift) {
+    return static_cast<uint32_t>(component) << shift;
+}
+constexpr int64_t widened(uint32_t packed) {
+    return static_cast<int32_t>(packed);
+}
+
+constexpr int64_t unit_cport_key(int64_t unit, int64_t cport) {
+    return widened(bits(cport, 16) | bits(unit, 0));
+}
+
+constexpr int64_t ifx_key(int64_t vsdid, int64_t ifx) {
+    return widened(bits(vsdid, 24) | bits(ifx, 0));
+}
+
+constexpr int64_t dm_phyid_key(int64_t dev, int64_t physlot, int64_t unit, int64_t port) {
+    return widened(bits(dev, 24) | bits(physlot, 16) | bits(unit, 8) | bits(port, 0));
+}
+
+constexpr int64_t ss_phyid_key(int64_t dev, int64_t physlot, int64_t lport) {
+    return widened(0x06000000u | bits(dev, 16) | bits(physlot, 8) | bits(lport, 0));
+}
+
+constexpr int64_t lsm_key(int64_t sslot, int64_t type, int64_t dev, int64_t slot, int64_t port) {
+    const int64_t packed = widened(bits(type, 24) | bits(dev, 16) | bits(slot, 8) | bits(port, 0));
+    return static_cast<int64_t>(static_cast<uint64_t>(sslot) << 32) | packed;
+}
+
+// The trees of an index and the builder of its key records.
+struct IndexPlan {
+    int32_t trees;  // 0: the row is set up without an index set
+    int32_t (*gen_key)(dm_cache_list_node *node);
+};
+IndexPlan plan_of(Index index);
+
+// Where a port sits, which is what names its static port. The two kinds of port key carry it alike.
+PDev__PortIndex place_of(const PDev__PortIndex &idx);
+PDev__PortIndex place_of(const PDev__VsdPortIndex &idx);
+bool same_place(const PDev__PortIndex &a, const PDev__PortIndex &b);
+
+// The cached static port at a place; null when there is none.
+PDev__PortStatic *find_static_port(const PDev__PortIndex &place) DM_REQUIRES_LOCK;
+
+}  // namespace dm
