@@ -8,21 +8,22 @@
 
 namespace {
 
-template <class T>
-const T *find(const T *const *table, uint32_t count, const char *name) {
+template <class T> const T *find(const T *const *table, uint32_t count, const char *name) {
     if (!name) return nullptr;
     uint32_t low = 0, high = count;
     while (low < high) {
         const uint32_t middle = low + (high - low) / 2;
         const int order = std::strcmp(table[middle]->name, name);
         if (order == 0) return table[middle];
-        (order < 0 ? low : high) = order < 0 ? middle + 1 : middle;
+        if (order < 0)
+            low = middle + 1;
+        else
+            high = middle;
     }
     return nullptr;
 }
 
-template <class T>
-const T *const *all(const T *const *table, uint32_t size, uint32_t *count) {
+template <class T> const T *const *all(const T *const *table, uint32_t size, uint32_t *count) {
     if (!count) return nullptr;
     *count = size;
     return table;
