@@ -6,11 +6,25 @@
  * objects, hearing of the connection, and making the embedded store misbehave on purpose.
  *
  * Store URLs:
- *   mem:        the embedded store of this process
+ *   mem:        the embedded store of this process; it lives as long as the process
  *   mem:NAME    another one, shared by every handle that gives the same name
  *
- * Unless a function says otherwise: any thread may call it, and it returns 0, or a TQ_MOM_E_* code after one line on
- * standard error that says what was wrong.
+ * Unless a function says otherwise: any thread may call it, and it returns 0 or a TQ_MOM_E_* code. Only
+ * tq_mom_client_open() also says on standard error what was wrong.
+ *
+ * What tq_platform.h leaves to the platform is decided here, for every store:
+ *   - While the connection is lost, tq_mom_client_connect() and the subscriptions are accepted: the ready callback and the
+ *     confirmation come after the reconnect. A scan is accepted and lost, like one that was under way. Synchronous calls
+ *     fail with TQ_MOM_E_UNREACHABLE; tq_mom_hgetall_sync() gives a record with that error.
+ *   - A reconnect runs, in this order: the connection callback, owed confirmations, owed ready callbacks, the reconnect
+ *     callback of every database that has one. All databases of a handle share one connection.
+ *   - Damaged bytes, which do not unpack as their kind or carry another object's key, arrive as a message that has only
+ *     the object's key, with TQ_MOM_E_DAMAGED as the push's `result` or the reply's `error`. Synchronous reads give no
+ *     message, only the code.
+ *   - tq_mom_subscribe_field() takes 1 to 10 fields that the kind has. The first field's callback gets the confirmation.
+ *     A push goes to the callback and word of each field that changed, once to each different pair, and carries the whole
+ *     object; an object that appears or is deleted changes all of its fields.
+ *   - A timer that is armed already is moved. tq_thread_cancel() does not wait for a handler that is running.
  */
 
 #include "tq_platform.h"
@@ -20,12 +34,12 @@ extern "C" {
 #endif
 
 enum {
-    TQ_MOM_E_ARGUMENT = -1, /* a null or unusable argument; says nothing on standard error */
+    TQ_MOM_E_ARGUMENT = -1, /* a null or unusable argument */
     TQ_MOM_E_MEMORY = -2,
     TQ_MOM_E_URL = -3,         /* the URL names no store */
     TQ_MOM_E_UNREACHABLE = -4, /* the store does not answer */
-    TQ_MOM_E_NOT_FOUND = -5,   /* no such object; says nothing on standard error */
-    TQ_MOM_E_DAMAGED = -6,     /* bytes that do not unpack as their kind; says nothing on standard error */
+    TQ_MOM_E_NOT_FOUND = -5,   /* no such object */
+    TQ_MOM_E_DAMAGED = -6,     /* bytes that are not what they should be */
     TQ_MOM_E_TIMEOUT = -7
 };
 
@@ -33,8 +47,8 @@ enum {
 DM_API int32_t tq_mom_client_open(const char *url, tq_mom_handle **handle);
 
 /*
- * Ends the loop, waits for a callback that is running, disarms its timers and frees the handle. Not from a callback of
- * the handle itself: TQ_MOM_E_ARGUMENT.
+ * Ends the loop, waits for a callback that is running, disarms its timers and frees the handle; what was still to be
+ * told is dropped. Not from a callback of the handle itself: TQ_MOM_E_ARGUMENT.
  */
 DM_API int32_t tq_mom_client_close(tq_mom_handle *handle);
 
@@ -42,18 +56,18 @@ DM_API int32_t tq_mom_client_close(tq_mom_handle *handle);
 DM_API int32_t tq_mom_del(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *obj_with_key);
 
 /*
- * Hears of the connection, on the loop's thread. connected 1: it stands (reason 0 for the first time, then 1 or 2 as in
- * tq_mom_reconnect_cb, before the reconnect callbacks run); 0: it is lost. One callback a handle; null takes it away.
+ * Hears of the connection, on the loop's thread: first how it is now, with reason 0, then every change. connected 1: it
+ * stands, reason as in tq_mom_reconnect_cb; 0: it is lost. One callback a handle; null takes it away.
  */
 typedef void (*tq_mom_connection_cb)(tq_mom_handle *handle, int32_t connected, int32_t reason, void *privdata);
 DM_API int32_t tq_mom_client_set_connection_cb(tq_mom_handle *handle, tq_mom_connection_cb callback, void *privdata);
 
-/* How many values this client has met that did not unpack as their kind. */
+/* How many damaged values this client has met. */
 DM_API uint64_t tq_mom_client_damaged(tq_mom_handle *handle);
 
 /*
- * Waits until the loop has run everything that was due when this was called, timers that are not due excepted.
- * TQ_MOM_E_TIMEOUT after timeout_ms. Not from the loop's own thread: TQ_MOM_E_ARGUMENT.
+ * Waits until the loop has run everything that was due when this was called, timers included. What callbacks asked for
+ * meanwhile may still be to come. TQ_MOM_E_TIMEOUT after timeout_ms. Not from the loop's own thread: TQ_MOM_E_ARGUMENT.
  */
 DM_API int32_t tq_mom_client_drain(tq_mom_handle *handle, int32_t timeout_ms);
 
@@ -62,20 +76,22 @@ DM_API int32_t tq_mom_client_drain(tq_mom_handle *handle, int32_t timeout_ms);
  * TQ_MOM_E_ARGUMENT for any other.
  */
 
-/* Cuts one client off: it gets no pushes and no replies any more, and scans under way are lost. Its synchronous calls
- * fail with TQ_MOM_E_UNREACHABLE. */
+/* Cuts one client off: what has not reached its callbacks is lost, in the middle of a scan too, and nothing more comes. */
 DM_API int32_t tq_mem_disconnect(tq_mom_handle *handle);
 
-/* Lets it back in: reason 1, or 2 when the store has been restarted meanwhile. */
+/* Lets it back in: reason 1, or 2 when the store has been restarted since it last was. */
 DM_API int32_t tq_mem_reconnect(tq_mom_handle *handle);
 
 /* Restarts the whole store as another instance: every client is cut off. keep 1 keeps the content, 0 empties it. */
 DM_API int32_t tq_mem_restart(tq_mom_handle *handle, int32_t keep);
 
-/* The next n subscription confirmations to this client are lost on the way, until a reconnect delivers them. */
+/*
+ * The next n subscription confirmations to this client are lost on the way, until a reconnect delivers them. Pushes come
+ * all the same.
+ */
 DM_API int32_t tq_mem_lose_confirmations(tq_mom_handle *handle, int32_t n);
 
-/* Puts bytes that may not unpack in an object's place and tells subscribers, as a damaged writer would. */
+/* Puts bytes that may be damaged in an object's place and tells subscribers, as a faulty writer would. */
 DM_API int32_t tq_mem_put_bytes(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *obj_with_key,
                                 const uint8_t *bytes, uint32_t length);
 

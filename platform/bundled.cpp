@@ -1,0 +1,83 @@
+// What only the bundled platform has: opening and closing a client, hearing of its connection, and the embedded store's
+// faults.
+#include "platform/client.h"
+#include "platform/guard.h"
+#include "platform/mem_store.h"
+#include "platform/message.h"
+
+using namespace tq;
+
+namespace {
+
+// Does something to a client of the embedded store.
+template <class F> int32_t with_mem_store(tq_mom_handle *handle, F &&fault) {
+    auto *mem = client_of(handle) ? dynamic_cast<MemClient *>(&client_of(handle)->store()) : nullptr;
+    if (!mem) return TQ_MOM_E_ARGUMENT;
+    return guarded([&]() -> int32_t { return fault(*mem); });
+}
+
+}  // namespace
+
+int32_t tq_mom_client_open(const char *url, tq_mom_handle **handle) {
+    if (!url || !handle) return TQ_MOM_E_ARGUMENT;
+    return guarded([&] {
+        int32_t error = 0;
+        auto client = Client::open(url, error);
+        if (client) *handle = client.release()->handle();
+        return error;
+    });
+}
+
+int32_t tq_mom_client_close(tq_mom_handle *handle) {
+    Client *client = client_of(handle);
+    if (!client || client->loop().on_own_thread()) return TQ_MOM_E_ARGUMENT;
+    delete client;
+    return 0;
+}
+
+int32_t tq_mom_client_set_connection_cb(tq_mom_handle *handle, tq_mom_connection_cb callback, void *privdata) {
+    if (!client_of(handle)) return TQ_MOM_E_ARGUMENT;
+    return guarded([&] {
+        client_of(handle)->set_connection(callback, privdata);
+        return 0;
+    });
+}
+
+uint64_t tq_mom_client_damaged(tq_mom_handle *handle) {
+    return client_of(handle) ? client_of(handle)->damaged() : 0;
+}
+
+int32_t tq_mom_client_drain(tq_mom_handle *handle, int32_t timeout_ms) {
+    Client *client = client_of(handle);
+    if (!client || client->loop().on_own_thread()) return TQ_MOM_E_ARGUMENT;
+    return guarded([&] {
+        const bool reached = client->loop().drain(std::chrono::milliseconds(timeout_ms));
+        return reached ? 0 : int32_t{TQ_MOM_E_TIMEOUT};
+    });
+}
+
+int32_t tq_mem_disconnect(tq_mom_handle *handle) {
+    return with_mem_store(handle, [](MemClient &mem) { return mem.disconnect(); });
+}
+
+int32_t tq_mem_reconnect(tq_mom_handle *handle) {
+    return with_mem_store(handle, [](MemClient &mem) { return mem.reconnect(); });
+}
+
+int32_t tq_mem_restart(tq_mom_handle *handle, int32_t keep) {
+    return with_mem_store(handle, [&](MemClient &mem) { return mem.restart(keep != 0); });
+}
+
+int32_t tq_mem_lose_confirmations(tq_mom_handle *handle, int32_t n) {
+    return with_mem_store(handle, [&](MemClient &mem) { return mem.lose_confirmations(n); });
+}
+
+int32_t tq_mem_put_bytes(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *obj_with_key, const uint8_t *bytes,
+                         uint32_t length) {
+    if (!bytes && length > 0) return TQ_MOM_E_ARGUMENT;
+    return with_mem_store(handle, [&](MemClient &mem) {
+        const Target target(db, obj_with_key);
+        if (!target.key) return int32_t{TQ_MOM_E_ARGUMENT};
+        return mem.write(target.place, {*target.key, std::string(reinterpret_cast<const char *>(bytes), length)});
+    });
+}

@@ -1,0 +1,237 @@
+// One client of a store: requests and delivery. mutex_ guards its tables; each delivery takes from them what it needs and
+// calls back without it.
+#include "platform/client.h"
+
+#include <algorithm>
+
+#include "platform/message.h"
+
+namespace tq {
+
+namespace {
+
+bool same_subscription(const Request &a, const Request &b) {
+    return a.place == b.place && a.listener == b.listener && a.key == b.key && a.fields == b.fields;
+}
+
+store_msg new_msg(const Request &request, int32_t cmd) {
+    store_msg msg = {};
+    msg.db = request.place.db;
+    msg.cmd = cmd;
+    return msg;
+}
+
+// Who hears of a change of an object whose fields are followed, each once. An object that comes or goes changes all of
+// its fields.
+std::vector<Listener> affected(const Request &request, const Changed &event) {
+    std::vector<Listener> listeners;
+    for (const Field &field : request.fields) {
+        if (event.before && event.after && !field_differs(event.before->bytes, event.after->bytes, field.number))
+            continue;
+        if (std::find(listeners.begin(), listeners.end(), field.listener) == listeners.end()) {
+            listeners.push_back(field.listener);
+        }
+    }
+    return listeners;
+}
+
+}  // namespace
+
+std::unique_ptr<Client> Client::open(const char *url, int32_t &error) {
+    std::unique_ptr<Client> client(new Client);
+    client->handle_ = {client.get(), &client->loop_};
+    client->store_ = open_store(url, *client, error);
+    return client->store_ ? std::move(client) : nullptr;
+}
+
+Client::~Client() {
+    epoch_++;  // ends a scan that is being delivered
+    loop_.stop();
+}
+
+void Client::connect(tq_mom_ready_cb ready, uintptr_t privdata) {
+    {
+        const std::lock_guard lock(mutex_);
+        ready_.push_back({ready, privdata});
+    }
+    loop_.post([this] {
+        if (up_) call_ready();
+    });
+}
+
+// The loop's own thread cannot wait for the loop.
+bool Client::wait_connected(std::chrono::milliseconds timeout) {
+    if (loop_.on_own_thread()) return store_->up();
+    std::unique_lock lock(mutex_);
+    return back_.wait_for(lock, timeout, [this] { return store_->up(); });
+}
+
+void Client::set_reconnect(uint32_t db, tq_mom_reconnect_cb callback) {
+    const std::lock_guard lock(mutex_);
+    reconnect_[db] = callback;
+}
+
+void Client::set_connection(tq_mom_connection_cb callback, void *privdata) {
+    {
+        const std::lock_guard lock(mutex_);
+        connection_ = {callback, privdata};
+    }
+    loop_.post([this] { tell_connection(0); });
+}
+
+// The lock is held over both: a delivery sees a subscription only when the store has it.
+void Client::subscribe(Request request) {
+    const std::lock_guard lock(mutex_);
+    auto found = std::find_if(subscriptions_.begin(), subscriptions_.end(),
+                              [&](const Ticket &other) { return same_subscription(*other, request); });
+    if (found == subscriptions_.end()) {
+        found = subscriptions_.insert(found, std::make_shared<Request>(std::move(request)));
+    }
+    store_->follow((*found)->place, *found);
+    (*found)->owed++;
+}
+
+void Client::scan(Request request) {
+    const auto ticket = std::make_shared<Request>(std::move(request));
+    store_->scan(ticket->place, ticket);
+}
+
+int32_t Client::scan_here(const Request &request) {
+    std::vector<ObjectPtr> objects;
+    if (const int32_t error = store_->read_all(request.place, objects)) return error;
+    for (const ObjectPtr &object : objects) reply(request, *object);
+    return 0;
+}
+
+int32_t Client::read(const Place &place, const ProtobufCMessageDescriptor &kind, const std::string &key,
+                     ProtobufCMessage *&object) {
+    ObjectPtr found;
+    if (const int32_t error = store_->read(place, key, found)) return error;
+    Decoded decoded = decode(kind, *found);
+    if (decoded.error) {
+        damaged_++;
+        return decoded.error;
+    }
+    object = decoded.message.release();
+    return 0;
+}
+
+void Client::post(Event event) {
+    const uint64_t epoch = epoch_;
+    loop_.post(
+        [this, epoch, event = std::move(event)] { std::visit([&](const auto &e) { deliver(e, epoch); }, event); });
+}
+
+void Client::lost() {
+    epoch_++;
+    loop_.post([this] {
+        up_ = false;
+        tell_connection(0);
+    });
+}
+
+void Client::connected(int32_t reason) {
+    loop_.post([this, reason] { on_connected(reason); });
+}
+
+void Client::deliver(const Confirmed &event, uint64_t epoch) {
+    if (epoch == epoch_ && take_owed(*event.ticket)) confirm(*event.ticket);
+}
+
+void Client::deliver(const Changed &event, uint64_t epoch) {
+    if (epoch != epoch_) return;
+    const Request &request = *event.ticket;
+    if (request.fields.empty()) return push(request, request.listener, event);
+
+    const Object &object = event.after ? *event.after : *event.before;
+    if (object.key != request.key) return;
+    for (const Listener &listener : affected(request, event)) push(request, listener, event);
+}
+
+void Client::deliver(const Page &event, uint64_t epoch) {
+    for (const ObjectPtr &object : event.objects) {
+        if (epoch != epoch_) return;
+        reply(*event.ticket, *object);
+    }
+    if (!event.last || epoch != epoch_) return;
+    store_msg end = new_msg(*event.ticket, TQ_MOM_CMD_REPLY);
+    end.flag = 1;
+    event.ticket->listener.callback(&handle_, &end, event.ticket->listener.privdata);
+}
+
+void Client::push(const Request &request, const Listener &listener, const Changed &event) {
+    const Decoded decoded =
+        event.after ? decode(*request.kind, *event.after) : Decoded{key_only(*request.kind, event.before->key), 0};
+    if (decoded.error) damaged_++;
+    store_msg msg = new_msg(request, event.after ? TQ_MOM_CMD_SET : TQ_MOM_CMD_DELETE);
+    msg.value = decoded.message.get();
+    msg.result = decoded.error;
+    listener.callback(&handle_, &msg, listener.privdata);
+}
+
+// One object of a scan, on the thread that runs it.
+void Client::reply(const Request &request, const Object &object) {
+    const Decoded decoded = decode(*request.kind, object);
+    if (decoded.error) damaged_++;
+    result_rec record = {decoded.message.get(), {}, decoded.error};
+    store_msg msg = new_msg(request, TQ_MOM_CMD_REPLY);
+    msg.value = &record;
+    request.listener.callback(&handle_, &msg, request.listener.privdata);
+}
+
+void Client::confirm(const Request &request) {
+    store_msg msg = new_msg(request, TQ_MOM_CMD_SUBSCRIBED);
+    request.listener.callback(&handle_, &msg, request.listener.privdata);
+}
+
+// The store follows everything again already; what was owed comes before the news.
+void Client::on_connected(int32_t reason) {
+    up_ = true;
+    std::map<uint32_t, tq_mom_reconnect_cb> reconnect;
+    {
+        const std::lock_guard lock(mutex_);
+        reconnect = reconnect_;
+        back_.notify_all();
+    }
+    tell_connection(reason);
+    for (const Ticket &ticket : take_all_owed()) confirm(*ticket);
+    call_ready();
+    for (const auto &[db, callback] : reconnect) callback(nullptr, db, reason, nullptr);
+}
+
+void Client::tell_connection(int32_t reason) {
+    ConnectionListener listener;
+    {
+        const std::lock_guard lock(mutex_);
+        listener = connection_;
+    }
+    if (listener.callback) listener.callback(&handle_, up_ ? 1 : 0, reason, listener.privdata);
+}
+
+void Client::call_ready() {
+    std::vector<Ready> ready;
+    {
+        const std::lock_guard lock(mutex_);
+        ready.swap(ready_);
+    }
+    for (const Ready &owed : ready) owed.callback(nullptr, owed.privdata);
+}
+
+// A confirmation may have been given already, after a reconnect.
+bool Client::take_owed(Request &request) {
+    const std::lock_guard lock(mutex_);
+    if (request.owed == 0) return false;
+    request.owed--;
+    return true;
+}
+
+std::vector<Ticket> Client::take_all_owed() {
+    const std::lock_guard lock(mutex_);
+    std::vector<Ticket> owed;
+    for (const Ticket &ticket : subscriptions_) {
+        for (; ticket->owed > 0; ticket->owed--) owed.push_back(ticket);
+    }
+    return owed;
+}
+
+}  // namespace tq

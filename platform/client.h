@@ -1,0 +1,111 @@
+// One client of a store: what it follows, what it is owed, and the delivery of what the store tells. Callbacks run on the
+// loop's thread with no lock held.
+#ifndef TQ_PLATFORM_CLIENT_H
+#define TQ_PLATFORM_CLIENT_H
+
+#include <condition_variable>
+#include <map>
+#include <mutex>
+
+#include "platform/loop.h"
+#include "platform/store.h"
+#include "tq_dm_cache/tq_platform_bundled.h"
+
+namespace tq {
+
+struct Listener {
+    tq_mom_msg_cb callback;
+    void *privdata;
+    bool operator==(const Listener &) const = default;
+};
+
+struct Field {
+    uint32_t number;
+    Listener listener;
+    bool operator==(const Field &) const = default;
+};
+
+struct Request {
+    Place place;
+    const ProtobufCMessageDescriptor *kind;
+    Listener listener;               // of a field subscription: who is told that it stands
+    std::string key = {};            // of the one object whose fields are followed
+    std::vector<Field> fields = {};  // empty: whole objects are followed
+    int owed = 0;                    // confirmations not given yet; guarded by the client's lock
+};
+
+class Client final : private Sink {
+public:
+    // Null, after a line on standard error: see `error`.
+    static std::unique_ptr<Client> open(const char *url, int32_t &error);
+    ~Client() override;
+
+    tq_mom_handle *handle() { return &handle_; }
+    Loop &loop() { return loop_; }
+    Store &store() { return *store_; }
+    uint64_t damaged() const { return damaged_; }
+
+    void connect(tq_mom_ready_cb ready, uintptr_t privdata);
+    bool wait_connected(std::chrono::milliseconds timeout);
+    void set_reconnect(uint32_t db, tq_mom_reconnect_cb callback);
+    void set_connection(tq_mom_connection_cb callback, void *privdata);
+
+    void subscribe(Request request);
+    void scan(Request request);
+    int32_t scan_here(const Request &request);
+    int32_t read(const Place &place, const ProtobufCMessageDescriptor &kind, const std::string &key,
+                 ProtobufCMessage *&object);
+
+private:
+    struct Ready {
+        tq_mom_ready_cb callback;
+        uintptr_t privdata;
+    };
+    struct ConnectionListener {
+        tq_mom_connection_cb callback;
+        void *privdata;
+    };
+
+    explicit Client() = default;
+
+    // What the store tells, on any thread.
+    void post(Event event) override;
+    void lost() override;
+    void connected(int32_t reason) override;
+
+    // Its delivery, on the loop's thread.
+    void deliver(const Confirmed &event, uint64_t epoch);
+    void deliver(const Changed &event, uint64_t epoch);
+    void deliver(const Page &event, uint64_t epoch);
+    void push(const Request &request, const Listener &listener, const Changed &event);
+    void reply(const Request &request, const Object &object);
+    void confirm(const Request &request);
+    void on_connected(int32_t reason);
+    void tell_connection(int32_t reason);
+    void call_ready();
+    bool take_owed(Request &request);
+    std::vector<Ticket> take_all_owed();
+
+    tq_mom_handle handle_ = {};
+    std::atomic<uint64_t> epoch_ = 0;  // how often the connection was lost: events of an earlier epoch are void
+    std::atomic<uint64_t> damaged_ = 0;
+    bool up_ = true;  // as the loop's thread has been told
+
+    std::mutex mutex_;  // guards what follows; taken before the store's lock, never while a callback runs
+    std::condition_variable back_;
+    std::vector<Ticket> subscriptions_;
+    std::vector<Ready> ready_;
+    std::map<uint32_t, tq_mom_reconnect_cb> reconnect_;
+    ConnectionListener connection_ = {};
+
+    Loop loop_;
+    std::unique_ptr<Store> store_;  // destroyed first: it tells the rest
+};
+
+inline Client *client_of(const tq_mom_handle *handle) {
+    return handle ? static_cast<Client *>(handle->impl) : nullptr;
+}
+
+}  // namespace tq
+
+#endif

@@ -1,0 +1,158 @@
+// The store client's C functions: they refuse what is unusable, keep exceptions in, and hand the rest to the Client.
+#include <cstdlib>
+
+#include "platform/client.h"
+#include "platform/guard.h"
+#include "platform/message.h"
+
+using namespace tq;
+
+namespace {
+
+constexpr std::chrono::seconds connect_limit(5);
+constexpr int32_t field_limit = 10;
+
+bool usable(const ProtobufCMessage *message) {
+    return message && message->descriptor;
+}
+
+Place place_of(uint32_t db, const ProtobufCMessage *message) {
+    return {db, message->descriptor->name};
+}
+
+int32_t read(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *obj_with_key, ProtobufCMessage *&object) {
+    return guarded([&] {
+        const Target target(db, obj_with_key);
+        if (!client_of(handle) || !target.key) return int32_t{TQ_MOM_E_ARGUMENT};
+        return client_of(handle)->read(target.place, *target.kind, *target.key, object);
+    });
+}
+
+bool usable_fields(const ProtobufCMessageDescriptor &kind, const uint32_t *numbers, const tq_mom_msg_cb *callbacks,
+                   int32_t n) {
+    for (int32_t i = 0; i < n; i++) {
+        if (!callbacks[i] || !has_field(kind, numbers[i])) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+// A ready callback is owed while the connection is lost. Every database shares the client's one connection.
+int32_t tq_mom_client_connect(tq_mom_handle *handle, uint32_t, tq_mom_ready_cb ready, uintptr_t privdata) {
+    if (!client_of(handle) || !ready) return TQ_MOM_E_ARGUMENT;
+    return guarded([&] {
+        client_of(handle)->connect(ready, privdata);
+        return 0;
+    });
+}
+
+int32_t tq_mom_client_set_reconnect_cb(tq_mom_handle *handle, uint32_t db, tq_mom_reconnect_cb reconnect, int32_t) {
+    if (!client_of(handle) || !reconnect) return TQ_MOM_E_ARGUMENT;
+    return guarded([&] {
+        client_of(handle)->set_reconnect(db, reconnect);
+        return 0;
+    });
+}
+
+int32_t tq_mom_client_connect_sync(tq_mom_handle *handle, int32_t) {
+    if (!client_of(handle)) return TQ_MOM_E_ARGUMENT;
+    return guarded([&] { return client_of(handle)->wait_connected(connect_limit) ? 0 : int32_t{TQ_MOM_E_TIMEOUT}; });
+}
+
+int32_t tq_mom_subscribe(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *tmpl, int32_t,
+                         tq_mom_msg_cb callback, void *privdata) {
+    if (!client_of(handle) || !usable(tmpl) || !callback) return TQ_MOM_E_ARGUMENT;
+    return guarded([&] {
+        client_of(handle)->subscribe({place_of(db, tmpl), tmpl->descriptor, {callback, privdata}});
+        return 0;
+    });
+}
+
+// The first field's callback is told that the subscription stands.
+int32_t tq_mom_subscribe_field(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *key, int32_t,
+                               const uint32_t *field_numbers, tq_mom_msg_cb *callbacks, void **privdata, int32_t n) {
+    if (!client_of(handle) || !usable(key) || !field_numbers || !callbacks || !privdata) return TQ_MOM_E_ARGUMENT;
+    if (n < 1 || n > field_limit) return TQ_MOM_E_ARGUMENT;
+    if (!usable_fields(*key->descriptor, field_numbers, callbacks, n)) return TQ_MOM_E_ARGUMENT;
+    return guarded([&] {
+        Target target(db, key);
+        if (!target.key) return int32_t{TQ_MOM_E_ARGUMENT};
+        Request request = {target.place, target.kind, {callbacks[0], privdata[0]}, *target.key};
+        for (int32_t i = 0; i < n; i++) request.fields.push_back({field_numbers[i], {callbacks[i], privdata[i]}});
+        client_of(handle)->subscribe(std::move(request));
+        return 0;
+    });
+}
+
+int32_t tq_mom_scan(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *tmpl, int32_t, tq_mom_msg_cb callback,
+                    void *privdata) {
+    if (!client_of(handle) || !usable(tmpl) || !callback) return TQ_MOM_E_ARGUMENT;
+    return guarded([&] {
+        client_of(handle)->scan({place_of(db, tmpl), tmpl->descriptor, {callback, privdata}});
+        return 0;
+    });
+}
+
+int32_t tq_mom_scan_sync(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *tmpl, int32_t,
+                         tq_mom_msg_cb callback, void *privdata) {
+    if (!client_of(handle) || !usable(tmpl) || !callback) return TQ_MOM_E_ARGUMENT;
+    return guarded([&] {
+        return client_of(handle)->scan_here({place_of(db, tmpl), tmpl->descriptor, {callback, privdata}});
+    });
+}
+
+int32_t tq_mom_get_reconnect_scan_time(tq_mom_handle *handle, uint32_t) {
+    if (!client_of(handle)) return TQ_MOM_E_ARGUMENT;
+    return client_of(handle)->store().rescan_delay_ms();
+}
+
+result_rec *tq_mom_hgetall_sync(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *obj_with_key) {
+    ProtobufCMessage *object = nullptr;
+    const int32_t error = read(handle, db, obj_with_key, object);
+    if (error == TQ_MOM_E_ARGUMENT || error == TQ_MOM_E_MEMORY) return nullptr;
+    auto *record = static_cast<result_rec *>(std::calloc(1, sizeof(result_rec)));
+    if (!record) {
+        tq::FreeMessage()(object);
+        return nullptr;
+    }
+    record->obj = object;
+    record->error = error;
+    return record;
+}
+
+ProtobufCMessage *tq_mom_get_sync(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *obj_with_key,
+                                  int32_t *error) {
+    ProtobufCMessage *object = nullptr;
+    const int32_t code = read(handle, db, obj_with_key, object);
+    if (error) *error = code;
+    return object;
+}
+
+int32_t tq_mom_hash_res_free(result_rec *record) {
+    if (!record) return 0;
+    tq::FreeMessage()(record->obj);
+    std::free(record);
+    return 0;
+}
+
+int32_t tq_mom_tq_obj_free(ProtobufCMessage *message) {
+    tq::FreeMessage()(message);
+    return 0;
+}
+
+int32_t tq_mom_set(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *obj, int32_t, int32_t) {
+    return guarded([&] {
+        const Target target(db, obj);
+        if (!client_of(handle) || !target.key) return int32_t{TQ_MOM_E_ARGUMENT};
+        return client_of(handle)->store().write(target.place, {*target.key, pack(*obj)});
+    });
+}
+
+int32_t tq_mom_del(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *obj_with_key) {
+    return guarded([&] {
+        const Target target(db, obj_with_key);
+        if (!client_of(handle) || !target.key) return int32_t{TQ_MOM_E_ARGUMENT};
+        return client_of(handle)->store().erase(target.place, *target.key);
+    });
+}

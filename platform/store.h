@@ -1,0 +1,92 @@
+// The seam between the client side and a store. A Store is one client's connection to a store; it knows places, keys
+// and packed bytes, nothing of messages and callbacks. What it has to tell goes to a Sink, in the store's own order.
+//
+// A Store promises:
+//   - follow, scan, and every change of a followed place take their turn in one order, and the sink hears in that order.
+//     So a scanned object is never older than a change told before it;
+//   - a scan ends with a Page that is the last one, unless the connection is lost first;
+//   - what was followed survives a lost connection: it is followed again before connected() is told;
+//   - read, read_all, write and erase work on any thread, the loop's included, and wait for nothing that the loop does;
+//   - the sink hears nothing after the Store's destructor has returned.
+//
+// The client calls follow() and up() with its own lock held: they must not wait for the loop.
+#ifndef TQ_PLATFORM_STORE_H
+#define TQ_PLATFORM_STORE_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace tq {
+
+// One object as a store holds it. Never changed once made: events and scans share it.
+struct Object {
+    std::string key;
+    std::string bytes;
+};
+using ObjectPtr = std::shared_ptr<const Object>;
+
+// The objects of one kind in one database.
+struct Place {
+    uint32_t db;
+    std::string kind;
+    auto operator<=>(const Place &) const = default;
+};
+
+// What a client asked for. A store only hands it back with what it has to tell.
+struct Request;
+using Ticket = std::shared_ptr<Request>;
+
+struct Confirmed {
+    Ticket ticket;
+};
+
+struct Changed {
+    Ticket ticket;
+    ObjectPtr before;  // null: the object is new
+    ObjectPtr after;   // null: it was deleted
+};
+
+struct Page {
+    Ticket ticket;
+    std::vector<ObjectPtr> objects;
+    bool last;
+};
+
+using Event = std::variant<Confirmed, Changed, Page>;
+
+class Sink {
+public:
+    virtual ~Sink() = default;
+    virtual void post(Event event) = 0;
+    virtual void lost() = 0;  // what was posted and is not delivered yet is lost too
+    virtual void connected(int32_t reason) = 0;
+};
+
+class Store {
+public:
+    virtual ~Store() = default;
+
+    virtual bool up() const = 0;
+    virtual int32_t rescan_delay_ms() const = 0;
+
+    // Repeating it for the same ticket only confirms again. While the connection is lost it is noted, not confirmed.
+    virtual void follow(const Place &place, const Ticket &ticket) = 0;
+    // A scan asked for while the connection is lost is lost.
+    virtual void scan(const Place &place, const Ticket &ticket) = 0;
+
+    // 0, TQ_MOM_E_UNREACHABLE, or, for one object, TQ_MOM_E_NOT_FOUND.
+    virtual int32_t read(const Place &place, const std::string &key, ObjectPtr &object) = 0;
+    virtual int32_t read_all(const Place &place, std::vector<ObjectPtr> &objects) = 0;
+    virtual int32_t write(const Place &place, Object object) = 0;
+    virtual int32_t erase(const Place &place, const std::string &key) = 0;
+};
+
+// Opens the store that a URL names. Null, after one line on standard error: see `error`.
+std::unique_ptr<Store> open_store(const std::string &url, Sink &sink, int32_t &error);
+
+}  // namespace tq
+
+#endif

@@ -1,0 +1,23 @@
+// The process's armed timers. The table is what counts: a record is written to, never read.
+#ifndef TQ_PLATFORM_TIMERS_H
+#define TQ_PLATFORM_TIMERS_H
+
+#include "platform/loop.h"
+#include "tq_dm_cache/tq_platform.h"
+
+namespace tq {
+
+struct Due {
+    tq_thread_timer *timer;
+    int32_t (*handler)(tq_thread_timer *);
+};
+
+// Disarms the loop's earliest timer when it is due by then.
+bool take_due(Loop &loop, Clock::time_point now, Due &due);
+// Has the loop woken for the timer that is next.
+void wake_for_next(Loop &loop);
+void disarm_all(Loop &loop);
+
+}  // namespace tq
+
+#endif
