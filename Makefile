@@ -29,6 +29,15 @@ test asan tsan:
 	cmake --build $(DIR) -j$(JOBS)
 	ctest --preset $(PRESET) -j$(JOBS)
 
+# The cache against a simulated store, seeds beyond those of the tests; each seed is a process of its own.
+RUNS ?= 20000
+FIRST ?= 100000
+simulate:
+	scripts/setup.sh build test
+	cmake --preset default
+	cmake --build build -j$(JOBS) --target simulate
+	build/tests/simulation/simulate --runs $(RUNS) --first $(FIRST)
+
 lint:
 	scripts/setup.sh build test lint
 	scripts/lint.sh
