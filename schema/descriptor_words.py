@@ -20,7 +20,7 @@ import sys
 
 WORDS = """
 /* Two 32-bit words behind message_init: the lengths of the package's name and of the message's. */
-#if UINTPTR_MAX == 0xffffffffu
+#if __SIZEOF_POINTER__ == 4
 #define DM_WORDS(package, message) (void *) (package), (void *) (message), NULL
 #elif __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
 #define DM_WORDS(package, message) (void *) ((uintptr_t) (package) | (uintptr_t) (message) << 32), NULL, NULL
