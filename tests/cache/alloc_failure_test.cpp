@@ -1,0 +1,294 @@
+// Memory runs out. Each allocation of each operation fails in turn: the answer is one that the header names, nothing is
+// lost or leaked, and the same call succeeds as soon as there is memory again. The program's own malloc counts and fails;
+// C++'s new stays apart, so that only the library and protobuf-c are counted. Plain builds only; one thread.
+#include "support/live_cache.h"
+
+#include "tq_dm_cache/dm_port_index.h"
+#include "tq_dm_cache/p_dev.pb-c.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <functional>
+#include <new>
+
+namespace {
+
+int64_t live = 0;     // blocks that are out
+int64_t asked = 0;    // requests since fail_at()
+int64_t failing = 0;  // the number of the one that fails; 0: none
+
+void fail_at(int64_t n) {
+    asked = 0;
+    failing = n;
+}
+
+bool refused() {
+    if (++asked != failing) return false;
+    errno = ENOMEM;
+    return true;
+}
+
+void *counted(void *block) {
+    live += block ? 1 : 0;
+    return block;
+}
+
+}  // namespace
+
+#define PUBLIC __attribute__((visibility("default")))
+extern "C" {
+void *__libc_malloc(size_t size);
+void *__libc_calloc(size_t count, size_t size);
+void *__libc_realloc(void *block, size_t size);
+void __libc_free(void *block);
+PUBLIC void *malloc(size_t size) {
+    return refused() ? nullptr : counted(__libc_malloc(size));
+}
+PUBLIC void *calloc(size_t count, size_t size) {
+    return refused() ? nullptr : counted(__libc_calloc(count, size));
+}
+PUBLIC void *realloc(void *block, size_t size) {
+    if (refused()) return nullptr;
+    live -= block ? 1 : 0;
+    return counted(__libc_realloc(block, size));
+}
+PUBLIC void free(void *block) {
+    live -= block ? 1 : 0;
+    __libc_free(block);
+}
+}
+PUBLIC void *operator new(size_t size) {
+    return __libc_malloc(size);
+}
+PUBLIC void operator delete(void *block) noexcept {
+    __libc_free(block);
+}
+PUBLIC void operator delete(void *block, size_t) noexcept {
+    __libc_free(block);
+}
+
+namespace {
+
+struct Operation {
+    const char *name;
+    std::function<int32_t()> call;
+    std::function<void()> undo;                          // takes back what a success did, or half of one
+    std::vector<int32_t> failures;                       // what it may answer when an allocation failed
+    std::function<bool()> whole;                         // all of it is there
+    std::function<bool()> intact = [] { return true; };  // after a failure: what was there before still is
+    int32_t success = 0;
+};
+
+void each_allocation_fails(const Operation &op) {
+    SCOPED_TRACE(op.name);
+    op.call();  // what the C library allocates once
+    op.undo();
+    fail_at(0);
+    op.call();
+    const int64_t count = asked;
+    op.undo();
+    ASSERT_GT(count, 0);
+    for (int64_t n = 1; n <= count; ++n) {
+        SCOPED_TRACE("allocation " + std::to_string(n));
+        const int64_t before = live;
+        fail_at(n);
+        const int32_t code = op.call();
+        EXPECT_GE(asked, n);
+        fail_at(0);
+        EXPECT_EQ(std::count(op.failures.begin(), op.failures.end(), code), 1) << code;
+        if (code < 0 && code != op.success) {
+            EXPECT_FALSE(op.whole());
+            EXPECT_EQ(live, before);
+        }
+        EXPECT_TRUE(op.intact());
+        EXPECT_EQ(op.call(), op.success);
+        EXPECT_TRUE(op.whole());
+        op.undo();
+        EXPECT_EQ(live, before);
+    }
+}
+
+void remove(int32_t row, const Message &object) {
+    ndm_cache_tree_del_node(&obj_sub_list[row], object.get());
+    dm_cache_list_free(dm_cache_list_del(obj_sub_list[row].obj_list, obj_sub_list[row].cmp_func, object.get()));
+}
+
+bool in_trees(int32_t row, const Message &object) {
+    const dm_cache_list_node *node = element(row, object);
+    if (!node || !node->key) return false;
+    ndm_cache_tree *const trees = obj_sub_list[row].port_tree;
+    for (int i = 0; i < trees->tree_num; ++i)
+        if (dm_rbtree_find_node(&trees->root[i], node->key->key[i]) != node) return false;
+    return true;
+}
+
+class OutOfMemory : public testing::Test {
+protected:
+    OutOfMemory() {
+        start({1, 7, 17, 30});
+        platform.synchronise();
+    }
+
+    const Message one = card(1, 3, 0).set("name", "M8600").set("serial", "1234");
+    const Message base = static_port(1, 2, 3, 7), port = global_port(1, 1, 2, 3, 7, 5);
+};
+
+}  // namespace
+
+TEST_F(OutOfMemory, StoringAndCopying) {
+    const Message before = card(1, 4, 0).set("port_num", 5), changed = card(1, 4, 0).set("port_num", 9);
+    const auto now = [&](const Message &object) { return equal(element(17, object)->obj, object.get()); };
+    const auto cmp = obj_sub_list[17].cmp_func;
+    dm_cache_list list{{&list.head, &list.head}, 0};
+    ProtobufCMessage *copy = nullptr;
+    const auto free_copy = [&] { protobuf_c_message_free_unpacked(std::exchange(copy, nullptr), nullptr); };
+    dm_cache_set_obj(17, before.get());
+
+    each_allocation_fails({"copy",
+                           [&] { return dm_cache_copy_obj(one.get(), one.get()->descriptor, &copy); },
+                           free_copy,
+                           {-3, -5},
+                           [&] { return copy && equal(copy, one.get()); }});
+    each_allocation_fails({"set a new one",
+                           [&] { return dm_cache_set_obj(17, one.get()); },
+                           [&] { remove(17, one); },
+                           {-3, -5, -1},
+                           [&] { return cached(17) == 2; }});
+    each_allocation_fails({"replace",
+                           [&] { return dm_cache_set_obj(17, changed.get()); },
+                           [&] { dm_cache_set_obj(17, before.get()); },
+                           {-3, -5},
+                           [&] { return now(changed); },
+                           [&] { return now(before); }});
+    each_allocation_fails({"list",
+                           [&] { return dm_cache_list_add(&list, one.get(), one.get()->descriptor, cmp); },
+                           [&] { dm_cache_list_free(dm_cache_list_del(&list, cmp, one.get())); },
+                           {-3, -5, -1},
+                           [&] { return list.count == 1; }});
+    void *out = nullptr;
+    fail_at(1);
+    EXPECT_EQ(dm_cache_get_obj(17, key_of(before.get()), &out), 0);
+    EXPECT_EQ(asked, 0);
+    fail_at(0);
+}
+
+TEST_F(OutOfMemory, Trees) {
+    rbtree_root *root = create_rbtree(), *made = nullptr;
+    const auto filled = [&] { return root->node != nullptr; };
+    each_allocation_fails({"map",
+                           [&] { return dm_rbtree_insert_node(&root, 5, &root); },
+                           [&] { dm_rbtree_delete_node(&root, 5); },
+                           {-1},
+                           filled});
+    each_allocation_fails(
+        {"keys", [&] { return insert_rbtree(root, 5); }, [&] { delete_rbtree(root, 5); }, {-1}, filled});
+    each_allocation_fails({"root",
+                           [&] { return dm_rbtree_init_root(&made); },
+                           [&] { destroy_rbtree(std::exchange(made, nullptr)); },
+                           {-1},
+                           [&] { return made; }});
+    destroy_rbtree(root);
+}
+
+// A port that could not be indexed stays cached; no tree may hold on to an element without a key record.
+TEST_F(OutOfMemory, IndexedPorts) {
+    const Message moved = global_port(1, 1, 2, 3, 7, 6), other = static_port(1, 2, 3, 7).set("static_info.lport", 9);
+    obj_sub_entry *const row = &obj_sub_list[30];
+    const auto key = [&](int tree) { return element(30, port)->key->key[tree]; };
+    const auto consistent = [&] {
+        const bool empty = !row->port_tree->root[0]->node && !row->port_tree->root[2]->node;
+        return cached(30) == 1 && (element(30, port)->key || empty);
+    };
+    dm_cache_set_obj(7, base.get());
+    each_allocation_fails({"set a port",
+                           [&] { return dm_cache_set_obj(30, port.get()); },
+                           [&] { remove(30, port); },
+                           {-3, -5, -1, 0},
+                           [&] { return in_trees(30, port); }});
+    dm_cache_set_obj(30, port.get());
+    each_allocation_fails({"move it",
+                           [&] { return dm_cache_set_obj(30, moved.get()); },
+                           [&] { dm_cache_set_obj(30, port.get()); },
+                           {-3, -5, 0},
+                           [&] { return in_trees(30, port) && key(0) == 0x01000006; },
+                           consistent});
+    each_allocation_fails({"change its static port",
+                           [&] { return dm_cache_set_obj(7, other.get()); },
+                           [&] { dm_cache_set_obj(7, base.get()); },
+                           {-3, -5, 0},
+                           [&] { return in_trees(30, port) && key(2) == 0x06010209; },
+                           consistent});
+    each_allocation_fails({"index",
+                           [&] { return ndm_cache_tree_add_node(row, port.get()); },
+                           [&] { ndm_cache_tree_del_node(row, port.get()); },
+                           {-1, 0},
+                           [&] { return in_trees(30, port); },
+                           consistent});
+    each_allocation_fails({"index again",
+                           [&] {
+                               const int64_t n = failing;
+                               fail_at(0);
+                               ndm_cache_tree_add_node(row, port.get());
+                               fail_at(n);
+                               return ndm_cache_tree_add_node(row, port.get());
+                           },
+                           [&] { ndm_cache_tree_del_node(row, port.get()); },
+                           {-1, 0},
+                           [&] { return in_trees(30, port); },
+                           consistent});
+}
+
+// A lost push or reply is one object out of date, never a crash, a leak, or a machine that stands still.
+TEST_F(OutOfMemory, MessagesOfTheStore) {
+    const Message completion = complete();
+    each_allocation_fails({"set",
+                           [&] { return receive(17, SET, one); },
+                           [&] { receive(17, DELETE, one); },
+                           {0},
+                           [&] { return cached(17) == 1; }});
+    const auto resynchronise = [&] {
+        receive(1, SET, completion);
+        receive(7, REPLY, base);
+        receive(17, REPLY, one);
+        receive(30, REPLY, port);
+        for (const int32_t row : {1, 7, 17, 30}) receive_end(row);
+        return g_cache_proc_done - 1;
+    };
+    each_allocation_fails({"resynchronise",
+                           resynchronise,
+                           [&] { remove(7, base), remove(17, one), remove(30, port); },
+                           {0},
+                           [&] { return cached(7) == 1 && cached(17) == 1 && in_trees(30, port); }});
+    resynchronise();
+    fail_at(1);
+    receive(30, DELETE, port);
+    receive(17, DELETE, one);
+    receive(7, DELETE, base);
+    EXPECT_EQ(asked, 0);
+    fail_at(0);
+    EXPECT_EQ(cached(7) + cached(17) + cached(30), 0);
+}
+
+// A process that starts while memory is short must run with what it got, and lose none of it when it starts again.
+TEST(OutOfMemoryAtStart, LeavesRowsThatCanBeUsed) {
+    const Message base = static_port(1, 2, 3, 7), port = global_port(1, 1, 2, 3, 7, 5);
+    platform.answers = {{"connect_sync", -9}};
+    const auto store = [&](const std::function<bool()> &check) {
+        dm_cache_set_obj(7, base.get());
+        dm_cache_set_obj(30, port.get());
+        const bool right = check();
+        remove(30, port);
+        remove(7, base);
+        return right;
+    };
+    each_allocation_fails({"start",
+                           [] { return dm_cache_init(&platform.handle, "x"); },
+                           [] {},
+                           {-9},
+                           [&] { return store([&] { return in_trees(30, port); }); },
+                           [&] { return store([] { return cached(30) == 1; }); },
+                           -9});
+}

@@ -1,0 +1,176 @@
+// Start-up: what a process gets from one call, and what is left when the call fails half way.
+#include "support/live_cache.h"
+#include "support/log_capture.h"
+
+#include "tq_dm_cache/dm_port_index.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <optional>
+#include <thread>
+
+namespace {
+
+std::optional<std::string> config_file;
+const std::string cap_init = "cap_init /etc/cfg/cap/dev_cap/default/g/capacity_cap.xml";
+const std::string cap_name = "g_capacity_spec/high_availablility/CAP_VSU_CHASSIS_NUM";
+
+// A start that does everything and is refused at its end, so that it can be repeated.
+int32_t refused_start(const char *name) {
+    platform.answers = {{"connect_sync", -9}};
+    const int32_t answer = dm_cache_init(&platform.handle, name);
+    platform.answers.clear();
+    return answer;
+}
+
+class StartLog : public testing::TestWithParam<int> {};
+
+}  // namespace
+
+// Stands in for the configuration file; every other file is opened as usual.
+extern "C" __attribute__((visibility("default"))) FILE *fopen(const char *path, const char *mode);
+FILE *fopen(const char *path, const char *mode) {
+    static const auto open = reinterpret_cast<decltype(&fopen)>(dlsym(RTLD_NEXT, "fopen"));
+    if (std::string(path) != "/data/.orca/vsd/0/dev/cache.cfg") return open(path, mode);
+    return config_file ? fmemopen(config_file->data(), config_file->size(), "r") : nullptr;
+}
+
+// The store knows a client by the order of its calls; a client knows by the code what to do about a refusal.
+TEST(Start, MakesItsCallsInOrderOnceAndHandsBackTheCodeOfTheFirstRefusal) {
+    EXPECT_EQ(dm_cache_init(nullptr, "x"), -1);
+    EXPECT_EQ(dm_cache_init(&platform.handle, nullptr), -1);
+    EXPECT_EQ(self_thread, -1);
+    int32_t first = 0;
+    std::thread([&first] { first = gettid(), refused_start("x"); }).join();
+    drained(&platform.calls);
+
+    Strings expected = {cap_init, "cap " + cap_name};
+    for (const char *refused : {"connect 1", "connect 3", "set_reconnect_cb 1", "set_reconnect_cb 3", "connect_sync"}) {
+        expected.push_back(refused);
+        platform.answers = {{refused, -70}};
+        EXPECT_EQ(dm_cache_init(&platform.handle, "client"), -70);
+        EXPECT_EQ(drained(&platform.calls), expected);
+        EXPECT_EQ(dm_cache_get_obj_index_list_len(17), -2);
+    }
+    platform.answers.clear();
+    EXPECT_EQ(dm_cache_init(&platform.handle, "client"), 0);
+    EXPECT_EQ(drained(&platform.calls), expected);
+    EXPECT_EQ(platform.unreleased, 0);
+    EXPECT_EQ(dm_cache_get_obj_index_list_len(17), 0);
+    EXPECT_EQ(dm_cache_init(nullptr, nullptr), 0);
+    EXPECT_EQ(drained(&platform.calls), Strings{});
+    EXPECT_EQ(g_dm_global, &platform.handle);
+    EXPECT_STREQ(dm_cache_my_name, "client");
+    EXPECT_EQ(self_thread, first);
+}
+
+// After a failed start a client simply starts again: nothing of the first may remain, armed or in memory.
+TEST(Start, BeginsAfreshAfterAFailure) {
+    for (const int32_t row : {7, 17, 30}) dm_cache_sub_obj(row, nullptr, 0);
+    EXPECT_EQ(refused_start("x"), -9);
+    platform.become_ready();
+    platform.lose_connection(1, 1);
+    platform.confirm();
+    EXPECT_EQ(platform.timers.size(), 3U);
+    EXPECT_EQ(dm_cache_set_obj(7, static_port(1, 2, 3, 7).get()), 0);
+    EXPECT_EQ(dm_cache_set_obj(30, global_port(1, 1, 2, 3, 7, 5).get()), 0);
+
+    EXPECT_EQ(dm_cache_init(&platform.handle, "x"), 0);
+    EXPECT_TRUE(platform.timers.empty());
+    EXPECT_EQ(cached(7) + cached(30), 0);
+    EXPECT_EQ(obj_sub_list[30].port_tree->root[0]->node, nullptr);
+    for (const char *cancelled : {"cancel 7", "cancel 17", "cancel 30"})
+        EXPECT_EQ(std::count(platform.calls.begin(), platform.calls.end(), cancelled), 1) << cancelled;
+}
+
+// The one way to see inside a process in the field: its own line, and nobody else's, opens its log.
+TEST(Start, TakesItsThresholdFromTheLastLineOfTheConfiguration) {
+    const std::string own = "level 0,myproc\n", other = "level 2,other\n", forty(40, 'n'), kept(31, 'n');
+    const struct {
+        std::string name;
+        std::optional<std::string> file;
+        int32_t threshold;
+    } rows[] = {{"myproc", {}, 3},
+                {"myproc", other + own, 0},
+                {"myproc", own + other, 3},
+                {"myproc", "level 2,myproc\n# x\n level 0,myproc\nlevel: 0\nlevel\t0,myproc\n", 2},
+                {"myproc", "level -1,myproc", -1},
+                {"myproc", "level 1,myproc\r\n", 1},
+                {"myproc", "level 1,myproc2\n", 3},
+                {"myproc2", "level 1,myproc\n", 3},
+                {"myproc", other + std::string(300, '#') + "\n" + own, 0},
+                {"myproc", other + std::string(300, '#') + own, 3},
+                {"myproc", "# nothing\n", 3},
+                {"", "# nothing\n", 0},
+                {forty, "level 1," + kept + "\n", 1},
+                {forty, "level 1," + forty + "\n", 1}};
+    for (const auto &row : rows) {
+        const LogCapture quiet(3);
+        config_file = row.file;
+        EXPECT_EQ(refused_start(row.name.c_str()), -9);
+        EXPECT_EQ(g_dm_cache_level, row.threshold) << row.name << ": " << row.file.value_or("none");
+        EXPECT_EQ(dm_cache_my_name, row.name.substr(0, 31));
+    }
+}
+
+// A limit outside 1 to 16 would send queries to chassis that cannot exist.
+TEST(Start, TakesTheNumberOfChassisOnlyWithinItsRange) {
+    EXPECT_EQ(dm_get_vsu_switch_num_limit(), 2);
+    for (const auto &[value, limit] : {std::pair(17, 2), {0, 2}, {-1, 2}, {1, 1}, {16, 16}, {17, 16}}) {
+        platform.capabilities[cap_name] = value;
+        EXPECT_EQ(refused_start("x"), -9);
+        EXPECT_EQ(dm_get_vsu_switch_num_limit(), limit) << value;
+    }
+}
+
+// The lines of a start, and a further database that is connected only because an enabled row lives there.
+TEST_P(StartLog, SaysWhatItDidAndWhatFailed) {
+    LogCapture log(GetParam());
+    dm_cache_init(nullptr, nullptr);
+    platform.capability_file = false;
+    platform.answers = {{"connect 3", -4}};
+    dm_cache_init(&platform.handle, "me");
+    platform.capability_file = true;
+    platform.during_call = [](const std::string &call) {
+        if (call == "connect 3") obj_sub_list[18].db_id = 8, obj_sub_list[18].enable = 1, obj_sub_list[19].db_id = 14;
+    };
+    platform.answers = {{"set_reconnect_cb 8", -8}};
+    EXPECT_EQ(dm_cache_init(&platform.handle, "me"), -8);
+    platform.capabilities[cap_name] = 8;
+    platform.connections.clear();
+    platform.answers = {{"subscribe 3", -6}};
+    obj_sub_list[21].enable = 1;
+    start({});
+    dm_cache_init(&platform.handle, "me");
+    platform.become_ready();
+    const LogLine init{2, "dm_cache_init", "init [me].\n"};
+    const LogLine missing{2, "dm_get_cap_value", "dm_cache get URL_CAPA_CAP_VSU_CHASSIS_NUM value failed.\r\n"};
+    const auto connected = [](const char *words) { return LogLine{0, "dm_cache_db_conn", words}; };
+    const std::vector<LogLine> lines = {
+        {2, "dm_cache_init", "dm_cache_init param fail [(nil)][(nil)].\n"},
+        {2, "dm_get_cap_value", "libtq_cap_get_g_cap_init error.\n"},
+        {2, "dm_cache_init", "dm_cache_init: get cap value failed.\n"},
+        init,
+        missing,
+        {2, "dm_connect_global_db", "init [me].\n"},
+        {1, "dm_get_cap_value", "dm_cache get URL_CAPA_CAP_VSU_CHASSIS_NUM value 8\r\n"},
+        {0, "dm_connect_global_db", "test connect db [8] success.\n"},
+        {0, "dm_cache_log_subobj_to_file", "obj_sub_list [18] is enable\n"},
+        {0, "dm_cache_log_subobj_to_file", "obj_sub_list [21] is enable\n"},
+        {0, "dm_cache_init", "rsync connect[0].\n"},
+        {0, "dm_cache_init", "dm_cache_init: already inited before.\n"},
+        connected("dm_cache: conn to db 1 ready.\n"),
+        connected("rsync 1 connect[0].\n"),
+        connected("dm_cache: conn to db 3 ready.\n"),
+        {2, "dm_cache_subscribe", "tq_mom_subscribe obj[21], fail ret=[-6].\n"},
+        connected("rsync 3 connect[0].\n"),
+        connected("dm_cache: conn to db 8 ready.\n"),
+        connected("rsync 8 connect[0].\n")};
+    EXPECT_EQ(log.take(), at_threshold(GetParam(), lines));
+}
+
+INSTANTIATE_TEST_SUITE_P(Thresholds, StartLog, testing::Range(0, 4));

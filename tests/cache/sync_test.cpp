@@ -1,0 +1,410 @@
+// Synchronisation with the store, step by step. A wrong step leaves a client with a picture of devices that is not true,
+// and nothing that tells it so.
+#include "support/live_cache.h"
+#include "support/log_capture.h"
+
+#include "tq_dm_cache/p_dev.pb-c.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+
+namespace {
+
+const std::string scan_complete = "scan 1 p_dev.dp_lib_complete", scan_card = "scan 1 p_dev.card_info";
+
+Message type_info(int32_t type) {  // row 6, class 1
+    return {"p_dev.card_static_info", {{"index.type", type}}};
+}
+Message local(int32_t slot) {  // row 14, class 2
+    return {"p_dev.local_card_info", {{"index.slotid", slot}}};
+}
+Message link(int32_t lport) {  // row 21, class 4
+    return {"p_dev.vsl_port_info", {{"index.lport", lport}}};
+}
+Message vsd(int32_t id) {  // row 32, class 5
+    return {"p_dev.vsd_info", {{"index.t_vsdid", id}}};
+}
+
+// Started and confirmed: the rows gather what their scans return.
+void start_gathering(std::initializer_list<int32_t> rows) {
+    start(rows);
+    platform.become_ready();
+    platform.confirm();
+    platform.calls.clear();
+}
+
+void start_live(std::initializer_list<int32_t> rows) {
+    start_gathering(rows);
+    platform.answer_scans();
+    ASSERT_EQ(g_cache_proc_done, 1);
+    platform.calls.clear();
+    changes.clear();
+}
+
+void queue(int32_t row, const Message &object) {
+    store_msg msg{};
+    msg.cmd = SET;
+    msg.value = object.get();
+    EXPECT_EQ(dm_cache_mom_cache(&msg, row), 0);
+}
+
+bool another_thread_can_lock() {
+    auto other = std::async(std::launch::async, [] { return dm_cache_lock() + dm_cache_unlock(); });
+    return other.wait_for(std::chrono::seconds(10)) == std::future_status::ready && other.get() == 0;
+}
+
+// What the library armed last.
+struct {
+    tq_thread_master *master;
+    tq_thread_timer record;
+    std::string name;
+} armed;
+
+class SyncLog : public testing::TestWithParam<int> {};
+
+}  // namespace
+
+extern "C" {
+using Handler = int32_t (*)(tq_thread_timer *);
+int32_t __real_tq_thread_insert_timer(tq_thread_master *, tq_thread_timer *, Handler, int32_t, int32_t, const char *);
+int32_t __wrap_tq_thread_insert_timer(tq_thread_master *, tq_thread_timer *, Handler, int32_t, int32_t, const char *);
+int32_t __wrap_tq_thread_insert_timer(tq_thread_master *master, tq_thread_timer *timer, Handler handler, int32_t arg,
+                                      int32_t delay_ms, const char *name) {
+    armed = {master, *timer, name};
+    return __real_tq_thread_insert_timer(master, timer, handler, arg, delay_ms, name);
+}
+}
+
+// The whole road, in the words that a person follows in the field.
+TEST_P(SyncLog, TellsTheRoadMessageByMessage) {
+    const int threshold = GetParam();
+    start({1, 17});
+    platform.become_ready();
+    LogCapture log(threshold);
+    std::vector<LogLine> lines;
+    const auto expect = [&](std::vector<LogLine> more) { lines.insert(lines.end(), more.begin(), more.end()); };
+    const auto p = [](auto *pointer) { return reinterpret_cast<void *>(pointer); };
+    const LogLine notify{0, "dm_cache_user_cb_call", text("notify update obj[17][%p].\n", p(note_change))};
+    const LogLine step5{0, "dm_cache_mom_callback_func", "step 5, g_cache_proc_done = 1\n"};
+    const auto applied = [](int cmd, const char *function = "dm_cache_update_obj") {
+        return LogLine{1, function, text("<==== cmd[%d] flag[0].\n", cmd)};
+    };
+    const LogLine all_subscribed[] = {{1, "dm_cache_mom_start_scan", "all key subscribe done. \n"},
+                                      {0, "dm_cache_mom_start_scan", "dm cache rsync subscribe finish."}};
+    const LogLine scanning{1, "dm_cache_mom_first_scan_data", "all key rsync scan done. \n"};
+    const auto confirmed = [](int row) {
+        return LogLine{1, "dm_cache_mom_callback_func", text("key[%d] subscribe finish. \n", row)};
+    };
+    const auto refused = [](const char *function, const std::string &words) { return LogLine{2, function, words}; };
+
+    receive(17, SET, card(1, 1, 0));
+    receive_value(1, SUBSCRIBED, nullptr);
+    platform.answers = {{scan_card, -5}};
+    receive_value(17, SUBSCRIBED, nullptr);
+    platform.answers.clear();
+    receive_value(17, SUBSCRIBED, nullptr);
+    expect({confirmed(1), confirmed(17), all_subscribed[0], all_subscribed[1],
+            refused("dm_cache_mom_first_scan_data", "tq_mom_subscribe obj[17], fail ret=[-5].\n"), scanning,
+            confirmed(17), all_subscribed[0], all_subscribed[1], scanning});
+
+    result_rec bad{};
+    bad.error = 3;
+    store_msg empty{};
+    const std::string invalid = text("invalid value[%p, 3, (nil)].\n", p(&bad));
+    receive_value(17, 4, &bad);
+    dm_cache_mom_cache(&empty, 17);
+    receive(17, REPLY, card(1, 3, 0));
+    receive_end(1);
+    receive_end(17);
+    expect({refused("dm_cache_mom_cache", invalid),
+            {0, "dm_cache_mom_cache", "====>ignore null pkg!"},
+            {1, "dm_cache_mom_callback_func", "scan done[1] \n"},
+            {1, "dm_cache_mom_update_scan_over_list", "all key scan done. \n"},
+            {0, "dm_cache_mom_update_scan_over_list", "dp rsync scan finish."},
+            {1, "dm_cache_mom_callback_func", "scan done[17] \n"},
+            applied(4, "dm_cache_process_msg"),
+            notify,
+            {0, "dm_cache_clear_data_dirty", "dm_cache_clear_data_dirty done\n"},
+            {0, "dm_cache_mom_process_cache", "process cache, g_cache_proc_done = 1\n"}});
+
+    receive(17, SET, card(1, 3, 0));
+    receive(17, DELETE, card(1, 4, 0));
+    for (const int cmd : {1, 3, 4, 28}) receive_value(17, cmd, nullptr);
+    receive_value(17, 6, &bad);
+    expect({step5,
+            applied(1),
+            notify,
+            step5,
+            applied(3),
+            refused("dm_cache_handle_delmsg", "can't find obj in cache to delete ret[-1] get[(nil)].\r\n"),
+            step5,
+            applied(1),
+            refused("dm_cache_update_obj", "msg value is NULL\r\n"),
+            step5,
+            applied(3),
+            refused("dm_cache_update_obj", "msg value is NULL\r\n"),
+            step5,
+            applied(4),
+            refused("dm_cache_update_obj", "invalid value[(nil)].\n"),
+            step5,
+            applied(28),
+            step5,
+            applied(6),
+            refused("dm_cache_update_obj", invalid)});
+
+    obj_sub_list[17].flag = DM_CACHE_NO_STORE;
+    receive(17, SET, card(1, 5, 0));
+    receive(17, DELETE, card(1, 3, 0));
+    expect({step5,
+            applied(1),
+            refused("dm_cache_handle_setmsg", "dm_cache_list_add error[-1]\r\n"),
+            step5,
+            applied(3),
+            {1, "dm_cache_handle_delmsg", "this is no cache obj.\r\n"},
+            notify});
+
+    EXPECT_EQ(dm_cache_mom_callback_func(nullptr, &empty, &empty), -1);
+    EXPECT_EQ(receive_value(0, 1, nullptr), -1);
+    EXPECT_EQ(receive_value(17, 1, nullptr, 0, /*result=*/5), -1);
+    EXPECT_EQ(receive_value(39, 1, nullptr), -1);
+    receive(1, SET, complete());
+    const std::string null = "global or msg or privdata is NULL \r\n";
+    expect({refused("dm_cache_mom_callback_func", null),
+            refused("dm_cache_mom_callback_func", null),
+            refused("dm_cache_mom_callback_func", null),
+            refused("dm_cache_mom_callback_func", "invalid privdata[39]\r\n"),
+            step5,
+            {0, "dm_cache_mom_callback_func", "step 6, recive complete again\n"},
+            scanning});
+
+    platform.answers = {{"subscribe 1 p_dev.dp", -3}, {scan_card, -2}};
+    platform.lose_connection(1, 1);
+    const Request second = platform.subscriptions.back();
+    EXPECT_EQ(ScriptedPlatform::deliver(second, 29, nullptr), 0);
+    platform.fire_timers();
+    EXPECT_EQ(ScriptedPlatform::deliver(second, 29, nullptr, 0, /*result=*/1), -1);
+    EXPECT_EQ(second.callback(&platform.handle, &empty, reinterpret_cast<void *>(39)), -1);
+    expect({refused("dm_cache_tq_mom_subscribe", "tq_mom_subscribe obj[1], fail ret=[-3].\n"),
+            refused("dm_cache_tq_mom_scan_input_db_timer", "dm_cache_tq_mom_scan_input_db obj[17], fail ret=[-2].\n"),
+            refused("dm_cache_tq_mom_subscribe_callback", "input err.\n"),
+            refused("dm_cache_tq_mom_subscribe_callback", "index err.\n")});
+    EXPECT_EQ(log.take(), at_threshold(threshold, lines));
+}
+
+INSTANTIATE_TEST_SUITE_P(Thresholds, SyncLog, testing::Range(0, 4));
+
+// Every enabled kind and no other is asked for, in its own database; one refusal must not stop the others.
+TEST(Sync, SubscribesAndScansEveryEnabledRowInItsDatabase) {
+    dm_cache_sub_obj(18, nullptr, 0);  // holds no kind: never asked for, waited for by nobody
+    start({1, 17, 21});
+    platform.answers = {{"subscribe 1 p_dev.dp", -3}};
+    platform.calls.clear();
+    platform.become_ready();
+    EXPECT_EQ(drained(&platform.calls), (Strings{"subscribe 1 p_dev.dp_lib_complete", "subscribe 1 p_dev.card_info",
+                                                 "subscribe 3 p_dev.vsl_port_info"}));
+    platform.confirm();
+    receive(17, SET, card(1, 9, 0));
+    EXPECT_EQ(drained(&platform.calls), Strings{});
+    receive_value(1, SUBSCRIBED, nullptr);
+    EXPECT_EQ(drained(&platform.calls), (Strings{scan_complete, scan_card, "scan 3 p_dev.vsl_port_info"}));
+    receive_value(17, SUBSCRIBED, nullptr);  // another confirmation, another full scan
+    EXPECT_EQ(drained(&platform.calls), (Strings{scan_complete, scan_card, "scan 3 p_dev.vsl_port_info"}));
+    platform.answer_scans();
+    EXPECT_EQ(g_cache_proc_done, 1);
+    EXPECT_EQ(drained(&changes), Strings{});
+    receive_value(21, SUBSCRIBED, nullptr);
+    EXPECT_EQ(platform.calls.size(), 3U);
+}
+
+// Static facts must be there before the cards and ports that refer to them, whichever the store sent first.
+TEST(Sync, AppliesClassByClassAndTheRestAsItCame) {
+    start_gathering({1, 6, 14, 17, 21, 32});
+    receive(32, REPLY, vsd(1));
+    receive(17, REPLY, card(1, 2, 0));
+    receive(21, REPLY, link(1));
+    receive(1, REPLY, complete());
+    receive(14, REPLY_HASH, local(1));
+    receive(32, REPLY, vsd(2));
+    receive(6, REPLY, type_info(3));
+    receive(17, SET, card(1, 1, 0));
+    receive(6, DELETE, type_info(3));
+    receive(6, REPLY_GET, type_info(4));  // queued, never applied
+    receive(6, OTHER, type_info(5));
+    receive_end(32);
+    receive(21, REPLY, link(2), /*flag=*/1);  // an end that carries an object: queued once, of the last scan too
+    for (const int32_t row : {1, 6, 14}) receive_end(row);
+    EXPECT_EQ(cached(32) + cached(17) + cached(1), 0);
+    EXPECT_EQ(g_cache_proc_done, 0);
+    EXPECT_EQ(drained(&changes), Strings{});
+    receive(17, REPLY, card(1, 3, 0), /*flag=*/1);
+    EXPECT_EQ(drained(&changes), (Strings{"6 added 3", "6 deleted 3", "14 added 0.0.1.0", "17 added 0.1.2.0",
+                                          "17 added 0.1.1.0", "17 added 0.1.3.0", "32 added 1", "21 added 0.0.0.1",
+                                          "1 added", "32 added 2", "21 added 0.0.0.2"}));
+    EXPECT_EQ(cached(6), 0);
+    EXPECT_EQ(g_cache_proc_done, 1);
+}
+
+// In Live a change is in the cache before its callback, which may take the lock and ask; a scan's stray end changes nothing.
+TEST(Sync, AppliesALiveChangeBeforeItsCallbackAndWithoutTheLock) {
+    static int seen = 0;
+    dm_cache_multi_thread_init();
+    const auto look = [](tq_mom_handle *handle, int32_t type, int32_t operation, ProtobufCMessage *message) {
+        EXPECT_EQ(handle, &platform.handle);
+        EXPECT_TRUE(another_thread_can_lock());
+        PDev__CardInfo *now = nullptr;
+        EXPECT_EQ(dm_cache_get_obj(type, key_of(message), &now), operation == DM_CACHE_DELETED ? -1 : 0);
+        EXPECT_EQ(now ? now->port_num : 2, ++seen > 2 ? 2 : seen);
+        EXPECT_EQ(operation, seen - 1);
+        EXPECT_EQ(reinterpret_cast<PDev__CardInfo *>(message)->port_num, seen > 2 ? 2 : seen);
+        return 0;
+    };
+    dm_cache_sub_obj(17, look, 0);
+    start_live({});
+    EXPECT_EQ(receive(17, SET, card(1, 3, 0).set("port_num", 1)), 0);
+    EXPECT_EQ(receive(17, REPLY_HASH, card(1, 3, 0).set("port_num", 2)), 0);
+    EXPECT_EQ(receive(17, REPLY, card(1, 4, 0), /*flag=*/1), 0);
+    EXPECT_EQ(receive(17, REPLY_GET, card(1, 4, 0)), 0);
+    EXPECT_EQ(receive(17, SET, {"p_dev.card_info"}), 0);
+    EXPECT_EQ(receive(17, DELETE, {"p_dev.card_info"}), 0);
+    EXPECT_EQ(receive(17, DELETE, card(1, 4, 0)), 0);
+    EXPECT_EQ(cached(17), 1);
+    EXPECT_EQ(receive(17, DELETE, card(1, 3, 0)), 0);
+    EXPECT_EQ(seen, 3);
+    EXPECT_EQ(cached(17), 0);
+}
+
+// What still waits when a push arrives is older than the push: it must go first.
+TEST(Sync, AppliesWhatWaitsBeforeALivePushAndSweepsOnlyThen) {
+    start_live({1, 17, 32});
+    receive(17, SET, card(1, 1, 0));
+    element(17, card(1, 1, 0))->dirty = 1;
+    receive(17, SET, card(1, 2, 0));
+    EXPECT_EQ(cached(17), 2);  // an empty queue sweeps nothing
+    drained(&changes);
+    queue(1, complete());
+    queue(32, vsd(1));
+    queue(1, complete());
+    queue(17, card(1, 3, 0));
+    EXPECT_EQ(dm_cache_resort_over(), 0);
+    receive(17, DELETE, card(1, 3, 0));
+    EXPECT_EQ(drained(&changes),
+              (Strings{"17 added 0.1.3.0", "32 added 1", "1 added", "1 replaced", "17 deleted 0.1.3.0"}));
+    EXPECT_EQ(cached(17), 1);
+    EXPECT_EQ(element(17, card(1, 1, 0)), nullptr);
+}
+
+// After the store says "complete" again the cache must hold what the store holds; till then the old answers stay.
+TEST(Sync, ResynchronisesOnCompletionAndSweepsWhatIsGone) {
+    start_gathering({1, 17});
+    dm_cache_set_obj(17, card(1, 7, 0).get());
+    dm_cache_set_obj(16, Message("p_dev.device_info", {{"index.devid", 1}}).get());
+    receive_end(1);
+    receive(17, REPLY, card(1, 3, 0), /*flag=*/1);
+    EXPECT_EQ(cached(17), 2);  // what a query put there survives the first scan
+    drained(&changes);
+
+    receive(1, SET, complete());
+    EXPECT_EQ(cached(1), 0);
+    EXPECT_EQ(drained(&platform.calls), (Strings{scan_complete, scan_card}));
+    receive(17, SET, card(1, 4, 0));
+    receive(17, REPLY, card(1, 3, 0));
+    receive_end(17);
+    EXPECT_EQ(cached(17), 2);
+    EXPECT_EQ(g_cache_proc_done, 1);
+    EXPECT_EQ(drained(&changes), Strings{});
+    receive_end(1);
+    EXPECT_EQ(drained(&changes), (Strings{"17 added 0.1.4.0", "17 replaced 0.1.3.0"}));
+    EXPECT_EQ(element(17, card(1, 7, 0)), nullptr);
+    EXPECT_EQ(cached(17), 2);
+    EXPECT_EQ(cached(16), 1);  // not enabled: not the store's business
+
+    receive(1, SET, complete());  // the store is empty now
+    receive_end(1);
+    receive_end(17);
+    EXPECT_EQ(cached(17), 0);
+    EXPECT_EQ(g_cache_proc_done, 1);
+    EXPECT_EQ(drained(&changes), Strings{});
+}
+
+// A reconnect rescans its own database only, after the store's delay, on the right loop; timers must not double.
+TEST(Sync, RescansTheRowsOfAReconnectedDatabase) {
+    start_live({17, 21});
+    receive(17, SET, card(1, 3, 0));
+    receive(21, SET, link(1));
+    for (const auto &[reason, word] : {std::pair(1, 2), {7, 2}, {2, 3}}) {
+        platform.lose_connection(1, reason);
+        EXPECT_EQ(g_dm_db_connect_reason, word);
+    }
+    EXPECT_EQ(drained(&platform.calls), Strings(3, "subscribe 1 p_dev.card_info"));
+    const Request second = platform.subscriptions.back();
+    EXPECT_NE(second.callback, dm_cache_mom_callback_func);
+    tq_mom_handle other{nullptr, reinterpret_cast<tq_thread_master *>(&platform)};
+    store_msg confirmation{};
+    confirmation.cmd = SUBSCRIBED;
+    platform.reconnect_scan_ms = 250;
+    EXPECT_EQ(second.callback(&other, &confirmation, second.privdata), 0);
+    EXPECT_EQ(second.callback(&other, &confirmation, second.privdata), 0);
+    EXPECT_EQ(ScriptedPlatform::deliver(second, SET, card(1, 4, 0).get()), 0);
+    EXPECT_EQ(drained(&platform.calls),
+              (Strings{"scan_time 1", "timer 17 250", "scan_time 1", "cancel 17", "timer 17 250"}));
+    EXPECT_EQ(armed.master, other.timer_master);
+    EXPECT_EQ(armed.record.state, 0);
+    EXPECT_EQ(armed.name, "dmcache_scan");
+
+    tq_thread_timer *record = platform.timers.begin()->first;
+    platform.fire_timers();
+    EXPECT_EQ(record->arg, 0);
+    EXPECT_EQ(element(17, card(1, 3, 0))->dirty, 1);
+    EXPECT_EQ(element(21, link(1))->dirty, 0);
+    EXPECT_EQ(drained(&platform.calls), Strings{scan_card});
+    platform.answer_scans();
+    EXPECT_EQ(cached(17), 0);
+    EXPECT_EQ(cached(21), 1);
+    EXPECT_EQ(g_cache_proc_done, 1);
+    ScriptedPlatform::deliver(second, SUBSCRIBED, nullptr);
+    EXPECT_EQ(drained(&platform.calls), (Strings{"scan_time 1", "timer 17 250"}));
+}
+
+// Queued before the connection was lost, deleted while it was: such an object must not come to life and stay for ever.
+TEST(Sync, DropsWhatALostConnectionLeftInTheQueue) {
+    for (const bool ended : {false, true}) {
+        if (!ended)
+            start_gathering({17, 21});
+        else
+            receive(17, SET, card(1, 1, 0)), platform.lose_connection(1, 1), platform.confirm(), platform.fire_timers();
+        receive(17, REPLY, card(1, 3, 0));
+        receive(21, REPLY, link(1));
+        platform.lose_connection(1, 1);
+        if (ended) receive_end(17);
+        receive(17, SET, card(1, 4, 0));
+        platform.confirm();
+        receive(17, SET, card(1, 5, 0));
+        platform.fire_timers();
+        platform.answer_scans();
+        EXPECT_EQ(g_cache_proc_done, 1);
+        EXPECT_EQ(element(17, card(1, 3, 0)), nullptr) << ended;
+        EXPECT_EQ(element(17, card(1, 4, 0)), nullptr) << ended;
+        EXPECT_NE(element(17, card(1, 5, 0)), nullptr) << ended;
+        EXPECT_EQ(cached(21), 1);
+    }
+}
+
+// A full kind loses the new object and nothing else; a kind that is not stored fills no memory and reports nothing.
+TEST(Sync, RefusesWhatCannotBeStoredAndGoesOn) {
+    start_live({17, 32});
+    dm_cache_sub_obj(32, nullptr, DM_CACHE_NO_STORE);
+    EXPECT_EQ(receive(32, SET, vsd(1)), 0);
+    EXPECT_EQ(cached(32), 0);
+    receive(17, SET, card(1, 5, 0));
+    obj_sub_list[17].obj_list->count = DM_CACHE_LIST_LIMIT;
+    drained(&changes);
+    LogCapture log(2);
+    EXPECT_EQ(receive(17, SET, card(2, 0, 0)), 0);
+    EXPECT_EQ(log.take(), at_threshold(2, {{2, "dm_cache_handle_setmsg", "dm_cache_list_add error[-1]\r\n"}}));
+    EXPECT_EQ(dm_cache_set_obj(17, card(2, 0, 0).get()), -1);
+    EXPECT_EQ(log.take(), at_threshold(2, {{2, "dm_cache_set_obj", "dm_cache_list_add error[-1]\r\n"}}));
+    EXPECT_EQ(receive(17, SET, card(1, 5, 0)), 0);
+    EXPECT_EQ(drained(&changes), Strings{"17 replaced 0.1.5.0"});
+    EXPECT_EQ(obj_sub_list[17].obj_list->count, DM_CACHE_LIST_LIMIT);
+}

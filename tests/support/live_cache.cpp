@@ -1,0 +1,53 @@
+// Feeds the cache through its public entry points only.
+#include "support/live_cache.h"
+
+#include <utility>
+
+Strings changes;
+
+int32_t note_change(tq_mom_handle *, int32_t type, int32_t operation, ProtobufCMessage *message) {
+    static constexpr const char *names[] = {" added", " replaced", " deleted"};
+    std::string line = std::to_string(type) + names[operation];
+    const ProtobufCMessage *key = key_of(message);
+    for (unsigned i = 0; key && i < key->descriptor->n_fields; ++i) {
+        const auto *field = reinterpret_cast<const char *>(key) + key->descriptor->fields[i].offset;
+        line += (i ? "." : " ") + std::to_string(*reinterpret_cast<const int32_t *>(field));
+    }
+    changes.push_back(line);
+    return -1;
+}
+
+Strings drained(Strings *all) {
+    return std::exchange(*all, {});
+}
+
+void start(std::initializer_list<int32_t> rows) {
+    for (const int32_t row : rows) dm_cache_sub_obj(row, note_change, 0);
+    dm_cache_init(&platform.handle, "test");
+}
+
+int32_t receive(int32_t row, int32_t cmd, const Message &object, int32_t flag) {
+    result_rec record{};
+    record.obj = object.get();
+    const bool wrapped = cmd == REPLY || cmd == REPLY_HASH || cmd == REPLY_GET;
+    return receive_value(row, cmd, wrapped ? static_cast<void *>(&record) : object.get(), flag);
+}
+
+int32_t receive_value(int32_t row, int32_t cmd, void *value, int32_t flag, int32_t result) {
+    Request to;
+    to.callback = dm_cache_mom_callback_func;
+    to.privdata = reinterpret_cast<void *>(static_cast<intptr_t>(row));
+    return ScriptedPlatform::deliver(to, cmd, value, flag, result);
+}
+
+int32_t receive_end(int32_t row) {
+    return receive_value(row, REPLY, nullptr, /*flag=*/1);
+}
+
+dm_cache_list_node *element(int32_t row, const Message &object) {
+    return dm_cache_list_find(obj_sub_list[row].obj_list, obj_sub_list[row].cmp_func, object.get());
+}
+
+int32_t cached(int32_t row) {
+    return obj_sub_list[row].obj_list->count;
+}

@@ -1,0 +1,41 @@
+#ifndef TQ_DM_TESTS_LOG_CAPTURE_H
+#define TQ_DM_TESTS_LOG_CAPTURE_H
+
+// What a test expects in the log, and what was written. One thread at a time.
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+// A message: its level, the function that it names and its text. The line number is not compared.
+struct LogLine {
+    int level;
+    const char *function;
+    std::string text;
+    const char *file = "dm_cache";
+};
+
+// The text of printf with these arguments.
+__attribute__((format(printf, 1, 2))) std::string text(const char *format, ...);
+
+// What stands in the log when this threshold lets through what it should of these messages.
+std::string at_threshold(int threshold, const std::vector<LogLine> &lines);
+
+// Catches standard output in memory while it lives.
+class LogCapture {
+public:
+    explicit LogCapture(int threshold = 0);  // writes g_dm_cache_level
+    ~LogCapture();
+    LogCapture(const LogCapture &) = delete;
+
+    // What was written since the last call, each line number as #.
+    std::string take();
+
+private:
+    int file_;
+    int stdout_;
+    off_t taken_ = 0;
+};
+
+#endif
