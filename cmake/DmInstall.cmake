@@ -1,0 +1,28 @@
+# What `cmake --install` puts where: both libraries, dmq, the public headers with the generated ones, the .proto files, and
+# how pkg-config and CMake find them.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set_target_properties(tq_dm_cache tq_platform PROPERTIES INSTALL_RPATH "$ORIGIN")
+install(TARGETS tq_dm_cache tq_platform LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+if(TARGET dmq)
+  set_target_properties(dmq PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+  install(TARGETS dmq RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ ${PROJECT_BINARY_DIR}/generated/
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/schema/
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/tq_dm_cache FILES_MATCHING PATTERN "*.proto")
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/tq_dm_cache)
+# Relative to where the file is found, so that --prefix and DESTDIR may move the whole.
+file(RELATIVE_PATH DM_PC_TO_INCLUDE /${CMAKE_INSTALL_LIBDIR}/pkgconfig /${CMAKE_INSTALL_INCLUDEDIR})
+configure_file(${CMAKE_CURRENT_LIST_DIR}/tq_dm_cache.pc.in tq_dm_cache.pc @ONLY)
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/tq_dm_cacheConfig.cmake.in tq_dm_cacheConfig.cmake
+  INSTALL_DESTINATION ${package_dir} PATH_VARS CMAKE_INSTALL_LIBDIR CMAKE_INSTALL_INCLUDEDIR)
+write_basic_package_version_file(tq_dm_cacheConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tq_dm_cache.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(FILES
+  ${CMAKE_CURRENT_BINARY_DIR}/tq_dm_cacheConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/tq_dm_cacheConfigVersion.cmake
+  DESTINATION ${package_dir})
