@@ -41,6 +41,17 @@ int32_t copy(const ProtobufCMessage *src, const ProtobufCMessageDescriptor *desc
 }
 
 }  // namespace
+
+bool same_content(const ProtobufCMessage *a, const ProtobufCMessage *b) {
+    const size_t size = protobuf_c_message_get_packed_size(a);
+    if (size != protobuf_c_message_get_packed_size(b)) return false;
+    const OwnedMemory<uint8_t> bytes(static_cast<uint8_t *>(calloc(2, size)));
+    if (!bytes) return size == 0;
+    protobuf_c_message_pack(a, bytes.get());
+    protobuf_c_message_pack(b, bytes.get() + size);
+    return std::memcmp(bytes.get(), bytes.get() + size, size) == 0;
+}
+
 }  // namespace dm
 
 int32_t dm_cache_copy_obj(const void *src, const ProtobufCMessageDescriptor *descriptor, void *out) {

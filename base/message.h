@@ -33,6 +33,9 @@ template <class T> void put(void *out, T *value) {
     std::memcpy(out, &value, sizeof value);
 }
 
+// Both pack to the same bytes. Without memory for the comparison: no.
+bool same_content(const ProtobufCMessage *a, const ProtobufCMessage *b);
+
 // The key of a keyed message; null when it carries none.
 inline ProtobufCMessage *key_of(const ProtobufCMessage *message, uint32_t index_offset) {
     ProtobufCMessage *key;

@@ -35,7 +35,7 @@ template <> inline constexpr int32_t row_of<PDev__VsdPortAttr> = DM_ROW_VSD_PORT
 template <> inline constexpr int32_t row_of<PDev__VsdInfo> = DM_ROW_VSD_INFO;
 template <> inline constexpr int32_t row_of<PDev__DeviceSyncInfo> = DM_ROW_DEVICE_SYNC_INFO;
 
-// What port_index/ does for a row: nothing; set it up without trees; or set it up with trees, whose keys are those of ...
+// Which index a row has. `none`: the row is not port_index/'s to set up; static ports and logical ports have no trees.
 enum class Index : uint8_t { none, static_port, lport, local_port, global_port, vsd_port, card_type, chip_type };
 
 // What a kind's row is made from.

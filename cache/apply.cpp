@@ -29,21 +29,35 @@ int32_t checked_row(const store_msg *msg, void *privdata, Caller caller = Caller
     return static_cast<int32_t>(row);
 }
 
+bool is_push(int32_t cmd) {
+    return cmd == TQ_MOM_CMD_SET || cmd == TQ_MOM_CMD_DELETE;
+}
+bool is_applied_reply(int32_t cmd) {
+    return cmd == TQ_MOM_CMD_REPLY || cmd == TQ_MOM_CMD_REPLY_HASH;
+}
+
 // The object of a set or a delete; null, logged for the caller, when it is missing.
-ProtobufCMessage *object_of(const store_msg *msg, Caller caller = Caller{}) {
+ProtobufCMessage *object_of_push(const store_msg *msg, Caller caller = Caller{}) {
     if (!msg->value) DM_LOG_AS(caller, cache_logs(failure), "msg value is NULL\r\n");
     return static_cast<ProtobufCMessage *>(msg->value);
 }
 
 // The object of a reply; null, logged for the caller, when there is none that can be used.
 ProtobufCMessage *object_of_reply(const store_msg *msg, Caller caller = Caller{}) {
-    if (msg->value) return object_of(static_cast<const result_rec *>(msg->value), caller);
+    if (msg->value) return object_of_record(static_cast<const result_rec *>(msg->value), caller);
     DM_LOG_AS(caller, cache_logs(failure), "invalid value[%p].\n", msg->value);
     return nullptr;
 }
 
 bool stores_nothing(int32_t row) {
     return (obj_sub_list[row].flag & DM_CACHE_NO_STORE) != 0;
+}
+
+void apply(tq_mom_handle *handle, int32_t row, int32_t cmd, ProtobufCMessage *obj) {
+    if (cmd == TQ_MOM_CMD_DELETE)
+        dm_cache_handle_delmsg(handle, row, obj);
+    else if (cmd == TQ_MOM_CMD_SET || is_applied_reply(cmd))
+        dm_cache_handle_setmsg(handle, row, obj);
 }
 
 }  // namespace
@@ -85,21 +99,9 @@ int32_t dm_cache_handle_delmsg(tq_mom_handle *handle, int32_t row, ProtobufCMess
 int32_t dm_cache_process_msg(tq_mom_handle *handle, store_msg *msg, void *privdata) {
     const int32_t row = checked_row(msg, privdata);
     if (row < 0) return -1;
-    ProtobufCMessage *obj = object_of(msg);
+    ProtobufCMessage *obj = object_of_push(msg);
     if (!obj) return -1;
-
-    switch (msg->cmd) {
-        case TQ_MOM_CMD_SET:
-        case TQ_MOM_CMD_REPLY:
-        case TQ_MOM_CMD_REPLY_HASH:
-            dm_cache_handle_setmsg(handle, row, obj);
-            break;
-        case TQ_MOM_CMD_DELETE:
-            dm_cache_handle_delmsg(handle, row, obj);
-            break;
-        default:
-            break;
-    }
+    apply(handle, row, msg->cmd, obj);
     return 0;
 }
 
@@ -110,36 +112,17 @@ int32_t dm_cache_update_obj(tq_mom_handle *handle, store_msg *msg, void *privdat
         DM_LOG(notice, "scan[%d] \n", msg->cmd);
         DM_LOG(trace, "scan[%d] done.\n", row);
     }
-
-    switch (msg->cmd) {
-        case TQ_MOM_CMD_SUBSCRIBED: {
-            const obj_sub_entry &entry = obj_sub_list[row];
-            const int32_t ret = tq_mom_scan(handle, entry.db_id, entry.obj_tmpl, 0, dm_cache_update_obj, row_word(row));
-            DM_LOG(trace, "subscribe[%d] ready, start scan[%d].\n", row, ret);
-            return 0;
-        }
-        case TQ_MOM_CMD_SET: {
-            ProtobufCMessage *obj = object_of(msg);
-            if (!obj) return -1;
-            dm_cache_handle_setmsg(handle, row, obj);
-            return 0;
-        }
-        case TQ_MOM_CMD_DELETE: {
-            ProtobufCMessage *obj = object_of(msg);
-            if (!obj) return -1;
-            dm_cache_handle_delmsg(handle, row, obj);
-            return 0;
-        }
-        case TQ_MOM_CMD_REPLY:
-        case TQ_MOM_CMD_REPLY_HASH: {
-            ProtobufCMessage *obj = object_of_reply(msg);
-            if (!obj) return -1;
-            dm_cache_handle_setmsg(handle, row, obj);
-            return 0;
-        }
-        default:
-            return 0;
+    if (msg->cmd == TQ_MOM_CMD_SUBSCRIBED) {
+        const obj_sub_entry &entry = obj_sub_list[row];
+        const int32_t ret = tq_mom_scan(handle, entry.db_id, entry.obj_tmpl, 0, dm_cache_update_obj, row_word(row));
+        DM_LOG(trace, "subscribe[%d] ready, start scan[%d].\n", row, ret);
+        return 0;
     }
+    if (!is_push(msg->cmd) && !is_applied_reply(msg->cmd)) return 0;
+    ProtobufCMessage *obj = is_push(msg->cmd) ? object_of_push(msg) : object_of_reply(msg);
+    if (!obj) return -1;
+    apply(handle, row, msg->cmd, obj);
+    return 0;
 }
 
 }  // namespace dm

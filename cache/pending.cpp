@@ -46,10 +46,6 @@ void apply_item(tq_mom_handle *handle, pending_item *item) {
     unqueue(item);
 }
 
-bool carries_record(int32_t cmd) {
-    return cmd == TQ_MOM_CMD_REPLY || cmd == TQ_MOM_CMD_REPLY_HASH || cmd == TQ_MOM_CMD_REPLY_GET;
-}
-
 }  // namespace
 
 void dm_cache_process_order(tq_mom_handle *handle, int32_t proc_order) {
@@ -68,7 +64,11 @@ void drop_pending(int32_t row) {
     for_items([=](const pending_item &item) { return item.row == row; }, [](pending_item *item) { unqueue(item); });
 }
 
-ProtobufCMessage *object_of(const result_rec *record, Caller caller) {
+bool carries_record(int32_t cmd) {
+    return cmd == TQ_MOM_CMD_REPLY || cmd == TQ_MOM_CMD_REPLY_HASH || cmd == TQ_MOM_CMD_REPLY_GET;
+}
+
+ProtobufCMessage *object_of_record(const result_rec *record, Caller caller) {
     if (record->error == 0 && record->obj) return record->obj;
     DM_LOG_AS(caller, cache_logs(failure), "invalid value[%p, %d, %p].\n", static_cast<const void *>(record),
               record->error, static_cast<void *>(record->obj));
@@ -89,8 +89,9 @@ int32_t dm_cache_mom_cache(store_msg *msg, int32_t row) {
     if (!item) return -1;
     item->row = row;
     item->cmd = msg->cmd;
-    const ProtobufCMessage *obj = carries_record(msg->cmd) ? object_of(static_cast<const result_rec *>(msg->value))
-                                                           : static_cast<const ProtobufCMessage *>(msg->value);
+    const ProtobufCMessage *obj = carries_record(msg->cmd)
+                                      ? object_of_record(static_cast<const result_rec *>(msg->value))
+                                      : static_cast<const ProtobufCMessage *>(msg->value);
     if (!obj) return -1;
     if (const int32_t ret = dm_cache_copy_obj(obj, obj->descriptor, &item->obj); ret != 0) {
         DM_LOG(failure, "dm_cache_copy_obj failed ! ret %d\r\n", ret);

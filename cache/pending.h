@@ -25,7 +25,10 @@ void dm_cache_process_rest(tq_mom_handle *handle);
 // Frees what waits for a row.
 void drop_pending(int32_t row);
 
+// The value of a message with this command is a record that carries the object, not the object itself.
+bool carries_record(int32_t cmd);
+
 // The object of a one-object reply; null, logged for the caller, when the reply carries an error or no object.
-ProtobufCMessage *object_of(const result_rec *record, Caller caller = Caller{});
+ProtobufCMessage *object_of_record(const result_rec *record, Caller caller = Caller{});
 
 }  // namespace dm

@@ -9,13 +9,8 @@
 namespace dm {
 namespace {
 
-// Where a static port sits; null for objects of other rows. Ports at that place take their keys from it, so they leave
-// their trees before it changes and come back after.
-const PDev__PortIndex *static_port_place(int32_t type, const ProtobufCMessage *obj) {
-    return type == DM_ROW_PORT_STATIC ? as<PDev__PortStatic>(obj)->index : nullptr;
-}
-
-int32_t put_message(obj_sub_entry &row, OwnedMessage message) DM_REQUIRES_LOCK {
+int32_t put_message(int32_t type, OwnedMessage message) DM_REQUIRES_LOCK {
+    obj_sub_entry &row = obj_sub_list[type];
     dm_cache_list_node *node = dm_cache_list_find(row.obj_list, row.cmp_func, message.get());
     const bool replaced = node;
     if (replaced) {
@@ -29,10 +24,26 @@ int32_t put_message(obj_sub_entry &row, OwnedMessage message) DM_REQUIRES_LOCK {
     return replaced ? 1 : 0;
 }
 
+// The ports at a static port's place take their keys from it: they leave their trees before it changes and come back
+// after. One that comes again as it was, as all do when the store is scanned again, leaves them alone.
+int32_t put_static_port(OwnedMessage message) DM_REQUIRES_LOCK {
+    const obj_sub_entry &row = obj_sub_list[DM_ROW_PORT_STATIC];
+    dm_cache_list_node *node = dm_cache_list_find(row.obj_list, row.cmp_func, message.get());
+    if (node && same_content(node->obj, message.get())) {
+        node->dirty = 0;
+        return 1;
+    }
+    const PDev__PortIndex place = *as<PDev__PortStatic>(message.get())->index;
+    if (node) unindex_ports_at(place);
+    const int32_t result = put_message(DM_ROW_PORT_STATIC, std::move(message));
+    index_ports_at(place);
+    return result;
+}
+
 OwnedNode take_out(int32_t type, dm_cache_list_node *node) DM_REQUIRES_LOCK {
     obj_sub_entry &row = obj_sub_list[type];
     unindex_element(row, node);
-    if (const PDev__PortIndex *place = static_port_place(type, node->obj)) unindex_ports_at(*place);
+    if (type == DM_ROW_PORT_STATIC) unindex_ports_at(*as<PDev__PortStatic>(node->obj)->index);
     dm_list_del_with_limit(&node->link, &row.obj_list->count);
     status_objects(type, row.obj_list->count);
     return OwnedNode(node);
@@ -46,10 +57,9 @@ int32_t store_object(int32_t type, const ProtobufCMessage *obj) {
     ProtobufCMessage *copy = nullptr;
     if (const int32_t code = dm_cache_copy_obj(obj, obj->descriptor, &copy); code != 0) return code;
 
-    const PDev__PortIndex *place = static_port_place(type, obj);
-    if (place) unindex_ports_at(*place);
-    const int32_t result = put_message(row, OwnedMessage(copy));
-    if (place) index_ports_at(*place);
+    OwnedMessage message(copy);
+    const int32_t result =
+        type == DM_ROW_PORT_STATIC ? put_static_port(std::move(message)) : put_message(type, std::move(message));
     status_objects(type, row.obj_list->count);
     return result;
 }

@@ -37,15 +37,20 @@ void keep_name(const char *name) {
     dm_cache_my_name[sizeof dm_cache_my_name - 1] = '\0';
 }
 
-// A start that failed has left objects and index sets behind, and the store may still be sending.
+// A start that failed has left objects and index sets behind, and the store may still be sending: what such a row says of
+// itself is right already and stays as it is.
 void set_up_table() {
+    begin_again();
     CacheLock lock;
-    cancel_rescans();
     for (int32_t row = 0; row < obj_sub_list_max; ++row) {
-        discard_row(row);
-        obj_sub_list[row].db_id = 1;
-        obj_sub_list[row].spare = 0;
-        obj_sub_list[row].proc_order = 0;
+        obj_sub_entry &entry = obj_sub_list[row];
+        if (entry.obj_list) {
+            discard_row(row);
+            continue;
+        }
+        entry.db_id = 1;
+        entry.spare = 0;
+        entry.proc_order = 0;
     }
     dm_cache_init_obj(obj_sub_list);
     ndm_cache_init_port_obj(obj_sub_list);
@@ -60,8 +65,7 @@ int32_t dm_cache_db_conn(void *, uintptr_t db) {
 }
 
 int32_t dm_cache_reconnect_cb(void *, uint32_t db, int32_t reason, void *) {
-    if (reason == 1) g_dm_db_connect_reason = 2;
-    if (reason == 2) g_dm_db_connect_reason = 3;
+    if (reason == 1 || reason == 2) __atomic_store_n(&g_dm_db_connect_reason, reason + 1, __ATOMIC_RELAXED);
     dm_cache_tq_mom_subscribe(db);
     return 0;
 }

@@ -23,6 +23,7 @@ pthread_mutex_t status_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t status_changed = PTHREAD_COND_INITIALIZER;
 RowStatus rows[DM_ROW_COUNT];
 uint32_t applied = 0;
+bool synced = false;  // since the last start
 
 class StatusLock {
 public:
@@ -54,24 +55,24 @@ timespec deadline_in(int32_t timeout_ms) {
     return time;
 }
 
-uint32_t &counter(dm_cache_stats &stats, Count what) {
-    switch (what) {
-        case Count::sets:
-            return stats.sets;
-        case Count::deletes:
-            return stats.deletes;
-        case Count::swept:
-            return stats.swept;
-        default:
-            return stats.refused;
-    }
+constexpr uint32_t dm_cache_stats::*counters[] = {&dm_cache_stats::sets, &dm_cache_stats::deletes,
+                                                  &dm_cache_stats::swept, &dm_cache_stats::refused};
+
+// Waits for a change of the status that makes `holds` true; -1 when the time is up.
+template <class Holds> int32_t wait_until(const Holds &holds, int32_t timeout_ms) {
+    const timespec deadline = deadline_in(timeout_ms > 0 ? timeout_ms : 0);
+    StatusLock lock;
+    while (!holds())
+        if (pthread_cond_clockwait(&status_changed, &status_mutex, CLOCK_MONOTONIC, &deadline) == ETIMEDOUT)
+            return holds() ? 0 : -1;
+    return 0;
 }
 
 }  // namespace
 
 void status_count(int32_t row, Count what, uint32_t n) {
     StatusLock lock;
-    counter(rows[row].stats, what) += n;
+    rows[row].stats.*counters[static_cast<size_t>(what)] += n;
 }
 
 void status_objects(int32_t row, int32_t cached) {
@@ -93,12 +94,20 @@ void status_scanned(int32_t row, bool done) {
     StatusLock lock;
     RowStatus &status = rows[row];
     status.stats.scanned = done ? 1 : 0;
-    if (done) status.stats.last_scan_ms = static_cast<uint32_t>(now_ms() - status.scan_asked_ms);
+    if (done && status.scan_asked_ms != 0)
+        status.stats.last_scan_ms = static_cast<uint32_t>(now_ms() - status.scan_asked_ms);
+}
+
+void status_restarted() {
+    StatusLock lock;
+    synced = false;
+    for (RowStatus &row : rows) row.stats.subscribed = row.stats.scanned = 0;
 }
 
 void status_applied() {
     StatusLock lock;
     ++applied;
+    synced = true;
     pthread_cond_broadcast(&status_changed);
 }
 
@@ -107,7 +116,7 @@ void status_applied() {
 using namespace dm;
 
 int32_t dm_cache_wait_synced(int32_t timeout_ms) {
-    return dm_cache_wait_applied(0, timeout_ms);
+    return wait_until([] { return synced; }, timeout_ms);
 }
 
 uint32_t dm_cache_applied(void) {
@@ -116,16 +125,12 @@ uint32_t dm_cache_applied(void) {
 }
 
 int32_t dm_cache_wait_applied(uint32_t than, int32_t timeout_ms) {
-    const timespec deadline = deadline_in(timeout_ms > 0 ? timeout_ms : 0);
-    StatusLock lock;
-    while (applied <= than)
-        if (pthread_cond_clockwait(&status_changed, &status_mutex, CLOCK_MONOTONIC, &deadline) == ETIMEDOUT)
-            return applied > than ? 0 : -1;
-    return 0;
+    return wait_until([=] { return applied > than; }, timeout_ms);
 }
 
 int32_t dm_cache_get_stats(int32_t type, dm_cache_stats *stats, uint32_t size) {
     if (!row_in_range(type) || !stats) return -1;
+    std::memset(stats, 0, size);
     StatusLock lock;
     dm_cache_stats now_stats = rows[type].stats;
     now_stats.enabled = obj_sub_list[type].enable;

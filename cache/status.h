@@ -14,6 +14,9 @@ void status_subscribed(int32_t row);
 void status_scan_asked(int32_t row);
 void status_scanned(int32_t row, bool done);
 
+// The machine begins again, after a start that failed.
+void status_restarted();
+
 // A full application is done: wakes who waits for it.
 void status_applied();
 

@@ -12,7 +12,8 @@
 //   live          all three flags 1: each push is applied at once.
 //
 // Two things lead from live back to gathering: a push of row 1 (the store announces its content complete again), which
-// marks every row dirty and scans all of them; and a lost connection, after which the rows of that database are subscribed
+// marks every row dirty and scans all of them (a scan's reply of row 1 announces nothing: when two scans overlap, the reply
+// of the second would ask for a third, for ever); and a lost connection, after which the rows of that database are subscribed
 // again, and marked dirty and scanned again when each one's timer ends. Subscribing is never entered twice.
 //
 // A row whose subscription or scan is refused, or never confirmed, holds the machine where it is until a reconnect.
@@ -43,6 +44,13 @@ RowFlags g_cache_scan_done;
 uint8_t g_cache_all_sub_done = 0;
 uint8_t g_cache_all_scan_done = 0;
 tq_thread_timer g_cache_scan_timer[DM_ROW_COUNT];
+
+// A row waits for its timer: a scan that ends before the timer has asked for one is an older one and does not count. The
+// timer's thread clears it.
+RowFlags g_cache_rescan_due;
+
+// A start has been made again: the callback thread is to begin from the first state.
+uint8_t g_cache_restart_due = 0;
 
 enum class State { subscribing, gathering, applying, live };
 
@@ -108,6 +116,7 @@ void dm_cache_mom_start_scan() {
 }
 
 void dm_cache_mom_update_scan_over_list(store_msg *msg, int32_t row) {
+    if (__atomic_load_n(&g_cache_rescan_due[row], __ATOMIC_ACQUIRE)) return;
     set_scan_done(row, true);
     if (!every_followed_row(g_cache_scan_done) || g_cache_all_scan_done) return;
     DM_LOG(notice, "all key scan done. \n");
@@ -140,6 +149,17 @@ void dm_cache_mom_process_cache(tq_mom_handle *handle) {
     if (gathered && proc_done()) status_applied();
 }
 
+void reset_machine() {
+    for (int32_t row = 0; row < obj_sub_list_max; ++row) {
+        drop_pending(row);
+        g_cache_sub_done[row] = g_cache_scan_done[row] = 0;
+        __atomic_store_n(&g_cache_rescan_due[row], uint8_t{0}, __ATOMIC_RELEASE);
+    }
+    g_cache_all_sub_done = g_cache_all_scan_done = 0;
+    set_proc_done(0);
+    status_restarted();
+}
+
 // The store's content is complete again: everything that its scans do not bring any more is to go.
 void resynchronise() {
     dm_cache_set_all_dirty();
@@ -158,21 +178,24 @@ int32_t dm_cache_tq_mom_scan_input_db_timer(tq_thread_timer *timer) {
         CacheLock lock;
         mark_dirty(row);
     }
+    *timer = {};
+    __atomic_store_n(&g_cache_rescan_due[row], uint8_t{0}, __ATOMIC_RELEASE);
     const int32_t ret = scan_row(row);
     if (ret != 0) DM_LOG(failure, "dm_cache_tq_mom_scan_input_db obj[%d], fail ret=[%d].\n", row, ret);
-    g_cache_scan_timer[row] = {};
     return ret;
 }
 
 void cancel_rescan(int32_t row) {
     tq_thread_timer &timer = g_cache_scan_timer[row];
-    if (timer.state & TQ_THREAD_TIMER_ARMED) tq_thread_cancel(&timer);
+    if (!(timer.state & TQ_THREAD_TIMER_ARMED)) return;
+    tq_thread_cancel(&timer);
     timer = {};
 }
 
 // Whatever was scanned or queued for a row before its subscription was restored is older than the rescan to come.
 void gather_again(int32_t row) {
     drop_pending(row);
+    __atomic_store_n(&g_cache_rescan_due[row], uint8_t{1}, __ATOMIC_RELEASE);
     set_scan_done(row, false);
     g_cache_all_scan_done = 0;
 }
@@ -211,8 +234,9 @@ int32_t dm_cache_tq_mom_subscribe(uint32_t db) {
     return ret;
 }
 
-void cancel_rescans() {
+void begin_again() {
     for (int32_t row = 0; row < obj_sub_list_max; ++row) cancel_rescan(row);
+    __atomic_store_n(&g_cache_restart_due, uint8_t{1}, __ATOMIC_RELEASE);
 }
 
 }  // namespace dm
@@ -220,6 +244,7 @@ void cancel_rescans() {
 using namespace dm;
 
 int32_t dm_cache_subscribe(uint32_t db) {
+    if (__atomic_exchange_n(&g_cache_restart_due, uint8_t{0}, __ATOMIC_ACQ_REL)) reset_machine();
     for_followed_rows([=, caller = Caller{}](int32_t row, const obj_sub_entry &entry) {
         if (entry.db_id == db) subscribe_row(row, dm_cache_mom_callback_func, caller);
     });
@@ -257,7 +282,7 @@ int32_t dm_cache_mom_callback_func(tq_mom_handle *handle, store_msg *msg, void *
     dm_cache_mom_process_cache(handle);
     if (msg->flag == 1 || state() != State::live) return 0;
     DM_LOG(trace, "step 5, g_cache_proc_done = %d\n", proc_done());
-    if (row != DM_ROW_DP_LIB_COMPLETE) {
+    if (row != DM_ROW_DP_LIB_COMPLETE || carries_record(msg->cmd)) {
         dm_cache_update_obj(handle, msg, privdata);
         return 0;
     }

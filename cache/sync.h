@@ -9,7 +9,8 @@ namespace dm {
 // last answer of the store, -1 when no row belongs to the database.
 int32_t dm_cache_tq_mom_subscribe(uint32_t db);
 
-// Disarms every rescan that waits for its timer.
-void cancel_rescans();
+// For another start after one that failed: disarms what waits for its timer, and has the machine begin again with the next
+// database that is ready. On the starting thread.
+void begin_again();
 
 }  // namespace dm

@@ -33,9 +33,14 @@ template <class T> const T *keyed_message(const dm_cache_list_node *node, Caller
     return nullptr;
 }
 
+PDev__PortIndex place(int32_t dev, int32_t slot, int32_t sslot, int32_t port, int32_t type) {
+    return {.base = {}, .t_dev = dev, .t_slot = slot, .t_port = port, .t_type = type, .t_sslot = sslot};
+}
+
 // The static port of a port, with its attributes; null, logged, when it is not cached or has none.
 template <class T> PDev__PortStatic *static_port_of(const T *port, Caller caller = Caller{}) DM_REQUIRES_LOCK {
-    PDev__PortStatic *found = find_static_port(place_of(*port->index));
+    const auto &idx = *port->index;
+    PDev__PortStatic *found = find_static_port(place(idx.t_dev, idx.t_slot, idx.t_sslot, idx.t_port, idx.t_type));
     if (found && found->static_info) return found;
     DM_LOG_AS(caller, cache_logs(failure), "get static port fail, or static info invalid.\n");
     return nullptr;
@@ -108,24 +113,6 @@ IndexPlan plan_of(Index index) {
     }
 }
 
-PDev__PortIndex place_of(const PDev__PortIndex &idx) {
-    return idx;
-}
-
-PDev__PortIndex place_of(const PDev__VsdPortIndex &idx) {
-    return {.base = {},
-            .t_dev = idx.t_dev,
-            .t_slot = idx.t_slot,
-            .t_port = idx.t_port,
-            .t_type = idx.t_type,
-            .t_sslot = idx.t_sslot};
-}
-
-bool same_place(const PDev__PortIndex &a, const PDev__PortIndex &b) {
-    return a.t_dev == b.t_dev && a.t_slot == b.t_slot && a.t_sslot == b.t_sslot && a.t_port == b.t_port &&
-           a.t_type == b.t_type;
-}
-
 PDev__PortStatic *find_static_port(const PDev__PortIndex &place) {
     for (const dm_cache_list_node &node : Elements(obj_sub_list[DM_ROW_PORT_STATIC].obj_list)) {
         auto *port = reinterpret_cast<PDev__PortStatic *>(node.obj);
@@ -140,8 +127,7 @@ int32_t ndm_get_static_port_by_index_with_subslot(int32_t t_dev, int32_t t_slot,
                                                   int32_t t_type, void *out) {
     if (!out) return -1;
     dm::caller_holds_lock();
-    PDev__PortStatic *found = dm::find_static_port(
-        {.base = {}, .t_dev = t_dev, .t_slot = t_slot, .t_port = t_port, .t_type = t_type, .t_sslot = t_sslot});
+    PDev__PortStatic *found = dm::find_static_port(dm::place(t_dev, t_slot, t_sslot, t_port, t_type));
     dm::put(out, found);
     return found ? 0 : -1;
 }

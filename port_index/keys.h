@@ -47,10 +47,11 @@ struct IndexPlan {
 };
 IndexPlan plan_of(Index index);
 
-// Where a port sits, which is what names its static port. The two kinds of port key carry it alike.
-PDev__PortIndex place_of(const PDev__PortIndex &idx);
-PDev__PortIndex place_of(const PDev__VsdPortIndex &idx);
-bool same_place(const PDev__PortIndex &a, const PDev__PortIndex &b);
+// The two kinds of port key name the same place, which is what a port and its static port have in common.
+template <class Key> bool same_place(const Key &a, const PDev__PortIndex &b) {
+    return a.t_dev == b.t_dev && a.t_slot == b.t_slot && a.t_sslot == b.t_sslot && a.t_port == b.t_port &&
+           a.t_type == b.t_type;
+}
 
 // The cached static port at a place; null when there is none.
 PDev__PortStatic *find_static_port(const PDev__PortIndex &place) DM_REQUIRES_LOCK;

@@ -38,7 +38,7 @@ template <class T, class Change> void for_ports_at(const PDev__PortIndex &place,
     const obj_sub_entry &row = obj_sub_list[row_of<T>];
     for (dm_cache_list_node &node : Elements(row.obj_list)) {
         const T *port = as<T>(node.obj);
-        if (port->index && same_place(place_of(*port->index), place)) change(row, &node);
+        if (port->index && same_place(*port->index, place)) change(row, &node);
     }
 }
 
@@ -52,6 +52,7 @@ template <class Change> void for_all_ports_at(const PDev__PortIndex &place, cons
 int32_t index_element(const obj_sub_entry &row, dm_cache_list_node *node) {
     ndm_cache_tree *set = row.port_tree;
     if (!set) return 0;
+    unindex_element(row, node);
     if (set->gen_key(node) != 0 || !node->key) return -1;
     for (int32_t i = 0; i < set->tree_num; ++i) {
         if (dm_rbtree_insert_node(&set->root[i], node->key->key[i], node) == 0) continue;
