@@ -1,0 +1,16 @@
+// How a command ends: the exit codes, and the one exception that carries a code with its message.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace dmq {
+
+enum Exit { exit_yes = 0, exit_no = 1, exit_usage = 2, exit_unreachable = 3, exit_timeout = 4 };
+
+struct Failure : std::runtime_error {
+    Failure(Exit exit, const std::string &text) : std::runtime_error(text), code(exit) {}
+    Exit code;
+};
+
+}  // namespace dmq

@@ -1,0 +1,78 @@
+// What reads the cache as it is: get, sync, watch. (Tables stand in show.cpp.)
+#include "dmq/command.h"
+#include "dmq/watch.h"
+#include "dmq/words.h"
+
+namespace dmq {
+
+namespace {
+
+std::vector<Kind> kinds_of(const std::vector<std::string> &names) {
+    std::vector<Kind> kinds;
+    for (const auto &name : names) kinds.push_back(find_cached_kind(name));
+    return kinds;
+}
+
+Table sync_table() {
+    Table table{{"row", "kind", "db", "subscribed", "scanned", "objects", "sets", "deletes", "swept", "refused", "ms"},
+                {}};
+    for (const Kind &kind : cached_kinds()) {
+        const dm_cache_stats stats = stats_of(kind.row);
+        if (!stats.enabled) continue;
+        table.rows.push_back({kind.row, kind.type->name, kind.db, stats.subscribed != 0, stats.scanned != 0,
+                              stats.objects, stats.sets, stats.deletes, stats.swept, stats.refused,
+                              stats.last_scan_ms});
+    }
+    return table;
+}
+
+}  // namespace
+
+// All kinds, or one kind's objects that agree with the words. No such object: 1.
+Exit run_get(Context &context, const Command &command) {
+    std::vector<Kind> kinds;
+    std::vector<Assignment> wanted;
+    if (!command.words.empty()) {
+        kinds.push_back(find_cached_kind(command.words[0]));
+        wanted = read_words(*kinds[0].type, {command.words.begin() + 1, command.words.end()});
+    }
+    context.synchronised(kinds, command.settings);
+    TopologyWriter writer;
+    size_t count = 0;
+    for (const Kind &kind : kinds.empty() ? cached_kinds() : kinds) {
+        each_cached(kind.row, [&](const ProtobufCMessage &object) {
+            if (!wanted.empty() && !agrees(to_json(object, Fields::all), wanted)) return;
+            writer.add(entry_json(kind.db, object));
+            count++;
+        });
+    }
+    writer.finish();
+    return count ? exit_yes : exit_no;
+}
+
+// The rows are shown also when they are not synchronised: that is when one wants to see them.
+Exit run_sync(Context &context, const Command &command) {
+    std::optional<Failure> late;
+    try {
+        context.synchronised(kinds_of(command.words), command.settings);
+    } catch (const Failure &failure) {
+        if (failure.code != exit_timeout) throw;
+        late = failure;
+    }
+    print_table(sync_table(), command.settings.json);
+    if (late) throw Failure(*late);
+    return exit_yes;
+}
+
+Exit run_watch(Context &context, const Command &command) {
+    const auto kinds = kinds_of(command.words);
+    context.synchronised(kinds, command.settings);
+    if (command.background && !context.in_shell) throw Failure(exit_usage, "watch & is for a shell of dmq");
+    start_watch(kinds, command.settings.json);
+    if (command.background) return exit_yes;
+    wait_for_end(command.watch_for);
+    stop_watch();
+    return exit_yes;
+}
+
+}  // namespace dmq

@@ -1,0 +1,285 @@
+// The two directions field by field. A message is built as its descriptor says: zeroed memory of its size, its
+// initialiser, then each value at its offset, with the default allocator, so that protobuf-c frees it.
+#include "dmq/json.h"
+
+#include <cstring>
+#include <optional>
+#include <utility>
+
+#include "dmq/names.h"
+
+namespace dmq {
+
+namespace {
+
+[[noreturn]] void refuse(const std::string &where, const std::string &what) {
+    throw Failure(exit_usage, where.empty() ? what : where + ": " + what);
+}
+
+std::string quoted(const Json &value) {
+    const std::string text = value.dump(-1, ' ', /*ensure_ascii=*/true, Json::error_handler_t::replace);
+    return text.size() <= 60 ? text : text.substr(0, 57) + "...";
+}
+
+template <class T> T &at(const ProtobufCMessage &message, unsigned offset) {
+    return *reinterpret_cast<T *>(reinterpret_cast<uintptr_t>(&message) + offset);
+}
+
+template <class T> T &as(const void *place) {
+    return *static_cast<T *>(const_cast<void *>(place));
+}
+
+// The schema has these types and no others.
+size_t size_of(ProtobufCType type) {
+    switch (type) {
+        case PROTOBUF_C_TYPE_INT64:
+        case PROTOBUF_C_TYPE_UINT64:
+            return 8;
+        case PROTOBUF_C_TYPE_STRING:
+        case PROTOBUF_C_TYPE_MESSAGE:
+            return sizeof(void *);
+        case PROTOBUF_C_TYPE_BYTES:
+            return sizeof(ProtobufCBinaryData);
+        default:
+            return 4;
+    }
+}
+
+bool is_set(const ProtobufCFieldDescriptor &field, const ProtobufCMessage &message) {
+    if (field.label == PROTOBUF_C_LABEL_REPEATED) return at<size_t>(message, field.quantifier_offset) > 0;
+    const void *place = &at<char>(message, field.offset);
+    if (field.type == PROTOBUF_C_TYPE_STRING) return as<const char *>(place) && *as<const char *>(place);
+    if (field.type == PROTOBUF_C_TYPE_BYTES) return as<ProtobufCBinaryData>(place).len > 0;
+    static const char zero[8] = {};
+    return std::memcmp(place, zero, size_of(field.type)) != 0;
+}
+
+Json enum_json(const ProtobufCFieldDescriptor &field, int value) {
+    const auto *values = static_cast<const ProtobufCEnumDescriptor *>(field.descriptor);
+    if (const auto *found = protobuf_c_enum_descriptor_get_value(values, value)) return found->name;
+    return value;
+}
+
+Json value_json(const ProtobufCFieldDescriptor &field, const void *place, Fields which) {
+    switch (field.type) {
+        case PROTOBUF_C_TYPE_UINT32:
+            return as<uint32_t>(place);
+        case PROTOBUF_C_TYPE_INT64:
+            return as<int64_t>(place);
+        case PROTOBUF_C_TYPE_UINT64:
+            return as<uint64_t>(place);
+        case PROTOBUF_C_TYPE_BOOL:
+            return as<protobuf_c_boolean>(place) != 0;
+        case PROTOBUF_C_TYPE_ENUM:
+            return enum_json(field, as<int>(place));
+        case PROTOBUF_C_TYPE_STRING:
+            return as<const char *>(place) ? as<const char *>(place) : "";
+        case PROTOBUF_C_TYPE_BYTES:
+            return to_hex(as<ProtobufCBinaryData>(place));
+        case PROTOBUF_C_TYPE_MESSAGE:
+            if (!as<const ProtobufCMessage *>(place)) return nullptr;
+            return to_json(*as<const ProtobufCMessage *>(place), which);
+        default:
+            return as<int32_t>(place);
+    }
+}
+
+Json field_json(const ProtobufCFieldDescriptor &field, const ProtobufCMessage &message, Fields which) {
+    if (field.label != PROTOBUF_C_LABEL_REPEATED) return value_json(field, &at<char>(message, field.offset), which);
+    Json array = Json::array();
+    const char *element = at<const char *>(message, field.offset);
+    for (size_t i = 0; i < at<size_t>(message, field.quantifier_offset); i++, element += size_of(field.type))
+        array.push_back(value_json(field, element, which));
+    return array;
+}
+
+template <class T> T number(const Json &value, const std::string &where) {
+    const auto fits = [](auto n) { return std::in_range<T>(n); };
+    if (value.is_number_unsigned() && fits(value.get<uint64_t>())) return static_cast<T>(value.get<uint64_t>());
+    if (value.is_number_integer() && !value.is_number_unsigned() && fits(value.get<int64_t>()))
+        return static_cast<T>(value.get<int64_t>());
+    using Limits = std::numeric_limits<T>;
+    refuse(where, "needs a whole number from " + std::to_string(Limits::min()) + " to " +
+                      std::to_string(Limits::max()) + ", not " + quoted(value));
+}
+
+int enum_number(const ProtobufCFieldDescriptor &field, const Json &value, const std::string &where) {
+    const auto &type = *static_cast<const ProtobufCEnumDescriptor *>(field.descriptor);
+    std::string names;
+    for (const auto &listed : std::span(type.values, type.n_values)) {
+        if (value == listed.name) return listed.value;
+        names += (names.empty() ? "" : ", ") + std::string(listed.name);
+    }
+    refuse(where, "needs a value of " + std::string(type.name) + " (" + names + "), not " + quoted(value));
+}
+
+int nibble(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+// Pairs of hex digits, all of them or none separated by colons.
+std::optional<std::string> from_hex(std::string_view text) {
+    const bool colons = text.size() > 2 && text[2] == ':';
+    const size_t step = colons ? 3 : 2;
+    if ((text.size() + (colons ? 1 : 0)) % step != 0) return std::nullopt;
+    std::string bytes;
+    for (size_t i = 0; i < text.size(); i += step) {
+        const int high = nibble(text[i]), low = nibble(text[i + 1]);
+        if (high < 0 || low < 0 || (i > 0 && colons && text[i - 1] != ':')) return std::nullopt;
+        bytes += static_cast<char>(high << 4 | low);
+    }
+    return bytes;
+}
+
+void *allocate(size_t size) {
+    void *memory = std::calloc(1, size ? size : 1);
+    if (!memory) throw std::bad_alloc();
+    return memory;
+}
+
+char *string_value(const Json &value, const std::string &where) {
+    if (!value.is_string()) refuse(where, "needs a text, not " + quoted(value));
+    const auto &text = value.get_ref<const std::string &>();
+    if (text.find('\0') != std::string::npos) refuse(where, "needs a text without a zero character");
+    char *copy = static_cast<char *>(allocate(text.size() + 1));
+    std::memcpy(copy, text.data(), text.size());
+    return copy;
+}
+
+ProtobufCBinaryData bytes_value(const Json &value, const std::string &where) {
+    const auto bytes = value.is_string() ? from_hex(value.get_ref<const std::string &>()) : std::nullopt;
+    if (!bytes) refuse(where, "needs bytes as pairs of hex digits (00:1a:2b:3c:4d:5e or 001a2b), not " + quoted(value));
+    ProtobufCBinaryData data = {bytes->size(), nullptr};
+    if (bytes->empty()) return data;
+    data.data = static_cast<uint8_t *>(allocate(bytes->size()));
+    std::memcpy(data.data, bytes->data(), bytes->size());
+    return data;
+}
+
+void set_value(const ProtobufCFieldDescriptor &field, const Json &value, void *place, const std::string &where) {
+    switch (field.type) {
+        case PROTOBUF_C_TYPE_UINT32:
+            as<uint32_t>(place) = number<uint32_t>(value, where);
+            return;
+        case PROTOBUF_C_TYPE_INT64:
+            as<int64_t>(place) = number<int64_t>(value, where);
+            return;
+        case PROTOBUF_C_TYPE_UINT64:
+            as<uint64_t>(place) = number<uint64_t>(value, where);
+            return;
+        case PROTOBUF_C_TYPE_BOOL:
+            if (!value.is_boolean()) refuse(where, "needs true or false, not " + quoted(value));
+            as<protobuf_c_boolean>(place) = value.get<bool>();
+            return;
+        case PROTOBUF_C_TYPE_ENUM:
+            as<int>(place) = enum_number(field, value, where);
+            return;
+        case PROTOBUF_C_TYPE_STRING:
+            as<char *>(place) = string_value(value, where);
+            return;
+        case PROTOBUF_C_TYPE_BYTES:
+            as<ProtobufCBinaryData>(place) = bytes_value(value, where);
+            return;
+        case PROTOBUF_C_TYPE_MESSAGE:
+            as<ProtobufCMessage *>(place) =
+                from_json(value, *static_cast<const ProtobufCMessageDescriptor *>(field.descriptor), where).release();
+            return;
+        default:
+            as<int32_t>(place) = number<int32_t>(value, where);
+    }
+}
+
+// The count follows the elements, so that a refusal halfway frees what is there.
+void set_field(const ProtobufCFieldDescriptor &field, const Json &value, ProtobufCMessage &message,
+               const std::string &where) {
+    if (field.label != PROTOBUF_C_LABEL_REPEATED)
+        return set_value(field, value, &at<char>(message, field.offset), where);
+    if (!value.is_array()) refuse(where, "needs an array, not " + quoted(value));
+    if (value.empty()) return;
+    char *array = static_cast<char *>(allocate(value.size() * size_of(field.type)));
+    at<char *>(message, field.offset) = array;
+    size_t &count = at<size_t>(message, field.quantifier_offset);
+    for (const Json &element : value) {
+        set_value(field, element, array + count * size_of(field.type), where + "[" + std::to_string(count) + "]");
+        count++;
+    }
+}
+
+const ProtobufCFieldDescriptor &find_field(const ProtobufCMessageDescriptor &type, const std::string &name,
+                                           const std::string &where) {
+    std::vector<std::string> names;
+    for (const auto &field : fields_of(type)) {
+        if (name == field.name) return field;
+        names.emplace_back(field.name);
+    }
+    refuse(where, std::string(type.name) + " has no field " + quoted(Json(name)) + did_you_mean(name, names));
+}
+
+}  // namespace
+
+const ProtobufCFieldDescriptor *key_field(const ProtobufCMessageDescriptor &type) {
+    for (const auto &field : fields_of(type)) {
+        if (dm_schema_key_mark(&field) == 2) return &field;
+    }
+    return nullptr;
+}
+
+const ProtobufCMessage *key_of(const ProtobufCMessage &object) {
+    const auto *field = key_field(*object.descriptor);
+    return field ? at<const ProtobufCMessage *>(object, field->offset) : nullptr;
+}
+
+Message new_message(const ProtobufCMessageDescriptor &type) {
+    auto *message = static_cast<ProtobufCMessage *>(allocate(type.sizeof_message));
+    type.message_init(message);
+    return Message(message);
+}
+
+std::string pack(const ProtobufCMessage &message) {
+    std::string bytes(protobuf_c_message_get_packed_size(&message), '\0');
+    protobuf_c_message_pack(&message, reinterpret_cast<uint8_t *>(bytes.data()));
+    return bytes;
+}
+
+Message unpack(const ProtobufCMessageDescriptor &type, const std::string &bytes) {
+    const auto *data = reinterpret_cast<const uint8_t *>(bytes.data());
+    return Message(protobuf_c_message_unpack(&type, nullptr, bytes.size(), data));
+}
+
+Json to_json(const ProtobufCMessage &message, Fields which) {
+    Json object = Json::object();
+    for (const auto &field : fields_of(*message.descriptor)) {
+        if (which == Fields::set && !is_set(field, message)) continue;
+        object[field.name] = field_json(field, message, dm_schema_key_mark(&field) == 2 ? Fields::all : which);
+    }
+    return object;
+}
+
+Message from_json(const Json &object, const ProtobufCMessageDescriptor &type, const std::string &where) {
+    if (!object.is_object()) refuse(where, "needs an object of " + std::string(type.name) + ", not " + quoted(object));
+    Message message = new_message(type);
+    for (const auto &[name, value] : object.items()) {
+        const auto &field = find_field(type, name, where);
+        set_field(field, value, *message, where.empty() ? name : where + "." + name);
+    }
+    return message;
+}
+
+std::string to_hex(const ProtobufCBinaryData &bytes) {
+    static const char digit[] = "0123456789abcdef";
+    std::string text;
+    for (size_t i = 0; i < bytes.len; i++) {
+        if (i > 0 && bytes.len == 6) text += ':';
+        text += {digit[bytes.data[i] >> 4], digit[bytes.data[i] & 15]};
+    }
+    return text;
+}
+
+std::string dump(const Json &value) {
+    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+}  // namespace dmq

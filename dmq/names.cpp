@@ -1,0 +1,117 @@
+// Which kinds there are is asked of the library: a table of its own rows, set up apart, before the cache starts.
+#include "dmq/names.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <numeric>
+
+#include "dmq/failure.h"
+#include "tq_dm_cache/dm_cache.h"
+#include "tq_dm_cache/dm_port_index.h"
+#include "tq_dm_cache/dm_schema.h"
+
+namespace dmq {
+
+namespace {
+
+// How many letters must be typed, dropped or changed to make one word of the other.
+size_t distance(const std::string &a, const std::string &b) {
+    std::vector<size_t> row(b.size() + 1);
+    std::iota(row.begin(), row.end(), 0);
+    for (size_t i = 1; i <= a.size(); i++) {
+        size_t diagonal = row[0];
+        row[0] = i;
+        for (size_t j = 1; j <= b.size(); j++) {
+            const size_t changed = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
+            diagonal = row[j];
+            row[j] = std::min({changed, row[j] + 1, row[j - 1] + 1});
+        }
+    }
+    return row.back();
+}
+
+std::span<const ProtobufCMessageDescriptor *const> all_types() {
+    uint32_t count = 0;
+    const auto *types = dm_schema_messages(&count);
+    return {types, count};
+}
+
+Kind kind_of_row(int32_t row) {
+    std::string rows;
+    for (const Kind &kind : cached_kinds()) {
+        if (kind.row == row) return kind;
+        rows += (rows.empty() ? "" : ", ") + std::to_string(kind.row);
+    }
+    throw Failure(exit_usage, "row " + std::to_string(row) + " holds no kind; the rows that do are " + rows);
+}
+
+std::vector<std::string> type_names() {
+    std::vector<std::string> names;
+    for (const auto *type : all_types()) {
+        const std::string full = type->name;
+        names.push_back(full);
+        names.push_back(full.substr(full.find('.') + 1));
+    }
+    return names;
+}
+
+}  // namespace
+
+std::string did_you_mean(const std::string &word, std::span<const std::string> candidates) {
+    size_t nearest = std::max<size_t>(2, word.size() / 4) + 1;
+    const std::string *found = nullptr;
+    for (const auto &candidate : candidates) {
+        if (const size_t d = distance(word, candidate); d < nearest && d < candidate.size()) {
+            nearest = d;
+            found = &candidate;
+        }
+    }
+    return found ? " (did you mean " + *found + "?)" : "";
+}
+
+const std::vector<Kind> &cached_kinds() {
+    static const auto kinds = [] {
+        static std::array<obj_sub_entry, DM_ROW_COUNT> table{};
+        for (auto &row : table) row.db_id = 1;
+        dm_cache_init_obj(table.data());
+        ndm_cache_init_port_obj(table.data());
+        std::vector<Kind> found;
+        for (int32_t i = 0; i < DM_ROW_COUNT; i++) {
+            const auto &row = table[static_cast<size_t>(i)];
+            if (row.obj_tmpl) found.push_back({row.obj_tmpl->descriptor, i, row.db_id});
+        }
+        return found;
+    }();
+    return kinds;
+}
+
+Kind kind_of(const ProtobufCMessageDescriptor &type) {
+    for (const Kind &kind : cached_kinds()) {
+        if (kind.type == &type) return kind;
+    }
+    return {&type, -1, 1};
+}
+
+const ProtobufCMessageDescriptor &find_type(const std::string &name) {
+    if (const auto *type = dm_schema_find_message(name.c_str()); type && name == type->name) return *type;
+    throw Failure(exit_usage, "there is no kind " + name + did_you_mean(name, type_names()));
+}
+
+Kind find_kind(const std::string &name) {
+    int32_t row = 0;
+    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), row);
+    if (error == std::errc() && end == name.data() + name.size()) return kind_of_row(row);
+    for (const auto *type : all_types()) {
+        if (name == type->name + dm_schema_package_length(type) + 1) return kind_of(*type);
+    }
+    return kind_of(find_type(name));
+}
+
+Kind find_cached_kind(const std::string &name) {
+    const Kind kind = find_kind(name);
+    if (kind.row < 0) throw Failure(exit_usage, std::string(kind.type->name) + " is not a kind that the cache holds");
+    return kind;
+}
+
+}  // namespace dmq

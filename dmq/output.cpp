@@ -1,0 +1,134 @@
+// Standard output kept aside, tables, colour and progress.
+#include "dmq/output.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+
+namespace dmq {
+
+namespace {
+
+int answers = STDOUT_FILENO;
+std::mutex writing;
+
+void write_all(int fd, std::string_view text) {
+    const std::lock_guard guard(writing);
+    while (!text.empty()) {
+        const ssize_t written = write(fd, text.data(), text.size());
+        if (written < 0) {
+            if (errno == EINTR) continue;
+            if (fd == answers) std::perror("dmq: standard output");
+            std::_Exit(exit_no);
+        }
+        text.remove_prefix(static_cast<size_t>(written));
+    }
+}
+
+// How many characters a text takes on the terminal: bytes that begin one in UTF-8.
+size_t width(std::string_view text) {
+    return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
+}
+
+std::string title(std::string column) {
+    std::transform(column.begin(), column.end(), column.begin(),
+                   [](char c) { return c == '_' ? '-' : static_cast<char>(std::toupper(c)); });
+    return column;
+}
+
+std::string padded(const std::string &text, size_t wanted, bool right) {
+    const std::string space(wanted - width(text), ' ');
+    return right ? space + text : text + space;
+}
+
+void print_as_json(const Table &table) {
+    Json records = Json::array();
+    for (const auto &row : table.rows) {
+        Json record = Json::object();
+        for (size_t i = 0; i < row.size(); i++) record[table.columns[i]] = row[i];
+        records.push_back(std::move(record));
+    }
+    print_line(dump(records));
+}
+
+}  // namespace
+
+void keep_stdout() {
+    answers = dup(STDOUT_FILENO);
+    if (answers < 0) answers = open("/dev/null", O_WRONLY);
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+}
+
+void print(std::string_view text) {
+    write_all(answers, text);
+}
+
+void print_line(std::string_view text) {
+    print(std::string(text) + "\n");
+}
+
+void note(std::string_view text) {
+    write_all(STDERR_FILENO, "dmq: " + std::string(text) + "\n");
+}
+
+std::string coloured(Colour colour, const std::string &text) {
+    static const char *const code[] = {"", "\033[1m", "\033[32m", "\033[33m", "\033[31m"};
+    static const bool wanted = isatty(answers) && !std::getenv("NO_COLOR");
+    return wanted && colour != Colour::none ? code[static_cast<int>(colour)] + text + "\033[0m" : text;
+}
+
+std::string cell_text(const Json &cell) {
+    if (cell.is_null()) return "-";
+    if (cell.is_boolean()) return cell.get<bool>() ? "yes" : "no";
+    const std::string text = dump(cell);
+    return cell.is_string() ? text.substr(1, text.size() - 2) : text;
+}
+
+void print_table(const Table &table, bool json) {
+    if (json) return print_as_json(table);
+
+    const size_t columns = table.columns.size();
+    std::vector<size_t> widths(columns);
+    std::vector<bool> numeric(columns, !table.rows.empty());
+    std::vector<std::vector<std::string>> lines{{}};
+    for (const auto &column : table.columns) lines[0].push_back(title(column));
+    for (const auto &row : table.rows) {
+        auto &line = lines.emplace_back();
+        for (const Json &cell : row) {
+            numeric[line.size()] = numeric[line.size()] && (cell.is_number() || cell.is_null());
+            line.push_back(cell_text(cell));
+        }
+    }
+    for (const auto &line : lines) {
+        for (size_t i = 0; i < columns; i++) widths[i] = std::max(widths[i], width(line[i]));
+    }
+    std::string text;
+    for (const auto &line : lines) {
+        std::string printed;
+        for (size_t i = 0; i < columns; i++) printed += padded(line[i], widths[i], numeric[i]) + "  ";
+        printed.erase(printed.find_last_not_of(' ') + 1);
+        text += (&line == &lines[0] ? coloured(Colour::heading, printed) : printed) + "\n";
+    }
+    print(text);
+}
+
+Progress::Progress(const char *what) : what_(what), next_(std::chrono::steady_clock::now() + std::chrono::seconds(1)) {}
+
+void Progress::show(size_t done, size_t total) {
+    const auto now = std::chrono::steady_clock::now();
+    if (now < next_ || !isatty(STDERR_FILENO)) return;
+    next_ = now + std::chrono::milliseconds(200);
+    shown_ = true;
+    write_all(STDERR_FILENO, "\r" + std::string(what_) + ": " + std::to_string(done) + " of " + std::to_string(total));
+}
+
+Progress::~Progress() {
+    if (shown_) write_all(STDERR_FILENO, "\r\033[K");
+}
+
+}  // namespace dmq

@@ -1,0 +1,55 @@
+// Where dmq writes: answers to standard output, messages to standard error. The library's log lines go to descriptor 1,
+// so the descriptor that dmq was given is kept aside and 1 is pointed to standard error. Any thread may write; a call's
+// text is never mixed with another's.
+#pragma once
+
+#include <chrono>
+#include <string_view>
+#include <vector>
+
+#include "dmq/json.h"
+
+namespace dmq {
+
+// Before any call of the library.
+void keep_stdout();
+
+// An answer, as it is. Written at once.
+void print(std::string_view text);
+void print_line(std::string_view text);
+
+// A message for the person: "dmq: ...".
+void note(std::string_view text);
+
+enum class Colour { none, heading, good, change, bad };
+
+// The text in a colour, when standard output is a terminal and NO_COLOR is not set.
+std::string coloured(Colour colour, const std::string &text);
+
+// Column names are lower case with underscores: JSON has them as they are, a printed table as "USER-SLOT".
+struct Table {
+    std::vector<std::string> columns;
+    std::vector<std::vector<Json>> rows;
+};
+
+// A cell as it is shown: what would break the line or the terminal is escaped as in JSON.
+std::string cell_text(const Json &cell);
+
+// One record a line, numbers to the right; or a JSON array with one object a record.
+void print_table(const Table &table, bool json);
+
+// How far a long piece of work is: shown on standard error when that is a terminal and a second has passed.
+class Progress {
+public:
+    explicit Progress(const char *what);
+    Progress(const Progress &) = delete;
+    ~Progress();
+    void show(size_t done, size_t total);
+
+private:
+    const char *what_;
+    std::chrono::steady_clock::time_point next_;
+    bool shown_ = false;
+};
+
+}  // namespace dmq

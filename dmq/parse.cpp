@@ -1,0 +1,171 @@
+// The command line: which commands there are, their options and their help. One table; the shell reads its lines with it.
+#include <CLI/CLI.hpp>
+
+#include "dmq/command.h"
+
+namespace dmq {
+
+namespace {
+
+constexpr const char *overview =
+    R"(dmq shows what a client of the device cache sees, follows its changes, and writes the store behind it.
+
+Examples:
+  dmq --load examples/chassis.json show cards          what sits in the slots
+  dmq --load examples/chassis.json sync                row by row: subscribed, scanned, objects, time
+  dmq --load examples/chassis.json get card_info slotid=30
+  dmq --load examples/chassis.json shell               many commands on one store
+  dmq --load examples/chassis.json shell examples/tour.dmq
+  dmq gen --devices 4 --cards 8 > big.json             a topology of any size
+
+A store mem: lives as long as the process: fill it with --load. Exit codes: 0 yes, 1 no or not found, 2 usage or bad
+input, 3 store not reachable, 4 time-out.
+)";
+
+void file(CLI::App &app, Command &command) {
+    app.add_option("FILE", command.words, "A topology file; - is standard input")->required()->expected(1);
+}
+
+void kind_and_words(CLI::App &app, Command &command) {
+    app.add_option("WORDS", command.words, "A kind by name or row number, then field=value..")->required();
+}
+
+void optional_words(CLI::App &app, Command &command) {
+    app.add_option("WORDS", command.words, "A kind by name or row number, then field=value..");
+}
+
+void kinds(CLI::App &app, Command &command) {
+    app.add_option("KINDS", command.words, "Kinds by name or row number; none: all");
+}
+
+void watching(CLI::App &app, Command &command) {
+    kinds(app, command);
+    app.add_option("--for", command.watch_for, "End after so many seconds")->check(CLI::NonNegativeNumber);
+}
+
+void table(CLI::App &app, Command &command) {
+    app.add_option("TABLE", command.words, "system, devices, slots, cards, ports, roles or chips; then column=value..");
+}
+
+void script(CLI::App &app, Command &command) {
+    app.add_option("FILE", command.words, "A file of commands; none: standard input")->expected(0, 1);
+}
+
+void generator(CLI::App &app, Command &command) {
+    GenOptions &gen = command.gen;
+    app.add_option("--devices", gen.devices, "Devices; more than one make a virtual unit")->capture_default_str();
+    app.add_option("--boards", gen.boards, "Main boards of a chassis")->capture_default_str();
+    app.add_option("--cards", gen.cards, "Line cards of a chassis")->capture_default_str();
+    app.add_option("--ports", gen.ports, "Ports of a line card, or of a box")->capture_default_str();
+    app.add_option("--subcards", gen.subcards, "Sub-cards of the first line card, 4 ports each")->capture_default_str();
+    app.add_option("--fabrics", gen.fabrics, "Fabric cards of a chassis")->capture_default_str();
+    app.add_flag("--box", gen.box, "Boxes instead of chassis");
+    app.add_option("--layout", gen.layout, "A box with the ports of this file: lanes, panel port, speed in Mb/s");
+}
+
+struct Verb {
+    const char *name;
+    const char *what;
+    const char *examples;
+    void (*options)(CLI::App &, Command &);
+    Exit (*run)(Context &, const Command &);
+};
+
+constexpr Verb verbs[] = {
+    {"load", "Put a topology into the store", "  dmq --store mem:lab load examples/box.json\n", file, run_load},
+    {"show", "A table: system, devices, slots, cards, ports, roles or chips",
+     "  dmq --load examples/chassis.json show ports dev=1 user_slot=2\n  dmq --load examples/box.json show system "
+     "--json\n",
+     table, run_show},
+    {"get", "Cached objects as JSON, as `load` takes it",
+     "  dmq --load examples/chassis.json get card_info slotid=30\n"
+     "  dmq --load examples/chassis.json get 17 is_online=true\n"
+     "  dmq --load examples/chassis.json get > copy.json\n",
+     optional_words, run_get},
+    {"watch", "Follow changes, one line each",
+     "  dmq watch card_info device_info\n  dmq watch --for 5 --json\n"
+     "  watch &                      in a shell: go on with other commands\n",
+     watching, run_watch},
+    {"sync", "Row by row: subscribed, scanned, objects, time", "  dmq --load examples/chassis.json sync --timeout 2\n",
+     kinds, run_sync},
+    {"set", "Write objects: a file, or fields of one object",
+     "  set card_info devid=1 slotid=30 is_online=false\n  set changes.json\n", kind_and_words, run_set},
+    {"delete", "Delete one object by its key; a key field that is not named is 0",
+     "  delete card_info devid=1 slotid=3\n", kind_and_words, run_delete},
+    {"gen", "Make a topology of any size",
+     "  dmq gen > examples/chassis.json\n  dmq gen --devices 5 --cards 20 --ports 100 --subcards 0 > 10000-ports.json\n"
+     "  dmq gen --devices 1 --layout examples/layouts/box-32x100g.tsv > examples/box.json\n",
+     generator, run_gen},
+    {"shell", "Many commands in one process; also: echo TEXT, trace on|off, help, exit",
+     "  dmq --load examples/chassis.json shell\n  echo 'get card_info' | dmq --load examples/box.json shell\n"
+     "  dmq --load examples/chassis.json shell examples/tour.dmq\n",
+     script, run_shell},
+    {"store", "Compare cache and store; make an embedded store misbehave",
+     "  store compare                is every row equal to the store?\n"
+     "  store disconnect             cut the cache off; store reconnect lets it in again\n"
+     "  store restart [empty]        another instance of the store, with or without its content\n"
+     "  store damage KIND key=value..  bytes that no longer are an object\n"
+     "  store lose N                 the next N confirmations to a cache that is not started yet\n",
+     kind_and_words, run_store},
+};
+
+// The usage line names words that the examples show better.
+class Help : public CLI::Formatter {
+public:
+    std::string make_usage(const CLI::App *, std::string) const override { return ""; }
+};
+
+void common_options(CLI::App &app, Settings &settings, bool in_shell) {
+    if (!in_shell) {
+        app.add_option("--store", settings.store, "The store's URL: mem: or mem:NAME")->capture_default_str();
+        app.add_option("--load", settings.load, "Fill the store from this file first; may be repeated")
+            ->take_all()
+            ->expected(1);
+    }
+    app.add_flag("--json", settings.json, "Answers as JSON");
+    app.add_option("--timeout", settings.timeout, "Seconds that a wait may take")
+        ->capture_default_str()
+        ->check(CLI::Range(0.0, 1e6));
+    app.add_option("--log", settings.log, "Show the library's own log from this level: 0 all, 2 failures");
+}
+
+[[noreturn]] void refuse_rest(const std::vector<std::string> &rest, const CLI::App *verb) {
+    if (verb) throw Failure(exit_usage, rest[0] + " is one word too many; see dmq " + verb->get_name() + " --help");
+    std::vector<std::string> names;
+    for (const Verb &known : verbs) names.emplace_back(known.name);
+    throw Failure(exit_usage, "there is no command " + rest[0] + did_you_mean(rest[0], names) + "; see dmq --help");
+}
+
+}  // namespace
+
+std::optional<Request> parse(const std::vector<std::string> &words, const Settings &defaults, bool in_shell) {
+    Request request{};
+    request.command.settings = defaults;
+    CLI::App app(overview, "dmq");
+    app.formatter(std::make_shared<Help>());
+    for (const Verb &verb : verbs) {
+        if (in_shell && verb.run == run_shell) continue;
+        CLI::App *sub = app.add_subcommand(verb.name, verb.what)->fallthrough();
+        verb.options(*sub, request.command);
+        sub->callback([&request, &verb] { request.run = verb.run; });
+        sub->footer(std::string("Examples:\n") + verb.examples);
+    }
+    common_options(app, request.command.settings, in_shell);
+    app.allow_extras();
+    try {
+        app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
+    } catch (const CLI::CallForHelp &) {
+        const auto asked = app.get_subcommands();
+        print(asked.empty() ? app.help() : asked[0]->get_footer() + "\n" + asked[0]->help());
+        return std::nullopt;
+    } catch (const CLI::ParseError &error) {
+        throw Failure(exit_usage, error.what());
+    }
+    const auto asked = app.get_subcommands();
+    if (const auto rest = app.remaining(); !rest.empty()) refuse_rest(rest, asked.empty() ? nullptr : asked[0]);
+    if (!request.run) throw Failure(exit_usage, "say what to do; see dmq --help");
+    if (request.command.settings.log) g_dm_cache_level = g_ndm_lib_dbg_lvl = *request.command.settings.log;
+    return request;
+}
+
+}  // namespace dmq

@@ -1,0 +1,103 @@
+// Many commands in one process, from a terminal, a pipe or a file. A command that fails is told and the next one runs. The
+// exit code is that of the first command that failed (2 to 4), else the last answer, yes or no.
+#include <unistd.h>
+
+#include <fstream>
+#include <iostream>
+
+#include "dmq/command.h"
+
+namespace dmq {
+
+namespace {
+
+// Words between blanks; single or double quotes hold blanks together.
+std::vector<std::string> split(const std::string &line) {
+    std::vector<std::string> words;
+    char quote = 0;
+    bool open = false;
+    for (const char c : line) {
+        if (quote ? c == quote : c == '\'' || c == '"') {
+            quote = quote ? 0 : c;
+            if (!open) words.emplace_back();
+            open = true;
+        } else if (!quote && std::isspace(static_cast<unsigned char>(c))) {
+            open = false;
+        } else {
+            if (!open) words.emplace_back();
+            open = true;
+            words.back() += c;
+        }
+    }
+    if (quote) throw Failure(exit_usage, std::string("a quote ") + quote + " is not closed");
+    return words;
+}
+
+struct Shell {
+    Context &context;
+    Settings settings;
+    bool trace = false;
+    bool ended = false;
+    Exit last = exit_yes;  // the latest answer
+};
+
+Exit run_words(Shell &shell, std::vector<std::string> words) {
+    const bool background = words.back() == "&";
+    if (background) words.pop_back();
+    if (words.empty() || (background && words[0] != "watch"))
+        throw Failure(exit_usage, "only watch goes on while others run (watch &)");
+    if (words[0] == "help") words[0] = "--help";
+    auto request = parse(words, shell.settings, /*in_shell=*/true);
+    if (!request) return exit_yes;
+    request->command.background = background;
+    return request->run(shell.context, request->command);
+}
+
+Exit run_text(Shell &shell, const std::string &line) {
+    const auto words = split(line);
+    if (words.empty() || words[0][0] == '#') return shell.last;
+    if (words[0] == "echo") {
+        const size_t text = line.find("echo") + 4;
+        print_line(line.size() > text ? line.substr(text + 1) : "");
+        return shell.last;
+    }
+    if (words[0] == "trace") {
+        shell.trace = words.size() < 2 || words[1] != "off";
+        return shell.last;
+    }
+    if (words[0] == "exit" || words[0] == "quit") {
+        shell.ended = true;
+        return shell.last;
+    }
+    if (shell.trace) print_line(coloured(Colour::heading, "dmq> " + line));
+    return run_words(shell, words);
+}
+
+}  // namespace
+
+Exit run_shell(Context &context, const Command &command) {
+    std::ifstream file;
+    const bool from_file = !command.words.empty() && command.words[0] != "-";
+    if (from_file) file.open(command.words[0]);
+    if (from_file && !file) throw Failure(exit_usage, "cannot read " + command.words[0]);
+    std::istream &lines = from_file ? file : std::cin;
+    const bool terminal = !from_file && isatty(STDIN_FILENO);
+
+    context.open();
+    context.in_shell = true;
+    Shell shell{context, command.settings};
+    Exit failed = exit_yes;
+    std::string line;
+    for (int number = 1; !shell.ended; number++) {
+        if (terminal) print("dmq> ");
+        if (!std::getline(lines, line)) break;
+        const std::string place = terminal    ? ""
+                                  : from_file ? command.words[0] + ":" + std::to_string(number) + ": "
+                                              : "line " + std::to_string(number) + ": ";
+        shell.last = reporting(place, [&] { return run_text(shell, line); });
+        if (!failed && shell.last > exit_no) failed = shell.last;
+    }
+    return failed ? failed : shell.last;
+}
+
+}  // namespace dmq

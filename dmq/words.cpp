@@ -1,0 +1,121 @@
+// A word's text becomes JSON as its field's type suggests; then the same checks hold as for a file.
+#include "dmq/words.h"
+
+#include <charconv>
+
+namespace dmq {
+
+namespace {
+
+const ProtobufCFieldDescriptor *find(const ProtobufCMessageDescriptor &type, const std::string &name) {
+    for (const auto &field : fields_of(type)) {
+        if (name == field.name) return &field;
+    }
+    return nullptr;
+}
+
+const ProtobufCMessageDescriptor *sub_type(const ProtobufCFieldDescriptor &field) {
+    if (field.type != PROTOBUF_C_TYPE_MESSAGE || field.label == PROTOBUF_C_LABEL_REPEATED) return nullptr;
+    return static_cast<const ProtobufCMessageDescriptor *>(field.descriptor);
+}
+
+// A text stays a text; anything else is read as JSON reads it, numbers also in hex (0x0c041e00).
+Json value_of(const ProtobufCFieldDescriptor &field, const std::string &text) {
+    const bool textual = field.type == PROTOBUF_C_TYPE_STRING || field.type == PROTOBUF_C_TYPE_BYTES ||
+                         field.type == PROTOBUF_C_TYPE_ENUM;
+    if (textual && field.label != PROTOBUF_C_LABEL_REPEATED) return text;
+    if (text.starts_with("0x")) {
+        uint64_t number = 0;
+        const auto [end, error] = std::from_chars(text.data() + 2, text.data() + text.size(), number, 16);
+        if (error == std::errc() && end == text.data() + text.size()) return number;
+    }
+    const Json value = Json::parse(text, nullptr, /*allow_exceptions=*/false);
+    return value.is_discarded() ? Json(text) : value;
+}
+
+// {index: {devid: 1}} for the path {index, devid}.
+Json nested(const Assignment &assignment) {
+    Json object = Json::object();
+    assign(object, {assignment});
+    return object;
+}
+
+Assignment read_word(const ProtobufCMessageDescriptor &type, const std::string &word) {
+    const size_t equals = word.find('=');
+    if (equals == std::string::npos || equals == 0) throw Failure(exit_usage, "needs field=value, not " + dump(word));
+    Assignment assignment;
+    const ProtobufCMessageDescriptor *level = &type;
+    const auto *key = key_field(type);
+    std::string rest = word.substr(0, equals);
+    if (key && find(*sub_type(*key), rest.substr(0, rest.find('.')))) rest = std::string(key->name) + "." + rest;
+    while (true) {
+        const size_t dot = rest.find('.');
+        assignment.path.push_back(rest.substr(0, dot));
+        const auto *field = find(*level, assignment.path.back());
+        if (dot == std::string::npos || !field || !sub_type(*field)) {
+            if (field) assignment.value = value_of(*field, word.substr(equals + 1));
+            break;
+        }
+        level = sub_type(*field);
+        rest.erase(0, dot + 1);
+    }
+    // Verified, and as it would be printed.
+    const Json clean = to_json(*from_json(nested(assignment), type, type.name), Fields::all);
+    const Json *place = &clean;
+    for (const auto &name : assignment.path) place = &(*place)[name];
+    assignment.value = *place;
+    return assignment;
+}
+
+}  // namespace
+
+std::vector<Assignment> read_words(const ProtobufCMessageDescriptor &type, const std::vector<std::string> &words) {
+    std::vector<Assignment> assignments;
+    for (const auto &word : words) assignments.push_back(read_word(type, word));
+    return assignments;
+}
+
+void assign(Json &object, const std::vector<Assignment> &assignments) {
+    for (const auto &assignment : assignments) {
+        Json *place = &object;
+        for (const auto &name : assignment.path) place = &(*place)[name];
+        *place = assignment.value;
+    }
+}
+
+bool agrees(const Json &object, const std::vector<Assignment> &assignments) {
+    for (const auto &assignment : assignments) {
+        const Json *place = &object;
+        for (const auto &name : assignment.path) {
+            if (!place->is_object() || !place->contains(name)) return false;
+            place = &(*place)[name];
+        }
+        if (*place != assignment.value) return false;
+    }
+    return true;
+}
+
+std::vector<Assignment> key_part(const ProtobufCMessageDescriptor &type, const std::vector<Assignment> &assignments) {
+    std::vector<Assignment> part;
+    const auto *key = key_field(type);
+    for (const auto &assignment : assignments) {
+        if (key && assignment.path.front() == key->name) part.push_back(assignment);
+    }
+    return part;
+}
+
+Message object_with_key(const ProtobufCMessageDescriptor &type, const std::vector<std::string> &words) {
+    const auto assignments = read_words(type, words);
+    const auto *key = key_field(type);
+    if (key_part(type, assignments).size() < words.size())
+        throw Failure(exit_usage, std::string(type.name) + ": only fields of the key name an object");
+    Json object = Json::object();
+    if (key) object[key->name] = Json::object();
+    if (key && words.empty())
+        throw Failure(exit_usage, std::string(type.name) + ": name the object by its key, such as " +
+                                      std::string(sub_type(*key)->fields[0].name) + "=1");
+    assign(object, assignments);
+    return from_json(object, type, type.name);
+}
+
+}  // namespace dmq

@@ -1,0 +1,30 @@
+// `name=value` words of a command line, read by the descriptor of the kind that they speak of. A name is a field of the
+// kind's key, else a field of the object; a dot leads into a sub-message. Takes no lock.
+#pragma once
+
+#include "dmq/json.h"
+
+namespace dmq {
+
+struct Assignment {
+    std::vector<std::string> path;  // from the object down: {"index", "devid"}
+    Json value;
+};
+
+// Values are verified: a name that is not there or a value of the wrong type throws a Failure.
+std::vector<Assignment> read_words(const ProtobufCMessageDescriptor &type, const std::vector<std::string> &words);
+
+// Writes the values into an object of the kind.
+void assign(Json &object, const std::vector<Assignment> &assignments);
+
+// Are all these values in the object? It is one with all its fields.
+bool agrees(const Json &object, const std::vector<Assignment> &assignments);
+
+// An object with nothing but its key. Throws a Failure for a name outside the key and for a keyed kind without any name;
+// a key field that is not named is 0.
+Message object_with_key(const ProtobufCMessageDescriptor &type, const std::vector<std::string> &words);
+
+// What belongs to the key among the words.
+std::vector<Assignment> key_part(const ProtobufCMessageDescriptor &type, const std::vector<Assignment> &assignments);
+
+}  // namespace dmq
