@@ -12,8 +12,8 @@ struct GenOptions {
     int ports = 48;    // of a line card, or of a box
     int subcards = 2;  // on the first line card of each chassis, four ports each
     int fabrics = 2;
-    bool box = false;    // boxes instead of chassis
-    std::string layout;  // a box's ports from a file: lanes, panel port, speed
+    bool box = false;         // boxes instead of chassis
+    std::string layout = {};  // a box's ports from a file: lanes, panel port, speed
 };
 
 // The entries in the order in which they read best; throws a Failure for a size that the identifiers cannot carry.

@@ -30,7 +30,8 @@ public:
                 Json::parse(text, [this](int level, Event event, Json &value) { return take(level, event, value); });
         } catch (const Json::parse_error &error) {
             const std::string what = error.what();
-            refuse("not JSON: " + what.substr(what.find(']') + 2));
+            const size_t begin = what.find(']') + 2;  // behind the library's own name for it
+            refuse("not JSON: " + what.substr(begin, what.find("; last read") - begin));
         }
         return std::move(entries_);
     }

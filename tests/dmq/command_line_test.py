@@ -1,0 +1,173 @@
+"""dmq as a person or a script meets it: answers, refusals and exit codes. Arguments: dmq, the example client, the project."""
+
+import json
+import os
+import re
+import subprocess
+import sys
+import tempfile
+import unittest
+
+DMQ, CLIENT, PROJECT = sys.argv[1:4]
+CHASSIS = os.path.join(PROJECT, "examples/chassis.json")
+ENV = {**os.environ, "NO_COLOR": "1"}
+
+
+def dmq(*words, lines=None, stdout=subprocess.PIPE):
+    """Runs dmq, in a shell when there are lines."""
+    if lines is not None:
+        words = (*words, "shell")
+    return subprocess.run([DMQ, *words], input="\n".join(lines or []), stdout=stdout, stderr=subprocess.PIPE,
+                          text=True, env=ENV, cwd=PROJECT, timeout=120)
+
+
+def entries(text):
+    return sorted(json.dumps(entry, sort_keys=True) for entry in json.loads(text))
+
+
+def mask(text):
+    """What may differ from run to run: the time of a change and of a scan."""
+    text = re.sub(r"(?m)^\d\d:\d\d:\d\d\.\d{3}|(?<=  0) +\d+$", "", text)
+    return re.sub(" +", " ", text)
+
+
+def read(path):
+    with open(path) as file:
+        return file.read()
+
+
+class CommandLine(unittest.TestCase):
+    # A script goes by the exit code and a person by the message; either being wrong sends them astray.
+    def test_refusals(self):
+        for words, code, message in [
+            (["shwo"], 2, "there is no command shwo (did you mean show?)"),
+            ([], 2, "say what to do; see dmq --help"),
+            (["get", "--jsno"], 2, "--jsno"),
+            (["show", "crads"], 2, "no table crads (did you mean cards?)"),
+            (["get", "18"], 2, "row 18 holds no kind"),
+            (["get", "39"], 2, "row 39 holds no kind"),
+            (["get", "vsd_prot"], 2, "there is no kind vsd_prot (did you mean vsd_port?)"),
+            (["get", "dm_lib_reset_req"], 2, "is not a kind that the cache holds"),
+            (["get", "card_info", "slotid=x"], 2, "p_dev.card_info.index.slotid: needs a whole number"),
+            (["--store", "men:", "sync"], 2, "men: names no store"),
+            (["--load", "none.json", "sync"], 2, "none.json: No such file"),
+            (["gen", "--ports", "250"], 2, "--ports needs 4 to 247, not 250"),
+            (["gen", "--devices", "16", "--cards", "20"], 2, "these are 15488 ports; the cache holds 10000"),
+            (["get", "card_info"], 1, ""),
+            (["delete", "card_info", "slotid=1"], 1, "p_dev.card_info devid=0 slotid=1 sslotid=0: no such object"),
+            (["delete", "card_info", "name=MB"], 2, "only fields of the key name an object"),
+        ]:
+            with self.subTest(words):
+                done = dmq(*words)
+                self.assertEqual((done.returncode, message in done.stderr), (code, True), done.stderr)
+        self.assertTrue(dmq("--help").stdout.split("\n")[2].startswith("Examples:"))
+
+    # Half a topology in the store is a switch that is not there.
+    def test_a_refused_file_writes_nothing(self):
+        whole = read(CHASSIS)
+        with tempfile.TemporaryDirectory() as folder:
+            bad = os.path.join(folder, "bad.json")
+            for text, message in [(whole[: len(whole) // 2], "bad.json: entry "),
+                                  (whole.replace('"sysmac":"02:', '"sysmac":"022:'), "dp_lib_grole.sysmac: needs bytes"),
+                                  (whole.replace("vsd0", "vsd\xff0").encode("latin-1"), "ill-formed UTF-8")]:
+                with open(bad, "wb") as file:
+                    file.write(text if isinstance(text, bytes) else text.encode())
+                done = dmq(lines=["load " + bad, "get"])
+                self.assertEqual((done.returncode, done.stdout), (2, "[]\n"), done.stderr)
+                self.assertIn("line 1: " + bad, done.stderr)
+                self.assertIn(message, done.stderr)
+                self.assertEqual(dmq("--load", CHASSIS, "--load", bad, "get").stdout, "")
+
+    # What get prints can be kept as a file and loaded again: nothing may be lost on the way.
+    def test_get_prints_what_load_takes(self):
+        shown = dmq("--load", CHASSIS, "get").stdout
+        self.assertEqual(entries(shown), entries(read(CHASSIS)))
+        with tempfile.TemporaryDirectory() as folder:
+            copy = os.path.join(folder, "copy.json")
+            with open(copy, "w") as file:
+                file.write(shown)
+            self.assertEqual(entries(dmq("--load", copy, "get").stdout), entries(shown))
+            script = os.path.join(PROJECT, "examples/generate.sh")
+            subprocess.run(["sh", script, DMQ, folder], check=True)
+            for name in ["chassis.json", "box.json"]:
+                self.assertEqual(read(os.path.join(folder, name)), read(os.path.join(PROJECT, "examples", name)), name)
+
+    # The tour is the first thing that a person sees, and it must be the same each time.
+    def test_the_tour(self):
+        runs = [dmq("--load", CHASSIS, "shell", "examples/tour.dmq") for _ in range(2)]
+        for run in runs:
+            self.assertEqual((run.returncode, run.stderr), (0, ""))
+        masked = [mask(run.stdout) for run in runs]
+        self.assertEqual(*masked)
+        told = runs[0].stdout
+        steps = [r"dmq> sync\n", r"\n 17  p_dev.card_info +1  yes +yes +20 ", r"dmq> show cards\n(.*\n){21}",
+                 r"\d  changed  p_dev.card_info devid=1 slotid=2 sslotid=0: is_online true -> false\n",
+                 r"\d  added    p_dev.device_info devid=3: ", r"\d  deleted  p_dev.device_info devid=3\n",
+                 r"\d  connection lost\n", r"card_info +20 +20 +0  no\n", r"slotid=4 sslotid=0: only in the store\n",
+                 r"\d  connection back, to the same store\n", r"\d  added    p_dev.card_info devid=2 slotid=4 ",
+                 r"\d  deleted  p_dev.vsl_port_info ", r"resynchronised, 2 objects were gone\n"]
+        place = 0
+        for step in steps:
+            found = re.compile(step).search(told, place)
+            self.assertTrue(found, step)
+            place = found.end()
+        self.assertEqual(len(re.findall(r"  yes\n", told[place:])), 23)
+
+    # A row that holds the whole machine back must be named, else nobody knows where to look.
+    def test_sync_names_the_row_that_holds_back(self):
+        done = dmq("--load", CHASSIS, lines=["store lose 1", "sync --timeout 0.2 --json", "store disconnect",
+                                             "store reconnect", "sync --json"])
+        first, last = [json.loads(line) for line in done.stdout.split("\n") if line.startswith("[")]
+        self.assertEqual(done.returncode, 4)
+        self.assertIn("row 1 p_dev.dp_lib_complete is not subscribed", done.stderr)
+        self.assertEqual([row["subscribed"] for row in first], [False] + [True] * 22)
+        self.assertTrue(all(row["scanned"] for row in last))
+
+    def test_damaged_bytes_are_told(self):
+        done = dmq("--load", CHASSIS, lines=["store damage card_info devid=1 slotid=1", "show cards slot=1 --json",
+                                             "store compare --json"])
+        cards, compared = [json.loads(line) for line in done.stdout.split("\n") if line.startswith("[")]
+        self.assertEqual([card["dev"] for card in cards], [2])
+        self.assertIn("1 damaged value", done.stderr)
+        self.assertIn(["p_dev.card_info devid=1 slotid=1 sslotid=0: damaged in the store"],
+                      [row["differences"] for row in compared])
+
+    # Programs follow changes through a pipe: one object a line, old and new, nothing that did not change.
+    def test_watch(self):
+        done = dmq("--load", CHASSIS, lines=["watch card_info --json &", "set card_info devid=1 slotid=1 port_num=47",
+                                             "set card_info devid=1 slotid=1 port_num=47", "get nonsense",
+                                             "store restart empty", "store reconnect", "watch --for 0.05", "# end"])
+        told = [json.loads(line) for line in done.stdout.split("\n") if line.startswith("{")]
+        self.assertEqual(told[0]["changes"], {"port_num": {"old": 48, "new": 47}})
+        self.assertEqual([line["event"] for line in told[1:]], ["lost", "back"] + ["deleted"] * 20 + ["resynchronised"])
+        self.assertEqual((told[2]["reason"], done.returncode), (2, 2))
+        self.assertIn("line 4: there is no kind nonsense", done.stderr)
+
+    # What a terminal shows can be piped, and the library's own log never mixes with answers.
+    def test_a_terminal_changes_nothing(self):
+        piped = dmq("--load", CHASSIS, "--log", "0", "show", "chips")
+        self.assertIn("[DM-CACHE]<", piped.stderr)
+        terminal, side = os.openpty()
+        dmq("--load", CHASSIS, "show", "chips", stdout=side)
+        os.close(side)
+        self.assertEqual(os.read(terminal, 1 << 16).decode().replace("\r\n", "\n"), piped.stdout)
+        os.close(terminal)
+
+    # The cache must carry the largest switch there is.
+    def test_ten_thousand_ports(self):
+        with tempfile.TemporaryDirectory() as folder:
+            big = os.path.join(folder, "big.json")
+            with open(big, "w") as file:
+                dmq("gen", "--devices", "5", "--cards", "20", "--ports", "100", "--subcards", "0", stdout=file)
+            rows = json.loads(dmq("--load", big, "--timeout", "100", "sync", "--json").stdout)
+        counts = {row["kind"]: (row["objects"], row["refused"]) for row in rows}
+        for kind in ["vsd_port", "port_static", "vsd_port_attr"]:
+            self.assertEqual(counts["p_dev." + kind], (10000, 0))
+
+    def test_the_client_of_one_page(self):
+        told = subprocess.run([CLIENT], stdout=subprocess.PIPE, text=True, timeout=30, check=True).stdout
+        self.assertEqual(told, "row 16: device 1 was added\ndevice 1 is called switch-1\n")
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1])

@@ -1,0 +1,183 @@
+// Topologies and messages, both ways: what dmq prints it takes, and what it refuses it refuses whole, with a reason.
+#include "dmq/topology.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+
+#include "dmq/gen.h"
+
+namespace dmq {
+namespace {
+
+Json sample(const ProtobufCMessageDescriptor &type);
+
+// A value that is unlike any default and reaches the edges of its type.
+Json sample_value(const ProtobufCFieldDescriptor &field) {
+    const bool odd = field.id % 2;
+    switch (field.type) {
+        case PROTOBUF_C_TYPE_UINT32:
+            return odd ? UINT32_MAX : field.id;
+        case PROTOBUF_C_TYPE_INT64:
+            return odd ? INT64_MIN : INT64_MAX;
+        case PROTOBUF_C_TYPE_UINT64:
+            return UINT64_MAX - field.id;
+        case PROTOBUF_C_TYPE_BOOL:
+            return true;
+        case PROTOBUF_C_TYPE_ENUM: {
+            const auto &values = *static_cast<const ProtobufCEnumDescriptor *>(field.descriptor);
+            return values.values[values.n_values - 1].name;
+        }
+        case PROTOBUF_C_TYPE_STRING:
+            return "\u00e9 \"quoted\" \\ " + std::string(field.name);
+        case PROTOBUF_C_TYPE_BYTES:
+            return odd ? "00:1a:2b:3c:4d:ff" : "00ff7f";
+        case PROTOBUF_C_TYPE_MESSAGE:
+            return sample(*static_cast<const ProtobufCMessageDescriptor *>(field.descriptor));
+        default:
+            return odd ? INT32_MIN : INT32_MAX - static_cast<int32_t>(field.id);
+    }
+}
+
+Json sample(const ProtobufCMessageDescriptor &type) {
+    Json object = Json::object();
+    for (const auto &field : fields_of(type)) {
+        const Json value = sample_value(field);
+        object[field.name] = field.label == PROTOBUF_C_LABEL_REPEATED ? Json{value, value} : value;
+    }
+    return object;
+}
+
+// A field that changes its value between a file and the store is a device that is not the one described. The bytes go
+// through protobuf-c's own reader, so that a mistake made in both directions shows too.
+TEST(Topology, EveryMessageOfTheSchemaSurvivesTheRoundTrip) {
+    uint32_t count = 0;
+    const auto *types = dm_schema_messages(&count);
+    ASSERT_GT(count, 200u);
+    for (const auto *type : std::span(types, count)) {
+        const Json object = sample(*type);
+        const Message message = from_json(object, *type, type->name);
+        const Message read = unpack(*type, pack(*message));
+        ASSERT_TRUE(read) << type->name;
+        EXPECT_EQ(to_json(*read, Fields::set), object) << type->name;
+        const Message empty = new_message(*type);
+        EXPECT_EQ(to_json(*empty, Fields::set), Json::object()) << type->name;
+    }
+}
+
+// What the store holds need not be what a file may hold: it must still be shown.
+TEST(Topology, ShowsWhatNoFileMayHold) {
+    const auto &chassis = *dm_schema_find_message("p_dev.dp_lib_my_chss_info");
+    const Message object = unpack(chassis, std::string("\x28\x07\x4a\x03\x61\xff\x62", 7));  // device_mode 7, dev_desc
+    ASSERT_TRUE(object);
+    EXPECT_EQ(dump(to_json(*object, Fields::set)), "{\"device_mode\":7,\"dev_desc\":\"a\ufffdb\"}");
+}
+
+std::string entry(const std::string &object, const std::string &kind = "p_dev.card_info") {
+    return R"({"db": 1, "kind": ")" + kind + R"(", "object": )" + object + "}";
+}
+
+std::string refusal(const std::string &text) {
+    try {
+        parse_topology("lab.json", text);
+    } catch (const Failure &failure) {
+        return failure.code == exit_usage ? failure.what() : "wrong code";
+    }
+    return "not refused";
+}
+
+// A refusal that does not say where and why sends a person through a file of ten thousand lines; one that is missing puts
+// half a truth into the store. The first entry is good, the second is not.
+TEST(Topology, RefusesWithFileEntryAndReason) {
+    const std::string good = "[" + entry(R"({"index": {"slotid": 1}})") + ",";
+    const struct {
+        const char *entry;
+        const char *reason;
+    } bad[] = {
+        {"{}", "has no db"},
+        {"7", "an entry is an object with db, kind and object"},
+        {R"({"db": -1, "kind": "p_dev.card_info", "object": {}})", "db needs the number of a database, not -1"},
+        {R"({"db": 1, "kind": 17, "object": {}})", "kind needs a name, not 17"},
+        {R"({"db": 1, "kind": "p_dev.card_infos", "object": {}})",
+         "there is no kind p_dev.card_infos (did you mean p_dev.card_info?)"},
+        {R"({"db": 1, "kind": "p_dev.card_info", "objects": {}})", "an entry has db, kind and object, not \"objects\""},
+        {R"({"db": 1, "kind": "p_dev.card_info", "object": {"index": {"slotid": 1}}})",
+         "p_dev.card_info: the same db, kind and index as entry 1"},
+        {R"({"db": 1, "kind": "p_dev.card_info", "object": {"name": "x"}})",
+         "p_dev.card_info: has no index, the key of its kind"},
+        {R"({"db": 1, "kind": "p_dev.card_info", "object": {"index": {"slotid": 1, "devid": 2, "slotid": 1}}})",
+         "the key \"slotid\" is given twice in one object"},
+        {R"({"db": 1, "kind": "p_dev.card_info", "object": {"index": {"slot": 1}}})",
+         "p_dev.card_info.index: p_dev.card_info_index has no field \"slot\""},
+        {R"({"db": 1, "kind": "p_dev.card_info", "object": {"index": {"slotid": 2147483648}}})",
+         "p_dev.card_info.index.slotid: needs a whole number from -2147483648 to 2147483647, not 2147483648"},
+        {R"({"db": 1, "kind": "p_dev.card_info", "object": {"index": {"slotid": 1.0}}})", "not 1.0"},
+        {R"({"db": 1, "kind": "p_dev.card_info", "object": {"index": {"slotid": "1"}}})", "not \"1\""},
+        {R"({"db": 1, "kind": "p_dev.card_info", "object": {"index": null}})", "needs an object of"},
+        {R"({"db": 1, "kind": "p_dev.card_info", "object": {"is_online": 1}})", "needs true or false, not 1"},
+        {R"({"db": 1, "kind": "p_dev.card_info", "object": {"name": ["x"]}})", "needs a text, not [\"x\"]"},
+        {R"({"db": 1, "kind": "p_dev.card_info", "object": {"name": "a\u0000b"}})", "without a zero character"},
+        {R"({"db": 1, "kind": "p_dev.card_info", "object": {"mac_addr": "00:1a:2b:3c:4d:5e6"}})",
+         "p_dev.card_info.mac_addr: needs bytes as pairs of hex digits"},
+        {R"({"db": 1, "kind": "p_dev.card_info", "object": {"mac_addr": "00:1a:2b-3c:4d:5e"}})", "needs bytes"},
+        {R"({"db": 1, "kind": "p_dev.card_info", "object": {"mac_addr": "00:1a:"}})", "needs bytes"},
+        {R"({"db": 1, "kind": "p_dev.card_info", "object": {"mac_addr": "0x1a"}})", "needs bytes"},
+        {R"({"db": 1, "kind": "p_dev.vsd_info", "object": {"status": "STA_GONE"}})",
+         "(STA_NONE, STA_WAIT_START, STA_STARTED, STA_RESETTING, STA_STOP), not \"STA_GONE\""},
+        {R"({"db": 1, "kind": "p_dev.vsd_info", "object": {"start_time": -1}})", "from 0 to 18446744073709551615"},
+        {R"({"db": 1, "kind": "p_dev.vsd_port", "object": {"intf_attr": 9223372036854775808}})",
+         "to 9223372036854775807, not 9223372036854775808"},
+        {R"({"db": 1, "kind": "p_dev.local_port_info", "object": {"online_lport": [1, true]}})",
+         "p_dev.local_port_info.online_lport[1]: needs a whole number"},
+        {R"({"db": 1, "kind": "p_dev.local_port_info", "object": {"online_lport": 1}})", "needs an array, not 1"},
+        {R"({"db": 1, "kind": "p_dev.card_info", "object": {"name": "a)", "not JSON: parse error at line 1"},
+        {"{\"db\": 1, \"kind\": \"p_dev.card_info\", \"object\": {\"name\": \"a\xff\"}}", "ill-formed UTF-8"},
+    };
+    for (const auto &one : bad) {
+        const std::string reason = refusal(good + one.entry + "]");
+        EXPECT_TRUE(reason.starts_with("lab.json: entry 2: ")) << reason;
+        EXPECT_NE(reason.find(one.reason), std::string::npos) << one.entry << "\n" << reason;
+    }
+    EXPECT_EQ(refusal("{}"), "lab.json: a topology is an array of entries");
+    EXPECT_NE(refusal("").find("lab.json: not JSON"), std::string::npos);
+}
+
+// A generated topology in which two kinds disagree shows faults that the cache does not have.
+TEST(Generator, EveryPortAgreesWithItsStaticPortCardAndChip) {
+    std::map<std::string, std::map<std::string, Json>> kinds;
+    for (const Json &made : make_topology({.devices = 3, .cards = 2, .ports = 40, .subcards = 1})) {
+        const Json &object = made["object"];
+        kinds[made["kind"]][object.contains("index") ? dump(object["index"]) : ""] = object;
+    }
+    EXPECT_EQ(kinds["p_dev.vsd_port"].size(), 3u * (2 * 40 + 4));
+    EXPECT_EQ(kinds["p_dev.vsl_port_info"].size(), 8u);
+    for (const auto &[place, port] : kinds["p_dev.vsd_port_attr"]) {
+        const Json &attr = kinds["p_dev.port_static"][place]["static_info"];
+        EXPECT_EQ(attr["hardware_name"], port["hardware_name"]);
+        EXPECT_EQ(attr["type"], port["llcbtype"]);
+        EXPECT_EQ(attr.value("unit", 0), port.value("unit", 0));
+        EXPECT_EQ(attr["user_port"], port["index"]["t_port"]);
+        const Json card = {{"t_mod", 0}, {"devid", port["dev"]}, {"slotid", port.value("physlot", 0)}, {"sslotid", 0}};
+        const Json &info = kinds["p_dev.card_info"][dump(card)];
+        EXPECT_EQ(info["user_slot"], port["slot"]);
+        EXPECT_EQ(info["card_nodeid"], port["node"]);
+        int listed = 0;
+        const Json type = {{"type", info["config_dev_type"]}};
+        for (const Json &chip : kinds["p_dev.dm_card_stattr_t"][dump(type)]["chip_attr_array"])
+            for (const Json &own : chip["port_attr"])
+                listed += own["lport"] == attr["lport"] && own["port"] == attr["port"] &&
+                          own.value("unit", 0) == attr.value("unit", 0) &&
+                          own.value("owner_subcard", 0) == port["index"]["t_sslot"];
+        EXPECT_EQ(listed, 1) << place;
+    }
+    auto &links = kinds["p_dev.vsl_port_info"];
+    for (const auto &[place, vsl] : links) {
+        Json peer = {{"devid", 0}, {"slotid", 0}, {"subslot", 0}, {"lport", 0}};
+        peer.update(vsl["peer_index"]);
+        ASSERT_TRUE(links.contains(dump(peer))) << place;
+        EXPECT_EQ(links[dump(peer)]["peer_mac"], vsl["mac"]) << place;
+    }
+}
+
+}  // namespace
+}  // namespace dmq
