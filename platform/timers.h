@@ -1,4 +1,4 @@
-// The process's armed timers. The table is what counts: a record is written to, never read.
+// The process's armed timers. The table is what counts: nothing in a record is believed.
 #ifndef TQ_PLATFORM_TIMERS_H
 #define TQ_PLATFORM_TIMERS_H
 

@@ -1,0 +1,53 @@
+// The capability file: what it may hold, and what is said about one that is wrong.
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "tq_dm_cache/tq_platform_bundled.h"
+
+namespace {
+
+class Capability : public testing::Test {
+protected:
+    const std::string path = "capability_test.xml";  // in the build folder
+    ~Capability() override { std::remove(path.c_str()); }
+
+    void *open(const std::string &text) {
+        std::ofstream(path) << text;
+        return libtq_cap_get_g_cap_init(path.c_str());
+    }
+};
+
+// A limit read from half a number, or from the wrong element, is worse than none.
+TEST_F(Capability, ReadsPlainNumbersOnly) {
+    void *cap = open(
+        "<?xml version=\"1.0\"?>\n<root>\n <spec><other>1</other></spec>\n <spec>\n  <NUM> \n-16\t</NUM>\n"
+        "  <UNIT>16 units</UNIT>\n  <WIDE>2147483648</WIDE>\n  <NONE/>\n </spec>\n</root>\n");
+    ASSERT_NE(cap, nullptr);
+    int32_t value = 7;
+    for (const char *key :
+         {"spec/UNIT", "spec/WIDE", "spec/NONE", "spec", "root/spec/NUM", "/spec/NUM", "spec/NUM/", ""}) {
+        EXPECT_NE(libtq_cap_get_g_cap(cap, key, 2, &value, 0), 0) << key;
+    }
+    EXPECT_NE(libtq_cap_get_g_cap(cap, "spec/NUM", 1, &value, 0), 0);
+    EXPECT_EQ(value, 7);
+    EXPECT_EQ(libtq_cap_get_g_cap(cap, "spec/NUM", 2, &value, 0), 0);
+    EXPECT_EQ(value, -16);
+    libtq_cap_get_g_cap_finish(cap);
+    libtq_cap_get_g_cap_finish(nullptr);
+}
+
+// Most systems have no such file; one that cannot be read must be found without a debugger.
+TEST_F(Capability, SaysWhereAFileIsWrong) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(libtq_cap_get_g_cap_init("no such file.xml"), nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(open("<root>\n <a></b>\n</root>"), nullptr);
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_NE(said.find(path + ": line 2, column "), std::string::npos) << said;
+    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1);
+}
+
+}  // namespace

@@ -1,0 +1,87 @@
+#ifndef TQ_DM_TESTS_RECORDING_CLIENT_H
+#define TQ_DM_TESTS_RECORDING_CLIENT_H
+
+// The stores that the contract tests run over, and a client that writes down all it is told, one short line each. Objects
+// are cards of device 1: a line shows one as slot:type, and an error behind it.
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "support/messages.h"
+#include "tq_dm_cache/tq_platform_bundled.h"
+
+struct Faults {
+    int32_t (*disconnect)(tq_mom_handle *);
+    int32_t (*reconnect)(tq_mom_handle *);
+    int32_t (*restart)(tq_mom_handle *, int32_t keep);
+    int32_t (*lose_confirmations)(tq_mom_handle *, int32_t n);
+    int32_t (*put_bytes)(tq_mom_handle *, uint32_t db, const ProtobufCMessage *, const uint8_t *, uint32_t length);
+};
+
+struct StoreUnderTest {
+    const char *name;
+    std::string (*new_store)();  // the URL of an empty store
+    Faults faults;
+};
+inline void PrintTo(const StoreUnderTest &store, std::ostream *out) {
+    *out << store.name;
+}
+
+std::vector<StoreUnderTest> stores_under_test();
+std::string store_name(const testing::TestParamInfo<StoreUnderTest> &store);
+
+using Lines = std::vector<std::string>;
+std::string join(const Lines &lines);
+std::string sorted(Lines lines);
+
+class RecordingClient {
+public:
+    // What a callback is given: its lines begin with the name, then `then` runs.
+    struct Word {
+        RecordingClient *client;
+        std::string name;
+        std::function<void(const store_msg &)> then;
+    };
+
+    explicit RecordingClient(const std::string &url);
+    ~RecordingClient() { close(); }
+    void close();
+
+    tq_mom_handle *handle() const { return handle_; }
+    Word *word(const std::string &name);
+
+    // They take the store's answer for granted; what it has to tell comes as lines.
+    void subscribe(const std::string &name);
+    void scan(const std::string &name);
+    void follow_connection();  // and the reconnects of databases 1 and 3
+    void set(int32_t slot, int32_t type, uint32_t db = 1);
+    void del(int32_t slot);
+
+    std::string get(int32_t slot);  // by both ways of reading
+    Lines scan_sync();
+
+    void note(const std::string &line);
+    bool wait(const std::string &line);  // for one that is not told yet
+    std::string told();                  // what was written down since the last time
+
+    static int32_t on_message(tq_mom_handle *handle, store_msg *msg, void *word);
+    static int32_t on_ready(void *reserved, uintptr_t word);
+
+private:
+    tq_mom_handle *handle_ = nullptr;
+    std::mutex mutex_;
+    std::condition_variable more_;
+    std::map<std::string, Word> words_;
+    Lines lines_;
+};
+
+Message card_of_type(int32_t slot, int32_t type);
+std::string describe(const store_msg &msg);
+
+#endif

@@ -1,0 +1,255 @@
+// What every store promises its clients, run over each store. A test waits for a push or an end mark of its own making:
+// the store's one order says that everything before it has come.
+#include <future>
+
+#include "platform/recording_client.h"
+
+namespace {
+
+class StoreContract : public testing::TestWithParam<StoreUnderTest> {
+protected:
+    const Faults &faults = GetParam().faults;
+    const std::string url = GetParam().new_store();
+    RecordingClient writer{url};
+    RecordingClient reader{url};
+
+    // One scan's lines, in the order of their text: one end mark, then objects.
+    std::string scanned() {
+        reader.told();
+        reader.scan("s");
+        Lines lines;
+        EXPECT_TRUE(reader.wait("s: end"));
+        const std::string told = reader.told();
+        EXPECT_TRUE(told.ends_with("s: end")) << told;
+        for (size_t at = 0; at < told.size(); at += lines.back().size() + 2) {
+            lines.push_back(told.substr(at, told.find(", ", at) - at));
+        }
+        return sorted(lines);
+    }
+
+    void put_bytes(int32_t slot, const std::string &bytes) {
+        const auto *data = reinterpret_cast<const uint8_t *>(bytes.data());
+        const auto size = static_cast<uint32_t>(bytes.size());
+        EXPECT_EQ(faults.put_bytes(writer.handle(), 1, card(1, slot, 0).get(), data, size), 0);
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Stores, StoreContract, testing::ValuesIn(stores_under_test()), store_name);
+
+// A reader whose pushes come out of order, or of other databases and kinds, shows a device tree that never was.
+TEST_P(StoreContract, PushesAndScansAreOneOrder) {
+    reader.subscribe("sub");
+    ASSERT_TRUE(reader.wait("sub: confirmed"));
+    writer.set(3, 645);
+    writer.set(9, 1, /*db=*/3);
+    EXPECT_EQ(tq_mom_set(writer.handle(), 1, complete().get(), 0, 0), 0);
+    writer.set(4, 7);
+    writer.set(3, 646);
+    writer.del(4);
+    EXPECT_EQ(tq_mom_del(writer.handle(), 1, card(1, 4, 0).get()), TQ_MOM_E_NOT_FOUND);
+    writer.set(5, 1);
+    ASSERT_TRUE(reader.wait("sub: set 5:1"));
+    EXPECT_EQ(reader.told(),
+              "sub: confirmed, sub: set 3:645, sub: set 4:7, sub: set 3:646, sub: deleted 4:0, sub: set 5:1");
+    EXPECT_EQ(scanned(), "s: end, s: has 3:646, s: has 5:1");
+
+    writer.del(3);
+    writer.del(5);
+    EXPECT_TRUE(reader.wait("sub: deleted 5:0"));
+    EXPECT_EQ(scanned(), "s: end");  // a scan of nothing ends too
+    EXPECT_EQ(writer.get(3), "nothing error -5");
+}
+
+// A cache that subscribes again after a reconnect would apply every change twice, or wait for ever.
+TEST_P(StoreContract, ARepeatedSubscriptionIsConfirmedAndDoublesNothing) {
+    for (const char *name : {"a", "a", "b"}) reader.subscribe(name);
+    ASSERT_TRUE(reader.wait("b: confirmed"));
+    writer.set(1, 1);
+    ASSERT_TRUE(reader.wait("b: set 1:1"));
+    EXPECT_EQ(reader.told(), "a: confirmed, a: confirmed, b: confirmed, a: set 1:1, b: set 1:1");
+}
+
+// What was followed, and what was asked for while the connection was lost, must not be forgotten in silence.
+TEST_P(StoreContract, AReconnectRestoresAndGivesWhatWasOwed) {
+    reader.follow_connection();
+    reader.subscribe("sub");
+    ASSERT_TRUE(reader.wait("sub: confirmed"));
+    EXPECT_EQ(faults.disconnect(reader.handle()), 0);
+    ASSERT_TRUE(reader.wait("lost"));
+    writer.set(1, 1);
+    reader.scan("void");
+    reader.subscribe("late");
+    const auto word = reinterpret_cast<uintptr_t>(reader.word("late"));
+    EXPECT_EQ(tq_mom_client_connect(reader.handle(), 1, RecordingClient::on_ready, word), 0);
+    EXPECT_EQ(tq_mom_set(reader.handle(), 1, card(1, 2, 0).get(), 0, 0), TQ_MOM_E_UNREACHABLE);
+    EXPECT_EQ(reader.get(1), "nothing error -4");
+
+    auto connected = std::async(std::launch::async, tq_mom_client_connect_sync, reader.handle(), 1);
+    EXPECT_EQ(faults.reconnect(reader.handle()), 0);
+    EXPECT_EQ(connected.get(), 0);
+    ASSERT_TRUE(reader.wait("reconnect 3 1"));
+    writer.set(2, 2);
+    ASSERT_TRUE(reader.wait("late: set 2:2"));
+    EXPECT_EQ(reader.told(),
+              "connected 0, sub: confirmed, lost, connected 1, late: confirmed, late: ready, reconnect 1 1, "
+              "reconnect 3 1, sub: set 2:2, late: set 2:2");
+    EXPECT_EQ(scanned(), "s: end, s: has 1:1, s: has 2:2");
+}
+
+// A client that takes a new server for the old one keeps objects that are not there.
+TEST_P(StoreContract, ARestartedStoreIsToldApart) {
+    writer.set(1, 1);
+    reader.follow_connection();
+    reader.subscribe("sub");
+    for (const int32_t keep : {1, 0}) {
+        EXPECT_EQ(faults.restart(writer.handle(), keep), 0);
+        EXPECT_EQ(faults.reconnect(reader.handle()), 0);
+        EXPECT_EQ(faults.reconnect(writer.handle()), 0);
+        ASSERT_TRUE(reader.wait("reconnect 3 2"));
+        EXPECT_EQ(scanned(), keep ? "s: end, s: has 1:1" : "s: end");
+    }
+    writer.set(2, 2);
+    EXPECT_TRUE(reader.wait("sub: set 2:2"));
+}
+
+// One confirmation that went missing would hold a cache in its first phase for ever.
+TEST_P(StoreContract, ALostConfirmationIsGivenBeforeTheReconnect) {
+    EXPECT_EQ(faults.lose_confirmations(reader.handle(), 1), 0);
+    reader.subscribe("a");
+    reader.subscribe("b");
+    ASSERT_TRUE(reader.wait("b: confirmed"));
+    reader.follow_connection();
+    EXPECT_EQ(faults.disconnect(reader.handle()), 0);
+    EXPECT_EQ(faults.reconnect(reader.handle()), 0);
+    ASSERT_TRUE(reader.wait("reconnect 3 1"));
+    EXPECT_EQ(reader.told(),
+              "b: confirmed, connected 0, lost, connected 1, a: confirmed, reconnect 1 1, reconnect 3 1");
+}
+
+// A scan that stops half way without a word, or claims to be complete, loses objects.
+TEST_P(StoreContract, AScanCutOffEndsByTheReconnect) {
+    for (int32_t i = 0; i < 500; i++) writer.set(i, 1);
+    reader.follow_connection();
+    reader.word("cut")->then = [&](const store_msg &) { EXPECT_EQ(faults.disconnect(reader.handle()), 0); };
+    reader.scan("cut");
+    ASSERT_TRUE(reader.wait("lost"));
+    EXPECT_EQ(faults.reconnect(reader.handle()), 0);
+    ASSERT_TRUE(reader.wait("reconnect 3 1"));
+    const std::string told = reader.told();
+    EXPECT_EQ(told.find("cut: end"), std::string::npos);
+    EXPECT_EQ(told.find("499:1"), std::string::npos);
+    EXPECT_NE(scanned().find("499:1"), std::string::npos);
+}
+
+// One faulty writer must neither crash the readers nor hide its object, nor the objects beside it.
+TEST_P(StoreContract, DamagedBytesAreReportedAndCounted) {
+    reader.subscribe("sub");
+    writer.set(1, 1);
+    put_bytes(2, "\xff\xff\xff");
+    put_bytes(3, packed(card_of_type(1, 9).get()));  // another object's
+    writer.set(4, 4);
+    ASSERT_TRUE(reader.wait("sub: set 4:4"));
+    EXPECT_EQ(reader.told(),
+              "sub: confirmed, sub: set 1:1, sub: set 2:0 error -6, sub: set 3:0 error -6, sub: set 4:4");
+    EXPECT_EQ(scanned(), "s: end, s: has 1:1, s: has 2:0 error -6, s: has 3:0 error -6, s: has 4:4");
+    EXPECT_EQ(tq_mom_client_damaged(reader.handle()), 4u);
+    EXPECT_EQ(writer.get(2), "nothing error -6");
+    writer.set(2, 2);
+    EXPECT_EQ(writer.get(2), "2:2");
+}
+
+// Whoever follows fields of one card must not be woken for its neighbours, nor twice for one change.
+TEST_P(StoreContract, FieldSubscribersHearOfTheirFieldsOnly) {
+    const Message key = card(1, 1, 0);
+    uint32_t fields[11] = {};
+    tq_mom_msg_cb callbacks[11];
+    void *words[11] = {reader.word("a"), reader.word("b"), reader.word("b")};
+    std::fill(std::begin(callbacks), std::end(callbacks), RecordingClient::on_message);
+    for (int i = 0; const char *name : {"config_dev_type", "sw_status", "user_slot"}) {
+        fields[i++] = protobuf_c_message_descriptor_get_field_by_name(key.get()->descriptor, name)->id;
+    }
+    const auto follow = [&](const ProtobufCMessage *object, int32_t n) {
+        return tq_mom_subscribe_field(reader.handle(), 1, object, 0, fields, callbacks, words, n);
+    };
+    const auto set = [&](int32_t slot, int32_t type, int32_t others, int32_t port_num) {
+        const Message object =
+            card_of_type(slot, type).set("sw_status", others).set("user_slot", others).set("port_num", port_num);
+        EXPECT_EQ(tq_mom_set(writer.handle(), 1, object.get(), 0, 0), 0);
+    };
+    EXPECT_EQ(follow(key.get(), 3), 0);
+    reader.wait("a: confirmed");
+    set(1, 5, 0, 0);  // appears: all fields
+    set(1, 5, 0, 1);  // no field of theirs
+    set(2, 6, 1, 1);  // another card
+    set(1, 6, 0, 1);  // a's field
+    set(1, 6, 1, 1);  // both of b's fields
+    writer.del(1);
+    ASSERT_TRUE(reader.wait("b: deleted 1:0"));
+    EXPECT_EQ(reader.told(),
+              "a: confirmed, a: set 1:5, b: set 1:5, a: set 1:6, b: set 1:6, a: deleted 1:0, b: deleted 1:0");
+    EXPECT_EQ(follow(Message("p_dev.card_info").get(), 1), TQ_MOM_E_ARGUMENT);  // names no card
+    for (const int32_t n : {0, 4, 11}) EXPECT_EQ(follow(key.get(), n), TQ_MOM_E_ARGUMENT);
+}
+
+// A callback that reads the store must not hang the client that it belongs to; nothing needs a connect first.
+TEST_P(StoreContract, TheLoopsOwnThreadMayCallEverything) {
+    writer.set(1, 1);
+    reader.word("sub")->then = [&](const store_msg &msg) {
+        if (msg.cmd != TQ_MOM_CMD_SUBSCRIBED) return;
+        EXPECT_EQ(reader.get(1), "1:1");
+        EXPECT_EQ(join(reader.scan_sync()), "has 1:1");
+        EXPECT_EQ(tq_mom_client_connect_sync(reader.handle(), 1), 0);
+        EXPECT_EQ(tq_mom_client_close(reader.handle()), TQ_MOM_E_ARGUMENT);
+        EXPECT_EQ(tq_mom_client_drain(reader.handle(), 1), TQ_MOM_E_ARGUMENT);
+        reader.scan("s");
+        reader.set(2, 2);
+        reader.note("done");
+    };
+    reader.subscribe("sub");
+    ASSERT_TRUE(reader.wait("sub: set 2:2"));
+    EXPECT_EQ(reader.told(), "sub: confirmed, done, s: has 1:1, s: end, sub: set 2:2");
+}
+
+// A process that closes its client while changes pour in must not be called back afterwards.
+TEST_P(StoreContract, CloseDropsWhatIsQueued) {
+    std::promise<void> in_callback, go_on;
+    reader.word("sub")->then = [&](const store_msg &msg) {
+        if (msg.cmd != TQ_MOM_CMD_SUBSCRIBED) return;
+        in_callback.set_value();
+        go_on.get_future().wait();
+    };
+    reader.subscribe("sub");
+    in_callback.get_future().wait();
+    for (int32_t i = 0; i < 100; i++) writer.set(i, 1);
+    reader.scan("s");
+    EXPECT_EQ(tq_mom_client_drain(reader.handle(), 1), TQ_MOM_E_TIMEOUT);
+    auto closed = std::async(std::launch::async, [&] { reader.close(); });
+    go_on.set_value();
+    closed.get();
+    reader.told();
+    writer.set(1, 2);
+    EXPECT_EQ(reader.told(), "");
+}
+
+// A wrong URL is told in words, and nothing crashes on what is not there.
+TEST(Platform, RefusesWhatIsUnusable) {
+    tq_mom_handle *none = nullptr;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(tq_mom_client_open("http://x", &none), TQ_MOM_E_URL);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("\"http://x\""), std::string::npos);
+
+    const RecordingClient client("mem:");
+    const Message keyless("p_dev.card_info"), keyed = card(1, 1, 0);
+    for (tq_mom_handle *handle : {none, client.handle()}) {
+        const ProtobufCMessage *object = handle ? keyless.get() : keyed.get();
+        EXPECT_EQ(tq_mom_set(handle, 1, object, 0, 0), TQ_MOM_E_ARGUMENT);
+        EXPECT_EQ(tq_mom_del(handle, 1, object), TQ_MOM_E_ARGUMENT);
+        EXPECT_EQ(tq_mom_hgetall_sync(handle, 1, object), nullptr);
+        EXPECT_EQ(tq_mom_scan(handle, 1, object, 0, nullptr, nullptr), TQ_MOM_E_ARGUMENT);
+        EXPECT_EQ(tq_mom_subscribe(handle, 1, nullptr, 0, RecordingClient::on_message, nullptr), TQ_MOM_E_ARGUMENT);
+    }
+    EXPECT_EQ(tq_mom_hash_res_free(nullptr), 0);
+    EXPECT_EQ(tq_mom_tq_obj_free(nullptr), 0);
+}
+
+}  // namespace
