@@ -9,7 +9,8 @@ namespace {
 
 class Capability : public testing::Test {
 protected:
-    const std::string path = "capability_test.xml";  // in the build folder
+    // In the build folder; tests run side by side.
+    const std::string path = testing::UnitTest::GetInstance()->current_test_info()->name() + std::string(".xml");
     ~Capability() override { std::remove(path.c_str()); }
 
     void *open(const std::string &text) {
