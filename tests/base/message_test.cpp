@@ -44,10 +44,9 @@ TEST(Copy, FailsWithItsCodeItsMessageAndNull) {
     out = &log;
     EXPECT_EQ(dm_cache_copy_obj(keyless.get(), &p_dev__card_info__descriptor, &out), -5);
     EXPECT_EQ(out, nullptr);
-    EXPECT_EQ(log.take(),
-              at_threshold(2, {{2, "dm_cache_copy_obj",
-                                text("key[%p] get packed size fail[%d].\n", static_cast<void *>(large.get()), size)},
-                               {2, "dm_cache_copy_obj", "unpack val failed.\n"}}));
+    EXPECT_EQ(log.take(), at_threshold(2, {text("2 dm_cache_copy_obj>key[%p] get packed size fail[%d].\n",
+                                                static_cast<void *>(large.get()), size),
+                                           "2 dm_cache_copy_obj>unpack val failed.\n"}));
 
     EXPECT_EQ(dm_cache_copy_obj(nullptr, keyless.get()->descriptor, &out), -1);
     EXPECT_EQ(dm_cache_copy_obj(keyless.get(), nullptr, &out), -1);

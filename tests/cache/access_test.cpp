@@ -50,18 +50,18 @@ TEST_P(Access, SaysWhatWasRefused) {
     dm_cache_get_obj_index_list_len(17);
     dm_cache_get_obj_index_list(17, buf, 0, &count);
     dm_cache_get_obj_index_list(17, buf, 4, &count);
-    const std::vector<LogLine> lines = {
-        {2, "dm_cache_get_obj", text("param err[39][%p][%p].\n", k, at)},
-        {2, "dm_cache_get_obj", text("param err[17][%p][%p].\n", k, null)},
-        {2, "dm_cache_get_obj", text("param err[17][%p][%p].\n", null, at)},
-        {2, "dm_cache_set_obj", "invalid param.\r\n"},
-        {2, "dm_cache_set_obj", "invalid param.\r\n"},
-        {2, "dm_cache_foreach_obj", text("param err[39][%p].\n", reinterpret_cast<void *>(ignore))},
-        {2, "dm_cache_get_obj_index_list_len", "param err[-1].\n"},
-        {2, "dm_cache_get_obj_index_list_len", "list null.\n"},
-        {1, "dm_cache_get_obj_index_list_len", "type[17] len[0].\n"},
-        {2, "dm_cache_get_obj_index_list", text("param err[17][%p][0][%p].\n", at, static_cast<void *>(&count))},
-        {1, "dm_cache_get_obj_index_list", "type[17] get_len[0].\n"}};
+    const Strings lines = {
+        text("2 dm_cache_get_obj>param err[39][%p][%p].\n", k, at),
+        text("2 dm_cache_get_obj>param err[17][%p][%p].\n", k, null),
+        text("2 dm_cache_get_obj>param err[17][%p][%p].\n", null, at),
+        "2 dm_cache_set_obj>invalid param.\r\n",
+        "2 dm_cache_set_obj>invalid param.\r\n",
+        text("2 dm_cache_foreach_obj>param err[39][%p].\n", reinterpret_cast<void *>(ignore)),
+        "2 dm_cache_get_obj_index_list_len>param err[-1].\n",
+        "2 dm_cache_get_obj_index_list_len>list null.\n",
+        "1 dm_cache_get_obj_index_list_len>type[17] len[0].\n",
+        text("2 dm_cache_get_obj_index_list>param err[17][%p][0][%p].\n", at, static_cast<void *>(&count)),
+        "1 dm_cache_get_obj_index_list>type[17] get_len[0].\n"};
     EXPECT_EQ(log.take(), at_threshold(GetParam(), lines));
 }
 

@@ -33,10 +33,9 @@ TEST_P(Registration, TakesTenFunctionsInOrderAndChangesNothingWhenItRefuses) {
     EXPECT_EQ(dm_cache_sub_obj(17, functions[0], 4), 0);
     EXPECT_EQ(dm_cache_sub_obj(17, functions[0], DM_CACHE_NO_STORE), -2);
     EXPECT_EQ(row.flag, 4);
-    EXPECT_EQ(log.take(),
-              at_threshold(GetParam(), {{2, "dm_cache_sub_obj", text("param err[39][%p].\n", name(0))},
-                                        {1, "dm_cache_sub_obj", text("cache[17] func[%p] flag[4].\n", name(0))},
-                                        {2, "dm_cache_sub_obj", "add func err[-2].\n"}}));
+    EXPECT_EQ(log.take(), at_threshold(GetParam(), {text("2 dm_cache_sub_obj>param err[39][%p].\n", name(0)),
+                                                    text("1 dm_cache_sub_obj>cache[17] func[%p] flag[4].\n", name(0)),
+                                                    "2 dm_cache_sub_obj>add func err[-2].\n"}));
     for (size_t i = 1; i < 10; ++i) EXPECT_EQ(dm_cache_sub_obj(17, functions[i], 0), 0);
     EXPECT_EQ(dm_cache_sub_obj(17, functions[10], DM_CACHE_NO_STORE), -1);
     EXPECT_EQ(row.flag, 0);

@@ -2,6 +2,7 @@
 #include "support/live_cache.h"
 #include "support/log_capture.h"
 
+#include "tq_dm_cache/dm_cache_status.h"
 #include "tq_dm_cache/dm_port_index.h"
 
 #include <dlfcn.h>
@@ -68,16 +69,18 @@ TEST(Start, MakesItsCallsInOrderOnceAndHandsBackTheCodeOfTheFirstRefusal) {
     EXPECT_EQ(self_thread, first);
 }
 
-// After a failed start a client simply starts again: nothing of the first may remain, armed or in memory.
+// After a failed start a client simply starts again: nothing of the first may remain, armed, in memory or believed.
 TEST(Start, BeginsAfreshAfterAFailure) {
     for (const int32_t row : {7, 17, 30}) dm_cache_sub_obj(row, nullptr, 0);
+    platform.put(static_port(1, 2, 3, 7));
+    platform.put(global_port(1, 1, 2, 3, 7, 5));
     EXPECT_EQ(refused_start("x"), -9);
-    platform.become_ready();
+    platform.synchronise();
+    EXPECT_EQ(dm_cache_wait_synced(0), 0);
     platform.lose_connection(1, 1);
     platform.confirm();
     EXPECT_EQ(platform.timers.size(), 3U);
-    EXPECT_EQ(dm_cache_set_obj(7, static_port(1, 2, 3, 7).get()), 0);
-    EXPECT_EQ(dm_cache_set_obj(30, global_port(1, 1, 2, 3, 7, 5).get()), 0);
+    platform.connections.clear();
 
     EXPECT_EQ(dm_cache_init(&platform.handle, "x"), 0);
     EXPECT_TRUE(platform.timers.empty());
@@ -85,6 +88,14 @@ TEST(Start, BeginsAfreshAfterAFailure) {
     EXPECT_EQ(obj_sub_list[30].port_tree->root[0]->node, nullptr);
     for (const char *cancelled : {"cancel 7", "cancel 17", "cancel 30"})
         EXPECT_EQ(std::count(platform.calls.begin(), platform.calls.end(), cancelled), 1) << cancelled;
+    platform.become_ready();
+    EXPECT_EQ(g_cache_proc_done, 0);
+    EXPECT_EQ(dm_cache_wait_synced(0), -1);
+    platform.confirm();
+    platform.answer_scans();
+    EXPECT_EQ(dm_cache_wait_synced(0), 0);
+    EXPECT_EQ(cached(7) + cached(30), 2);
+    EXPECT_NE(obj_sub_list[30].port_tree->root[0]->node, nullptr);
 }
 
 // The one way to see inside a process in the field: its own line, and nobody else's, opens its log.
@@ -147,29 +158,27 @@ TEST_P(StartLog, SaysWhatItDidAndWhatFailed) {
     start({});
     dm_cache_init(&platform.handle, "me");
     platform.become_ready();
-    const LogLine init{2, "dm_cache_init", "init [me].\n"};
-    const LogLine missing{2, "dm_get_cap_value", "dm_cache get URL_CAPA_CAP_VSU_CHASSIS_NUM value failed.\r\n"};
-    const auto connected = [](const char *words) { return LogLine{0, "dm_cache_db_conn", words}; };
-    const std::vector<LogLine> lines = {
-        {2, "dm_cache_init", "dm_cache_init param fail [(nil)][(nil)].\n"},
-        {2, "dm_get_cap_value", "libtq_cap_get_g_cap_init error.\n"},
-        {2, "dm_cache_init", "dm_cache_init: get cap value failed.\n"},
-        init,
-        missing,
-        {2, "dm_connect_global_db", "init [me].\n"},
-        {1, "dm_get_cap_value", "dm_cache get URL_CAPA_CAP_VSU_CHASSIS_NUM value 8\r\n"},
-        {0, "dm_connect_global_db", "test connect db [8] success.\n"},
-        {0, "dm_cache_log_subobj_to_file", "obj_sub_list [18] is enable\n"},
-        {0, "dm_cache_log_subobj_to_file", "obj_sub_list [21] is enable\n"},
-        {0, "dm_cache_init", "rsync connect[0].\n"},
-        {0, "dm_cache_init", "dm_cache_init: already inited before.\n"},
-        connected("dm_cache: conn to db 1 ready.\n"),
-        connected("rsync 1 connect[0].\n"),
-        connected("dm_cache: conn to db 3 ready.\n"),
-        {2, "dm_cache_subscribe", "tq_mom_subscribe obj[21], fail ret=[-6].\n"},
-        connected("rsync 3 connect[0].\n"),
-        connected("dm_cache: conn to db 8 ready.\n"),
-        connected("rsync 8 connect[0].\n")};
+    const std::string init = "2 dm_cache_init>init [me].\n";
+    const std::string missing = "2 dm_get_cap_value>dm_cache get URL_CAPA_CAP_VSU_CHASSIS_NUM value failed.\r\n";
+    const Strings lines = {"2 dm_cache_init>dm_cache_init param fail [(nil)][(nil)].\n",
+                           "2 dm_get_cap_value>libtq_cap_get_g_cap_init error.\n",
+                           "2 dm_cache_init>dm_cache_init: get cap value failed.\n",
+                           init,
+                           missing,
+                           "2 dm_connect_global_db>init [me].\n",
+                           "1 dm_get_cap_value>dm_cache get URL_CAPA_CAP_VSU_CHASSIS_NUM value 8\r\n",
+                           "0 dm_connect_global_db>test connect db [8] success.\n",
+                           "0 dm_cache_log_subobj_to_file>obj_sub_list [18] is enable\n",
+                           "0 dm_cache_log_subobj_to_file>obj_sub_list [21] is enable\n",
+                           "0 dm_cache_init>rsync connect[0].\n",
+                           "0 dm_cache_init>dm_cache_init: already inited before.\n",
+                           "0 dm_cache_db_conn>dm_cache: conn to db 1 ready.\n",
+                           "0 dm_cache_db_conn>rsync 1 connect[0].\n",
+                           "0 dm_cache_db_conn>dm_cache: conn to db 3 ready.\n",
+                           "2 dm_cache_subscribe>tq_mom_subscribe obj[21], fail ret=[-6].\n",
+                           "0 dm_cache_db_conn>rsync 3 connect[0].\n",
+                           "0 dm_cache_db_conn>dm_cache: conn to db 8 ready.\n",
+                           "0 dm_cache_db_conn>rsync 8 connect[0].\n"};
     EXPECT_EQ(log.take(), at_threshold(GetParam(), lines));
 }
 

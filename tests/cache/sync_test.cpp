@@ -78,25 +78,18 @@ int32_t __wrap_tq_thread_insert_timer(tq_thread_master *master, tq_thread_timer 
 
 // The whole road, in the words that a person follows in the field.
 TEST_P(SyncLog, TellsTheRoadMessageByMessage) {
-    const int threshold = GetParam();
     start({1, 17});
     platform.become_ready();
-    LogCapture log(threshold);
-    std::vector<LogLine> lines;
-    const auto expect = [&](std::vector<LogLine> more) { lines.insert(lines.end(), more.begin(), more.end()); };
-    const auto p = [](auto *pointer) { return reinterpret_cast<void *>(pointer); };
-    const LogLine notify{0, "dm_cache_user_cb_call", text("notify update obj[17][%p].\n", p(note_change))};
-    const LogLine step5{0, "dm_cache_mom_callback_func", "step 5, g_cache_proc_done = 1\n"};
-    const auto applied = [](int cmd, const char *function = "dm_cache_update_obj") {
-        return LogLine{1, function, text("<==== cmd[%d] flag[0].\n", cmd)};
-    };
-    const LogLine all_subscribed[] = {{1, "dm_cache_mom_start_scan", "all key subscribe done. \n"},
-                                      {0, "dm_cache_mom_start_scan", "dm cache rsync subscribe finish."}};
-    const LogLine scanning{1, "dm_cache_mom_first_scan_data", "all key rsync scan done. \n"};
-    const auto confirmed = [](int row) {
-        return LogLine{1, "dm_cache_mom_callback_func", text("key[%d] subscribe finish. \n", row)};
-    };
-    const auto refused = [](const char *function, const std::string &words) { return LogLine{2, function, words}; };
+    LogCapture log(GetParam());
+    Strings lines;
+    const auto expect = [&lines](const Strings &more) { lines.insert(lines.end(), more.begin(), more.end()); };
+    const std::string notify =
+        text("0 dm_cache_user_cb_call>notify update obj[17][%p].\n", reinterpret_cast<void *>(note_change));
+    const std::string live = "0 dm_cache_mom_callback_func>step 5, g_cache_proc_done = 1\n";
+    const auto applied = [](int cmd) { return text("1 dm_cache_update_obj><==== cmd[%d] flag[0].\n", cmd); };
+    const std::string scanning = "1 dm_cache_mom_first_scan_data>all key rsync scan done. \n";
+    const std::string subscribed = "1 dm_cache_mom_start_scan>all key subscribe done. \n";
+    const std::string finished = "0 dm_cache_mom_start_scan>dm cache rsync subscribe finish.";
 
     receive(17, SET, card(1, 1, 0));
     receive_value(1, SUBSCRIBED, nullptr);
@@ -104,92 +97,81 @@ TEST_P(SyncLog, TellsTheRoadMessageByMessage) {
     receive_value(17, SUBSCRIBED, nullptr);
     platform.answers.clear();
     receive_value(17, SUBSCRIBED, nullptr);
-    expect({confirmed(1), confirmed(17), all_subscribed[0], all_subscribed[1],
-            refused("dm_cache_mom_first_scan_data", "tq_mom_subscribe obj[17], fail ret=[-5].\n"), scanning,
-            confirmed(17), all_subscribed[0], all_subscribed[1], scanning});
+    expect({"1 dm_cache_mom_callback_func>key[1] subscribe finish. \n",
+            "1 dm_cache_mom_callback_func>key[17] subscribe finish. \n", subscribed, finished,
+            "2 dm_cache_mom_first_scan_data>tq_mom_subscribe obj[17], fail ret=[-5].\n", scanning,
+            "1 dm_cache_mom_callback_func>key[17] subscribe finish. \n", subscribed, finished, scanning});
 
     result_rec bad{};
     bad.error = 3;
     store_msg empty{};
-    const std::string invalid = text("invalid value[%p, 3, (nil)].\n", p(&bad));
-    receive_value(17, 4, &bad);
+    const std::string invalid = text(">invalid value[%p, 3, (nil)].\n", static_cast<void *>(&bad));
+    receive_value(17, REPLY, &bad);
     dm_cache_mom_cache(&empty, 17);
     receive(17, REPLY, card(1, 3, 0));
     receive_end(1);
+    receive_end(1);
     receive_end(17);
-    expect({refused("dm_cache_mom_cache", invalid),
-            {0, "dm_cache_mom_cache", "====>ignore null pkg!"},
-            {1, "dm_cache_mom_callback_func", "scan done[1] \n"},
-            {1, "dm_cache_mom_update_scan_over_list", "all key scan done. \n"},
-            {0, "dm_cache_mom_update_scan_over_list", "dp rsync scan finish."},
-            {1, "dm_cache_mom_callback_func", "scan done[17] \n"},
-            applied(4, "dm_cache_process_msg"),
-            notify,
-            {0, "dm_cache_clear_data_dirty", "dm_cache_clear_data_dirty done\n"},
-            {0, "dm_cache_mom_process_cache", "process cache, g_cache_proc_done = 1\n"}});
+    expect({"2 dm_cache_mom_cache" + invalid, "0 dm_cache_mom_cache>====>ignore null pkg!",
+            "1 dm_cache_mom_callback_func>scan done[1] \n", "1 dm_cache_mom_callback_func>scan done[1] \n",
+            "1 dm_cache_mom_update_scan_over_list>all key scan done. \n",
+            "0 dm_cache_mom_update_scan_over_list>dp rsync scan finish.",
+            "1 dm_cache_mom_callback_func>scan done[17] \n", "1 dm_cache_process_msg><==== cmd[4] flag[0].\n", notify,
+            "0 dm_cache_clear_data_dirty>dm_cache_clear_data_dirty done\n",
+            "0 dm_cache_mom_process_cache>process cache, g_cache_proc_done = 1\n"});
 
     receive(17, SET, card(1, 3, 0));
     receive(17, DELETE, card(1, 4, 0));
-    for (const int cmd : {1, 3, 4, 28}) receive_value(17, cmd, nullptr);
-    receive_value(17, 6, &bad);
-    expect({step5,
+    for (const int cmd : {SET, DELETE, REPLY, OTHER}) receive_value(17, cmd, nullptr);
+    receive_value(17, REPLY_HASH, &bad);
+    const std::string null_value = "2 dm_cache_update_obj>msg value is NULL\r\n";
+    expect({live,
             applied(1),
             notify,
-            step5,
+            live,
             applied(3),
-            refused("dm_cache_handle_delmsg", "can't find obj in cache to delete ret[-1] get[(nil)].\r\n"),
-            step5,
+            "2 dm_cache_handle_delmsg>can't find obj in cache to delete ret[-1] get[(nil)].\r\n",
+            live,
             applied(1),
-            refused("dm_cache_update_obj", "msg value is NULL\r\n"),
-            step5,
+            null_value,
+            live,
             applied(3),
-            refused("dm_cache_update_obj", "msg value is NULL\r\n"),
-            step5,
+            null_value,
+            live,
             applied(4),
-            refused("dm_cache_update_obj", "invalid value[(nil)].\n"),
-            step5,
+            "2 dm_cache_update_obj>invalid value[(nil)].\n",
+            live,
             applied(28),
-            step5,
+            live,
             applied(6),
-            refused("dm_cache_update_obj", invalid)});
+            "2 dm_cache_update_obj" + invalid});
 
     obj_sub_list[17].flag = DM_CACHE_NO_STORE;
     receive(17, SET, card(1, 5, 0));
     receive(17, DELETE, card(1, 3, 0));
-    expect({step5,
-            applied(1),
-            refused("dm_cache_handle_setmsg", "dm_cache_list_add error[-1]\r\n"),
-            step5,
-            applied(3),
-            {1, "dm_cache_handle_delmsg", "this is no cache obj.\r\n"},
-            notify});
+    expect({live, applied(1), "2 dm_cache_handle_setmsg>dm_cache_list_add error[-1]\r\n", live, applied(3),
+            "1 dm_cache_handle_delmsg>this is no cache obj.\r\n", notify});
 
     EXPECT_EQ(dm_cache_mom_callback_func(nullptr, &empty, &empty), -1);
-    EXPECT_EQ(receive_value(0, 1, nullptr), -1);
-    EXPECT_EQ(receive_value(17, 1, nullptr, 0, /*result=*/5), -1);
-    EXPECT_EQ(receive_value(39, 1, nullptr), -1);
+    EXPECT_EQ(receive_value(0, SET, nullptr), -1);
+    EXPECT_EQ(receive_value(17, SET, nullptr, 0, /*result=*/5), -1);
+    EXPECT_EQ(receive_value(39, SET, nullptr), -1);
     receive(1, SET, complete());
-    const std::string null = "global or msg or privdata is NULL \r\n";
-    expect({refused("dm_cache_mom_callback_func", null),
-            refused("dm_cache_mom_callback_func", null),
-            refused("dm_cache_mom_callback_func", null),
-            refused("dm_cache_mom_callback_func", "invalid privdata[39]\r\n"),
-            step5,
-            {0, "dm_cache_mom_callback_func", "step 6, recive complete again\n"},
-            scanning});
+    expect(Strings(3, "2 dm_cache_mom_callback_func>global or msg or privdata is NULL \r\n"));
+    expect({"2 dm_cache_mom_callback_func>invalid privdata[39]\r\n", live,
+            "0 dm_cache_mom_callback_func>step 6, recive complete again\n", scanning});
 
     platform.answers = {{"subscribe 1 p_dev.dp", -3}, {scan_card, -2}};
     platform.lose_connection(1, 1);
     const Request second = platform.subscriptions.back();
-    EXPECT_EQ(ScriptedPlatform::deliver(second, 29, nullptr), 0);
+    EXPECT_EQ(ScriptedPlatform::deliver(second, SUBSCRIBED, nullptr), 0);
     platform.fire_timers();
-    EXPECT_EQ(ScriptedPlatform::deliver(second, 29, nullptr, 0, /*result=*/1), -1);
+    EXPECT_EQ(ScriptedPlatform::deliver(second, SUBSCRIBED, nullptr, 0, /*result=*/1), -1);
     EXPECT_EQ(second.callback(&platform.handle, &empty, reinterpret_cast<void *>(39)), -1);
-    expect({refused("dm_cache_tq_mom_subscribe", "tq_mom_subscribe obj[1], fail ret=[-3].\n"),
-            refused("dm_cache_tq_mom_scan_input_db_timer", "dm_cache_tq_mom_scan_input_db obj[17], fail ret=[-2].\n"),
-            refused("dm_cache_tq_mom_subscribe_callback", "input err.\n"),
-            refused("dm_cache_tq_mom_subscribe_callback", "index err.\n")});
-    EXPECT_EQ(log.take(), at_threshold(threshold, lines));
+    expect({"2 dm_cache_tq_mom_subscribe>tq_mom_subscribe obj[1], fail ret=[-3].\n",
+            "2 dm_cache_tq_mom_scan_input_db_timer>dm_cache_tq_mom_scan_input_db obj[17], fail ret=[-2].\n",
+            "2 dm_cache_tq_mom_subscribe_callback>input err.\n", "2 dm_cache_tq_mom_subscribe_callback>index err.\n"});
+    EXPECT_EQ(log.take(), at_threshold(GetParam(), lines));
 }
 
 INSTANTIATE_TEST_SUITE_P(Thresholds, SyncLog, testing::Range(0, 4));
@@ -265,6 +247,8 @@ TEST(Sync, AppliesALiveChangeBeforeItsCallbackAndWithoutTheLock) {
     EXPECT_EQ(receive(17, REPLY_HASH, card(1, 3, 0).set("port_num", 2)), 0);
     EXPECT_EQ(receive(17, REPLY, card(1, 4, 0), /*flag=*/1), 0);
     EXPECT_EQ(receive(17, REPLY_GET, card(1, 4, 0)), 0);
+    EXPECT_EQ(receive(1, REPLY, complete()), 0);  // of a scan: announces nothing
+    EXPECT_TRUE(platform.calls.empty());
     EXPECT_EQ(receive(17, SET, {"p_dev.card_info"}), 0);
     EXPECT_EQ(receive(17, DELETE, {"p_dev.card_info"}), 0);
     EXPECT_EQ(receive(17, DELETE, card(1, 4, 0)), 0);
@@ -367,27 +351,38 @@ TEST(Sync, RescansTheRowsOfAReconnectedDatabase) {
 }
 
 // Queued before the connection was lost, deleted while it was: such an object must not come to life and stay for ever.
-TEST(Sync, DropsWhatALostConnectionLeftInTheQueue) {
-    for (const bool ended : {false, true}) {
-        if (!ended)
-            start_gathering({17, 21});
-        else
-            receive(17, SET, card(1, 1, 0)), platform.lose_connection(1, 1), platform.confirm(), platform.fire_timers();
-        receive(17, REPLY, card(1, 3, 0));
+TEST(Sync, DropsWhatALostConnectionLeftBehind) {
+    start_gathering({17, 21});
+    for (const int32_t n : {0, 10}) {  // while it gathers, and in live
+        receive(17, REPLY, card(1, n + 3, 0));
         receive(21, REPLY, link(1));
         platform.lose_connection(1, 1);
-        if (ended) receive_end(17);
-        receive(17, SET, card(1, 4, 0));
+        receive(17, SET, card(1, n + 4, 0));
         platform.confirm();
-        receive(17, SET, card(1, 5, 0));
+        receive(17, SET, card(1, n + 5, 0));
+        platform.end_scan("p_dev.vsl_port_info");
+        EXPECT_EQ(element(17, card(1, n + 5, 0)), nullptr);
         platform.fire_timers();
         platform.answer_scans();
         EXPECT_EQ(g_cache_proc_done, 1);
-        EXPECT_EQ(element(17, card(1, 3, 0)), nullptr) << ended;
-        EXPECT_EQ(element(17, card(1, 4, 0)), nullptr) << ended;
-        EXPECT_NE(element(17, card(1, 5, 0)), nullptr) << ended;
-        EXPECT_EQ(cached(21), 1);
+        EXPECT_NE(element(17, card(1, n + 5, 0)), nullptr);
+        EXPECT_EQ(cached(17) + cached(21), 2) << n;
     }
+}
+
+// Confirmations that were owed bring full scans before the rescan is due: their ends must not pass for its end.
+TEST(Sync, WaitsForTheRescanOfALostConnection) {
+    start({17, 21});
+    platform.become_ready();
+    platform.lose_connection(1, 1);
+    platform.confirm();
+    platform.put(card(1, 3, 0));
+    platform.answer_scans();
+    EXPECT_EQ(g_cache_proc_done, 0);
+    platform.erase(card(1, 3, 0));
+    platform.fire_timers();
+    platform.answer_scans();
+    EXPECT_EQ(g_cache_proc_done, 1);
 }
 
 // A full kind loses the new object and nothing else; a kind that is not stored fills no memory and reports nothing.
@@ -401,9 +396,9 @@ TEST(Sync, RefusesWhatCannotBeStoredAndGoesOn) {
     drained(&changes);
     LogCapture log(2);
     EXPECT_EQ(receive(17, SET, card(2, 0, 0)), 0);
-    EXPECT_EQ(log.take(), at_threshold(2, {{2, "dm_cache_handle_setmsg", "dm_cache_list_add error[-1]\r\n"}}));
+    EXPECT_EQ(log.take(), at_threshold(2, {"2 dm_cache_handle_setmsg>dm_cache_list_add error[-1]\r\n"}));
     EXPECT_EQ(dm_cache_set_obj(17, card(2, 0, 0).get()), -1);
-    EXPECT_EQ(log.take(), at_threshold(2, {{2, "dm_cache_set_obj", "dm_cache_list_add error[-1]\r\n"}}));
+    EXPECT_EQ(log.take(), at_threshold(2, {"2 dm_cache_set_obj>dm_cache_list_add error[-1]\r\n"}));
     EXPECT_EQ(receive(17, SET, card(1, 5, 0)), 0);
     EXPECT_EQ(drained(&changes), Strings{"17 replaced 0.1.5.0"});
     EXPECT_EQ(obj_sub_list[17].obj_list->count, DM_CACHE_LIST_LIMIT);

@@ -105,9 +105,9 @@ TEST_F(PortIndex, KeepsWhatItCannotIndex) {
     set(30, global);
     set(31, vsd_port(1, 2, 3, 7, 5));
     set(8, {"p_dev.unit_cport_info", {{"index.unit", 1}}});
-    EXPECT_EQ(log.take(), at_threshold(2, {{2, "ndm_global_port_gen_key", invalid, "dm_cache_port_obj"},
-                                           {2, "ndm_vsd_port_gen_key", invalid, "dm_cache_port_obj"},
-                                           {2, "ndm_local_port_gen_key", "param invalid.\n", "dm_cache_port_obj"}}));
+    EXPECT_EQ(log.take(), at_threshold(2, {"2 dm_cache_port_obj:ndm_global_port_gen_key>" + invalid,
+                                           "2 dm_cache_port_obj:ndm_vsd_port_gen_key>" + invalid,
+                                           "2 dm_cache_port_obj:ndm_local_port_gen_key>param invalid.\n"}));
     EXPECT_EQ(cached(30) + cached(31) + cached(8), 3);
     EXPECT_EQ(element(30, global)->key, nullptr);
     EXPECT_EQ(ndm_cache_tree_add_node(&obj_sub_list[30], global.get()), -1);
@@ -119,7 +119,7 @@ TEST_F(PortIndex, KeepsWhatItCannotIndex) {
 // Two objects under one key: a query must go on finding the first, and never an object that is gone.
 TEST_F(PortIndex, TheFirstOfTwoEqualKeysIsFoundAndEitherTakesItAway) {
     LogCapture log(2);
-    const LogLine refused{2, "ndm_cache_tree_add_node", "add cache tree node fail.\n", "dm_cache_port_obj"};
+    const std::string refused = "2 dm_cache_port_obj:ndm_cache_tree_add_node>add cache tree node fail.\n";
     set(8, local_port(0, 1, 40));
     set(8, local_port(0, 2, 40));
     EXPECT_EQ(log.take(), at_threshold(2, {refused}));

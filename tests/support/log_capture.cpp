@@ -19,10 +19,15 @@ std::string text(const char *format, ...) {
     return line;
 }
 
-std::string at_threshold(int threshold, const std::vector<LogLine> &lines) {
+std::string at_threshold(int threshold, const std::vector<std::string> &lines) {
     std::string all;
-    for (const LogLine &line : lines)
-        if (threshold <= line.level) all += text("[DM-CACHE]<%s:#:%s>", line.file, line.function) + line.text;
+    for (const std::string &line : lines) {
+        if (threshold > line[0] - '0') continue;
+        const size_t end = line.find('>'), colon = line.find(':');
+        const bool tagged = colon < end;
+        all += "[DM-CACHE]<" + (tagged ? line.substr(2, colon - 2) : "dm_cache") + ":#:";
+        all += line.substr(tagged ? colon + 1 : 2);
+    }
     return all;
 }
 

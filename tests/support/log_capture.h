@@ -8,19 +8,13 @@
 #include <string>
 #include <vector>
 
-// A message: its level, the function that it names and its text. The line number is not compared.
-struct LogLine {
-    int level;
-    const char *function;
-    std::string text;
-    const char *file = "dm_cache";
-};
-
 // The text of printf with these arguments.
 __attribute__((format(printf, 1, 2))) std::string text(const char *format, ...);
 
-// What stands in the log when this threshold lets through what it should of these messages.
-std::string at_threshold(int threshold, const std::vector<LogLine> &lines);
+// What stands in the log when this threshold lets through what it should of these messages. Each is its level, the
+// function that it names and its text, "2 dm_cache_init>param fail"; before the function may stand another file's tag,
+// "2 dm_cache_port_obj:ndm_local_port_gen_key>..". The line number is not compared.
+std::string at_threshold(int threshold, const std::vector<std::string> &lines);
 
 // Catches standard output in memory while it lives.
 class LogCapture {
