@@ -20,8 +20,7 @@ ProtobufCMessage *make(const ProtobufCMessageDescriptor *kind) {
     return message;
 }
 
-template <class T>
-T &member(ProtobufCMessage *message, const ProtobufCFieldDescriptor &field) {
+template <class T> T &member(ProtobufCMessage *message, const ProtobufCFieldDescriptor &field) {
     return *reinterpret_cast<T *>(reinterpret_cast<char *>(message) + field.offset);
 }
 
@@ -126,6 +125,15 @@ bool equal(const ProtobufCMessage *a, const ProtobufCMessage *b) {
 ProtobufCMessage *key_of(const ProtobufCMessage *message) {
     const auto *field = protobuf_c_message_descriptor_get_field_by_name(message->descriptor, "index");
     return field ? member<ProtobufCMessage *>(const_cast<ProtobufCMessage *>(message), *field) : nullptr;
+}
+
+Message key_only(const ProtobufCMessage *message) {
+    Message bare(message->descriptor->name);
+    if (const ProtobufCMessage *key = key_of(message)) {
+        const auto *field = protobuf_c_message_descriptor_get_field_by_name(message->descriptor, "index");
+        member<ProtobufCMessage *>(bare.get(), *field) = Message::copy(key).release();
+    }
+    return bare;
 }
 
 Message complete() {

@@ -31,10 +31,7 @@ public:
 
     ProtobufCMessage *get() const { return held_.get(); }
     ProtobufCMessage *release() { return held_.release(); }
-    template <class T>
-    T *as() const {
-        return reinterpret_cast<T *>(held_.get());
-    }
+    template <class T> T *as() const { return reinterpret_cast<T *>(held_.get()); }
 
 private:
     struct Free {
@@ -48,6 +45,9 @@ bool equal(const ProtobufCMessage *a, const ProtobufCMessage *b);
 
 // The message in field `index`; null when the kind has none or it is not set.
 ProtobufCMessage *key_of(const ProtobufCMessage *message);
+
+// What a delete carries: a message of the kind with nothing but the key.
+Message key_only(const ProtobufCMessage *message);
 
 // What tests need most. Further fields by set().
 Message complete();

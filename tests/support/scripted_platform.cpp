@@ -89,12 +89,7 @@ void ScriptedPlatform::push(const Message &object) {
 }
 
 void ScriptedPlatform::push_delete(const Message &object) {
-    Message bare(object.get()->descriptor->name);
-    if (const ProtobufCMessage *key = key_of(object.get())) {
-        const auto *field = protobuf_c_message_descriptor_get_field_by_name(bare.get()->descriptor, "index");
-        auto *at = reinterpret_cast<char *>(bare.get()) + field->offset;
-        *reinterpret_cast<ProtobufCMessage **>(at) = Message::copy(key).release();
-    }
+    const Message bare = key_only(object.get());
     for (const Request &each : of_kind(subscriptions, bare.get()->descriptor->name))
         deliver(each, TQ_MOM_CMD_DELETE, bare.get());
 }
@@ -103,13 +98,6 @@ void ScriptedPlatform::reply(const Message &object) {
     const auto scan = of_kind(scans, object.get()->descriptor->name);
     result_rec record{};
     record.obj = object.get();
-    if (!scan.empty()) deliver(scan[0], TQ_MOM_CMD_REPLY, &record);
-}
-
-void ScriptedPlatform::reply_damaged(std::string_view kind) {
-    const auto scan = of_kind(scans, kind);
-    result_rec record{};
-    record.error = 1;
     if (!scan.empty()) deliver(scan[0], TQ_MOM_CMD_REPLY, &record);
 }
 
@@ -137,11 +125,12 @@ void ScriptedPlatform::lose_connection(uint32_t db, int32_t reason) {
         if (each.db == db) each.reconnect(nullptr, db, reason, nullptr);
 }
 
-void ScriptedPlatform::fire_timers() {
-    while (!timers.empty()) {
+void ScriptedPlatform::fire_timers(int64_t until_ms) {
+    for (;;) {
         const auto next = std::min_element(timers.begin(), timers.end(), [](const auto &a, const auto &b) {
             return a.second.due_ms < b.second.due_ms;
         });
+        if (next == timers.end() || next->second.due_ms > until_ms) return;
         const auto [record, timer] = *next;
         timers.erase(next);
         now_ms = std::max(now_ms, timer.due_ms);
@@ -180,7 +169,7 @@ int32_t tq_mom_subscribe(tq_mom_handle *, uint32_t db, const ProtobufCMessage *t
     for (Request &each : platform.subscriptions) {
         if (each.db != db || each.kind != tmpl->descriptor || each.callback != callback || each.privdata != privdata)
             continue;
-        each.confirmed = false;
+        each.confirmed = each.sent = false;
         return 0;
     }
     platform.subscriptions.push_back({db, tmpl->descriptor, callback, privdata});
@@ -193,7 +182,8 @@ int32_t tq_mom_subscribe_field(tq_mom_handle *, uint32_t db, const ProtobufCMess
     for (int32_t i = 0; i < n; ++i) line += ' ' + std::to_string(field_numbers[i]);
     const int32_t answer = call(line);
     for (int32_t i = 0; i < n && answer == 0; ++i)
-        platform.subscriptions.push_back({db, key->descriptor, callbacks[i], privdata[i], i > 0, field_numbers[i]});
+        platform.subscriptions.push_back(
+            {db, key->descriptor, callbacks[i], privdata[i], i > 0, true, field_numbers[i]});
     return answer;
 }
 

@@ -23,6 +23,7 @@ struct Request {
     tq_mom_msg_cb callback = nullptr;
     void *privdata = nullptr;
     bool confirmed = false;  // subscriptions only
+    bool sent = false;       // for a test that models the way to the store
     uint32_t field = 0;      // subscriptions to a field only
 };
 
@@ -75,11 +76,10 @@ struct ScriptedPlatform {
     void push(const Message &object);                   // set
     void push_delete(const Message &object);            // delete, with only the key
     void reply(const Message &object);                  // to the first scan of the kind
-    void reply_damaged(std::string_view kind);          // the same, not unpackable
     void end_scan(std::string_view kind);               // the end mark; the scan is over
     void answer_scans();                                // every scan from the store's content, new ones included
     void lose_connection(uint32_t db, int32_t reason);  // the connection is back: scans are void, reconnect reported
-    void fire_timers();                                 // time goes on until none is armed
+    void fire_timers(int64_t until_ms = INT64_MAX);     // time goes on until none is due by then
     void synchronise();                                 // ready, confirmed, scanned: the cache is live
 
     struct Key {

@@ -1,0 +1,21 @@
+#ifndef TQ_DM_SIMULATION_CHECK_H
+#define TQ_DM_SIMULATION_CHECK_H
+
+// What must hold. Each check ends the run as failed when it does not.
+
+#include "simulation/world.h"
+
+// During a change callback: the client's own picture fits the change, and so does the cache.
+void check_change(World &world, int32_t row, int32_t operation, ProtobufCMessage *message);
+
+// The client is about to put an object into the cache itself.
+void note_own_object(World &world, int32_t row, const ProtobufCMessage *object);
+
+// Once a full application was done on a connection: what the store has held unchanged since the connection was made is
+// cached, at any time.
+void check_complete(const World &world);
+
+// At rest: the machine is live, cache and store are equal, lists and indexes are sound, nothing is left over.
+void check_equal(World &world);
+
+#endif
