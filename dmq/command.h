@@ -15,6 +15,9 @@ struct Command {
     GenOptions gen;
 };
 
+// Names on standard error, once, the objects that the store could not hand to the cache.
+void tell_damage(Session &session);
+
 // What the commands of one process share. The session is opened by the first command that needs it.
 class Context {
 public:
@@ -24,6 +27,7 @@ public:
     // With the cache equal to the store: for these kinds, or, in a shell, for all.
     Session &synchronised(const std::vector<Kind> &kinds, const Settings &settings) {
         open().synchronise(in_shell ? std::vector<Kind>() : kinds, settings);
+        tell_damage(*session_);
         return *session_;
     }
 

@@ -54,20 +54,7 @@ std::vector<GenPort> line_ports(int count, int mbps) {
 // A carrier lists its sub-cards' ports behind its own, on its last chip.
 void add_subcard_ports(std::vector<GenPort> &ports, int subcards) {
     for (int subslot = 1; subslot <= subcards; subslot++) {
-        for (int i = 1; i <= subcard_ports; i++) {
-            GenPort port = ports.back();
-            port = {.lport = port.lport + 1,
-                    .user_port = i,
-                    .subslot = subslot,
-                    .unit = port.unit,
-                    .cport = port.cport + 1,
-                    .lanes = 1,
-                    .mbps = 1000,
-                    .combo = false,
-                    .poe = true,
-                    .vsl = false};
-            ports.push_back(port);
-        }
+        for (int i = 1; i <= subcard_ports; i++) ports.push_back(subcard_port(ports.back(), subslot, i));
     }
 }
 
@@ -148,6 +135,19 @@ void plan_chassis(GenPlan &plan) {
 }
 
 }  // namespace
+
+GenPort subcard_port(const GenPort &before, int subslot, int i) {
+    return {.lport = before.lport + 1,
+            .user_port = i,
+            .subslot = subslot,
+            .unit = before.unit,
+            .cport = before.cport + 1,
+            .lanes = 1,
+            .mbps = 1000,
+            .combo = false,
+            .poe = true,
+            .vsl = false};
+}
 
 void make_plan(const GenOptions &options, GenPlan &plan) {
     plan.options = options;

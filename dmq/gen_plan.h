@@ -62,6 +62,9 @@ struct GenPlan {
     const GenCard *local;        // the card whose process reads the store
 };
 
+// The i-th port of a sub-card, wired behind another port of its carrier.
+GenPort subcard_port(const GenPort &before, int subslot, int i);
+
 // The cards point into the types: a plan is not copied.
 void make_plan(const GenOptions &options, GenPlan &plan);
 

@@ -1,8 +1,6 @@
 // Opening, starting, writing, waiting.
 #include "dmq/session.h"
 
-#include <signal.h>
-
 #include "dmq/output.h"
 #include "dmq/watch.h"
 
@@ -10,14 +8,10 @@ namespace dmq {
 
 namespace {
 
-// Threads of the store client must not take the signals that end a watch.
 Client open_store(const std::string &url) {
-    sigset_t all, before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
+    const SignalsHeld held;
     tq_mom_handle *handle = nullptr;
     const int32_t code = tq_mom_client_open(url.c_str(), &handle);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
     if (code == TQ_MOM_E_URL || code == TQ_MOM_E_ARGUMENT)
         throw Failure(exit_usage, "--store " + url + " names no store");
     if (code) throw Failure(exit_unreachable, "the store " + url + " is not reachable; is its server running?");
@@ -84,11 +78,6 @@ void Session::synchronise(const std::vector<Kind> &kinds, const Settings &settin
         progress.show(scanned, enabled);
         if (std::chrono::steady_clock::now() >= end)
             throw Failure(exit_timeout, "not synchronised after " + seconds(settings.timeout) + " s: " + held_back());
-    }
-    if (const uint64_t damaged = tq_mom_client_damaged(reader()); damaged > damage_told_) {
-        note(std::to_string(damaged - damage_told_) + " damaged values came from the store and were refused" +
-             (embedded() ? "; `store compare` in a shell names them" : ""));
-        damage_told_ = damaged;
     }
 }
 

@@ -71,7 +71,6 @@ private:
     Client reader_;
     bool started_ = false;
     bool cut_off_ = false;
-    uint64_t damage_told_ = 0;
 };
 
 // Which row keeps the cache from being complete? Empty: none.

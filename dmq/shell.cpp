@@ -54,13 +54,13 @@ Exit run_words(Shell &shell, std::vector<std::string> words) {
 }
 
 Exit run_text(Shell &shell, const std::string &line) {
-    const auto words = split(line);
-    if (words.empty() || words[0][0] == '#') return shell.last;
-    if (words[0] == "echo") {
-        const size_t text = line.find("echo") + 4;
-        print_line(line.size() > text ? line.substr(text + 1) : "");
+    const size_t start = line.find_first_not_of(" \t");
+    if (start == std::string::npos || line[start] == '#') return shell.last;
+    if (line.substr(start, 5) == "echo " || line.substr(start) == "echo") {
+        print_line(line.size() > start + 5 ? line.substr(start + 5) : "");
         return shell.last;
     }
+    const auto words = split(line);
     if (words[0] == "trace") {
         shell.trace = words.size() < 2 || words[1] != "off";
         return shell.last;

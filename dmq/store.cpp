@@ -134,12 +134,25 @@ Exit damage(Session &session, const Command &command) {
 }
 
 Exit lose(Session &session, const Command &command) {
-    if (command.words.size() < 2) throw Failure(exit_usage, "store lose needs how many confirmations");
-    check(tq_mem_lose_confirmations(session.reader(), std::atoi(command.words[1].c_str())));
+    const int count = command.words.size() > 1 ? std::atoi(command.words[1].c_str()) : 0;
+    if (count < 1) throw Failure(exit_usage, "store lose needs a number of confirmations");
+    check(tq_mem_lose_confirmations(session.reader(), count));
     return done("confirmations will be lost", command);
 }
 
 }  // namespace
+
+void tell_damage(Session &session) {
+    static uint64_t told = 0;
+    const uint64_t met = tq_mom_client_damaged(session.reader());
+    if (met == told) return;
+    told = met;
+    for (const Kind &kind : cached_kinds()) {
+        if (!stats_of(kind.row).enabled) continue;
+        for (const auto &name : stored(session, kind).damaged)
+            note(name + ": damaged in the store, so its value is not in the cache");
+    }
+}
 
 Exit run_store(Context &context, const Command &command) {
     using Action = Exit (*)(Session &, const Command &);

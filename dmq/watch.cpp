@@ -1,7 +1,5 @@
 #include "dmq/watch.h"
 
-#include <signal.h>
-
 #include <algorithm>
 #include <cstring>
 #include <ctime>
@@ -154,6 +152,14 @@ size_t take_swept(int32_t row, Copies &copies) {
     return swept;
 }
 
+sigset_t ending_signals() {
+    sigset_t ends;
+    sigemptyset(&ends);
+    sigaddset(&ends, SIGINT);
+    sigaddset(&ends, SIGTERM);
+    return ends;
+}
+
 void follow_applications(const std::stop_token &stop, uint32_t applied) {
     while (!stop.stop_requested()) {
         if (dm_cache_wait_applied(applied, 100)) continue;
@@ -170,6 +176,7 @@ void start_watch(const std::vector<Kind> &kinds, bool json) {
     Watch next{.json = json, .rows = {}, .applied = dm_cache_applied()};
     for (const Kind &kind : kinds.empty() ? cached_kinds() : kinds) next.rows[kind.row] = copies_of_row(kind.row);
     watch = std::move(next);
+    const SignalsHeld held;
     follower = std::jthread(follow_applications, watch->applied);
 }
 
@@ -193,16 +200,21 @@ void catch_up_watch() {
          {{"event", "resynchronised"}, {"gone", swept}});
 }
 
+SignalsHeld::SignalsHeld() {
+    const sigset_t ends = ending_signals();
+    pthread_sigmask(SIG_BLOCK, &ends, &before_);
+}
+
+SignalsHeld::~SignalsHeld() {
+    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+}
+
 void wait_for_end(double seconds) {
-    sigset_t ends, before;
-    sigemptyset(&ends);
-    sigaddset(&ends, SIGINT);
-    sigaddset(&ends, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &ends, &before);
+    const SignalsHeld held;
+    const sigset_t ends = ending_signals();
     const auto whole = static_cast<time_t>(seconds);
     const timespec limit = {whole, static_cast<long>((seconds - static_cast<double>(whole)) * 1e9)};
     seconds < 0 ? sigwaitinfo(&ends, nullptr) : sigtimedwait(&ends, nullptr, &limit);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 int32_t watch_change(tq_mom_handle *, int32_t row, int32_t operation, ProtobufCMessage *object) {

@@ -128,7 +128,7 @@ class CommandLine(unittest.TestCase):
                                              "store compare --json"])
         cards, compared = [json.loads(line) for line in done.stdout.split("\n") if line.startswith("[")]
         self.assertEqual([card["dev"] for card in cards], [2])
-        self.assertIn("1 damaged value", done.stderr)
+        self.assertEqual(done.stderr.count("card_info devid=1 slotid=1 sslotid=0: damaged in the store"), 1)
         self.assertIn(["p_dev.card_info devid=1 slotid=1 sslotid=0: damaged in the store"],
                       [row["differences"] for row in compared])
 
