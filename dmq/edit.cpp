@@ -37,6 +37,8 @@ Json stored_or_new(Session &session, const Kind &kind, const Json &key) {
     const Message probe = from_json(key, *kind.type, kind.type->name);
     int32_t error = 0;
     ProtobufCMessage *stored = tq_mom_get_sync(session.writer(), kind.db, probe.get(), &error);
+    if (error == TQ_MOM_E_DAMAGED)
+        throw Failure(exit_no, object_name(*probe) + " is damaged in the store; delete it, or set it from a file");
     if (!stored && error && error != TQ_MOM_E_NOT_FOUND)
         throw Failure(exit_unreachable, "cannot read " + object_name(*probe) + ", code " + std::to_string(error));
     const Json object = to_json(stored ? *stored : *probe, Fields::set);

@@ -13,10 +13,10 @@ std::vector<Kind> kinds_of(const std::vector<std::string> &names) {
     return kinds;
 }
 
-Table sync_table() {
+Table sync_table(const std::vector<Kind> &kinds) {
     Table table{{"row", "kind", "db", "subscribed", "scanned", "objects", "sets", "deletes", "swept", "refused", "ms"},
                 {}};
-    for (const Kind &kind : cached_kinds()) {
+    for (const Kind &kind : kinds.empty() ? cached_kinds() : kinds) {
         const dm_cache_stats stats = stats_of(kind.row);
         if (!stats.enabled) continue;
         table.rows.push_back({kind.row, kind.type->name, kind.db, stats.subscribed != 0, stats.scanned != 0,
@@ -52,14 +52,15 @@ Exit run_get(Context &context, const Command &command) {
 
 // The rows are shown also when they are not synchronised: that is when one wants to see them.
 Exit run_sync(Context &context, const Command &command) {
+    const auto kinds = kinds_of(command.words);
     std::optional<Failure> late;
     try {
-        context.synchronised(kinds_of(command.words), command.settings);
+        context.synchronised(kinds, command.settings);
     } catch (const Failure &failure) {
         if (failure.code != exit_timeout) throw;
         late = failure;
     }
-    print_table(sync_table(), command.settings.json);
+    print_table(sync_table(kinds), command.settings.json);
     if (late) throw Failure(*late);
     return exit_yes;
 }

@@ -1,3 +1,5 @@
+// The copies that a watch keeps, and its lines. Callbacks run on the store client's thread; a thread of its own waits for
+// applications.
 #include "dmq/watch.h"
 
 #include <algorithm>
