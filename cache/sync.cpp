@@ -16,7 +16,10 @@
 // of the second would ask for a third, for ever); and a lost connection, after which the rows of that database are subscribed
 // again, and marked dirty and scanned again when each one's timer ends. Subscribing is never entered twice.
 //
-// A row whose subscription or scan is refused, or never confirmed, holds the machine where it is until a reconnect.
+// A row whose subscription or scan is refused, or never confirmed, holds the machine where it is until a reconnect. Of
+// scans of a row that overlap only the end of the last one counts. A scan that the store takes up on a new connection
+// before it reports the reconnect cannot be told from one that the loss cut off: the application may then come before the
+// rescan has ended, and what the rescan still brings is applied live.
 //
 // Everything here runs on the store client's callback thread, rescans on the timer's, which owns nothing but its timer
 // record. The flags and the queue take no lock; lists are changed under the cache lock.
@@ -39,15 +42,16 @@ namespace {
 
 using RowFlags = uint8_t[DM_ROW_COUNT];
 
+RowFlags g_cache_sub_asked;  // the store has taken the subscription that brings pushes
 RowFlags g_cache_sub_done;
 RowFlags g_cache_scan_done;
 uint8_t g_cache_all_sub_done = 0;
 uint8_t g_cache_all_scan_done = 0;
 tq_thread_timer g_cache_scan_timer[DM_ROW_COUNT];
 
-// A row waits for its timer: a scan that ends before the timer has asked for one is an older one and does not count. The
-// timer's thread clears it.
-RowFlags g_cache_rescan_due;
+// Scans of a row that are asked for and have not ended; a rescan counts from the moment its timer is armed. Only the end of
+// the last one counts. The timer's thread adds to it.
+uint32_t g_cache_open_scans[DM_ROW_COUNT];
 
 // A start has been made again: the callback thread is to begin from the first state.
 uint8_t g_cache_restart_due = 0;
@@ -92,6 +96,25 @@ int32_t subscribe_row(int32_t row, tq_mom_msg_cb callback, Caller caller = Calle
     return ret;
 }
 
+// The subscription that brings pushes. One that was refused, or a row enabled since, is asked for at the next reconnect.
+void follow_row(int32_t row, Caller caller) {
+    g_cache_sub_asked[row] = subscribe_row(row, dm_cache_mom_callback_func, caller) == 0;
+}
+
+void scan_opened(int32_t row) {
+    __atomic_add_fetch(&g_cache_open_scans[row], 1u, __ATOMIC_ACQ_REL);
+}
+
+// True when no other scan of the row is open.
+bool scan_closed(int32_t row) {
+    uint32_t &open = g_cache_open_scans[row];
+    return __atomic_load_n(&open, __ATOMIC_ACQUIRE) == 0 || __atomic_sub_fetch(&open, 1u, __ATOMIC_ACQ_REL) == 0;
+}
+
+bool rescan_armed(int32_t row) {
+    return (g_cache_scan_timer[row].state & TQ_THREAD_TIMER_ARMED) != 0;
+}
+
 int32_t scan_row(int32_t row) {
     const obj_sub_entry &entry = obj_sub_list[row];
     status_scan_asked(row);
@@ -101,14 +124,24 @@ int32_t scan_row(int32_t row) {
 void dm_cache_mom_first_scan_data() {
     for_followed_rows([caller = Caller{}](int32_t row, const obj_sub_entry &) {
         const int32_t ret = scan_row(row);
-        if (ret != 0) DM_LOG_AS(caller, cache_logs(failure), "tq_mom_subscribe obj[%d], fail ret=[%d].\n", row, ret);
+        if (ret == 0)
+            scan_opened(row);
+        else
+            DM_LOG_AS(caller, cache_logs(failure), "tq_mom_subscribe obj[%d], fail ret=[%d].\n", row, ret);
     });
     DM_LOG(notice, "all key rsync scan done. \n");
+}
+
+// Every row is to be scanned before the next application.
+void forget_scans() {
+    for (int32_t row = 0; row < obj_sub_list_max; ++row) set_scan_done(row, false);
+    g_cache_all_scan_done = 0;
 }
 
 // On every confirmation, so one that comes after all others starts another full scan.
 void dm_cache_mom_start_scan() {
     if (!every_followed_row(g_cache_sub_done)) return;
+    if (!g_cache_all_sub_done) forget_scans();  // what they brought was dropped
     g_cache_all_sub_done = 1;
     DM_LOG(notice, "all key subscribe done. \n");
     DM_LOG(trace, "dm cache rsync subscribe finish.");
@@ -116,7 +149,7 @@ void dm_cache_mom_start_scan() {
 }
 
 void dm_cache_mom_update_scan_over_list(store_msg *msg, int32_t row) {
-    if (__atomic_load_n(&g_cache_rescan_due[row], __ATOMIC_ACQUIRE)) return;
+    if (!scan_closed(row)) return;
     set_scan_done(row, true);
     if (!every_followed_row(g_cache_scan_done) || g_cache_all_scan_done) return;
     DM_LOG(notice, "all key scan done. \n");
@@ -152,8 +185,8 @@ void dm_cache_mom_process_cache(tq_mom_handle *handle) {
 void reset_machine() {
     for (int32_t row = 0; row < obj_sub_list_max; ++row) {
         drop_pending(row);
-        g_cache_sub_done[row] = g_cache_scan_done[row] = 0;
-        __atomic_store_n(&g_cache_rescan_due[row], uint8_t{0}, __ATOMIC_RELEASE);
+        g_cache_sub_asked[row] = g_cache_sub_done[row] = g_cache_scan_done[row] = 0;
+        __atomic_store_n(&g_cache_open_scans[row], 0u, __ATOMIC_RELEASE);
     }
     g_cache_all_sub_done = g_cache_all_scan_done = 0;
     set_proc_done(0);
@@ -163,8 +196,7 @@ void reset_machine() {
 // The store's content is complete again: everything that its scans do not bring any more is to go.
 void resynchronise() {
     dm_cache_set_all_dirty();
-    for (int32_t row = 0; row < obj_sub_list_max; ++row) set_scan_done(row, false);
-    g_cache_all_scan_done = 0;
+    forget_scans();
     dm_cache_mom_first_scan_data();
 }
 
@@ -179,23 +211,21 @@ int32_t dm_cache_tq_mom_scan_input_db_timer(tq_thread_timer *timer) {
         mark_dirty(row);
     }
     *timer = {};
-    __atomic_store_n(&g_cache_rescan_due[row], uint8_t{0}, __ATOMIC_RELEASE);
     const int32_t ret = scan_row(row);
     if (ret != 0) DM_LOG(failure, "dm_cache_tq_mom_scan_input_db obj[%d], fail ret=[%d].\n", row, ret);
     return ret;
 }
 
 void cancel_rescan(int32_t row) {
-    tq_thread_timer &timer = g_cache_scan_timer[row];
-    if (!(timer.state & TQ_THREAD_TIMER_ARMED)) return;
-    tq_thread_cancel(&timer);
-    timer = {};
+    if (!rescan_armed(row)) return;
+    tq_thread_cancel(&g_cache_scan_timer[row]);
+    g_cache_scan_timer[row] = {};
 }
 
 // Whatever was scanned or queued for a row before its subscription was restored is older than the rescan to come.
 void gather_again(int32_t row) {
     drop_pending(row);
-    __atomic_store_n(&g_cache_rescan_due[row], uint8_t{1}, __ATOMIC_RELEASE);
+    if (!rescan_armed(row)) scan_opened(row);
     set_scan_done(row, false);
     g_cache_all_scan_done = 0;
 }
@@ -227,8 +257,11 @@ int32_t dm_cache_tq_mom_subscribe(uint32_t db) {
     int32_t ret = -1;
     for_followed_rows([&, caller = Caller{}](int32_t row, const obj_sub_entry &entry) {
         if (entry.db_id != db) return;
+        // The lost connection has cut off every scan but one that is still to be asked for.
+        __atomic_store_n(&g_cache_open_scans[row], rescan_armed(row) ? 1u : 0u, __ATOMIC_RELEASE);
         set_scan_done(row, false);
         g_cache_all_scan_done = 0;
+        if (!g_cache_sub_asked[row]) follow_row(row, caller);
         ret = subscribe_row(row, dm_cache_tq_mom_subscribe_callback, caller);
     });
     return ret;
@@ -246,7 +279,7 @@ using namespace dm;
 int32_t dm_cache_subscribe(uint32_t db) {
     if (__atomic_exchange_n(&g_cache_restart_due, uint8_t{0}, __ATOMIC_ACQ_REL)) reset_machine();
     for_followed_rows([=, caller = Caller{}](int32_t row, const obj_sub_entry &entry) {
-        if (entry.db_id == db) subscribe_row(row, dm_cache_mom_callback_func, caller);
+        if (entry.db_id == db) follow_row(row, caller);
     });
     return 0;
 }

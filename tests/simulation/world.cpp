@@ -230,8 +230,10 @@ void World::hand_over(const Delivery &delivery) {
 void World::collect() {
     for (Request &each : platform.subscriptions)
         if (!std::exchange(each.sent, true) && up_) requests_.push_back({each, false});
-    for (const Request &each : std::exchange(platform.scans, {}))
+    for (const Request &each : std::exchange(platform.scans, {})) {
         if (up_) requests_.push_back({each, true});
+        scan_before_report_ = scan_before_report_ || (up_ && report_waits());
+    }
     for (const std::string &call : platform.calls) say("         %s", call.c_str());
     platform.calls.clear();
 
@@ -239,10 +241,15 @@ void World::collect() {
         applied_seen_ = dm_cache_applied();
         say("         applied: %u", applied_seen_);
         ++totals[applications];
-        complete_ = up_;
+        complete_ = up_ && !scan_before_report_;
         if (complete_) check_complete(*this);
     }
     if (complete_ && random.percent(3)) check_complete(*this);
+}
+
+bool World::report_waits() const {
+    const auto report = [](const Delivery &each) { return each.what == Delivery::reconnected; };
+    return std::any_of(control_.begin(), control_.end(), report) || std::any_of(stream_.begin(), stream_.end(), report);
 }
 
 int32_t World::refuse(const std::string &call) {
@@ -256,7 +263,7 @@ int32_t World::refuse(const std::string &call) {
 void World::lose() {
     say("connection lost");
     ++totals[losses];
-    up_ = complete_ = false;
+    up_ = complete_ = scan_before_report_ = false;
     requests_.clear();
     scans_.clear();
     control_.clear();

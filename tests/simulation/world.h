@@ -94,6 +94,7 @@ private:
     void come_to_rest();
     void drain();
     void pass_time();
+    bool report_waits() const;
     int32_t refuse(const std::string &call);
     void say(const char *format, ...) const __attribute__((format(printf, 2, 3)));
 
@@ -104,6 +105,9 @@ private:
     const size_t longest_step_;  // in milliseconds
     bool up_ = true, at_rest_ = false, complete_ = false;
     int64_t now_ = 0, up_since_ = 1;
+    // A scan was asked for on a connection whose reconnect is not reported yet. Its end cannot be told from that of the rescan
+    // to come, so the next application may come too early; at rest all is equal again.
+    bool scan_before_report_ = false;
     bool application_due_ = true;
     uint32_t applied_at_rest_ = 0, applied_seen_ = 0;
 
