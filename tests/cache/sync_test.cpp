@@ -370,19 +370,36 @@ TEST(Sync, DropsWhatALostConnectionLeftBehind) {
     }
 }
 
-// Confirmations that were owed bring full scans before the rescan is due: their ends must not pass for its end.
+// A scan that was asked for before the rescan is due must not pass for it: its objects are older.
 TEST(Sync, WaitsForTheRescanOfALostConnection) {
     start({17, 21});
     platform.become_ready();
-    platform.lose_connection(1, 1);
-    platform.confirm();
-    platform.put(card(1, 3, 0));
+    for (int loss = 0; loss < 2; ++loss) {
+        platform.lose_connection(1, 1);
+        platform.confirm();
+    }
+    receive_value(17, SUBSCRIBED, nullptr);
     platform.answer_scans();
     EXPECT_EQ(g_cache_proc_done, 0);
-    platform.erase(card(1, 3, 0));
     platform.fire_timers();
     platform.answer_scans();
     EXPECT_EQ(g_cache_proc_done, 1);
+}
+
+// A kind whose subscription was refused, or that is followed later, must not stay without its changes for ever.
+TEST(Sync, FollowsARowThatWasMissedFromTheNextReconnect) {
+    platform.answers = {{"subscribe 1 p_dev.card_info", -3}};
+    start_gathering({17, 32});
+    platform.answers.clear();
+    dm_cache_sub_obj(6, note_change, 0);
+    platform.lose_connection(1, 1);
+    platform.confirm();
+    platform.fire_timers();
+    platform.answer_scans();
+    EXPECT_EQ(g_cache_proc_done, 1);
+    platform.push(card(1, 3, 0));
+    platform.push(type_info(4));
+    EXPECT_EQ(drained(&changes), (Strings{"17 added 0.1.3.0", "6 added 4"}));
 }
 
 // A full kind loses the new object and nothing else; a kind that is not stored fills no memory and reports nothing.
