@@ -2,6 +2,7 @@
 // procedure that has a mirror image is told its near and its far side. Takes no lock, logs nothing.
 #include "tq_dm_cache/dm_rbtree.h"
 
+#include <cassert>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -76,6 +77,7 @@ void fix_deletion(rbtree_root *root, Node *x, Node *p) {
             rotate(root, p, near);
             s = p->*far;
         }
+        assert(s);  // the other side has the black node that this one lacks
         if (!is_red(s->left) && !is_red(s->right)) {
             s->color = RBTREE_RED;
             x = p;
@@ -88,6 +90,7 @@ void fix_deletion(rbtree_root *root, Node *x, Node *p) {
             rotate(root, s, far);
             s = p->*far;
         }
+        assert(s && s->*far);  // red, or the cases above had applied
         s->color = p->color;
         p->color = (s->*far)->color = RBTREE_BLACK;
         rotate(root, p, near);

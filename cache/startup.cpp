@@ -33,8 +33,9 @@ constexpr uint32_t always_connected[] = {1, 3};
 constexpr uint32_t connected_on_demand[] = {8, 4, 14};
 
 void keep_name(const char *name) {
-    std::strncpy(dm_cache_my_name, name, sizeof dm_cache_my_name);
-    dm_cache_my_name[sizeof dm_cache_my_name - 1] = '\0';
+    const size_t length = strnlen(name, sizeof dm_cache_my_name - 1);
+    std::memset(dm_cache_my_name, 0, sizeof dm_cache_my_name);
+    std::memcpy(dm_cache_my_name, name, length);
 }
 
 // A start that failed has left objects and index sets behind, and the store may still be sending: what such a row says of

@@ -29,11 +29,11 @@ typedef struct dm_cache_stats {
     uint8_t subscribed; /* its subscription is confirmed */
     uint8_t scanned;    /* its scan has ended since the last resynchronisation or reconnect */
     uint8_t reserved;
-    uint32_t objects;      /* cached now */
-    uint32_t sets;         /* sets applied, replaced objects included */
-    uint32_t deletes;      /* deletes applied */
-    uint32_t swept;        /* objects removed because a scan no longer returned them */
-    uint32_t refused;      /* sets and deletes that were refused: list full, no memory, no key, never stored, not cached */
+    uint32_t objects; /* cached now */
+    uint32_t sets;    /* sets applied, replaced objects included */
+    uint32_t deletes; /* deletes applied */
+    uint32_t swept;   /* objects removed because a scan no longer returned them */
+    uint32_t refused; /* sets and deletes that were refused: list full, no memory, no key, never stored, not cached */
     uint32_t last_scan_ms; /* from the request of its last finished scan to the scan's end */
 } dm_cache_stats;
 

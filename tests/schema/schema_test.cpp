@@ -50,7 +50,7 @@ std::string encoded(const Type *type);
 std::string encoded_value(const Field &field, uint64_t number) {
     if (field.type == PROTOBUF_C_TYPE_MESSAGE) return with_length(encoded(static_cast<const Type *>(field.descriptor)));
     if (is_text(field)) return with_length("text " + std::to_string(number));
-    if (field.type == PROTOBUF_C_TYPE_FLOAT) return {"\x01\x02\x03", 4};
+    if (field.type == PROTOBUF_C_TYPE_FLOAT) return {"\x01\x02\x03\x00", 4};
     if (field.type == PROTOBUF_C_TYPE_FIXED64 || field.type == PROTOBUF_C_TYPE_DOUBLE)
         return {reinterpret_cast<const char *>(&number), sizeof number};
     if (field.type == PROTOBUF_C_TYPE_BOOL) return varint(1);
