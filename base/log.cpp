@@ -8,8 +8,11 @@ int32_t g_ndm_lib_dbg_lvl = 3;
 
 namespace dm {
 
-bool cache_logs(Level level) {
+bool logs(Level level) {
     return __atomic_load_n(&g_dm_cache_level, __ATOMIC_RELAXED) <= level;
+}
+bool logs(LibLevel level) {
+    return __atomic_load_n(&g_ndm_lib_dbg_lvl, __ATOMIC_RELAXED) <= level;
 }
 
 }  // namespace dm

@@ -16,25 +16,24 @@ int32_t copy(const ProtobufCMessage *src, const ProtobufCMessageDescriptor *desc
     const size_t size = protobuf_c_message_get_packed_size(src);
     const int32_t shown = static_cast<int32_t>(size);
     if (shown < 0) {
-        DM_LOG_AS(caller, cache_logs(failure), "key[%p] get packed size fail[%d].\n", static_cast<const void *>(src),
-                  shown);
+        DM_LOG_AS(caller, failure, "key[%p] get packed size fail[%d].\n", static_cast<const void *>(src), shown);
         return copy_size;
     }
     // A message whose fields hold their defaults packs to nothing; not every calloc answers 0 bytes with a pointer.
     const OwnedMemory<uint8_t> buffer(static_cast<uint8_t *>(calloc(1, size > 0 ? size : 1)));
     if (!buffer) {
-        DM_LOG_AS(caller, cache_logs(failure), "key[%p] malloc buffer fail.\n", static_cast<const void *>(src));
+        DM_LOG_AS(caller, failure, "key[%p] malloc buffer fail.\n", static_cast<const void *>(src));
         return copy_memory;
     }
     const size_t packed = protobuf_c_message_pack(src, buffer.get());
     if (packed != size) {
-        DM_LOG_AS(caller, cache_logs(failure), "key[%p] do pack fail[%d][%d].\n", static_cast<const void *>(src), shown,
+        DM_LOG_AS(caller, failure, "key[%p] do pack fail[%d][%d].\n", static_cast<const void *>(src), shown,
                   static_cast<int32_t>(packed));
         return copy_pack;
     }
     *out = protobuf_c_message_unpack(descriptor, nullptr, size, buffer.get());
     if (!*out) {
-        DM_LOG_AS(caller, cache_logs(failure), "unpack val failed.\n");
+        DM_LOG_AS(caller, failure, "unpack val failed.\n");
         return copy_unpack;
     }
     return 0;

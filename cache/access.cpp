@@ -4,6 +4,7 @@
 
 #include "base/log.h"
 #include "base/rows.h"
+#include "cache/access.h"
 #include "cache/row_update.h"
 #include "cache/startup.h"
 
@@ -25,6 +26,18 @@ private:
 };
 
 }  // namespace
+
+int32_t cache_object(int32_t type, const ProtobufCMessage *obj, uint64_t since) {
+    int32_t result;
+    {
+        CacheLock lock;
+        result = offer_object(type, obj, since);
+    }
+    if (result >= 0) return 0;
+    DM_LOG_AS((Caller{"dm_cache_set_obj"}), failure, "dm_cache_list_add error[%d]\r\n", result);
+    return result;
+}
+
 }  // namespace dm
 
 using namespace dm;
@@ -46,15 +59,7 @@ int32_t dm_cache_set_obj(int32_t type, const void *obj) {
         DM_LOG(failure, "invalid param.\r\n");
         return -1;
     }
-    int32_t result;
-    {
-        CacheLock lock;
-        if (obj_sub_list[type].flag & DM_CACHE_NO_STORE) return 0;
-        result = store_object(type, static_cast<const ProtobufCMessage *>(obj));
-    }
-    if (result >= 0) return 0;
-    DM_LOG(failure, "dm_cache_list_add error[%d]\r\n", result);
-    return result;
+    return cache_object(type, static_cast<const ProtobufCMessage *>(obj), never_overtaken);
 }
 
 int32_t dm_cache_foreach_obj(int32_t type, int32_t (*func)(ProtobufCMessage *obj, uintptr_t *word), uintptr_t arg) {

@@ -17,15 +17,14 @@ namespace {
 int32_t checked_row(const store_msg *msg, void *privdata, Caller caller = Caller{}) {
     const auto row = reinterpret_cast<intptr_t>(privdata);
     if (!msg || row < 0 || row > 256) {
-        DM_LOG_AS(caller, cache_logs(failure), "param err: msg[%p] privdata[%p].\n", static_cast<const void *>(msg),
-                  privdata);
+        DM_LOG_AS(caller, failure, "param err: msg[%p] privdata[%p].\n", static_cast<const void *>(msg), privdata);
         return -1;
     }
     if (row >= obj_sub_list_max) {
-        DM_LOG_AS(caller, cache_logs(failure), "obj_list_idx err obj_list_idx[%d].\n", static_cast<int32_t>(row));
+        DM_LOG_AS(caller, failure, "obj_list_idx err obj_list_idx[%d].\n", static_cast<int32_t>(row));
         return -1;
     }
-    DM_LOG_AS(caller, cache_logs(notice), "<==== cmd[%d] flag[%d].\n", msg->cmd, msg->flag);
+    DM_LOG_AS(caller, notice, "<==== cmd[%d] flag[%d].\n", msg->cmd, msg->flag);
     return static_cast<int32_t>(row);
 }
 
@@ -38,14 +37,14 @@ bool is_applied_reply(int32_t cmd) {
 
 // The object of a set or a delete; null, logged for the caller, when it is missing.
 ProtobufCMessage *object_of_push(const store_msg *msg, Caller caller = Caller{}) {
-    if (!msg->value) DM_LOG_AS(caller, cache_logs(failure), "msg value is NULL\r\n");
+    if (!msg->value) DM_LOG_AS(caller, failure, "msg value is NULL\r\n");
     return static_cast<ProtobufCMessage *>(msg->value);
 }
 
 // The object of a reply; null, logged for the caller, when there is none that can be used.
 ProtobufCMessage *object_of_reply(const store_msg *msg, Caller caller = Caller{}) {
     if (msg->value) return object_of_record(static_cast<const result_rec *>(msg->value), caller);
-    DM_LOG_AS(caller, cache_logs(failure), "invalid value[%p].\n", msg->value);
+    DM_LOG_AS(caller, failure, "invalid value[%p].\n", msg->value);
     return nullptr;
 }
 

@@ -70,8 +70,8 @@ bool carries_record(int32_t cmd) {
 
 ProtobufCMessage *object_of_record(const result_rec *record, Caller caller) {
     if (record->error == 0 && record->obj) return record->obj;
-    DM_LOG_AS(caller, cache_logs(failure), "invalid value[%p, %d, %p].\n", static_cast<const void *>(record),
-              record->error, static_cast<void *>(record->obj));
+    DM_LOG_AS(caller, failure, "invalid value[%p, %d, %p].\n", static_cast<const void *>(record), record->error,
+              static_cast<void *>(record->obj));
     return nullptr;
 }
 

@@ -9,6 +9,10 @@
 namespace dm {
 namespace {
 
+// Changes of all rows, counted; and the count at which an object of a row last went, or may have gone.
+uint64_t changes = 0;
+uint64_t last_removal[DM_ROW_COUNT];
+
 int32_t put_message(int32_t type, OwnedMessage message) DM_REQUIRES_LOCK {
     obj_sub_entry &row = obj_sub_list[type];
     dm_cache_list_node *node = dm_cache_list_find(row.obj_list, row.cmp_func, message.get());
@@ -20,6 +24,7 @@ int32_t put_message(int32_t type, OwnedMessage message) DM_REQUIRES_LOCK {
         node = list_append(row.obj_list, std::move(message));
         if (!node) return -1;
     }
+    node->changed = ++changes;
     index_element(row, node);
     return replaced ? 1 : 0;
 }
@@ -31,6 +36,7 @@ int32_t put_static_port(OwnedMessage message) DM_REQUIRES_LOCK {
     dm_cache_list_node *node = dm_cache_list_find(row.obj_list, row.cmp_func, message.get());
     if (node && same_content(node->obj, message.get())) {
         node->dirty = 0;
+        node->changed = ++changes;
         return 1;
     }
     const PDev__PortIndex place = *as<PDev__PortStatic>(message.get())->index;
@@ -45,6 +51,7 @@ OwnedNode take_out(int32_t type, dm_cache_list_node *node) DM_REQUIRES_LOCK {
     unindex_element(row, node);
     if (type == DM_ROW_PORT_STATIC) unindex_ports_at(*as<PDev__PortStatic>(node->obj)->index);
     dm_list_del_with_limit(&node->link, &row.obj_list->count);
+    last_removal[type] = ++changes;
     status_objects(type, row.obj_list->count);
     return OwnedNode(node);
 }
@@ -64,7 +71,29 @@ int32_t store_object(int32_t type, const ProtobufCMessage *obj) {
     return result;
 }
 
+uint64_t change_mark() {
+    return changes;
+}
+
+namespace {
+
+bool overtaken(int32_t type, const ProtobufCMessage *obj, uint64_t since) DM_REQUIRES_LOCK {
+    if (last_removal[type] > since) return true;
+    const obj_sub_entry &row = obj_sub_list[type];
+    const dm_cache_list_node *node = dm_cache_list_find(row.obj_list, row.cmp_func, obj);
+    return node && node->changed > since;
+}
+
+}  // namespace
+
+int32_t offer_object(int32_t type, const ProtobufCMessage *obj, uint64_t since) {
+    if (obj_sub_list[type].flag & DM_CACHE_NO_STORE || overtaken(type, obj, since)) return kept_out;
+    return store_object(type, obj);
+}
+
+// A delete that finds nothing counts too: a read that began before it may be about to bring the object.
 OwnedNode remove_object(int32_t type, const ProtobufCMessage *probe) {
+    last_removal[type] = ++changes;
     obj_sub_entry &row = obj_sub_list[type];
     dm_cache_list_node *node = dm_cache_list_find(row.obj_list, row.cmp_func, probe);
     return node ? take_out(type, node) : nullptr;
@@ -72,6 +101,7 @@ OwnedNode remove_object(int32_t type, const ProtobufCMessage *probe) {
 
 void mark_dirty(int32_t type) {
     for (dm_cache_list_node &node : Elements(obj_sub_list[type].obj_list)) node.dirty = 1;
+    last_removal[type] = ++changes;
 }
 
 uint32_t sweep(int32_t type) {
@@ -87,6 +117,7 @@ uint32_t sweep(int32_t type) {
 void discard_row(int32_t type) {
     obj_sub_entry &row = obj_sub_list[type];
     if (!row.obj_list) return;
+    last_removal[type] = ++changes;
     free_index_set(&row);
     for (dm_cache_list_node &node : Elements(row.obj_list)) dm_cache_list_free(&node);
     list_init(&row.obj_list->head);

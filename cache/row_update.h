@@ -11,6 +11,15 @@ namespace dm {
 // or the code of the copy. On failure the row is as it was.
 int32_t store_object(int32_t type, const ProtobufCMessage *obj) DM_REQUIRES_LOCK;
 
+// What has changed so far, to be noted before an object is read from the store.
+uint64_t change_mark() DM_REQUIRES_LOCK;
+
+// Stores an object whose read began at a mark, as store_object() does; kept_out when the row stores nothing, or the object
+// is overtaken: its key has been set since, or may have been deleted, so that storing it would undo a newer change.
+constexpr int32_t kept_out = 2;
+constexpr uint64_t never_overtaken = UINT64_MAX;
+int32_t offer_object(int32_t type, const ProtobufCMessage *obj, uint64_t since) DM_REQUIRES_LOCK;
+
 // Takes out the object that matches; null when there is none.
 OwnedNode remove_object(int32_t type, const ProtobufCMessage *probe) DM_REQUIRES_LOCK;
 

@@ -73,7 +73,7 @@ int32_t dm_cache_reconnect_cb(void *, uint32_t db, int32_t reason, void *) {
 
 // The answer of a store call, logged for the caller when it is a refusal.
 int32_t checked(int32_t ret, const char *name, Caller caller = Caller{}) {
-    if (ret != 0) DM_LOG_AS(caller, cache_logs(failure), "init [%s].\n", name);
+    if (ret != 0) DM_LOG_AS(caller, failure, "init [%s].\n", name);
     return ret;
 }
 

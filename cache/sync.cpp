@@ -92,7 +92,7 @@ void set_scan_done(int32_t row, bool done) {
 int32_t subscribe_row(int32_t row, tq_mom_msg_cb callback, Caller caller = Caller{}) {
     const obj_sub_entry &entry = obj_sub_list[row];
     const int32_t ret = tq_mom_subscribe(g_dm_global, entry.db_id, entry.obj_tmpl, 0, callback, row_word(row));
-    if (ret != 0) DM_LOG_AS(caller, cache_logs(failure), "tq_mom_subscribe obj[%d], fail ret=[%d].\n", row, ret);
+    if (ret != 0) DM_LOG_AS(caller, failure, "tq_mom_subscribe obj[%d], fail ret=[%d].\n", row, ret);
     return ret;
 }
 
@@ -127,7 +127,7 @@ void dm_cache_mom_first_scan_data() {
         if (ret == 0)
             scan_opened(row);
         else
-            DM_LOG_AS(caller, cache_logs(failure), "tq_mom_subscribe obj[%d], fail ret=[%d].\n", row, ret);
+            DM_LOG_AS(caller, failure, "tq_mom_subscribe obj[%d], fail ret=[%d].\n", row, ret);
     });
     DM_LOG(notice, "all key rsync scan done. \n");
 }

@@ -17,7 +17,7 @@ int32_t set_keys(dm_cache_list_node *node, const Keys &keys, ProtobufCMessage *s
     free(node->key);
     node->key = static_cast<ndm_cache_key *>(calloc(1, sizeof(ndm_cache_key)));
     if (!node->key) {
-        DM_LOG_AS(caller, cache_logs(failure), "malloc fail.\n");
+        DM_LOG_AS(caller, failure, "malloc fail.\n");
         return -1;
     }
     std::memcpy(node->key->key, keys, sizeof keys);
@@ -29,7 +29,7 @@ int32_t set_keys(dm_cache_list_node *node, const Keys &keys, ProtobufCMessage *s
 template <class T> const T *keyed_message(const dm_cache_list_node *node, Caller caller = Caller{}) {
     const T *obj = node ? as<T>(node->obj) : nullptr;
     if (obj && obj->index) return obj;
-    DM_LOG_AS(caller, cache_logs(failure), "param invalid.\n");
+    DM_LOG_AS(caller, failure, "param invalid.\n");
     return nullptr;
 }
 
@@ -42,7 +42,7 @@ template <class T> PDev__PortStatic *static_port_of(const T *port, Caller caller
     const auto &idx = *port->index;
     PDev__PortStatic *found = find_static_port(place(idx.t_dev, idx.t_slot, idx.t_sslot, idx.t_port, idx.t_type));
     if (found && found->static_info) return found;
-    DM_LOG_AS(caller, cache_logs(failure), "get static port fail, or static info invalid.\n");
+    DM_LOG_AS(caller, failure, "get static port fail, or static info invalid.\n");
     return nullptr;
 }
 

@@ -56,7 +56,7 @@ int32_t index_element(const obj_sub_entry &row, dm_cache_list_node *node) {
     if (set->gen_key(node) != 0 || !node->key) return -1;
     for (int32_t i = 0; i < set->tree_num; ++i) {
         if (dm_rbtree_insert_node(&set->root[i], node->key->key[i], node) == 0) continue;
-        DM_LOG_AS((Caller{"ndm_cache_tree_add_node"}), cache_logs(failure), "add cache tree node fail.\n");
+        DM_LOG_AS((Caller{"ndm_cache_tree_add_node"}), failure, "add cache tree node fail.\n");
     }
     return 0;
 }
@@ -66,7 +66,7 @@ void unindex_element(const obj_sub_entry &row, dm_cache_list_node *node) {
     if (!set || !node->key) return;
     for (int32_t i = 0; i < set->tree_num; ++i) {
         if (dm_rbtree_delete_node(&set->root[i], node->key->key[i]) == 0) continue;
-        DM_LOG_AS((Caller{"ndm_cache_tree_del_node"}), cache_logs(failure), "del cache tree node fail.\n");
+        DM_LOG_AS((Caller{"ndm_cache_tree_del_node"}), failure, "del cache tree node fail.\n");
     }
     free(node->key);
     node->key = nullptr;

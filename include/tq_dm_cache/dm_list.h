@@ -37,6 +37,7 @@ typedef struct dm_cache_list_node {
     ProtobufCMessage *obj;     /* owned */
     struct ndm_cache_key *key; /* owned; null while the element is in no index */
     uint8_t dirty;             /* 1: not seen again since its row was marked before a rescan */
+    uint64_t changed;          /* the library's own */
 } dm_cache_list_node;
 
 /* 0 when both messages are the same object of their kind. */

@@ -22,17 +22,17 @@ protected:
 // A limit read from half a number, or from the wrong element, is worse than none.
 TEST_F(Capability, ReadsPlainNumbersOnly) {
     void *cap = open(
-        "<?xml version=\"1.0\"?>\n<root>\n <spec><other>1</other></spec>\n <spec>\n  <NUM> \n-16\t</NUM>\n"
-        "  <UNIT>16 units</UNIT>\n  <WIDE>2147483648</WIDE>\n  <NONE/>\n </spec>\n</root>\n");
+        "<?xml version=\"1.0\"?>\n<root>\n <limits><other>1</other></limits>\n <limits>\n  <NUM> \n-16\t</NUM>\n"
+        "  <UNIT>16 units</UNIT>\n  <WIDE>2147483648</WIDE>\n  <NONE/>\n </limits>\n</root>\n");
     ASSERT_NE(cap, nullptr);
     int32_t value = 7;
     for (const char *key :
-         {"spec/UNIT", "spec/WIDE", "spec/NONE", "spec", "root/spec/NUM", "/spec/NUM", "spec/NUM/", ""}) {
+         {"limits/UNIT", "limits/WIDE", "limits/NONE", "limits", "root/limits/NUM", "/limits/NUM", "limits/NUM/", ""}) {
         EXPECT_NE(libtq_cap_get_g_cap(cap, key, 2, &value, 0), 0) << key;
     }
-    EXPECT_NE(libtq_cap_get_g_cap(cap, "spec/NUM", 1, &value, 0), 0);
+    EXPECT_NE(libtq_cap_get_g_cap(cap, "limits/NUM", 1, &value, 0), 0);
     EXPECT_EQ(value, 7);
-    EXPECT_EQ(libtq_cap_get_g_cap(cap, "spec/NUM", 2, &value, 0), 0);
+    EXPECT_EQ(libtq_cap_get_g_cap(cap, "limits/NUM", 2, &value, 0), 0);
     EXPECT_EQ(value, -16);
     libtq_cap_get_g_cap_finish(cap);
     libtq_cap_get_g_cap_finish(nullptr);

@@ -1,0 +1,33 @@
+// What the files of the port module share: card descriptions and port attributes, from the cache or, when asked, from the
+// store. None takes the cache lock beyond its own reads of the cache; with rt 1 none may be called under it.
+#pragma once
+
+#include "query/store_read.h"
+
+namespace dm {
+
+// A copy of a card type's attributes. What the store has is cached.
+int32_t ndm_get_card_obj_by_type(int32_t card_type, PDev__DmCardStattrT **card, uint8_t rt);
+
+// A copy of a port's attributes; follow_subcard 1: as the sub-card that owns the port describes it.
+int32_t ndm_get_port_static_by_objid(uint32_t objid, PDev__DmPortAttrT **port, uint8_t rt, uint8_t follow_subcard);
+
+// A copy of a type's description, by the index that `find` searches; with rt 1 else from the store, which is then cached.
+template <class T, class Key>
+int32_t copy_or_read(int32_t (*find)(int32_t, void *), int32_t type, const Key &key, T **out, uint8_t rt,
+                     Caller caller = Caller{}) {
+    if (find(type, out) == 0) return 0;
+    if (rt != 1) return -1;
+    const StoreRead<T> read(ReadBy::object, key, caller);
+    if (!read) return -1;
+    read.cache();
+    return hand_out(*read, out);
+}
+
+// A message of a scan that carries an object at all, and the object; null, logged for the caller, when it cannot be used.
+inline bool carries_object(const store_msg &msg) {
+    return msg.cmd == TQ_MOM_CMD_REPLY || msg.cmd == TQ_MOM_CMD_SET;
+}
+const ProtobufCMessage *scanned_object(const store_msg &msg, Caller caller = Caller{});
+
+}  // namespace dm

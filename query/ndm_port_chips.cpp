@@ -1,0 +1,311 @@
+// This card: its type, its description, its ports and chips; chip families and power over Ethernet. Public forms hold the
+// cache lock; underscore forms hold it around reads of the cache, never around a read of the store.
+#include <algorithm>
+
+#include "query/ndm_port.h"
+#include "tq_dm_cache/ndm/chips.h"
+#include "tq_dm_cache/ndm/port_lookup.h"
+#include "tq_dm_cache/ndm/statics.h"
+
+static constexpr char log_tag[] = "ndm_port";
+
+namespace dm {
+namespace {
+
+constexpr size_t chip_room = 8;
+
+using ChipArray = OwnedMemory<int32_t>;
+
+// An array of chip types for the caller, zeroed; null, logged for the caller, without memory.
+ChipArray make_chip_array(size_t room, Caller caller = Caller{}) {
+    ChipArray chips(static_cast<int32_t *>(calloc(room, sizeof(int32_t))));
+    if (!chips) DM_LOG_AS(caller, notice, "alloc memory fail!\n");
+    return chips;
+}
+
+// Makes room for as many chips as a card has, beyond the usual number.
+size_t room_for(const PDev__DmCardStattrT &card) {
+    return std::max(chip_room, card.n_chip_attr_array);
+}
+
+// The chip types of a card, in an array that is made larger when need be. -1, logged for the caller, when the description
+// cannot be used; more chips than `most` are one reason.
+int32_t put_chip_types(const PDev__DmCardStattrT &card, size_t most, ChipArray &chips, Caller caller = Caller{}) {
+    if (card.chip_num < 0 || static_cast<size_t>(card.chip_num) > most || !card.chip_attr_array) {
+        DM_LOG_AS(caller, notice, "info->chip_num:%d info->chip_attr_array:%p\n", card.chip_num,
+                  static_cast<void *>(card.chip_attr_array));
+        return -1;
+    }
+    if (room_for(card) > chip_room) chips = make_chip_array(room_for(card), caller);
+    if (!chips) return -1;
+    int32_t *next = chips.get();
+    for (const PDev__DmChipAttrT *chip : entries(card.chip_attr_array, card.n_chip_attr_array)) {
+        if (!chip) {
+            DM_LOG_AS(caller, notice, "chip_attr_array[%d] is NULL\n", static_cast<int32_t>(next - chips.get()));
+            return -1;
+        }
+        *next++ = chip->chip_type;
+    }
+    return 0;
+}
+
+int32_t ndm_get_chip_obj_by_type(int32_t chip_type, PDev__DmChipStattrT **chip, uint8_t rt) {
+    return copy_or_read(ndm_get_chip_stattr_by_type, chip_type, chip_type_key(chip_type), chip, rt);
+}
+
+int32_t ndm_scan_local_port_obj_cb(tq_mom_handle *, store_msg *msg, void *priv) {
+    if (!msg) {
+        DM_LOG(failure, "invalid msg[%p].\n", static_cast<void *>(msg));
+        return -1;
+    }
+    if (!carries_object(*msg)) {
+        DM_LOG(trace, "msg->cmd %d\r\n", msg->cmd);
+        return -1;
+    }
+    const ProtobufCMessage *obj = scanned_object(*msg);
+    if (!obj) return -1;
+    DM_LOG(trace, "add local port info %p\r\n", static_cast<const void *>(obj));
+    const uint64_t since = priv ? *static_cast<const uint64_t *>(priv) : never_overtaken;
+    return cache_object(DM_ROW_UNIT_CPORT_INFO, obj, since);
+}
+
+int32_t local_ports() {
+    CacheLock lock;
+    return all<PDev__UnitCportInfo>().size();
+}
+
+// Fills the row of local ports from the store.
+bool scan_local_ports(Caller caller = Caller{}) {
+    uint64_t since = change_mark_now();
+    const int32_t ret = scan_store(DM_ROW_UNIT_CPORT_INFO, ndm_scan_local_port_obj_cb, &since);
+    if (ret != 0)
+        DM_LOG_AS(caller, notice, "tq_mom_scan_sync ret %d.\r\n", ret);
+    else
+        DM_LOG_AS(caller, trace, "tq_mom_scan_sync ret %d.\r\n", ret);
+    return ret == 0;
+}
+
+// The combo ports among the local ports, `room` of them at most; -1 when there are more.
+int32_t put_combo_ports(int32_t *lports, int32_t room, Caller caller = Caller{}) {
+    CacheLock lock;
+    int32_t n = 0;
+    for (const auto &port : all<PDev__UnitCportInfo>()) {
+        if (!port.static_info) {
+            DM_LOG_AS(caller, notice, "static_info invalid.\r\n");
+            continue;
+        }
+        DM_LOG_AS(caller, trace, "pd_medium_type:%d\n", number(port.static_info->pd_medium_type));
+        if (port.static_info->pd_medium_type != P_DEV__PD_MEDIUM_TYPE_E__FIBER_COPPER) continue;
+        if (n >= room) return -1;
+        lports[n++] = port.static_info->lport;
+    }
+    return n;
+}
+
+int32_t _ndm_get_my_card_multi_lport(int32_t *lports, int32_t *num, uint8_t rt) {
+    if (!lports || !num) {
+        DM_LOG(failure, "invalid param.\r\n");
+        return -1;
+    }
+    const int32_t ports = _ndm_get_my_lport_num(rt);
+    if (ports <= 0) {
+        DM_LOG(notice, "_ndm_get_my_lport_num ret %d.\r\n", ports);
+        return -1;
+    }
+    DM_LOG(trace, "_ndm_get_my_lport_num ret %d.\r\n", ports);
+    DM_LOG(trace, "origin node_num:%d, rt:%d.\r\n", local_ports(), rt);
+    if (local_ports() == 0 && rt != 0 && !scan_local_ports()) return -1;
+    const int32_t cached_ports = local_ports();
+    DM_LOG(trace, "after node_num:%d\r\n", cached_ports);
+    if (cached_ports == 0) return -1;
+    const int32_t n = put_combo_ports(lports, *num);
+    if (n < 0) return -1;
+    *num = n;
+    DM_LOG(trace, "final num %d.\r\n", n);
+    return 0;
+}
+
+int32_t _ndm_get_poe_support_by_objid(uint32_t objid, uint8_t *support, uint8_t rt) {
+    if (!support) {
+        DM_LOG(notice, "invalid parameter\r\n");
+        return -1;
+    }
+    PDev__DmPortAttrT *attributes = nullptr;
+    const int32_t ret = ndm_get_port_static_by_objid(objid, &attributes, rt, /*follow_subcard=*/1);
+    const owned<PDev__DmPortAttrT> port(attributes);
+    if (ret != 0 || !port) {
+        DM_LOG(notice, "objid:0x%x ret:%d port_attr:%p\r\n", objid, ret, static_cast<void *>(attributes));
+        return -1;
+    }
+    *support = port->poe_support ? 1 : 0;
+    return 0;
+}
+
+int32_t _ndm_get_hpoe_support_by_objid(uint32_t objid, uint8_t *support, uint8_t rt) {
+    if (!support) {
+        DM_LOG(notice, "invalid parameter\r\n");
+        return -1;
+    }
+    if (phy_type(objid) != phy_port) {
+        DM_LOG(notice, "objid is not port type\r\n");
+        return -1;
+    }
+    PDev__DmPortAttrT *attributes = nullptr;
+    if (ndm_get_port_static_by_objid(objid, &attributes, rt, /*follow_subcard=*/1) != 0) return -1;
+    *support = owned<PDev__DmPortAttrT>(attributes)->hpoe_support ? 1 : 0;
+    return 0;
+}
+
+}  // namespace
+}  // namespace dm
+
+using namespace dm;
+
+int32_t _ndm_get_my_card_type_rt(int32_t *card_type, uint8_t rt) {
+    if (!card_type) return -1;
+    if (ndm_get_my_card_type(card_type) >= 0) return 0;
+    if (rt == 0) return -1;
+    StoreRead<PDev__DpLibMyInfo> read(ReadBy::record);
+    if (!read) return -1;
+    *card_type = (*read).card_type;
+    read.cache();
+    if (read.release() == 0) return 0;
+    DM_LOG(lib_error, "free res fail.\r\n");
+    return -1;
+}
+
+int32_t _ndm_get_my_card_obj_rt(void *card, uint8_t rt) {
+    if (!card) return -1;
+    PDev__DmCardStattrT *found = nullptr;
+    put(card, found);
+    int32_t card_type;
+    if (_ndm_get_my_card_type_rt(&card_type, rt) != 0) {
+        DM_LOG(notice, "ndm_get_my_card_type fail\n");
+        return -1;
+    }
+    if (ndm_get_card_obj_by_type(card_type, &found, rt) != 0) {
+        DM_LOG(notice, "ndm_get_card_obj_by_type %d fail\n", card_type);
+        return -1;
+    }
+    if (!found) {
+        DM_LOG(notice, "ndm_get_card_obj_by_type info NULL\n");
+        return -1;
+    }
+    put(card, found);
+    return 0;
+}
+
+int32_t _ndm_get_my_lport_num(uint8_t rt) {
+    if (const auto ports = cached_field(&PDev__LocalPortInfo::lport_num)) return *ports;
+    if (rt != 1) {
+        DM_LOG(notice, "cache get LocalPortInfo fail.\r\n");
+        return -1;
+    }
+    StoreRead<PDev__LocalPortInfo> read(ReadBy::record);
+    if (!read) {
+        DM_LOG(notice, "db get LocalPortInfo fail.\r\n");
+        return -1;
+    }
+    const int32_t ports = (*read).lport_num;
+    read.cache();
+    if (read.release() != 0) DM_LOG(notice, "free res fail.\r\n");
+    return ports;
+}
+
+int32_t ndm_get_my_lport_num(void) {
+    CacheLock lock;
+    return _ndm_get_my_lport_num(/*rt=*/0);
+}
+
+int32_t ndm_get_my_lport_num_by_sub_slot(int32_t sub_slot, int32_t *lport_num) {
+    if (!lport_num) {
+        DM_LOG(notice, "param error!\n");
+        return -1;
+    }
+    if (sub_slot != 0) {
+        DM_LOG(notice, "\n");
+        return -1;
+    }
+    *lport_num = ndm_get_my_lport_num();
+    return 0;
+}
+
+int32_t ndm_get_my_card_multi_lport(int32_t *lports, int32_t *num) {
+    CacheLock lock;
+    return _ndm_get_my_card_multi_lport(lports, num, /*rt=*/0);
+}
+
+int32_t _ndm_get_my_lchips(int32_t **chips, uint8_t rt) {
+    if (!chips) {
+        DM_LOG(notice, "param error!\n");
+        return -1;
+    }
+    *chips = nullptr;
+    ChipArray types = make_chip_array(chip_room);
+    if (!types) return -1;
+    PDev__DmCardStattrT *copy = nullptr;
+    if (_ndm_get_my_card_obj_rt(&copy, rt) != 0) {
+        DM_LOG(notice, "__ndm_get_my_card_obj_rt fail\n");
+        return -1;
+    }
+    const owned<PDev__DmCardStattrT> card(copy);
+    if (put_chip_types(*card, room_for(*card), types) != 0) return -1;
+    *chips = types.release();
+    return card->chip_num;
+}
+
+int32_t ndm_get_my_lchips(int32_t **chips) {
+    CacheLock lock;
+    return _ndm_get_my_lchips(chips, /*rt=*/0);
+}
+
+int32_t _ndm_get_chip_type_by_card_type(int32_t card_type, int32_t **chip_types, int32_t *num, uint8_t rt) {
+    if (!chip_types || !num) return -1;
+    *chip_types = nullptr;
+    ChipArray types = make_chip_array(chip_room);
+    if (!types) return -1;
+    PDev__DmCardStattrT *copy = nullptr;
+    const int32_t ret = ndm_get_card_obj_by_type(card_type, &copy, rt);
+    const owned<PDev__DmCardStattrT> card(copy);
+    if (ret != 0) {
+        DM_LOG(notice, "ndm_get_card_obj_by_type %d fail\n", card_type);
+        return -1;
+    }
+    if (!card) {
+        DM_LOG(notice, "ndm_get_card_obj_by_type info NULL\n");
+        return -1;
+    }
+    if (card->chip_num >= 0 && card->chip_attr_array) *num = static_cast<int32_t>(card->n_chip_attr_array);
+    if (put_chip_types(*card, INT32_MAX, types) != 0) return -1;
+    *chip_types = types.release();
+    return 0;
+}
+
+int32_t ndm_get_chip_type_by_card_type(int32_t card_type, int32_t **chip_types, int32_t *num) {
+    CacheLock lock;
+    return _ndm_get_chip_type_by_card_type(card_type, chip_types, num, /*rt=*/0);
+}
+
+int32_t _ndm_get_chip_family(int32_t chip_type, uint8_t rt) {
+    PDev__DmChipStattrT *copy = nullptr;
+    const int32_t ret = ndm_get_chip_obj_by_type(chip_type, &copy, rt);
+    const owned<PDev__DmChipStattrT> chip(copy);
+    if (ret == 0 && chip) return chip->family;
+    DM_LOG(notice, "ndm_get_chip_obj_by_type ret:%d, chip_sta:%pl\n", ret, static_cast<void *>(copy));
+    return -1;
+}
+
+int32_t ndm_get_chip_family(int32_t chip_type) {
+    CacheLock lock;
+    return _ndm_get_chip_family(chip_type, /*rt=*/0);
+}
+
+int32_t ndm_get_poe_support_by_objid(uint32_t objid, uint8_t *support) {
+    CacheLock lock;
+    return _ndm_get_poe_support_by_objid(objid, support, /*rt=*/0);
+}
+
+int32_t ndm_get_hpoe_support_by_objid(uint32_t objid, uint8_t *support) {
+    CacheLock lock;
+    return _ndm_get_hpoe_support_by_objid(objid, support, /*rt=*/0);
+}

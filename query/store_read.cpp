@@ -1,0 +1,63 @@
+// The calls of the store behind the fallback reads. Never under the cache lock.
+#include "query/store_read.h"
+
+static constexpr char log_tag[] = "ndm_port";
+
+namespace dm {
+namespace {
+
+// An empty message of a row's kind that carries only a key.
+class Request {
+public:
+    Request(int32_t row, const ProtobufCMessage *key) {
+        const Kind &kind = *kind_of_row(row);
+        kind.descriptor->message_init(message());
+        if (kind.index_offset > 0) put(bytes_ + kind.index_offset, key);
+    }
+    ProtobufCMessage *message() { return reinterpret_cast<ProtobufCMessage *>(bytes_); }
+
+private:
+    alignas(std::max_align_t) char bytes_[largest_object];
+};
+
+}  // namespace
+
+uint64_t change_mark_now() {
+    CacheLock lock;
+    return change_mark();
+}
+
+StoreReply::StoreReply(int32_t row, uint32_t db, const ProtobufCMessage *key, ReadBy by, Caller caller)
+    : row_(row), since_(change_mark_now()) {
+    Request request(row, key);
+    int32_t error = 0;
+    if (by == ReadBy::record) {
+        record_ = tq_mom_hgetall_sync(g_dm_global, db, request.message());
+        error = record_ ? record_->error : 0;
+        obj_ = record_ ? record_->obj : nullptr;
+    } else {
+        obj_ = tq_mom_get_sync(g_dm_global, db, request.message(), &error);
+    }
+    if (error == 0 && obj_) return;
+    DM_LOG_AS(caller, lib_error, "unexpected, error:%d!\r\n", error);
+    if (release() != 0) DM_LOG_AS(caller, lib_error, "free res fail.\r\n");
+}
+
+StoreReply::~StoreReply() {
+    release();
+}
+
+int32_t StoreReply::release() {
+    result_rec *record = std::exchange(record_, nullptr);
+    ProtobufCMessage *obj = std::exchange(obj_, nullptr);
+    if (record) return tq_mom_hash_res_free(record);
+    return obj ? tq_mom_tq_obj_free(obj) : 0;
+}
+
+int32_t scan_store(int32_t row, tq_mom_msg_cb callback, void *priv) {
+    const obj_sub_entry &entry = obj_sub_list[row];
+    if (!entry.obj_tmpl) return -1;
+    return tq_mom_scan_sync(g_dm_global, entry.db_id, entry.obj_tmpl, 0, callback, priv);
+}
+
+}  // namespace dm
