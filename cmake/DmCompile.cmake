@@ -12,6 +12,8 @@ target_compile_options(dm_no_cxx_runtime INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>)
 
 if(DM_SANITIZE)
+  # g++'s flow analysis takes instrumented std::function code of the standard library for uninitialised.
+  target_compile_options(dm_warnings INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   add_compile_options(-fsanitize=${DM_SANITIZE} -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${DM_SANITIZE})
 else()
