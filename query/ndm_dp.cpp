@@ -112,7 +112,8 @@ int32_t ndm_get_online_node_bmp_gms(uint32_t **nodes, int32_t *count) {
     }
     CacheLock lock;
     const int32_t n = online_cards();
-    auto *made = static_cast<uint32_t *>(malloc(static_cast<size_t>(n) * sizeof(uint32_t)));
+    // Not every malloc answers 0 bytes with a pointer, and no card online is no failure.
+    auto *made = static_cast<uint32_t *>(malloc(static_cast<size_t>(std::max(n, 1)) * sizeof(uint32_t)));
     if (!made) {
         DM_LOG(lib_error, "malloc fail.\r\n");
         return -1;
