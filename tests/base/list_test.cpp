@@ -98,21 +98,3 @@ TEST_F(CardList, RefusesANewObjectWhenFullButReplaces) {
     EXPECT_EQ(add(card(7, 9999, 0)), 1);
     EXPECT_EQ(slots().size(), 10000U);
 }
-
-// The raw links also carry the queue of a synchronisation, counted by whoever owns it.
-TEST(List, CountsAgainstASignedLimit) {
-    dm_list_head head{&head, &head}, a{&a, &a}, b{&b, &b};
-    int32_t count = -1;
-    EXPECT_EQ(dm_list_add_tail_with_limit(&a, &head, &count, -1), -1);
-    EXPECT_EQ(dm_list_add_tail_with_limit(&a, &head, &count, 0), 0);
-    EXPECT_EQ(dm_list_add_tail_with_limit(&b, &head, &count, 0), -1);
-    EXPECT_EQ(count, 0);
-    EXPECT_EQ(b.next, &b);
-    EXPECT_EQ(dm_list_add_tail_with_limit(&b, &head, &count, 1), 0);
-    EXPECT_TRUE(head.next == &a && a.next == &b && b.next == &head && head.prev == &b && b.prev == &a &&
-                a.prev == &head);
-    dm_list_del_with_limit(&a, &count);
-    dm_list_del_with_limit(&a, &count);
-    EXPECT_EQ(count, -1);
-    EXPECT_TRUE(head.next == &b && b.prev == &head && a.next == &a && a.prev == &a);
-}

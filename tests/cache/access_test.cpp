@@ -9,8 +9,6 @@
 
 namespace {
 
-class Access : public testing::TestWithParam<int> {};
-
 int32_t ignore(ProtobufCMessage *, uintptr_t *) {
     return 0;
 }
@@ -31,41 +29,6 @@ int32_t set(int32_t row, const Message &object) {
 }
 
 }  // namespace
-
-// These lines are how a fault in the field is found: they name the call, say what was wrong, and come at their level.
-TEST_P(Access, SaysWhatWasRefused) {
-    const Message one = card(1, 3, 0);
-    void *k = key(one), *buf[4], *const null = nullptr, *const at = buf;
-    int32_t count = 0;
-    start({});
-    LogCapture log(GetParam());
-    dm_cache_get_obj(39, k, at);
-    dm_cache_get_obj(17, k, nullptr);
-    dm_cache_get_obj(17, nullptr, at);
-    dm_cache_set_obj(-1, one.get());
-    dm_cache_set_obj(17, nullptr);
-    dm_cache_foreach_obj(39, ignore, 0);
-    dm_cache_get_obj_index_list_len(-1);
-    dm_cache_get_obj_index_list_len(0);
-    dm_cache_get_obj_index_list_len(17);
-    dm_cache_get_obj_index_list(17, buf, 0, &count);
-    dm_cache_get_obj_index_list(17, buf, 4, &count);
-    const Strings lines = {
-        text("2 dm_cache_get_obj>param err[39][%p][%p].\n", k, at),
-        text("2 dm_cache_get_obj>param err[17][%p][%p].\n", k, null),
-        text("2 dm_cache_get_obj>param err[17][%p][%p].\n", null, at),
-        "2 dm_cache_set_obj>invalid param.\r\n",
-        "2 dm_cache_set_obj>invalid param.\r\n",
-        text("2 dm_cache_foreach_obj>param err[39][%p].\n", reinterpret_cast<void *>(ignore)),
-        "2 dm_cache_get_obj_index_list_len>param err[-1].\n",
-        "2 dm_cache_get_obj_index_list_len>list null.\n",
-        "1 dm_cache_get_obj_index_list_len>type[17] len[0].\n",
-        text("2 dm_cache_get_obj_index_list>param err[17][%p][0][%p].\n", at, static_cast<void *>(&count)),
-        "1 dm_cache_get_obj_index_list>type[17] get_len[0].\n"};
-    EXPECT_EQ(log.take(), at_threshold(GetParam(), lines));
-}
-
-INSTANTIATE_TEST_SUITE_P(Thresholds, Access, testing::Range(0, 4));
 
 // A card that is found twice, or taken for another, sends a query to the wrong slot.
 TEST(Objects, AreToldApartByTheFieldsOfTheirKind) {
