@@ -8,9 +8,10 @@
  *   - it answers from the cache and takes the cache lock for the time of the call; any thread may call it, also from a
  *     change callback;
  *   - devid is 1..16, slot is a physical slot 0..31, sslot is 0 for the card itself and 1..7 for its sub-cards;
- *   - objid is a port's identifier. A card's logical ports are one number space: those of its sub-cards are listed by the
- *     card itself;
- *   - it returns 0, or -1 when an object is not cached or an argument is refused; out-values are written on success only.
+ *   - objid is a port's identifier. A card's logical ports are one number space: those of its sub-cards are listed by
+ *     the card itself;
+ *   - it returns 0, or -1 when an object is not cached or an argument is refused; out-values are written on success
+ *     only.
  */
 
 #include "../dm_api.h"
@@ -26,7 +27,7 @@ extern "C" {
  */
 DM_API int32_t ndm_get_card_type_by_slot(int32_t devid, int32_t slot, int32_t sslot, int32_t *card_type, uint8_t rt);
 
-/* Builds a port's identifier. A pure conversion: looks at no card, takes no lock. lport is 0..288; -1 also for a null
+/* Which identifier has a port? A pure conversion: looks at no card, takes no lock. lport is 0..288; -1 also for a null
  * objid. */
 DM_API int32_t ndm_get_objid_by_slot_lport(int32_t devid, int32_t slot, int32_t lport, uint32_t *objid);
 
@@ -39,21 +40,22 @@ DM_API int32_t ndm_get_sslot_by_lport(int32_t devid, int32_t slot, int32_t lport
 /* Which is the highest logical port of a card's sub-slot? -1 is left in *max_lport when it has none. */
 DM_API int32_t ndm_get_max_lport_by_slot(int32_t devid, int32_t slot, int32_t sslot, int32_t *max_lport);
 
-/* Which is the lowest? -1 is left in *min_lport when it has none. */
+/* Which is the lowest logical port of a card's sub-slot? -1 is left in *min_lport when it has none. */
 DM_API int32_t ndm_get_min_lport_by_slot(int32_t devid, int32_t slot, int32_t sslot, int32_t *min_lport);
 
-/* The highest of the card's own ports. */
+/* Which is the highest of a card's own ports? */
 DM_API int32_t ndm_get_max_port_num(int32_t devid, int32_t slot, int32_t *max_lport);
 
-/* The lowest of the card's own ports. */
+/* Which is the lowest of a card's own ports? */
 DM_API int32_t ndm_get_min_port_num(int32_t devid, int32_t slot, int32_t *min_lport);
 
 /* To which VSD does a port belong? */
 DM_API int32_t ndm_get_vsdid_by_objid(uint32_t objid, int32_t *vsdid);
 
 /*
- * The same; when the port is not cached the store is scanned for it, and the ports of its card that the scan finds are
- * cached with their static ports, except where the cache has changed since: -1 can mean that, too. Blocks: do not hold the cache lock.
+ * To which VSD does a port belong, with the store's help? When the port is not cached the store is scanned for it, and
+ * the ports of its card that the scan finds are cached with their static ports, except where the cache has changed
+ * since: -1 can mean that, too. Blocks: do not hold the cache lock.
  */
 DM_API int32_t ndm_get_vsdid_by_objid_rt(uint32_t objid, int32_t *vsdid);
 

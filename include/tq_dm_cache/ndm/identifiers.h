@@ -2,13 +2,13 @@
 #define TQ_NDM_IDENTIFIERS_H
 
 /*
- * Identifiers: the numbers that name a card, a port or a CPU, and how they are built and taken apart. docs/identifiers.md
- * shows their bits.
+ * Identifiers: the numbers that name a card, a port or a CPU, and how they are built and taken apart.
+ * docs/identifiers.md shows their bits.
  *
  * Unless a function says otherwise:
  *   - it is a pure conversion: it reads no object, takes no lock, any thread may call it;
- *   - devid is 1..16, slot is a physical slot 0..31, sslot (also called cpuid) is 0 for the card itself and 1..7 for its
- *     sub-cards. Values out of range are not masked: they spill into the neighbouring bits;
+ *   - devid is 1..16, slot is a physical slot 0..31, sslot (also called cpuid) is 0 for the card itself and 1..7 for
+ *     its sub-cards. Values out of range are not masked: they spill into the neighbouring bits;
  *   - no decoder looks at the type bits of what it is given, unless it says so;
  *   - it returns 0, or -1 for a null pointer or a value that it refuses; out-values are written on success only.
  */
@@ -25,11 +25,12 @@ DM_API int32_t ndm_get_node_from_dev_slot_cpuid(int32_t devid, int32_t slot, int
 /* Which card does a node number name? */
 DM_API int32_t ndm_get_dev_slot_cpuid_from_node(uint32_t node, int32_t *devid, int32_t *slot, int32_t *cpuid);
 
-/* The same without the sub-slot. */
+/* In which device and slot is a node? The same without the sub-slot. */
 DM_API int32_t ndm_get_dev_slot_from_node(uint32_t node, int32_t *devid, int32_t *slot);
 
-/* The same for a node number held in a signed word, which must be above 0. `reserved` must not be null; it is left alone. */
-DM_API int32_t ndm_get_id_from_phy_card_type(int32_t phyid, int32_t *devid, int32_t *slot, int32_t *sslot,
+/* Which card does a node number in a signed word name? It must be above 0. `reserved` must not be null; it is left
+ * alone. */
+DM_API int32_t ndm_get_id_from_phy_card_type(int32_t node, int32_t *devid, int32_t *slot, int32_t *sslot,
                                              int32_t *reserved);
 
 /* Which dcm address has a node? Refused: a devid outside 1..16, a slot above 31, a sub-slot above 5. */
@@ -48,16 +49,16 @@ DM_API int32_t ndm_get_my_dcm_addr(uint32_t *dcm_addr);
 DM_API int32_t ndm_calculate_tipc_node(int32_t devid, int32_t slot, int32_t cpuid);
 
 /*
- * On which chip and chip port sits a port? `phyid` is a port's identifier, and any other is refused. devid and slot are written even when the card
- * is not cached; unit and port only when the card's type lists the logical port, and the answer is 0 even when it does
- * not. Answers from the cache, under the cache lock.
+ * On which chip and chip port sits a port? `phyid` is a port's identifier, and any other is refused. devid and slot are
+ * written even when the card is not cached; unit and port only when the card's type lists the logical port, and the
+ * answer is 0 even when it does not. Answers from the cache, under the cache lock.
  */
 DM_API int32_t ndm_get_id_from_phyid(uint32_t phyid, int32_t *devid, int32_t *slot, int32_t *unit, int32_t *port);
 
-/* Which interface index has a port of this VSD? The index itself, or -1. Answers from the cache, under the cache lock. */
+/* Which interface index has a port of this VSD? The index itself, or -1. Answers from the cache, under its lock. */
 DM_API int32_t ndm_get_ifx_by_objid(uint32_t objid);
 
-/* The same among the global ports. */
+/* Which interface index has a global port? The same. */
 DM_API int32_t ndm_get_global_ifx_by_objid(uint32_t objid);
 
 #ifdef __cplusplus

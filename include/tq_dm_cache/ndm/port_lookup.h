@@ -2,20 +2,21 @@
 #define TQ_NDM_PORT_LOOKUP_H
 
 /*
- * Find a port, or a card's or chip's static attributes, by what is known of it: interface index, position on a chip, logical
- * port, type and number, or type.
+ * Find a port, or a card's or chip's static attributes, by what is known of it: interface index, position on a chip,
+ * logical port, type and number, or type.
  *
  * Unless a function says otherwise:
- *   - it answers from the cache by one or two tree searches and takes the cache lock for the time of the call; any thread
- *     may call it, also from a change callback;
- *   - `out` is the address of a pointer to the message. It receives a private copy: release it with ndm_port_obj_free();
+ *   - it answers from the cache by one or two tree searches and takes the cache lock for the time of the call; any
+ *     thread may call it, also from a change callback;
+ *   - `out` is the address of a pointer to the message. It receives a private copy: release it with
+ *     ndm_port_obj_free();
  *   - it returns 0; -1 when nothing is found, and `out` is then left alone; or the code of dm_cache_copy_obj() when the
  *     copy fails, with null in `out`;
  *   - numbers are combined into a key without masks: dev is 1..16, slots 0..31, units and chip ports 0..255, lport
  *     0..288. A global port, or a port of this VSD, is found only while its static port is cached.
  *
- * Local ports are p_dev.unit_cport_info, global ports p_dev.vsd_port, ports of this VSD p_dev.vsd_port_attr, static ports
- * p_dev.port_static.
+ * Local ports are p_dev.unit_cport_info, global ports p_dev.vsd_port, ports of this VSD p_dev.vsd_port_attr, static
+ * ports p_dev.port_static.
  */
 
 #include "../dm_api.h"
@@ -39,11 +40,11 @@ DM_API int32_t ndm_get_global_port_by_dm_phyid(int32_t dev, int32_t physlot, int
 /* Which global port is a card's logical port? */
 DM_API int32_t ndm_get_global_port_by_ss_phyid(int32_t dev, int32_t physlot, int32_t lport, void *out);
 
-/* Which global port has a type and number in a slot and sub-slot? */
+/* Which global port has a type (p_intf.intftype_e) and number in a slot and sub-slot? */
 DM_API int32_t ndm_get_global_port_by_lsm_key_with_subslot(int32_t dev, int32_t slot, int32_t sslot, int32_t port,
                                                            int32_t type, void *out);
 
-/* The same with sub-slot 0. */
+/* Which global port has a type (p_intf.intftype_e) and number in a slot? The same with sub-slot 0. */
 DM_API int32_t ndm_get_global_port_by_lsm_key(int32_t dev, int32_t slot, int32_t port, int32_t type, void *out);
 
 /* Which port of this VSD has an interface index? */
@@ -55,11 +56,11 @@ DM_API int32_t ndm_get_vsd_port_by_dm_phyid(int32_t dev, int32_t physlot, int32_
 /* Which port of this VSD is a card's logical port? */
 DM_API int32_t ndm_get_vsd_port_by_ss_phyid(int32_t dev, int32_t physlot, int32_t lport, void *out);
 
-/* Which port of this VSD has a type and user port in a slot and sub-slot? */
+/* Which port of this VSD has a type (p_intf.intftype_e) and user port in a slot and sub-slot? */
 DM_API int32_t ndm_get_vsd_port_by_lsm_key_with_subslot(int32_t dev, int32_t slot, int32_t sslot, int32_t port,
                                                         int32_t type, void *out);
 
-/* The same with sub-slot 0. */
+/* Which port of this VSD has a type (p_intf.intftype_e) and user port in a slot? The same with sub-slot 0. */
 DM_API int32_t ndm_get_vsd_port_by_lsm_key(int32_t dev, int32_t slot, int32_t port, int32_t type, void *out);
 
 /* Which static port has the global port with an interface index in a VSD? */
@@ -74,11 +75,12 @@ DM_API int32_t ndm_get_static_port_by_dm_phyid(int32_t dev, int32_t physlot, int
 /* Which static port is a card's logical port? Asks the global ports, then those of this VSD. */
 DM_API int32_t ndm_get_static_port_by_ss_phyid(int32_t dev, int32_t physlot, int32_t lport, void *out);
 
-/* Which static port has a type and number in a slot and sub-slot? Asks the global ports, then those of this VSD. */
+/* Which static port has a type (p_intf.intftype_e) and number in a slot and sub-slot? Asks the global ports, then those
+ * of this VSD. */
 DM_API int32_t ndm_get_static_port_by_lsm_key_with_subslot(int32_t dev, int32_t slot, int32_t sslot, int32_t port,
                                                            int32_t type, void *out);
 
-/* The same with sub-slot 0. */
+/* Which static port has a type (p_intf.intftype_e) and number in a slot? The same with sub-slot 0. */
 DM_API int32_t ndm_get_static_port_by_lsm_key(int32_t dev, int32_t slot, int32_t port, int32_t type, void *out);
 
 /* Which static attributes (p_dev.dm_card_stattr_t) has a card type? */
@@ -87,13 +89,12 @@ DM_API int32_t ndm_get_card_static_by_type(int32_t card_type, void *out);
 /* Which static attributes (p_dev.dm_chip_stattr_t) has a chip type? */
 DM_API int32_t ndm_get_chip_stattr_by_type(int32_t chip_type, void *out);
 
-/* Which global ports has a chip? Fills `out`, an array with room for 256 pointers, with copies of those of its ports 0..255
- * that are there, and `count` with their number; 0 also when there are none. One lock
- * hold for all. */
-DM_API int32_t ndm_get_global_port_in_chip(int32_t dev, int32_t physlot, int32_t unit, void *out, int32_t *count);
+/* Which global ports has a chip? Fills `ports`, an array with room for 256 pointers, with copies of those of its ports
+ * 0..255 that are there, and `count` with their number; 0 also when there are none. One lock hold for all. */
+DM_API int32_t ndm_get_global_port_in_chip(int32_t dev, int32_t physlot, int32_t unit, void *ports, int32_t *count);
 
 /* Which static ports has a chip? The same. */
-DM_API int32_t ndm_get_static_port_in_chip(int32_t dev, int32_t physlot, int32_t unit, void *out, int32_t *count);
+DM_API int32_t ndm_get_static_port_in_chip(int32_t dev, int32_t physlot, int32_t unit, void *ports, int32_t *count);
 
 /* Releases a message handed out as a copy. Null is accepted. Takes no lock. */
 DM_API void ndm_port_obj_free(void *message);

@@ -7,8 +7,8 @@
  * Unless a function says otherwise:
  *   - it answers from the cache and takes the cache lock for the time of the call; any thread may call it, also from a
  *     change callback;
- *   - a form that ends in _rt reads an object that is not cached from the store, and does not cache it. That blocks for a
- *     round trip, so do not hold the cache lock;
+ *   - a form that ends in _rt reads an object that is not cached from the store, and does not cache it. That blocks for
+ *     a round trip, so do not hold the cache lock;
  *   - it returns the value itself, or 0 where it has an out-value; -1 when an object is not there or an argument is
  *     refused; out-values are written on success only.
  */
@@ -34,7 +34,7 @@ DM_API int32_t ndm_get_slot_num_rt(int32_t devid);
 DM_API int32_t ndm_indep_get_master_node(void);
 DM_API int32_t ndm_indep_get_master_node_rt(void);
 
-/* Which node is its slave? */
+/* Which node is the slave of the whole unit, its sub-slot included? */
 DM_API int32_t ndm_indep_get_slave_node(void);
 DM_API int32_t ndm_indep_get_slave_node_rt(void);
 

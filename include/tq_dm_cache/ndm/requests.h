@@ -4,8 +4,8 @@
 /*
  * Requests to the store itself: follow one kind of object or some of its fields, ask for the reset of a card.
  *
- * Unless a function says otherwise: it uses the store handle given to dm_cache_init(), takes no cache lock of its own, and
- * any thread may call it that does not hold the cache lock.
+ * Unless a function says otherwise: it uses the store handle given to dm_cache_init(), takes no cache lock of its own,
+ * and any thread may call it that does not hold the cache lock.
  */
 
 #include "../tq_platform.h"
@@ -28,12 +28,12 @@ typedef struct ndm_lib_sub_info {
     uint32_t fields[NDM_LIB_SUB_FIELDS]; /* field numbers */
 } ndm_lib_sub_info;
 
-/* Subscribes a request: 1 when it stands, now or from an earlier call; 0 when it is null, the store refused it
+/* Subscribes a request. 1 when it stands, now or from an earlier call; 0 when it is null, the store refused it
  * or field_num is not 0..10. Its objects are scanned once the subscription is confirmed. */
 DM_API int32_t ndm_lib_subcribe(ndm_lib_sub_info *req);
 
-/* What the store calls for such a request, on its own thread; a client has no need to. -1 for a null request; the answer of
- * the scan for a confirmation; else 0. */
+/* What the store calls for a subscribed request, on its own thread; a client has no need to. -1 for a null request; the
+ * answer of the scan for a confirmation; else 0. */
 DM_API int32_t ndm_lib_subcribe_com(tq_mom_handle *handle, store_msg *msg, void *req);
 
 /*

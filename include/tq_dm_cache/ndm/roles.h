@@ -30,23 +30,23 @@ DM_API int32_t ndm_get_my_dev_grole(void);
 /* Which role has this card within its device (p_dev.dm_role_e)? */
 DM_API int32_t ndm_get_my_dev_lrole(void);
 
-/* Which role has this card in the whole unit? 0 (none) when it is not cached. */
+/* Which role has this card in the whole unit (p_dev.dm_role_e)? 0 (none) when it is not cached. */
 DM_API int32_t ndm_get_my_role(void);
 
-/* Always -1: nothing is read from the store. */
+/* On which device and in which slot does the store say that this process runs? Always -1: nothing is read from it. */
 DM_API int32_t ndm_get_my_devid_rt(void);
 DM_API int32_t ndm_get_my_lslotid_rt(void);
 
 /* Which card is the master of the whole unit? 0, or -1 and nothing written. */
 DM_API int32_t ndm_get_master_slotid(int32_t *devid, int32_t *slot);
 
-/* Which card is its slave? 0, or -1 and nothing written. */
+/* Which card is the slave of the whole unit? 0, or -1 and nothing written. */
 DM_API int32_t ndm_get_slaver_id(int32_t *devid, int32_t *slot);
 
-/* Which node is the master? Its sub-slot is taken as 0. 0xFFFFFFFF when it is not known. */
+/* Which node is the master of the whole unit? Its sub-slot is taken as 0. 0xFFFFFFFF when it is not known. */
 DM_API uint32_t ndm_get_master_node(void);
 
-/* Which node is the slave? Its sub-slot is taken as 0. 0, or -1 and nothing written. */
+/* Which node is the slave of the whole unit? Its sub-slot is taken as 0. 0, or -1 and nothing written. */
 DM_API int32_t ndm_get_slaver_node(uint32_t *node);
 
 /* Which role has the card of a node (p_dev.dm_role_e)? Its sub-slot is not compared. */
@@ -73,11 +73,11 @@ DM_API int32_t ndm_is_mboard(uint32_t node);
 /* Is a device a box? */
 DM_API int32_t ndm_dev_is_box_switch(int32_t devid);
 
-/* Which type of node is a card (p_dev.dm_node_type_e)? `phyid` is a node number. 0 when it is not known. */
-DM_API int32_t ndm_get_node_type(uint32_t phyid);
+/* Which type of node is a card (p_dev.dm_node_type_e)? 0 when it is not known. */
+DM_API int32_t ndm_get_node_type(uint32_t node);
 
-/* Which cards are online? 0 with a new array of their node numbers, which the caller frees with free(), and their number;
- * or -1 and nothing written. */
+/* Which cards are online? 0 with a new array of their node numbers, which the caller frees with free(), and their
+ * number; or -1 and nothing written. */
 DM_API int32_t ndm_get_online_node_bmp_gms(uint32_t **nodes, int32_t *count);
 
 /* How many line cards of a device are online? */
@@ -89,7 +89,7 @@ DM_API int32_t ndm_get_device_num(void);
 /* Which is the smallest device id known? */
 DM_API int32_t ndm_get_min_devid(void);
 
-/* Which is the largest? */
+/* Which is the largest device id known? */
 DM_API int32_t ndm_get_max_devid(void);
 
 #ifdef __cplusplus

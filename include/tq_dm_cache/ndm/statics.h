@@ -55,15 +55,16 @@ DM_API int32_t ndm_get_card_type_by_lslotid(int32_t slot);
 DM_API int32_t ndm_card_sup_subslot(int32_t devid, int32_t slot);
 
 /* Which serial number has a device? */
-DM_API int32_t ndm_get_device_sn(int32_t devid, char *buf, int32_t len);
+DM_API int32_t ndm_get_device_sn(int32_t devid, char *serial, int32_t len);
 
 /* How is a device called? len is 32 or more. */
 DM_API int32_t ndm_get_dev_name_by_id(int32_t devid, char *name, int32_t len);
 
 /* How is a device type called? */
-DM_API int32_t ndm_get_dev_name_by_type(int32_t device_type, char *buf, int32_t len);
+DM_API int32_t ndm_get_dev_name_by_type(int32_t device_type, char *name, int32_t len);
 
-/* Which layer-3 MAC address has the system? Writes the first len bytes of it, len 6 or more; -1 also when fewer are known. */
+/* Which layer-3 MAC address has the system? Writes the first len bytes of it, len 6 or more; -1 also when fewer are
+ * known. */
 DM_API int32_t ndm_get_system_l3_mac(uint8_t *mac, int32_t len);
 
 #ifdef __cplusplus
