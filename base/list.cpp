@@ -77,8 +77,11 @@ int32_t dm_cache_list_add(dm_cache_list *list, const void *message, const Protob
 
 dm_cache_list_node *dm_cache_list_find(dm_cache_list *list, dm_cache_cmp_func cmp, const void *message) {
     if (!cmp || !message) return nullptr;
-    for (dm_cache_list_node &node : Elements(list))
-        if (cmp(node.obj, static_cast<const ProtobufCMessage *>(message)) == 0) return &node;
+    if (!list) return nullptr;
+    for (dm_list_head *link = list->head.next; link != &list->head; link = link->next) {
+        auto *node = reinterpret_cast<dm_cache_list_node *>(link);
+        if (cmp(node->obj, static_cast<const ProtobufCMessage *>(message)) == 0) return node;
+    }
     return nullptr;
 }
 

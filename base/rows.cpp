@@ -6,16 +6,20 @@
 namespace dm {
 namespace {
 
-// Two messages are the same object when these fields of their keys are equal. No fields: a kind with one object.
+// Two messages are the same object when these fields of their keys are equal.
 template <class T, auto... field> int32_t same_object(const ProtobufCMessage *cached, const ProtobufCMessage *probe) {
-    if constexpr (sizeof...(field) == 0) {
-        return 0;
-    } else {
-        const auto *a = as<T>(cached)->index;
-        const auto *b = as<T>(probe)->index;
-        if (!a || !b) return -1;
-        return ((a->*field == b->*field) && ...) ? 0 : -1;
-    }
+    const auto *a = as<T>(cached)->index;
+    const auto *b = as<T>(probe)->index;
+    if (!a || !b) return -1;
+    return ((a->*field == b->*field) && ...) ? 0 : -1;
+}
+
+// Kinds with one object.
+int32_t always_same(const ProtobufCMessage *, const ProtobufCMessage *) {
+    return 0;
+}
+int32_t always_same_port(const ProtobufCMessage *, const ProtobufCMessage *) {
+    return 0;
 }
 
 // The template of a kind: what the store client is handed with every subscribe and scan.
@@ -28,6 +32,7 @@ struct Traits {
     uint32_t db = 1;
     uint8_t mark = 0;
     Index index = Index::none;
+    dm_cache_cmp_func cmp = always_same;
 };
 
 template <class T> constexpr Kind singleton(const ProtobufCMessageDescriptor &descriptor, Traits traits) {
@@ -36,7 +41,7 @@ template <class T> constexpr Kind singleton(const ProtobufCMessageDescriptor &de
             .key_descriptor = nullptr,
             .tmpl = &template_of<T>.base,
             .key = nullptr,
-            .cmp = same_object<T>,
+            .cmp = traits.cmp,
             .size = sizeof(T),
             .index_offset = 0,
             .db = traits.db,
@@ -72,7 +77,7 @@ constexpr Kind table[] = {
         p_dev__device_static_info__descriptor, p_dev__device_static_info_index__descriptor, {.proc_order = 1}),
     keyed<PDev__DmDeviceStattrT, &TypeKey::type>(p_dev__dm_device_stattr_t__descriptor,
                                                  p_dev__dm_type_index__descriptor, {.proc_order = 1}),
-    singleton<PDev__DmPortAttrT>(p_dev__dm_port_attr_t__descriptor, {.proc_order = 1}),
+    singleton<PDev__DmPortAttrT>(p_dev__dm_port_attr_t__descriptor, {.proc_order = 1, .cmp = always_same_port}),
     keyed<PDev__CardStaticInfo, &PDev__CardStaticInfoIndex::type>(
         p_dev__card_static_info__descriptor, p_dev__card_static_info_index__descriptor, {.proc_order = 1}),
     keyed<PDev__PortStatic, &PortKey::t_dev, &PortKey::t_slot, &PortKey::t_sslot, &PortKey::t_port, &PortKey::t_type>(

@@ -80,11 +80,12 @@ ProtobufCMessage *object_of_record(const result_rec *record, Caller caller) {
 using namespace dm;
 
 int32_t dm_cache_mom_cache(store_msg *msg, int32_t row) {
-    if (!msg || !row_in_range(row)) return -1;
+    if (!msg) return -1;
     if (!msg->value) {
         DM_LOG(trace, "====>ignore null pkg!");
         return 0;
     }
+    if (!row_in_range(row)) return -1;
     OwnedItem item(static_cast<pending_item *>(calloc(1, sizeof(pending_item))));
     if (!item) return -1;
     item->row = row;

@@ -42,14 +42,15 @@ int32_t put_static_port(OwnedMessage message) DM_REQUIRES_LOCK {
     const PDev__PortIndex place = *as<PDev__PortStatic>(message.get())->index;
     if (node) unindex_ports_at(place);
     const int32_t result = put_message(DM_ROW_PORT_STATIC, std::move(message));
-    index_ports_at(place);
+    if (result >= 0) index_ports_at(place);
     return result;
 }
 
 OwnedNode take_out(int32_t type, dm_cache_list_node *node) DM_REQUIRES_LOCK {
     obj_sub_entry &row = obj_sub_list[type];
     unindex_element(row, node);
-    if (type == DM_ROW_PORT_STATIC) unindex_ports_at(*as<PDev__PortStatic>(node->obj)->index);
+    if (type == DM_ROW_PORT_STATIC && !key_missing(row, node->obj))
+        unindex_ports_at(*as<PDev__PortStatic>(node->obj)->index);
     dm_list_del_with_limit(&node->link, &row.obj_list->count);
     last_removal[type] = ++changes;
     status_objects(type, row.obj_list->count);
@@ -78,6 +79,7 @@ uint64_t change_mark() {
 namespace {
 
 bool overtaken(int32_t type, const ProtobufCMessage *obj, uint64_t since) DM_REQUIRES_LOCK {
+    if (since == never_overtaken) return false;
     if (last_removal[type] > since) return true;
     const obj_sub_entry &row = obj_sub_list[type];
     const dm_cache_list_node *node = dm_cache_list_find(row.obj_list, row.cmp_func, obj);

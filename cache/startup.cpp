@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "base/lock.h"
@@ -38,23 +39,29 @@ void keep_name(const char *name) {
     std::memcpy(dm_cache_my_name, name, length);
 }
 
-// A start that failed has left objects and index sets behind, and the store may still be sending: what such a row says of
-// itself is right already and stays as it is.
+// What every row says of itself. The store of a start that failed may still be sending: a row never says anything wrong.
 void set_up_table() {
-    begin_again();
-    CacheLock lock;
     for (int32_t row = 0; row < obj_sub_list_max; ++row) {
         obj_sub_entry &entry = obj_sub_list[row];
-        if (entry.obj_list) {
-            discard_row(row);
-            continue;
-        }
-        entry.db_id = 1;
+        const Kind *kind = kind_of_row(row);
+        entry.db_id = kind ? kind->db : 1;
         entry.spare = 0;
-        entry.proc_order = 0;
+        entry.proc_order = kind ? kind->proc_order : 0;
     }
     dm_cache_init_obj(obj_sub_list);
     ndm_cache_init_port_obj(obj_sub_list);
+}
+
+// A start that failed, or a client that set the table up by itself, has left objects and index sets behind.
+void set_up_table_again() {
+    if (g_dm_global) begin_again();
+    CacheLock lock;
+    for (int32_t row = 0; row < obj_sub_list_max; ++row) discard_row(row);
+    set_up_table();
+}
+
+bool table_is_set_up() {
+    return std::any_of(std::begin(obj_sub_list), std::end(obj_sub_list), [](const auto &row) { return row.obj_list; });
 }
 
 int32_t dm_cache_db_conn(void *, uintptr_t db) {
@@ -137,8 +144,8 @@ int32_t dm_cache_init(tq_mom_handle *handle, const char *name) {
     if (dm_get_cap_value() != 0) DM_LOG(failure, "dm_cache_init: get cap value failed.\n");
     keep_name(name);
     dm_cache_read_cfg();
+    table_is_set_up() ? set_up_table_again() : set_up_table();
     g_dm_global = handle;
-    set_up_table();
     if (const int32_t ret = connect_databases(handle, name)) return ret;
     dm_cache_log_subobj_to_file();
     DM_LOG(trace, "rsync connect[%d].\n", 0);

@@ -12,14 +12,13 @@
 //   live          all three flags 1: each push is applied at once.
 //
 // Two things lead from live back to gathering: a push of row 1 (the store announces its content complete again), which
-// marks every row dirty and scans all of them (a scan's reply of row 1 announces nothing: when two scans overlap, the reply
-// of the second would ask for a third, for ever); and a lost connection, after which the rows of that database are subscribed
+// marks every row dirty and scans all of them; and a lost connection, after which the rows of that database are subscribed
 // again, and marked dirty and scanned again when each one's timer ends. Subscribing is never entered twice.
 //
-// A row whose subscription or scan is refused, or never confirmed, holds the machine where it is until a reconnect. Of
-// scans of a row that overlap only the end of the last one counts. A scan that the store takes up on a new connection
-// before it reports the reconnect cannot be told from one that the loss cut off: the application may then come before the
-// rescan has ended, and what the rescan still brings is applied live.
+// A row whose subscription or scan is refused, or never confirmed, holds the machine where it is until a reconnect. The end
+// of a scan that was asked for before its row was marked dirty does not count: what it brought is older. A scan that the
+// store takes up on a new connection before it reports the reconnect cannot be told from one that the loss cut off: the
+// application may then come before the rescan has ended, and what the rescan still brings is applied live.
 //
 // Everything here runs on the store client's callback thread, rescans on the timer's, which owns nothing but its timer
 // record. The flags and the queue take no lock; lists are changed under the cache lock.
@@ -49,9 +48,10 @@ uint8_t g_cache_all_sub_done = 0;
 uint8_t g_cache_all_scan_done = 0;
 tq_thread_timer g_cache_scan_timer[DM_ROW_COUNT];
 
-// Scans of a row that are asked for and have not ended; a rescan counts from the moment its timer is armed. Only the end of
-// the last one counts. The timer's thread adds to it.
+// Scans of a row that are asked for and have not ended, and how many of these are older than what the row gathers now: a
+// row's scans end in the order in which they were asked for. Both are written by the timer's thread, too.
 uint32_t g_cache_open_scans[DM_ROW_COUNT];
+uint32_t g_cache_old_scans[DM_ROW_COUNT];
 
 // A start has been made again: the callback thread is to begin from the first state.
 uint8_t g_cache_restart_due = 0;
@@ -101,40 +101,59 @@ void follow_row(int32_t row, Caller caller) {
     g_cache_sub_asked[row] = subscribe_row(row, dm_cache_mom_callback_func, caller) == 0;
 }
 
-void scan_opened(int32_t row) {
-    __atomic_add_fetch(&g_cache_open_scans[row], 1u, __ATOMIC_ACQ_REL);
+// Counts one down; false when there is none.
+bool take_one(uint32_t &count) {
+    uint32_t now = __atomic_load_n(&count, __ATOMIC_ACQUIRE);
+    while (now > 0)
+        if (__atomic_compare_exchange_n(&count, &now, now - 1, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) return true;
+    return false;
 }
 
-// True when no other scan of the row is open.
-bool scan_closed(int32_t row) {
-    uint32_t &open = g_cache_open_scans[row];
-    return __atomic_load_n(&open, __ATOMIC_ACQUIRE) == 0 || __atomic_sub_fetch(&open, 1u, __ATOMIC_ACQ_REL) == 0;
+void scans_are_old(int32_t row) {
+    __atomic_store_n(&g_cache_old_scans[row], __atomic_load_n(&g_cache_open_scans[row], __ATOMIC_ACQUIRE),
+                     __ATOMIC_RELEASE);
+}
+
+// A lost connection, or a new start, has cut off every scan.
+void scans_are_cut_off(int32_t row) {
+    __atomic_store_n(&g_cache_open_scans[row], 0u, __ATOMIC_RELEASE);
+    scans_are_old(row);
 }
 
 bool rescan_armed(int32_t row) {
     return (g_cache_scan_timer[row].state & TQ_THREAD_TIMER_ARMED) != 0;
 }
 
+// A scan has ended: true when it is of what the row gathers now, and no rescan is still to come.
+bool scan_counts(int32_t row) {
+    take_one(g_cache_open_scans[row]);
+    return !take_one(g_cache_old_scans[row]) && !rescan_armed(row);
+}
+
 int32_t scan_row(int32_t row) {
     const obj_sub_entry &entry = obj_sub_list[row];
     status_scan_asked(row);
-    return tq_mom_scan(g_dm_global, entry.db_id, entry.obj_tmpl, 0, dm_cache_mom_callback_func, row_word(row));
+    __atomic_add_fetch(&g_cache_open_scans[row], 1u, __ATOMIC_ACQ_REL);  // its end may come before the call returns
+    const int32_t ret =
+        tq_mom_scan(g_dm_global, entry.db_id, entry.obj_tmpl, 0, dm_cache_mom_callback_func, row_word(row));
+    if (ret != 0) take_one(g_cache_open_scans[row]);
+    return ret;
 }
 
 void dm_cache_mom_first_scan_data() {
     for_followed_rows([caller = Caller{}](int32_t row, const obj_sub_entry &) {
         const int32_t ret = scan_row(row);
-        if (ret == 0)
-            scan_opened(row);
-        else
-            DM_LOG_AS(caller, failure, "tq_mom_subscribe obj[%d], fail ret=[%d].\n", row, ret);
+        if (ret != 0) DM_LOG_AS(caller, failure, "tq_mom_subscribe obj[%d], fail ret=[%d].\n", row, ret);
     });
     DM_LOG(notice, "all key rsync scan done. \n");
 }
 
 // Every row is to be scanned before the next application.
 void forget_scans() {
-    for (int32_t row = 0; row < obj_sub_list_max; ++row) set_scan_done(row, false);
+    for (int32_t row = 0; row < obj_sub_list_max; ++row) {
+        set_scan_done(row, false);
+        scans_are_old(row);
+    }
     g_cache_all_scan_done = 0;
 }
 
@@ -149,7 +168,7 @@ void dm_cache_mom_start_scan() {
 }
 
 void dm_cache_mom_update_scan_over_list(store_msg *msg, int32_t row) {
-    if (!scan_closed(row)) return;
+    if (!scan_counts(row)) return;
     set_scan_done(row, true);
     if (!every_followed_row(g_cache_scan_done) || g_cache_all_scan_done) return;
     DM_LOG(notice, "all key scan done. \n");
@@ -186,7 +205,7 @@ void reset_machine() {
     for (int32_t row = 0; row < obj_sub_list_max; ++row) {
         drop_pending(row);
         g_cache_sub_asked[row] = g_cache_sub_done[row] = g_cache_scan_done[row] = 0;
-        __atomic_store_n(&g_cache_open_scans[row], 0u, __ATOMIC_RELEASE);
+        scans_are_cut_off(row);
     }
     g_cache_all_sub_done = g_cache_all_scan_done = 0;
     set_proc_done(0);
@@ -210,6 +229,7 @@ int32_t dm_cache_tq_mom_scan_input_db_timer(tq_thread_timer *timer) {
         CacheLock lock;
         mark_dirty(row);
     }
+    scans_are_old(row);
     *timer = {};
     const int32_t ret = scan_row(row);
     if (ret != 0) DM_LOG(failure, "dm_cache_tq_mom_scan_input_db obj[%d], fail ret=[%d].\n", row, ret);
@@ -217,15 +237,13 @@ int32_t dm_cache_tq_mom_scan_input_db_timer(tq_thread_timer *timer) {
 }
 
 void cancel_rescan(int32_t row) {
-    if (!rescan_armed(row)) return;
-    tq_thread_cancel(&g_cache_scan_timer[row]);
+    if (rescan_armed(row)) tq_thread_cancel(&g_cache_scan_timer[row]);
     g_cache_scan_timer[row] = {};
 }
 
 // Whatever was scanned or queued for a row before its subscription was restored is older than the rescan to come.
 void gather_again(int32_t row) {
     drop_pending(row);
-    if (!rescan_armed(row)) scan_opened(row);
     set_scan_done(row, false);
     g_cache_all_scan_done = 0;
 }
@@ -257,11 +275,10 @@ int32_t dm_cache_tq_mom_subscribe(uint32_t db) {
     int32_t ret = -1;
     for_followed_rows([&, caller = Caller{}](int32_t row, const obj_sub_entry &entry) {
         if (entry.db_id != db) return;
-        // The lost connection has cut off every scan but one that is still to be asked for.
-        __atomic_store_n(&g_cache_open_scans[row], rescan_armed(row) ? 1u : 0u, __ATOMIC_RELEASE);
+        scans_are_cut_off(row);
         set_scan_done(row, false);
         g_cache_all_scan_done = 0;
-        if (!g_cache_sub_asked[row]) follow_row(row, caller);
+        if (!g_cache_sub_asked[row] && !g_cache_sub_done[row]) follow_row(row, caller);
         ret = subscribe_row(row, dm_cache_tq_mom_subscribe_callback, caller);
     });
     return ret;
@@ -315,7 +332,7 @@ int32_t dm_cache_mom_callback_func(tq_mom_handle *handle, store_msg *msg, void *
     dm_cache_mom_process_cache(handle);
     if (msg->flag == 1 || state() != State::live) return 0;
     DM_LOG(trace, "step 5, g_cache_proc_done = %d\n", proc_done());
-    if (row != DM_ROW_DP_LIB_COMPLETE || carries_record(msg->cmd)) {
+    if (row != DM_ROW_DP_LIB_COMPLETE) {
         dm_cache_update_obj(handle, msg, privdata);
         return 0;
     }

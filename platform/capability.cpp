@@ -1,5 +1,6 @@
 // The capability file: an XML tree of named values, read with pugixml. No lock: a handle is used by one thread at a time.
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <memory>
@@ -28,10 +29,10 @@ bool read_file(FILE *file, std::string &text) {
 
 void *open_cap(const char *path) {
     const std::unique_ptr<FILE, CloseFile> file(std::fopen(path, "r"));
-    if (!file) return nullptr;
+    if (!file && errno == ENOENT) return nullptr;
 
     std::string text;
-    if (!read_file(file.get(), text)) {
+    if (!file || !read_file(file.get(), text)) {
         std::fprintf(stderr, "tq_platform: capability file %s: cannot be read\n", path);
         return nullptr;
     }

@@ -12,7 +12,7 @@ namespace {
 
 using Keys = int64_t[NDM_CACHE_TREES];
 
-// Gives the element a new key record, in place of one that it may have. A refusal is logged for the builder that asked.
+// Gives the element a key record, in place of one that it may have. A refusal is logged for the builder that asked.
 int32_t set_keys(dm_cache_list_node *node, const Keys &keys, ProtobufCMessage *static_port, Caller caller = Caller{}) {
     free(node->key);
     node->key = static_cast<ndm_cache_key *>(calloc(1, sizeof(ndm_cache_key)));

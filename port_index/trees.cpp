@@ -49,10 +49,25 @@ template <class Change> void for_all_ports_at(const PDev__PortIndex &place, cons
 
 }  // namespace
 
+namespace {
+
+// An element that is indexed already gives up its key record and what it holds in the trees, but not what another element
+// holds under the same keys.
+void leave_own_places(ndm_cache_tree *set, dm_cache_list_node *node) DM_REQUIRES_LOCK {
+    if (!node->key) return;
+    for (int32_t i = 0; i < set->tree_num; ++i)
+        if (dm_rbtree_find_node(&set->root[i], node->key->key[i]) == node)
+            dm_rbtree_delete_node(&set->root[i], node->key->key[i]);
+    free(node->key);
+    node->key = nullptr;
+}
+
+}  // namespace
+
 int32_t index_element(const obj_sub_entry &row, dm_cache_list_node *node) {
     ndm_cache_tree *set = row.port_tree;
     if (!set) return 0;
-    unindex_element(row, node);
+    leave_own_places(set, node);
     if (set->gen_key(node) != 0 || !node->key) return -1;
     for (int32_t i = 0; i < set->tree_num; ++i) {
         if (dm_rbtree_insert_node(&set->root[i], node->key->key[i], node) == 0) continue;

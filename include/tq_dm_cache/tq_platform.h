@@ -7,8 +7,9 @@
  *
  * Unless a function says otherwise:
  *   - it returns 0 when the request was accepted, else a non-zero code;
- *   - callbacks run on the handle's event-loop thread, in the store's own order, and never before the call that asked
- *     for them has returned (calls made on that thread itself excepted); what a callback returns is ignored;
+ *   - callbacks run on the handle's event-loop thread, in the store's own order, and never within the call that asked for
+ *     them: a caller on another thread may be told a little before its call has returned; what a callback returns is
+ *     ignored;
  *   - a message in a callback is valid during that call only;
  *   - `tmpl` names a kind by its descriptor; `obj_with_key` names one object by the key in its field `index`.
  */

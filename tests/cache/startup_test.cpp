@@ -74,6 +74,7 @@ TEST(Start, BeginsAfreshAfterAFailure) {
     for (const int32_t row : {7, 17, 30}) dm_cache_sub_obj(row, nullptr, 0);
     platform.put(static_port(1, 2, 3, 7));
     platform.put(global_port(1, 1, 2, 3, 7, 5));
+    dm_cache_init_obj(obj_sub_list);  // a client may set the table up by itself first
     EXPECT_EQ(refused_start("x"), -9);
     platform.synchronise();
     EXPECT_EQ(dm_cache_wait_synced(0), 0);

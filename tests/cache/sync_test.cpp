@@ -3,6 +3,7 @@
 #include "support/live_cache.h"
 #include "support/log_capture.h"
 
+#include "tq_dm_cache/dm_cache_status.h"
 #include "tq_dm_cache/p_dev.pb-c.h"
 
 #include <gtest/gtest.h>
@@ -247,7 +248,6 @@ TEST(Sync, AppliesALiveChangeBeforeItsCallbackAndWithoutTheLock) {
     EXPECT_EQ(receive(17, REPLY_HASH, card(1, 3, 0).set("port_num", 2)), 0);
     EXPECT_EQ(receive(17, REPLY, card(1, 4, 0), /*flag=*/1), 0);
     EXPECT_EQ(receive(17, REPLY_GET, card(1, 4, 0)), 0);
-    EXPECT_EQ(receive(1, REPLY, complete()), 0);  // of a scan: announces nothing
     EXPECT_TRUE(platform.calls.empty());
     EXPECT_EQ(receive(17, SET, {"p_dev.card_info"}), 0);
     EXPECT_EQ(receive(17, DELETE, {"p_dev.card_info"}), 0);
@@ -309,6 +309,34 @@ TEST(Sync, ResynchronisesOnCompletionAndSweepsWhatIsGone) {
     EXPECT_EQ(cached(17), 0);
     EXPECT_EQ(g_cache_proc_done, 1);
     EXPECT_EQ(drained(&changes), Strings{});
+}
+
+// Scans overlap: one that began before the store said "complete" must not end the gathering, and its reply of row 1, which
+// is "complete" again, must not set off one resynchronisation after another.
+TEST(Sync, EndsAGatheringByItsOwnScansOnly) {
+    const auto ends = [] { receive_end(1), receive_end(17); };
+    start_gathering({1, 17});
+    receive_value(17, SUBSCRIBED, nullptr);
+    ends();  // of the first of two scans
+    EXPECT_EQ(dm_cache_applied(), 1U);
+    receive(17, SET, card(1, 3, 0));
+    receive(1, REPLY, complete());  // of the second
+    receive(17, REPLY, card(1, 3, 0));
+    ends();
+    EXPECT_EQ(dm_cache_applied(), 1U);
+    receive(1, REPLY, complete());
+    ends();
+    EXPECT_EQ(dm_cache_applied(), 2U);
+    EXPECT_EQ(cached(17), 1);
+
+    platform.during_call = [&](const std::string &call) {  // an empty kind ends within the call that asks
+        if (call == scan_card) receive_end(17);
+    };
+    receive(1, SET, complete());
+    receive_end(1);
+    receive(1, SET, complete());
+    receive_end(1);
+    EXPECT_EQ(dm_cache_applied(), 4U);
 }
 
 // A reconnect rescans its own database only, after the store's delay, on the right loop; timers must not double.
