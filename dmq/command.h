@@ -12,6 +12,7 @@ struct Command {
     std::vector<std::string> words;  // behind the command's name
     double watch_for = -1;           // seconds; negative: until it is ended
     bool background = false;
+    bool raw = false;  // show: with the columns for those who know the numbers inside
     GenOptions gen;
 };
 

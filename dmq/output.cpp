@@ -83,7 +83,7 @@ std::string coloured(Colour colour, const std::string &text) {
 }
 
 std::string cell_text(const Json &cell) {
-    if (cell.is_null()) return "-";
+    if (cell.is_null() || cell == "") return "-";
     if (cell.is_boolean()) return cell.get<bool>() ? "yes" : "no";
     const std::string text = dump(cell);
     return cell.is_string() ? text.substr(1, text.size() - 2) : text;

@@ -45,6 +45,7 @@ void watching(CLI::App &app, Command &command) {
 
 void table(CLI::App &app, Command &command) {
     app.add_option("TABLE", command.words, "system, devices, slots, cards, ports, roles or chips; then column=value..");
+    app.add_flag("--raw", command.raw, "Also the numbers inside: physical slots, nodes, identifiers, chip ports");
 }
 
 void script(CLI::App &app, Command &command) {
@@ -74,8 +75,8 @@ struct Verb {
 constexpr Verb verbs[] = {
     {"load", "Put a topology into the store", "  dmq --store mem:lab load examples/box.json\n", file, run_load},
     {"show", "A table: system, devices, slots, cards, ports, roles or chips",
-     "  dmq --load examples/chassis.json show ports dev=1 user_slot=2\n  dmq --load examples/box.json show system "
-     "--json\n",
+     "  dmq --load examples/chassis.json show ports slot=1/2\n  dmq --load examples/box.json show system --json\n"
+     "  dmq --load examples/chassis.json show slots --raw\n",
      table, run_show},
     {"get", "Cached objects as JSON, as `load` takes it",
      "  dmq --load examples/chassis.json get card_info slotid=30\n"

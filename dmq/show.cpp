@@ -1,179 +1,217 @@
-// Tables for people, made from cached objects. Each takes the cache lock while it reads.
+// Tables for people. A walk over cached objects says what there is; what is told of it is asked of the library's queries,
+// and read from the object where no query tells it. A table is made under one hold of the cache lock.
 #include <algorithm>
+#include <set>
+#include <sstream>
 
 #include "dmq/command.h"
+#include "tq_dm_cache/ndm.h"
 #include "tq_dm_cache/p_dev.pb-c.h"
 
 namespace dmq {
 
 namespace {
 
-template <class T, class Visit> void each(int32_t row, Visit visit) {
-    each_cached(row, [&](const ProtobufCMessage &object) { visit(reinterpret_cast<const T &>(object)); });
+// These stand for an unknown number and identifier. As a cell they are null, which prints as "-".
+constexpr int32_t unknown = -1;
+constexpr uint32_t no_id = 0xFFFFFFFF;
+
+Json number(int32_t answer) {
+    return answer < 0 ? Json() : Json(answer);
 }
 
-// The cached object with this key (null: a kind without key), or null. The caller holds the cache lock.
-template <class T> const T *cached(int32_t row, const void *key) {
-    const T *object = nullptr;
-    dm_cache_get_obj(row, key, &object);
-    return object;
-}
-
-Json enum_name(const ProtobufCEnumDescriptor &type, int value) {
-    const auto *found = protobuf_c_enum_descriptor_get_value(&type, value);
-    return found ? Json(found->name) : Json(value);
-}
-
-std::string node_text(int32_t node) {
+Json hex(uint32_t id) {
     char text[16];
-    std::snprintf(text, sizeof text, "0x%08x", static_cast<unsigned>(node));
-    return text;
+    std::snprintf(text, sizeof text, "0x%08x", id);
+    return id == no_id ? Json() : Json(text);
 }
 
-// As it is printed on the chassis: the fixed numbers are names.
-std::string slot_name(int32_t user_slot) {
-    if (user_slot == 30 || user_slot == 31) return "M" + std::to_string(user_slot - 29);
-    if (user_slot >= 22 && user_slot <= 29) return "FE" + std::to_string(user_slot - 21);
-    return std::to_string(user_slot);
+Json enum_name(const ProtobufCEnumDescriptor &type, int32_t answer) {
+    const auto *found = protobuf_c_enum_descriptor_get_value(&type, answer);
+    return found ? Json(found->name) : number(answer);
 }
 
-Json where(const PDev__CardInfoIndex *card) {
-    return card ? Json("device " + std::to_string(card->devid) + ", physical slot " + std::to_string(card->slotid))
-                : Json();
+// What a query writes through its last argument: unknown or no_id when it does not answer.
+template <class Out = int32_t, class Query, class... Args> Out written(Query query, Args... args) {
+    auto answer = static_cast<Out>(unknown);
+    return query(args..., &answer) == 0 ? answer : static_cast<Out>(unknown);
 }
+
+// The text that a query writes into its last arguments, a buffer and its length.
+template <class Query, class... Args> Json text(Query query, Args... args) {
+    char buffer[128];
+    return query(args..., buffer, static_cast<int32_t>(sizeof buffer)) < 0 ? Json() : Json(buffer);
+}
+
+template <class T, class Query, class... Args> auto copied(Query query, Args... args) {
+    T *copy = nullptr;
+    query(args..., &copy);
+    return std::unique_ptr<T, decltype(&ndm_port_obj_free)>(copy, ndm_port_obj_free);
+}
+
+uint32_t node_of(int32_t dev, int32_t pslot, int32_t sub) {
+    return written<uint32_t>(ndm_get_node_from_dev_slot_cpuid, dev, pslot, sub);
+}
+
+// As an operator calls the slot of a card; by its node when the library has no name for it.
+Json slot_name(uint32_t node, int32_t user_slot = unknown) {
+    if (node == no_id) return {};
+    int32_t dev = unknown, pslot;
+    ndm_get_dev_slot_from_node(node, &dev, &pslot);
+    if (user_slot < 0) user_slot = written(ndm_get_userslot_from_node, node);
+    const Json name = user_slot < 0 ? Json() : text(ndm_get_user_slot_name, dev, user_slot, /*sub_slot=*/0);
+    return name.is_null() ? Json("node " + hex(node).get<std::string>()) : name;
+}
+
+// Adds a record about a card or a part of it. It begins with where that is.
+void add(Table &table, uint32_t node, const std::vector<Json> &cells, int32_t user_slot = unknown) {
+    int32_t dev = unknown, pslot = unknown, sub = unknown;
+    ndm_get_dev_slot_cpuid_from_node(node, &dev, &pslot, &sub);
+    if (user_slot < 0) user_slot = written(ndm_get_userslot_from_node, node);
+    std::vector<Json> row{dev, number(user_slot), slot_name(node, user_slot), sub, pslot};
+    row.insert(row.end(), cells.begin(), cells.end());
+    table.rows.push_back(std::move(row));
+}
+constexpr char places[] = "dev uslot slot sub pslot ";
 
 Table system_table() {
-    Table table{{"what", "value"}, {}};
-    const auto add = [&](const char *what, const Json &value) { table.rows.push_back({what, value}); };
     const CacheLock lock;
-    if (const auto *chassis = cached<PDev__DpLibMyChssInfo>(DM_ROW_DP_LIB_MY_CHSS_INFO, nullptr)) {
-        add("mode", enum_name(p_dev__vsu_cfg_mode_e__descriptor, chassis->device_mode));
-        add("this device", chassis->devid);
-        add("device type", chassis->dev_type);
-        add("this slot", chassis->my_card_uslot_name);
+    const int32_t dev = ndm_get_my_devid(), user_slot = ndm_get_my_user_slot();
+    const PDev__DpLibGrole *roles = nullptr;
+    dm_cache_get_obj(DM_ROW_DP_LIB_GROLE, nullptr, &roles);
+    const PDev__DpLibComplete *complete = nullptr;
+    dm_cache_get_obj(DM_ROW_DP_LIB_COMPLETE, nullptr, &complete);
+    return {{"what", "value"},
+            {{"virtual unit", dev < 0 ? Json() : Json(ndm_is_vsu() == 1)},
+             {"this device", number(dev)},
+             {"device type", text(ndm_get_my_device_name)},
+             {"this slot", user_slot < 0 ? Json() : text(ndm_get_user_slot_name, dev, user_slot, /*sub_slot=*/0)},
+             {"this card", text(ndm_get_card_name_by_slot, dev, user_slot, /*reserved=*/0)},
+             {"node type", enum_name(p_dev__dm_node_type_e__descriptor, ndm_get_my_node_type())},
+             {"role", enum_name(p_dev__dm_role_e__descriptor, ndm_get_my_dev_grole())},
+             {"role in device", enum_name(p_dev__dm_role_e__descriptor, ndm_get_my_dev_lrole())},
+             {"ports of this card", number(ndm_get_my_lport_num())},
+             {"master", slot_name(ndm_get_master_node())},
+             {"slave", slot_name(written<uint32_t>(ndm_get_slaver_node))},
+             {"master of device", slot_name(static_cast<uint32_t>(written(ndm_get_my_local_master_node)))},
+             {"system mac", roles ? Json(to_hex(roles->sysmac)) : Json()},
+             {"store is complete", complete ? Json(complete->all_is_complete != 0) : Json()},
+             {"node", hex(ndm_get_my_node())}}};
+}
+
+void add_device(Table &table, const ProtobufCMessage &object) {
+    const auto &device = reinterpret_cast<const PDev__DeviceInfo &>(object);
+    const int32_t dev = device.devid;
+    const PDev__DeviceSyncInfo *sync = nullptr;
+    dm_cache_get_obj(DM_ROW_DEVICE_SYNC_INFO, device.index, &sync);
+    table.rows.push_back({dev, text(ndm_get_dev_name_by_id, dev),
+                          text(ndm_get_dev_name_by_type, written(ndm_get_device_type, dev)),
+                          ndm_device_is_online(dev) == 1, number(ndm_get_slot_num(dev)), ndm_get_online_lc_num(dev),
+                          text(ndm_get_device_sn, dev), to_hex(device.mac_addr), sync ? Json(sync->hw_ver) : Json()});
+}
+
+// The slots of a device. When they are not known, one record says that.
+void add_slots(Table &table, const ProtobufCMessage &object) {
+    const auto &device = reinterpret_cast<const PDev__DeviceInfo &>(object);
+    if (ndm_get_slot_num(device.devid) < 0) table.rows.emplace_back(table.columns.size())[0] = device.devid;
+    for (int32_t user_slot = 0; user_slot < 32; user_slot++) {
+        const auto node = written<uint32_t>(ndm_get_node_from_userslot, device.devid, user_slot);
+        if (node == no_id) continue;
+        const bool has_type = static_cast<size_t>(user_slot) < device.static_info->n_slot_type;
+        const int32_t type = has_type ? device.static_info->slot_type[user_slot] : unknown;
+        const Json card = text(ndm_get_card_name_by_slot, device.devid, user_slot, 0);
+        const Json online = card.is_null() ? Json() : Json(ndm_card_is_online_by_node(node) == 1);
+        add(table, node, {enum_name(p_dev__dm_slot_type_e__descriptor, type), card, online, hex(node)}, user_slot);
     }
-    if (const auto *card = cached<PDev__DpLibMyInfo>(DM_ROW_DP_LIB_MY_INFO, nullptr)) {
-        add("physical slot", card->slotid);
-        add("card type", card->card_type);
-        add("node type", enum_name(p_dev__dm_node_type_e__descriptor, card->dm_my_node_type));
-        add("node", node_text(card->card_nodeid));
-        add("card mac", to_hex(card->my_card_mac_addr));
+}
+
+void add_card(Table &table, const ProtobufCMessage &object) {
+    const auto &card = reinterpret_cast<const PDev__CardInfo &>(object);
+    const int32_t dev = card.index->devid, pslot = card.index->slotid, sub = card.index->sslotid;
+    const int32_t type = ndm_get_dev_phy_type(dev, pslot, sub);
+    const uint32_t node = node_of(dev, pslot, sub);
+    add(table, node,
+        {card.name, enum_name(p_dev__dm_node_type_e__descriptor, ndm_get_node_type_from_card_type(type)),
+         ndm_card_is_online_by_node(node) == 1,
+         enum_name(p_dev__dm_role_e__descriptor, sub ? unknown : ndm_get_role_by_node(node)), card.port_num,
+         number(ndm_get_total_chip_num_by_card_type(type)), ndm_is_vsl_card(dev, pslot) == 1, to_hex(card.mac_addr),
+         number(type), hex(node), hex(written<uint32_t>(ndm_get_dcm_addr_from_node, node))});
+}
+
+// A port whose static port is not cached has no identifier: no query finds it.
+void add_port(Table &table, const ProtobufCMessage &object) {
+    const auto &port = reinterpret_cast<const PDev__VsdPort &>(object);
+    const auto &key = *port.index;
+    const auto fixed = copied<PDev__PortStatic>(ndm_get_static_port_by_lsm_key_with_subslot, key.t_dev, key.t_slot,
+                                                key.t_sslot, key.t_port, key.t_type);
+    const int32_t lport = fixed ? fixed->static_info->lport : unknown;
+    const auto objid = written<uint32_t>(ndm_get_objid_by_slot_lport, key.t_dev, port.physlot, lport);
+    int32_t its_dev, its_slot, unit = unknown, cport = unknown;
+    ndm_get_id_from_phyid(objid, &its_dev, &its_slot, &unit, &cport);
+    add(table, node_of(key.t_dev, port.physlot, key.t_sslot),
+        {key.t_port, port.hardware_name, enum_name(p_intf__intftype_e__descriptor, written(ndm_get_port_type, objid)),
+         port.bandwidth / 1000, port.link_state ? "up" : "down", number(written(ndm_get_vsdid_by_objid, objid)),
+         number(ndm_get_global_ifx_by_objid(objid)), number(lport), hex(objid), number(unit), number(cport)});
+}
+
+void add_roles(Table &table, const ProtobufCMessage &object) {
+    const auto &roles = reinterpret_cast<const PDev__DpLibGrole &>(object);
+    for (const PDev__LibCardRole *card : std::span(roles.card_role, roles.n_card_role)) {
+        const uint32_t node = node_of(card->devid, card->slotid, card->sslotid);
+        add(table, node,
+            {enum_name(p_dev__dm_role_e__descriptor, ndm_get_role_by_node(node)),
+             ndm_mb_is_local_master(card->devid, card->slotid) == 1, card->tipc_addr, hex(node)});
     }
-    if (const auto *roles = cached<PDev__DpLibGrole>(DM_ROW_DP_LIB_GROLE, nullptr)) {
-        add("devices", roles->dev_num);
-        add("this card's role", enum_name(p_dev__dm_role_e__descriptor, roles->my_grole));
-        add("master", where(roles->global_master));
-        add("slave", where(roles->global_slave));
-        add("system mac", to_hex(roles->sysmac));
+}
+
+void add_chips(Table &table, const ProtobufCMessage &object) {
+    const auto &card = reinterpret_cast<const PDev__CardInfo &>(object);
+    const auto fixed = copied<PDev__DmCardStattrT>(ndm_get_card_static_by_type, card.config_dev_type);
+    for (size_t i = 0; fixed && i < fixed->n_chip_attr_array; i++) {
+        const PDev__DmChipAttrT &chip = *fixed->chip_attr_array[i];
+        const auto type = copied<PDev__DmChipStattrT>(ndm_get_chip_stattr_by_type, chip.chip_type);
+        add(table, node_of(card.index->devid, card.index->slotid, card.index->sslotid),
+            {i, type ? Json(type->name) : Json(), number(ndm_get_chip_family(chip.chip_type)), chip.port_num,
+             chip.is_switch_chip != 0, card.name, chip.chip_type});
     }
-    if (const auto *ports = cached<PDev__LocalPortInfo>(DM_ROW_LOCAL_PORT_INFO, nullptr))
-        add("ports of this card", ports->lport_num);
-    const auto *complete = cached<PDev__DpLibComplete>(DM_ROW_DP_LIB_COMPLETE, nullptr);
-    add("store is complete", complete && complete->all_is_complete);
-    return table;
-}
-
-Table devices_table() {
-    Table table{{"dev", "name", "type", "type_name", "online", "serial", "mac", "hw"}, {}};
-    each<PDev__DeviceInfo>(DM_ROW_DEVICE_INFO, [&](const PDev__DeviceInfo &device) {
-        const auto *sync = cached<PDev__DeviceSyncInfo>(DM_ROW_DEVICE_SYNC_INFO, device.index);
-        table.rows.push_back({device.devid, device.devname, device.config_dev_type,
-                              device.static_info ? Json(device.static_info->name) : Json(), device.is_online != 0,
-                              sync ? Json(sync->serial_no) : Json(), to_hex(device.mac_addr),
-                              sync ? Json(sync->hw_ver) : Json()});
-    });
-    return table;
-}
-
-Table slots_table() {
-    Table table{{"dev", "user_slot", "name", "slot", "type", "card", "online"}, {}};
-    each<PDev__DeviceInfo>(DM_ROW_DEVICE_INFO, [&](const PDev__DeviceInfo &device) {
-        const auto *type = device.static_info;
-        for (size_t i = 0; type && i < std::min(type->n_slot_index, type->n_slot_type); i++) {
-            if (type->slot_type[i] == P_DEV__DM_SLOT_TYPE_E__SLOT_INVALID) continue;
-            PDev__CardInfoIndex key = P_DEV__CARD_INFO_INDEX__INIT;
-            key.devid = device.devid;
-            key.slotid = type->slot_index[i];
-            const auto *card = cached<PDev__CardInfo>(DM_ROW_CARD_INFO, &key);
-            table.rows.push_back({device.devid, i, slot_name(static_cast<int32_t>(i)), type->slot_index[i],
-                                  enum_name(p_dev__dm_slot_type_e__descriptor, type->slot_type[i]),
-                                  card ? Json(card->name) : Json(), card ? Json(card->is_online != 0) : Json()});
-        }
-    });
-    return table;
-}
-
-Table cards_table() {
-    Table table{{"dev", "slot", "sub", "user_slot", "card", "type", "node_type", "online", "ports", "node", "mac"}, {}};
-    each<PDev__CardInfo>(DM_ROW_CARD_INFO, [&](const PDev__CardInfo &card) {
-        if (!card.index) return;
-        const Json node_type =
-            card.static_info ? enum_name(p_dev__dm_node_type_e__descriptor, card.static_info->node_type) : Json();
-        table.rows.push_back({card.index->devid, card.index->slotid, card.index->sslotid, slot_name(card.user_slot),
-                              card.name, card.config_dev_type, node_type, card.is_online != 0, card.port_num,
-                              node_text(card.card_nodeid), to_hex(card.mac_addr)});
-    });
-    return table;
-}
-
-Table ports_table() {
-    Table table{{"ifx", "name", "vsd", "dev", "slot", "user_slot", "sub", "port", "type", "chip", "mbps", "link"}, {}};
-    each<PDev__VsdPort>(DM_ROW_VSD_PORT, [&](const PDev__VsdPort &port) {
-        if (!port.index) return;
-        table.rows.push_back({port.ifx, port.hardware_name, port.index->t_vsdid, port.dev, port.physlot, port.slot,
-                              port.index->t_sslot, port.index->t_port,
-                              enum_name(p_intf__intftype_e__descriptor, port.llcbtype), port.unit,
-                              port.bandwidth / 1000, port.link_state ? "up" : "down"});
-    });
-    return table;
-}
-
-Table roles_table() {
-    Table table{{"dev", "slot", "name", "role", "local_master", "node", "tipc"}, {}};
-    each<PDev__DpLibGrole>(DM_ROW_DP_LIB_GROLE, [&](const PDev__DpLibGrole &roles) {
-        for (size_t i = 0; i < roles.n_card_role; i++) {
-            const PDev__LibCardRole &card = *roles.card_role[i];
-            table.rows.push_back({card.devid, card.slotid, slot_name(card.slotid),
-                                  enum_name(p_dev__dm_role_e__descriptor, card.globe_role), card.is_local_master != 0,
-                                  node_text(card.card_nodeid), card.tipc_addr});
-        }
-    });
-    return table;
-}
-
-Table chips_table() {
-    Table table{{"card_type", "card", "chip", "chip_type", "name", "family", "ports", "switching"}, {}};
-    each<PDev__DmCardStattrT>(DM_ROW_DM_CARD_STATTR, [&](const PDev__DmCardStattrT &card) {
-        for (size_t i = 0; i < card.n_chip_attr_array; i++) {
-            const PDev__DmChipAttrT &chip = *card.chip_attr_array[i];
-            PDev__DmTypeIndex key = P_DEV__DM_TYPE_INDEX__INIT;
-            key.type = chip.chip_type;
-            const auto *type = cached<PDev__DmChipStattrT>(DM_ROW_DM_CHIP_STATTR, &key);
-            table.rows.push_back({card.type, card.name, i, chip.chip_type, type ? Json(type->name) : Json(),
-                                  type ? Json(type->family) : Json(), chip.port_num, chip.is_switch_chip != 0});
-        }
-    });
-    return table;
 }
 
 constexpr struct {
     const char *name;
-    Table (*make)();
-    bool sorted;
-} tables[] = {{"system", system_table, false}, {"devices", devices_table, true}, {"slots", slots_table, true},
-              {"cards", cards_table, true},    {"ports", ports_table, true},     {"roles", roles_table, true},
-              {"chips", chips_table, true}};
+    int32_t row;  // whose objects are walked over
+    void (*add)(Table &, const ProtobufCMessage &);
+    const char *places;
+    const char *columns;
+} tables[] = {{"system", unknown, nullptr, "", ""},  // made without a walk
+              {"devices", DM_ROW_DEVICE_INFO, add_device, "", "dev name type online slots line_cards serial mac hw"},
+              {"slots", DM_ROW_DEVICE_INFO, add_slots, places, "type card online node"},
+              {"cards", DM_ROW_CARD_INFO, add_card, places,
+               "card node_type online role ports chips vsl mac type_number node dcm"},
+              {"ports", DM_ROW_VSD_PORT, add_port, places, "port name type mbps link vsd ifx lport objid unit cport"},
+              {"roles", DM_ROW_DP_LIB_GROLE, add_roles, places, "role local_master tipc node"},
+              {"chips", DM_ROW_CARD_INFO, add_chips, places, "chip name family ports switching card type_number"}};
 
-// Keeps the records whose columns show these values: "dev=1".
-void filter(Table &table, const std::vector<std::string> &wanted) {
+// Keeps the records whose columns show these values: "dev=1"; "slot=1/M1" with or without the word Slot.
+void filter(Table &table, std::span<const std::string> wanted) {
     for (const auto &word : wanted) {
-        const size_t equals = word.find('=');
-        const std::string column = word.substr(0, equals);
+        const std::string column = word.substr(0, word.find('='));
         const auto found = std::find(table.columns.begin(), table.columns.end(), column);
-        if (equals == std::string::npos || found == table.columns.end())
+        if (column == word || found == table.columns.end())
             throw Failure(exit_usage, "show: " + word + " names no column" + did_you_mean(column, table.columns));
         const auto index = static_cast<size_t>(found - table.columns.begin());
-        std::erase_if(table.rows, [&](const auto &row) { return cell_text(row[index]) != word.substr(equals + 1); });
+        const std::set<std::string> kept = {word.substr(column.size() + 1), "Slot " + word.substr(column.size() + 1)};
+        std::erase_if(table.rows, [&](const auto &row) { return !kept.contains(cell_text(row[index])); });
+    }
+}
+
+// Takes away the columns, and the lines about the system, that are of no use to an operator.
+void hide_raw(Table &table) {
+    const std::set<Json> raw{"uslot", "pslot", "node", "dcm", "lport", "objid", "unit", "cport", "type_number"};
+    std::erase_if(table.rows, [&](const auto &row) { return raw.contains(row[0]); });
+    for (size_t i = table.columns.size(); i-- > 0;) {
+        if (!raw.contains(table.columns[i])) continue;
+        table.columns.erase(table.columns.begin() + static_cast<ptrdiff_t>(i));
+        for (auto &row : table.rows) row.erase(row.begin() + static_cast<ptrdiff_t>(i));
     }
 }
 
@@ -187,10 +225,14 @@ Exit run_show(Context &context, const Command &command) {
     if (found == names.end()) throw Failure(exit_usage, "show has no table " + wanted + did_you_mean(wanted, names));
 
     context.synchronised({}, command.settings);
-    const auto &entry = tables[found - names.begin()];
-    Table table = entry.make();
-    if (!command.words.empty()) filter(table, {command.words.begin() + 1, command.words.end()});
-    if (entry.sorted) std::sort(table.rows.begin(), table.rows.end());
+    const auto &shown = tables[found - names.begin()];
+    std::istringstream columns(std::string(shown.places) + shown.columns);
+    Table table{{std::istream_iterator<std::string>(columns), {}}, {}};
+    each_cached(shown.row, [&](const ProtobufCMessage &object) { shown.add(table, object); });
+    std::sort(table.rows.begin(), table.rows.end());
+    if (wanted == "system") table = system_table();
+    if (!command.words.empty()) filter(table, std::span(command.words).subspan(1));
+    if (!command.raw) hide_raw(table);
     print_table(table, command.settings.json);
     return table.rows.empty() ? exit_no : exit_yes;
 }

@@ -124,13 +124,49 @@ class CommandLine(unittest.TestCase):
         self.assertTrue(all(row["scanned"] for row in last))
 
     def test_damaged_bytes_are_told(self):
-        done = dmq("--load", CHASSIS, lines=["store damage card_info devid=1 slotid=1", "show cards slot=1 --json",
+        done = dmq("--load", CHASSIS, lines=["store damage card_info devid=1 slotid=1", "show cards pslot=1 --json",
                                              "store compare --json"])
         cards, compared = [json.loads(line) for line in done.stdout.split("\n") if line.startswith("[")]
         self.assertEqual([card["dev"] for card in cards], [2])
         self.assertEqual(done.stderr.count("card_info devid=1 slotid=1 sslotid=0: damaged in the store"), 1)
         self.assertIn(["p_dev.card_info devid=1 slotid=1 sslotid=0: damaged in the store"],
                       [row["differences"] for row in compared])
+
+    # An operator goes by the names on the chassis: a wrong one sends a hand to the wrong card.
+    def test_show_names_slots_as_an_operator_does(self):
+        for options, slots, master, port in [
+            ("--devices 1 --cards 2 --boards 1 --fabrics 1", ["Slot 1", "Slot 2", "Slot FE1", "Slot M1"], "Slot M1",
+             ["Slot 2", 1, 2, "0x14040102", 0, 2]),
+            ("--cards 1 --boards 1 --fabrics 0", ["Slot 1/1", "Slot 1/M1", "Slot 2/1", "Slot 2/M1"], "Slot 1/M1",
+             ["Slot 2/1", 0, 2, "0x14080002", 0, 2]),
+            ("--box --devices 2", ["Slot 1/0", "Slot 2/0"], "Slot 1/0", ["Slot 2/0", 30, 2, "0x14081e02", 0, 2]),
+        ]:
+            with self.subTest(options), tempfile.NamedTemporaryFile("w") as file:
+                dmq("gen", *options.split(), stdout=file)
+                done = dmq("--load", file.name, lines=["show slots --json", "show system what=master --json",
+                                                       "show ports --raw port=2 sub=0 --json", "show roles slot=9 --json"])
+                shown, system, ports, nothing = [json.loads(line) for line in done.stdout.splitlines()]
+                self.assertEqual([record["slot"] for record in shown], slots)
+                self.assertEqual(system, [{"what": "master", "value": master}])
+                self.assertEqual([ports[-1][c] for c in ["slot", "pslot", "lport", "objid", "unit", "cport"]], port)
+                self.assertEqual((nothing, done.returncode), ([], 1))
+
+    # What is not there must not look like an answer: an empty slot, a device without its type's tables, a port that no
+    # query finds, a master without card, and none at all.
+    def test_show_invents_nothing(self):
+        done = dmq("--load", CHASSIS, "--load", "examples/newcomer.json",
+                   lines=["delete card_info devid=1 slotid=1", "delete card_info devid=1 slotid=30",
+                          "delete port_static t_dev=1 t_slot=3 t_port=1 t_type=8", "delete dp_lib_my_info",
+                          "show slots slot=1/2 --json", "show slots dev=3 --json", "show ports slot=1/3 port=1 --raw --json",
+                          "show system --json", "delete dp_lib_grole", "show system what=master --json"])
+        slot, unknown, port, system, master = [line[0] if len(line) == 1 else {f["what"]: f["value"] for f in line}
+                                               for line in map(json.loads, re.findall(r"(?m)^\[.*", done.stdout))]
+        self.assertEqual((slot["type"], slot["card"], slot["online"]), ("SLOT_CARD", None, None))
+        self.assertEqual(unknown, {**dict.fromkeys(slot), "dev": 3})
+        self.assertEqual([port[c] for c in ["vsd", "ifx", "lport", "objid", "unit", "cport", "type"]], [None] * 7)
+        self.assertEqual((system["master"], system["node type"], system["this slot"]),
+                         ("node 0x0c041e00", "DM_TYPE_UNKNOWN", "Slot 1/1"))
+        self.assertEqual(master["value"], None)
 
     # Programs follow changes through a pipe: one object a line, old and new, nothing that did not change.
     def test_watch(self):
