@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 
-.PHONY: run test asan tsan lint lint-quick simulate install clean
+.PHONY: run test asan tsan lint lint-quick docs simulate install clean
 .NOTPARALLEL:
 
 # The whole road on the example chassis: load, synchronise, tables, a live change arriving.
@@ -46,6 +46,10 @@ lint:
 lint-quick:
 	scripts/setup.sh build test lint
 	scripts/lint.sh quick
+
+# docs/queries.md, which is made of the headers of the queries.
+docs:
+	python3 scripts/queries.py docs
 
 install: build/dmq/dmq
 	DESTDIR='$(DESTDIR)' cmake --install build --prefix '$(PREFIX)'

@@ -12,6 +12,7 @@ struct Command {
     std::vector<std::string> words;  // behind the command's name
     double watch_for = -1;           // seconds; negative: until it is ended
     bool background = false;
+    bool list = false;
     bool raw = false;  // show: with the columns for those who know the numbers inside
     GenOptions gen;
 };
@@ -44,6 +45,7 @@ Exit run_set(Context &context, const Command &command);
 Exit run_delete(Context &context, const Command &command);
 Exit run_get(Context &context, const Command &command);
 Exit run_show(Context &context, const Command &command);
+Exit run_call(Context &context, const Command &command);
 Exit run_sync(Context &context, const Command &command);
 Exit run_watch(Context &context, const Command &command);
 Exit run_store(Context &context, const Command &command);

@@ -14,6 +14,7 @@ Examples:
   dmq --load examples/chassis.json show cards          what sits in the slots
   dmq --load examples/chassis.json sync                row by row: subscribed, scanned, objects, time
   dmq --load examples/chassis.json get card_info slotid=30
+  dmq --load examples/chassis.json call ndm_get_master_slotid
   dmq --load examples/chassis.json shell               many commands on one store
   dmq --load examples/chassis.json shell examples/tour.dmq
   dmq gen --devices 4 --cards 8 > big.json             a topology of any size
@@ -46,6 +47,11 @@ void watching(CLI::App &app, Command &command) {
 void table(CLI::App &app, Command &command) {
     app.add_option("TABLE", command.words, "system, devices, slots, cards, ports, roles or chips; then column=value..");
     app.add_flag("--raw", command.raw, "Also the numbers inside: physical slots, nodes, identifiers, chip ports");
+}
+
+void query(CLI::App &app, Command &command) {
+    app.add_option("WORDS", command.words, "A query by its name, then its arguments");
+    app.add_flag("--list", command.list, "Which queries there are, or those with a word in name or question");
 }
 
 void script(CLI::App &app, Command &command) {
@@ -83,6 +89,12 @@ constexpr Verb verbs[] = {
      "  dmq --load examples/chassis.json get 17 is_online=true\n"
      "  dmq --load examples/chassis.json get > copy.json\n",
      optional_words, run_get},
+    {"call", "Ask any query of ndm.h by its name",
+     "  dmq --load examples/chassis.json call ndm_get_master_slotid\n"
+     "  dmq --load examples/chassis.json call ndm_card_is_online 1 30 0\n"
+     "  dmq --load examples/chassis.json call ndm_get_role_by_node 1/30/0   a node: device/slot/sub-slot\n"
+     "  dmq call --list master\n",
+     query, run_call},
     {"watch", "Follow changes, one line each",
      "  dmq watch card_info device_info\n  dmq watch --for 5 --json\n"
      "  watch &                      in a shell: go on with other commands\n",

@@ -15,6 +15,9 @@ import re
 import subprocess
 import sys
 
+sys.dont_write_bytecode = True  # nothing is left beside the scripts
+import queries
+
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 HEADERS = {"cache": ("dm_*.h", "ndm.h", "ndm/*.h"), "platform": ("tq_platform*.h",)}
 GENERATED = {
@@ -26,8 +29,7 @@ LINKER = {"_init", "_fini", "_edata", "_end", "__bss_start"}
 
 def declared(header):
     """The names that a header declares with DM_API."""
-    text = re.sub(r"/\*.*?\*/|//[^\n]*|^#[^\n]*", "", header.read_text(), flags=re.S | re.M)
-    for declaration in re.findall(r"\bDM_API\s+([^;{]*)", text):
+    for _, declaration in queries.declarations(header):
         datum = re.fullmatch(r"extern\s+[\w\s*]*?(\w+)\s*(?:\[[^\]]*\]\s*)*", declaration)
         function = re.match(r"[\w\s*]*?(\w+)\s*\((?!\*)", declaration)
         if not (datum or function):

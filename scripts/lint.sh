@@ -34,6 +34,7 @@ clang() {
 step format format
 step includes python3 scripts/check_dependencies.py
 step documents python3 scripts/check_documents.py
+step queries python3 scripts/queries.py check
 step paths machine_paths
 [ "${1-}" = quick ] || step clang clang
 exit $failed

@@ -2,7 +2,7 @@
 #define TQ_NDM_CHIPS_H
 
 /*
- * This card, its ports and chips, and what a chip or port can do.
+ * This card: its ports and chips, and what a chip or port can do.
  *
  * Unless a function says otherwise:
  *   - it answers from the cache and takes the cache lock for the time of the call; any thread may call it, also from a

@@ -2,8 +2,8 @@
 #define TQ_NDM_PORT_LOOKUP_H
 
 /*
- * Find a port, or a card's or chip's static attributes, by what is known of it: interface index, position on a chip,
- * logical port, type and number, or type.
+ * Look-ups: find a port, or a card's or chip's static attributes, by what is known of it, such as interface index,
+ * position on a chip, logical port, type and number.
  *
  * Unless a function says otherwise:
  *   - it answers from the cache by one or two tree searches and takes the cache lock for the time of the call; any
