@@ -1,4 +1,4 @@
-"""What a newcomer would lose: the commands of README.md print what it says. Usage: readme_test.py BUILD-FOLDER ROOT
+"""What a reader would lose: commands in README.md and docs/ print what stands there. Usage: readme_test.py BUILD-FOLDER ROOT
 
 In a ```console block each line `$ COMMAND` is run at the project's root; what it prints must be the lines below it, where
 `...` leaves lines out. Times of day and the milliseconds at the end of a row of `sync` are whatever they are.
@@ -24,7 +24,9 @@ def holds(expected, printed):
 
 
 failed = run = 0
-for block in re.findall(r"```console\n(.*?)```", (root / "README.md").read_text(), re.DOTALL):
+documents = [root / "README.md", *sorted((root / "docs").glob("*.md"))]
+blocks = [(doc.name, text) for doc in documents for text in re.findall(r"```console\n(.*?)```", doc.read_text(), re.DOTALL)]
+for name, block in blocks:
     for command, expected in re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", block, re.MULTILINE):
         here = re.sub(r"\bbuild/", f"{build}/", command)
         done = subprocess.run(here, shell=True, cwd=root, text=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
@@ -32,5 +34,5 @@ for block in re.findall(r"```console\n(.*?)```", (root / "README.md").read_text(
         run += 1
         if not holds(expected, done.stdout):
             failed += 1
-            print(f"README.md: $ {command}\nprints (exit code {done.returncode})\n{done.stdout}\nnot\n{expected}")
+            print(f"{name}: $ {command}\nprints (exit code {done.returncode})\n{done.stdout}\nnot\n{expected}")
 sys.exit(1 if failed or run == 0 else 0)
