@@ -12,6 +12,9 @@ int32_t ndm_get_card_obj_by_type(int32_t card_type, PDev__DmCardStattrT **card, 
 // A copy of a port's attributes; follow_subcard 1: as the sub-card that owns the port describes it.
 int32_t ndm_get_port_static_by_objid(uint32_t objid, PDev__DmPortAttrT **port, uint8_t rt, uint8_t follow_subcard);
 
+// The combo ports of this card; with rt 1 its ports are read from the store when none is cached.
+int32_t _ndm_get_my_card_multi_lport(int32_t *lports, int32_t *num, uint8_t rt);
+
 // A copy of a type's description, by the index that `find` searches; with rt 1 else from the store, which is then cached.
 template <class T, class Key>
 int32_t copy_or_read(int32_t (*find)(int32_t, void *), int32_t type, const Key &key, T **out, uint8_t rt,

@@ -102,29 +102,6 @@ int32_t put_combo_ports(int32_t *lports, int32_t room, Caller caller = Caller{})
     return n;
 }
 
-int32_t _ndm_get_my_card_multi_lport(int32_t *lports, int32_t *num, uint8_t rt) {
-    if (!lports || !num) {
-        DM_LOG(failure, "invalid param.\r\n");
-        return -1;
-    }
-    const int32_t ports = _ndm_get_my_lport_num(rt);
-    if (ports <= 0) {
-        DM_LOG(notice, "_ndm_get_my_lport_num ret %d.\r\n", ports);
-        return -1;
-    }
-    DM_LOG(trace, "_ndm_get_my_lport_num ret %d.\r\n", ports);
-    DM_LOG(trace, "origin node_num:%d, rt:%d.\r\n", local_ports(), rt);
-    if (local_ports() == 0 && rt != 0 && !scan_local_ports()) return -1;
-    const int32_t cached_ports = local_ports();
-    DM_LOG(trace, "after node_num:%d\r\n", cached_ports);
-    if (cached_ports == 0) return -1;
-    const int32_t n = put_combo_ports(lports, *num);
-    if (n < 0) return -1;
-    *num = n;
-    DM_LOG(trace, "final num %d.\r\n", n);
-    return 0;
-}
-
 int32_t _ndm_get_poe_support_by_objid(uint32_t objid, uint8_t *support, uint8_t rt) {
     if (!support) {
         DM_LOG(notice, "invalid parameter\r\n");
@@ -157,6 +134,30 @@ int32_t _ndm_get_hpoe_support_by_objid(uint32_t objid, uint8_t *support, uint8_t
 }
 
 }  // namespace
+
+int32_t _ndm_get_my_card_multi_lport(int32_t *lports, int32_t *num, uint8_t rt) {
+    if (!lports || !num) {
+        DM_LOG(failure, "invalid param.\r\n");
+        return -1;
+    }
+    const int32_t ports = _ndm_get_my_lport_num(rt);
+    if (ports <= 0) {
+        DM_LOG(notice, "_ndm_get_my_lport_num ret %d.\r\n", ports);
+        return -1;
+    }
+    DM_LOG(trace, "_ndm_get_my_lport_num ret %d.\r\n", ports);
+    DM_LOG(trace, "origin node_num:%d, rt:%d.\r\n", local_ports(), rt);
+    if (local_ports() == 0 && rt != 0 && !scan_local_ports()) return -1;
+    const int32_t cached_ports = local_ports();
+    DM_LOG(trace, "after node_num:%d\r\n", cached_ports);
+    if (cached_ports == 0) return -1;
+    const int32_t n = put_combo_ports(lports, *num);
+    if (n < 0) return -1;
+    *num = n;
+    DM_LOG(trace, "final num %d.\r\n", n);
+    return 0;
+}
+
 }  // namespace dm
 
 using namespace dm;
