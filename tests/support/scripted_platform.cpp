@@ -2,15 +2,22 @@
 #include "support/scripted_platform.h"
 
 #include <algorithm>
+#include <mutex>
 #include <utility>
 
 ScriptedPlatform platform;
 
 namespace {
 
+// Over the list of calls and the store's content; not held while anything of the test or the library runs.
+std::mutex shared;
+
 // Writes a call down and finds its answer.
 int32_t call(const std::string &text) {
-    platform.calls.push_back(text);
+    {
+        const std::lock_guard hold(shared);
+        platform.calls.push_back(text);
+    }
     if (platform.during_call) platform.during_call(text);
     int32_t answer = 0;
     size_t longest = 0;
@@ -26,20 +33,34 @@ std::string text(const char *name, uint32_t db, const ProtobufCMessage *message)
     return std::string(name) + ' ' + std::to_string(db) + ' ' + message->descriptor->name;
 }
 
+ScriptedPlatform::Key place(const ProtobufCMessage *object, uint32_t db) {
+    const ProtobufCMessage *key = key_of(object);
+    return {db, object->descriptor->name, key ? packed(key) : ""};
+}
+
+// The store's object with a probe's key; an empty message when there is none.
+Message stored(const ProtobufCMessage *probe, uint32_t db) {
+    const std::lock_guard hold(shared);
+    const auto found = platform.objects.find(place(probe, db));
+    return found == platform.objects.end() ? Message() : Message::copy(found->second.get());
+}
+
+// All of a kind, in the order of their keys.
+std::vector<Message> stored_of_kind(std::string_view kind, uint32_t db) {
+    const std::lock_guard hold(shared);
+    std::vector<Message> found;
+    for (const auto &[key, object] : platform.objects)
+        if (key.kind == kind && key.db == db) found.push_back(Message::copy(object.get()));
+    return found;
+}
+
 // A read's answer and, when that is 0, the object.
 ProtobufCMessage *read(const char *name, uint32_t db, const ProtobufCMessage *probe, int32_t *error) {
     ++platform.reads;
     *error = call(text(name, db, probe));
+    Message object = *error ? Message() : stored(probe, db);
     if (platform.during_read) platform.during_read();
-    if (*error) return nullptr;
-    const ProtobufCMessage *key = key_of(probe);
-    const auto found = platform.objects.find({db, probe->descriptor->name, key ? packed(key) : ""});
-    return found == platform.objects.end() ? nullptr : Message::copy(found->second.get()).release();
-}
-
-ScriptedPlatform::Key place(const Message &object, uint32_t db) {
-    const ProtobufCMessage *key = key_of(object.get());
-    return {db, object.get()->descriptor->name, key ? packed(key) : ""};
+    return object.release();
 }
 
 // Copies: a callback may ask for more.
@@ -53,11 +74,13 @@ std::vector<Request> of_kind(const std::vector<Request> &requests, std::string_v
 }  // namespace
 
 void ScriptedPlatform::put(const Message &object, uint32_t db) {
-    objects[place(object, db)] = Message::copy(object.get());
+    const std::lock_guard hold(shared);
+    objects[place(object.get(), db)] = Message::copy(object.get());
 }
 
 void ScriptedPlatform::erase(const Message &object, uint32_t db) {
-    objects.erase(place(object, db));
+    const std::lock_guard hold(shared);
+    objects.erase(place(object.get(), db));
 }
 
 int32_t ScriptedPlatform::deliver(const Request &to, int32_t cmd, void *value, int32_t flag, int32_t result) {
@@ -113,8 +136,7 @@ void ScriptedPlatform::end_scan(std::string_view kind) {
 void ScriptedPlatform::answer_scans() {
     while (!scans.empty()) {
         const std::string kind = scans[0].kind->name;
-        for (const auto &[key, object] : objects)
-            if (key.kind == kind && key.db == scans[0].db) reply(object);
+        for (const Message &object : stored_of_kind(kind, scans[0].db)) reply(object);
         end_scan(kind);
     }
 }
@@ -198,10 +220,10 @@ int32_t tq_mom_scan_sync(tq_mom_handle *handle, uint32_t db, const ProtobufCMess
                          tq_mom_msg_cb callback, void *privdata) {
     ++platform.reads;
     const int32_t answer = call(text("scan_sync", db, tmpl));
+    const auto found = stored_of_kind(tmpl->descriptor->name, db);
     if (platform.during_read) platform.during_read();
     if (answer != 0) return answer;
-    for (const auto &[key, object] : platform.objects) {
-        if (key.db != db || key.kind != tmpl->descriptor->name) continue;
+    for (const Message &object : found) {
         result_rec record{};
         record.obj = object.get();
         store_msg msg{};

@@ -3,7 +3,7 @@
 
 // A platform that does nothing by itself: it writes down what the library asks for, answers what the test says, and
 // delivers when the test calls. Timers run by hand, in virtual time. One thread at a time, except for synchronous reads
-// of objects that nobody puts meanwhile.
+// and writes of objects, which any thread may make meanwhile.
 
 #include "support/messages.h"
 
@@ -59,7 +59,7 @@ struct ScriptedPlatform {
     static constexpr int32_t no_reply = INT32_MIN;
     std::map<std::string, int32_t> answers;
     std::function<void(const std::string &call)> during_call;
-    std::function<void()> during_read;
+    std::function<void()> during_read;  // the store has answered, the reader has not got it yet
     int32_t reconnect_scan_ms = 10;
     bool capability_file = true;
     std::map<std::string, int32_t> capabilities;
