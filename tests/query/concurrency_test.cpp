@@ -491,7 +491,7 @@ TEST(Concurrency, AFallbackReadNeverUndoesANewerChange) {
         for (;;) {
             ASSERT_TRUE(asked.try_acquire_for(seconds(10)));
             if (done) break;
-            for (size_t n = random() % 3; n > 0; --n) store.step(random());
+            for (size_t n = random() % 10; n > 0; --n) store.step(random());
             given.release();
         }
         while (!store.pending.empty()) store.push();
