@@ -19,10 +19,12 @@ std::string text(const char *format, ...) {
     return line;
 }
 
-std::string at_threshold(int threshold, const std::vector<std::string> &lines) {
+std::string at_threshold(int threshold, const std::vector<std::string> &lines, int query_threshold) {
     std::string all;
-    for (const std::string &line : lines) {
-        if (threshold > line[0] - '0') continue;
+    for (std::string line : lines) {
+        const bool of_queries = line[0] == 'l';
+        if (of_queries) line.erase(0, 1);
+        if ((of_queries ? query_threshold : threshold) > line[0] - '0') continue;
         const size_t end = line.find('>'), colon = line.find(':');
         const bool tagged = colon < end;
         all += "[DM-CACHE]<" + (tagged ? line.substr(2, colon - 2) : "dm_cache") + ":#:";
@@ -31,10 +33,12 @@ std::string at_threshold(int threshold, const std::vector<std::string> &lines) {
     return all;
 }
 
-LogCapture::LogCapture(int threshold) : file_(memfd_create("log", MFD_CLOEXEC)), stdout_(dup(STDOUT_FILENO)) {
+LogCapture::LogCapture(int threshold, int query_threshold)
+    : file_(memfd_create("log", MFD_CLOEXEC)), stdout_(dup(STDOUT_FILENO)) {
     std::fflush(stdout);
     dup2(file_, STDOUT_FILENO);
     g_dm_cache_level = threshold;
+    g_ndm_lib_dbg_lvl = query_threshold;
 }
 
 // What nobody took is passed on: it may be the report of a failed test.
