@@ -22,7 +22,7 @@
 extern "C" {
 #endif
 
-/* Which type has this card? Any rt but 0 reads the store. -1 also when the store's reply could not be released;
+/* Which type has this card? Any rt but 0 counts as 1. -1 also when the store's reply could not be released;
  * *card_type is then written all the same. */
 DM_API int32_t _ndm_get_my_card_type_rt(int32_t *card_type, uint8_t rt);
 
