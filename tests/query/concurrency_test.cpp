@@ -11,15 +11,12 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <future>
 #include <iterator>
-#include <random>
 #include <regex>
-#include <semaphore>
 #include <set>
 #include <span>
 #include <tuple>
@@ -369,40 +366,6 @@ void keep_asking(size_t from, int passes, const std::atomic<bool> *stop) {
         }
 }
 
-// The store runs ahead of its pushes. One object, whose content is the number of its change; a delete's is negative.
-struct Store {
-    std::function<Message(int32_t number)> object;
-    int32_t last = 0;
-    int32_t pushed = 0;
-    std::deque<int32_t> pending;
-
-    void step(size_t chance) {
-        if (pending.size() == 3 || (!pending.empty() && chance % 2)) return push();
-        const bool there = !pending.empty() ? pending.back() > 0 : pushed > 0, sets = !there || chance % 3 == 0;
-        pending.push_back(sets ? ++last : -++last);
-        sets ? platform.put(object(last)) : platform.erase(object(last));
-    }
-
-    void push() {
-        pushed = pending.front();
-        pending.pop_front();
-        pushed > 0 ? platform.push(object(pushed)) : platform.push_delete(object(-pushed));
-    }
-};
-
-struct Fallback {
-    Query read, cached;  // the latter answers the number
-    std::function<Message(int32_t number)> object;
-};
-const Fallback fallbacks[] = {
-    {ask<_ndm_get_my_lport_num>(1), ask<ndm_get_my_lport_num>(), [](auto n) { return of("local_port_info", n); }},
-    {ask<_ndm_get_chip_family>(77, 1), ask<ndm_get_chip_family>(77),
-     [](auto n) {
-         return of("dm_chip_stattr_t", n, {{"index.type", 77}});
-     }},
-    {ask<ndm_get_vsdid_by_objid_rt>(port_1, out), ask<ndm_get_global_ifx_by_objid>(port_1),
-     [](auto n) { return global_port(0, 1, 3, 1, 7, n); }}};
-
 }  // namespace
 
 extern "C" {
@@ -465,41 +428,4 @@ TEST(Concurrency, EveryAnswerHeldAtSomeMomentAndNoStoreReadHoldsTheLock) {
     for (auto &reader : readers)
         while (reader.wait_for(seconds(0)) != std::future_status::ready) cycle();
     EXPECT_EQ(platform.unreleased, 0);
-}
-
-// A read that was on its way while the object changed must not bring back what it was, or a card that has gone.
-TEST(Concurrency, AFallbackReadNeverUndoesANewerChange) {
-    start_live(nullptr);
-    set(static_port(1, 3, 1, 7));
-    std::mt19937 random(7);
-    // The reader gives the turn after each query, and within one while the store's reply is on its way.
-    std::binary_semaphore asked{0}, given{0};
-    platform.during_read = [&] {
-        asked.release();
-        EXPECT_TRUE(given.try_acquire_for(seconds(10)));
-    };
-    for (const Fallback &fallback : fallbacks) {
-        Store store{fallback.object, 0, 0, {}};
-        std::atomic<bool> done = false;
-        const auto reader = std::async(std::launch::async, [&] {
-            for (int i = 0; i < 300; ++i) {
-                fallback.read.answer();
-                const int32_t cached = std::stoi(fallback.cached.answer()), pushed = store.pushed;
-                EXPECT_TRUE(cached < 0 ? pushed <= 0 : cached >= pushed && cached > -pushed)
-                    << fallback.read.name << ": " << cached << " after push " << pushed;
-                platform.during_read();
-            }
-            done = true;
-            asked.release();
-        });
-        for (;;) {
-            ASSERT_TRUE(asked.try_acquire_for(seconds(10)));
-            if (done) break;
-            for (size_t n = random() % 10; n > 0; --n) store.step(random());
-            given.release();
-        }
-        while (!store.pending.empty()) store.push();
-        EXPECT_EQ(std::stoi(fallback.cached.answer()), store.pushed > 0 ? store.pushed : -1) << fallback.read.name;
-    }
-    EXPECT_GT(platform.reads, 100);
 }

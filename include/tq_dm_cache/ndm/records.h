@@ -19,7 +19,8 @@
 extern "C" {
 #endif
 
-/* How is the type of this device called? len is 32 or more; cut to len - 1 characters, always terminated. */
+/* How is the type of this device called? len is 32 or more; cut to len - 1 characters, always terminated. Asks for the
+ * type and for its name one after the other. */
 DM_API int32_t ndm_get_my_device_name(char *name, int32_t len);
 
 /* Which node is the master of this device? */

@@ -17,7 +17,8 @@ extern "C" {
 /* Does this system run as a virtual unit? */
 DM_API int32_t ndm_is_vsu(void);
 
-/* Does a card carry a virtual switching link? slot is a physical one; its sub-cards count. No outside a virtual unit. */
+/* Does a card carry a virtual switching link? slot is a physical one; its sub-cards count. No outside a virtual unit,
+ * which is asked first by itself. */
 DM_API int32_t ndm_is_vsl_card(int32_t devid, int32_t slot);
 
 /* Does a p_dev.vsl_port_info belong to an aggregate port? 0 yes, -1 no: a match function for searches of one's own.
