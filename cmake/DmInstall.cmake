@@ -1,5 +1,8 @@
 # What `cmake --install` puts where: both libraries, dmq, the public headers with the generated ones, the .proto files, and
 # how pkg-config and CMake find them.
+# A umask of the machine that builds is no business of those who use what is installed.
+set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+  OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 

@@ -58,8 +58,8 @@ void print_as_json(const Table &table) {
 }  // namespace
 
 void keep_stdout() {
-    answers = dup(STDOUT_FILENO);
-    if (answers < 0) answers = open("/dev/null", O_WRONLY);
+    // From 3 on: where standard output is closed, its number must not be taken for the answers.
+    answers = fcntl(STDOUT_FILENO, F_DUPFD, 3);
     dup2(STDERR_FILENO, STDOUT_FILENO);
     setvbuf(stdout, nullptr, _IOLBF, 0);
 }

@@ -1,5 +1,6 @@
 // The command line: which commands there are, their options and their help. One table; the shell reads its lines with it.
 #include <CLI/CLI.hpp>
+#include <charconv>
 
 #include "dmq/command.h"
 
@@ -39,9 +40,17 @@ void kinds(CLI::App &app, Command &command) {
     app.add_option("KINDS", command.words, "Kinds by name or row number; none: all");
 }
 
+// Seconds that a wait may take; CLI::Range takes nan for a number within.
+std::string check_seconds(const std::string &text) {
+    double seconds = -1;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+    if (error == std::errc() && end == text.data() + text.size() && seconds >= 0 && seconds <= 1e6) return "";
+    return "needs seconds from 0 to 1000000, not " + text;
+}
+
 void watching(CLI::App &app, Command &command) {
     kinds(app, command);
-    app.add_option("--for", command.watch_for, "End after so many seconds")->check(CLI::NonNegativeNumber);
+    app.add_option("--for", command.watch_for, "End after so many seconds")->check(check_seconds);
 }
 
 void table(CLI::App &app, Command &command) {
@@ -138,14 +147,15 @@ void common_options(CLI::App &app, Settings &settings, bool in_shell) {
     app.add_flag("--json", settings.json, "Answers as JSON");
     app.add_option("--timeout", settings.timeout, "Seconds that a wait may take")
         ->capture_default_str()
-        ->check(CLI::Range(0.0, 1e6));
+        ->check(check_seconds);
     app.add_option("--log", settings.log, "Show the library's own log from this level: 0 all, 2 failures");
 }
 
-[[noreturn]] void refuse_rest(const std::vector<std::string> &rest, const CLI::App *verb) {
+[[noreturn]] void refuse_rest(const std::vector<std::string> &rest, const CLI::App *verb, bool in_shell) {
     if (verb) throw Failure(exit_usage, rest[0] + " is one word too many; see dmq " + verb->get_name() + " --help");
     std::vector<std::string> names;
     for (const Verb &known : verbs) names.emplace_back(known.name);
+    if (in_shell && rest[0] == "shell") throw Failure(exit_usage, "a shell runs no shell");
     throw Failure(exit_usage, "there is no command " + rest[0] + did_you_mean(rest[0], names) + "; see dmq --help");
 }
 
@@ -175,7 +185,8 @@ std::optional<Request> parse(const std::vector<std::string> &words, const Settin
         throw Failure(exit_usage, error.what());
     }
     const auto asked = app.get_subcommands();
-    if (const auto rest = app.remaining(); !rest.empty()) refuse_rest(rest, asked.empty() ? nullptr : asked[0]);
+    if (const auto rest = app.remaining(); !rest.empty())
+        refuse_rest(rest, asked.empty() ? nullptr : asked[0], in_shell);
     if (!request.run) throw Failure(exit_usage, "say what to do; see dmq --help");
     if (request.command.settings.log) g_dm_cache_level = g_ndm_lib_dbg_lvl = *request.command.settings.log;
     return request;

@@ -1,4 +1,5 @@
 // The store command: what an embedded store can be made to do to its clients, and the comparison of cache and store.
+#include <charconv>
 #include <functional>
 #include <map>
 
@@ -114,7 +115,8 @@ Exit reconnect(Session &session, const Command &command) {
 
 // Every client is cut off by it; dmq's own writer comes back at once.
 Exit restart(Session &session, const Command &command) {
-    const bool empty = command.words.size() > 1 && command.words[1] == "empty";
+    const bool empty = command.words.size() > 1;
+    if (empty && command.words[1] != "empty") throw Failure(exit_usage, "store restart knows only the word empty");
     check(tq_mem_restart(session.writer(), empty ? 0 : 1));
     session.cut_off(true);
     check(tq_mem_reconnect(session.writer()));
@@ -134,8 +136,11 @@ Exit damage(Session &session, const Command &command) {
 }
 
 Exit lose(Session &session, const Command &command) {
-    const int count = command.words.size() > 1 ? std::atoi(command.words[1].c_str()) : 0;
-    if (count < 1) throw Failure(exit_usage, "store lose needs a number of confirmations");
+    const std::string text = command.words.size() > 1 ? command.words[1] : "";
+    int32_t count = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+    if (error != std::errc() || end != text.data() + text.size() || count < 1)
+        throw Failure(exit_usage, "store lose needs a number of confirmations");
     check(tq_mem_lose_confirmations(session.reader(), count));
     return done("confirmations will be lost", command);
 }
@@ -155,23 +160,28 @@ void tell_damage(Session &session) {
 }
 
 Exit run_store(Context &context, const Command &command) {
-    using Action = Exit (*)(Session &, const Command &);
+    struct Action {
+        Exit (*run)(Session &, const Command &);
+        size_t most_words;
+    };
     static const std::map<std::string, Action> actions = {
-        {"disconnect", disconnect}, {"reconnect", reconnect}, {"restart", restart},
-        {"damage", damage},         {"lose", lose},           {"compare", compare}};
+        {"disconnect", {disconnect, 1}}, {"reconnect", {reconnect, 1}}, {"restart", {restart, 2}},
+        {"damage", {damage, SIZE_MAX}},  {"lose", {lose, 2}},           {"compare", {compare, 1}}};
     const auto found = actions.find(command.words[0]);
     if (found == actions.end()) {
         std::vector<std::string> names;
         for (const auto &[name, action] : actions) names.push_back(name);
         throw Failure(exit_usage, "store cannot " + command.words[0] + did_you_mean(command.words[0], names));
     }
+    if (const size_t most = found->second.most_words; command.words.size() > most)
+        throw Failure(exit_usage, command.words[most] + " is one word too many");
     Session &session = context.open();
     // Confirmations are lost before the cache starts; a comparison waits for a cache that is not cut off.
     const std::string &action = found->first;
     if (action == "lose") session.open_reader();
     if (action == "disconnect" || action == "reconnect") session.start({});
     if (action == "compare" && !session.is_cut_off()) session.synchronise({}, command.settings);
-    return found->second(session, command);
+    return found->second.run(session, command);
 }
 
 }  // namespace dmq

@@ -28,7 +28,7 @@ public:
         try {
             std::ignore =
                 Json::parse(text, [this](int level, Event event, Json &value) { return take(level, event, value); });
-        } catch (const Json::parse_error &error) {
+        } catch (const Json::exception &error) {  // a number too large for any type is no parse error
             const std::string what = error.what();
             const size_t begin = what.find(']') + 2;  // behind the library's own name for it
             refuse("not JSON: " + what.substr(begin, what.find("; last read") - begin));

@@ -111,6 +111,8 @@ TEST(Topology, RefusesWithFileEntryAndReason) {
          "p_dev.card_info.index: p_dev.card_info_index has no field \"slot\""},
         {R"({"db": 1, "kind": "p_dev.card_info", "object": {"index": {"slotid": 2147483648}}})",
          "p_dev.card_info.index.slotid: needs a whole number from -2147483648 to 2147483647, not 2147483648"},
+        {R"({"db": 1, "kind": "p_dev.card_info", "object": {"index": {"slotid": 1e400}}})",
+         "not JSON: number overflow parsing '1e400'"},
         {R"({"db": 1, "kind": "p_dev.card_info", "object": {"index": {"slotid": 1.0}}})", "not 1.0"},
         {R"({"db": 1, "kind": "p_dev.card_info", "object": {"index": {"slotid": "1"}}})", "not \"1\""},
         {R"({"db": 1, "kind": "p_dev.card_info", "object": {"index": null}})", "needs an object of"},
