@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 
-.PHONY: run test asan tsan lint lint-quick docs simulate install clean
+.PHONY: run test asan tsan test-arm lint lint-quick docs simulate install clean
 .NOTPARALLEL:
 
 # The whole road on the example chassis: load, synchronise, tables, a live change arriving.
@@ -28,6 +28,13 @@ test asan tsan:
 	cmake --preset $(PRESET)
 	cmake --build $(DIR) -j$(JOBS)
 	ctest --preset $(PRESET) -j$(JOBS)
+
+# The same on 32-bit ARM, under an emulator.
+test-arm:
+	scripts/setup.sh build test --arm
+	cmake --preset arm
+	cmake --build build-arm -j$(JOBS)
+	ctest --preset arm -j$(JOBS)
 
 # The cache against a simulated store, seeds beyond those of the tests; each seed is a process of its own.
 RUNS ?= 20000
@@ -55,4 +62,4 @@ install: build/dmq/dmq
 	DESTDIR='$(DESTDIR)' cmake --install build --prefix '$(PREFIX)'
 
 clean:
-	rm -rf build build-asan build-tsan build-lint
+	rm -rf build build-asan build-tsan build-lint build-arm build-arm-root

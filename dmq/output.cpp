@@ -83,10 +83,11 @@ std::string coloured(Colour colour, const std::string &text) {
 }
 
 std::string cell_text(const Json &cell) {
-    if (cell.is_null() || cell == "") return "-";
+    if (cell.is_null()) return "-";
     if (cell.is_boolean()) return cell.get<bool>() ? "yes" : "no";
-    const std::string text = dump(cell);
-    return cell.is_string() ? text.substr(1, text.size() - 2) : text;
+    std::string text = dump(cell);
+    if (cell.is_string()) text = text.substr(1, text.size() - 2);
+    return text.empty() ? "-" : text;
 }
 
 void print_table(const Table &table, bool json) {

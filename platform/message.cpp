@@ -50,7 +50,7 @@ std::optional<std::string> field_bytes(std::string_view bytes, uint32_t number) 
         const auto tag = take_varint(bytes);
         const auto length = tag ? value_length(bytes, *tag & 7) : std::nullopt;
         if (!length || *length > bytes.size()) return {};
-        bytes.remove_prefix(*length);
+        bytes.remove_prefix(static_cast<size_t>(*length));
         if (*tag >> 3 == number) found.append(start.substr(0, start.size() - bytes.size()));
     }
     return found;

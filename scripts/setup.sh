@@ -1,6 +1,8 @@
 #!/bin/sh
 # Installs what the project needs from Debian 12. Asks dpkg first: with nothing missing it needs no rights and no network.
-#   scripts/setup.sh [build|test|lint]...     (default: build test)
+#   scripts/setup.sh [build|test|lint|--arm]...     (default: build test)
+# --arm: a compiler and an emulator for 32-bit ARM, and in build-arm-root/ the libraries of that machine, unpacked. They are
+# fetched with lists of their own: the machine itself learns no other architecture.
 # 0: everything is there.  1: the installation failed.  2: something is missing and this user may not install it.
 set -eu
 
@@ -10,13 +12,45 @@ packages() {
             libpugixml-dev libcli11-dev nlohmann-json3-dev ;;
         test) echo libgtest-dev ;;
         lint) echo clang-14 clang-tidy-14 clang-format-14 ;;
-        *) echo "setup.sh: no set '$1'; the sets are build, test and lint" >&2; return 1 ;;
+        --arm) echo g++-arm-linux-gnueabihf qemu-user-static ;;
+        *) echo "setup.sh: no set '$1'; the sets are build, test, lint and --arm" >&2; return 1 ;;
     esac
+}
+
+arm_packages="libprotobuf-c-dev libprotobuf-c1 libevent-dev libevent-2.1-7 libevent-core-2.1-7 libevent-pthreads-2.1-7
+libpugixml-dev libpugixml1v5 libcli11-dev nlohmann-json3-dev libgtest-dev"
+
+unpack_arm_root() {
+    root=$(cd "$(dirname "$0")/.." && pwd)/build-arm-root
+    [ "$(cat "$root/packages" 2> /dev/null)" != "$arm_packages" ] || return 0
+    rm -rf "$root"
+    mkdir -p "$root/apt/lists/partial" "$root/apt/archives/partial"
+    : > "$root/apt/status"
+    cat > "$root/apt/conf" << EOF
+APT::Architecture "armhf";
+APT::Architectures { "armhf"; };
+APT::Sandbox::User "";
+Dir::State "$root/apt";
+Dir::State::status "$root/apt/status";
+Dir::Cache "$root/apt";
+EOF
+    (
+        cd "$root/apt/archives"
+        export APT_CONFIG="$root/apt/conf"
+        apt-get -q update || echo "setup.sh: apt-get update failed for armhf; going on with what it fetched" >&2
+        # shellcheck disable=SC2086  # a list of names
+        apt-get -q download $arm_packages || exit 1
+        for package in *.deb; do dpkg -x "$package" "$root" || exit 1; done
+    ) || { echo "setup.sh: could not fetch the armhf packages" >&2; exit 1; }
+    rm -rf "$root/apt"
+    echo "$arm_packages" > "$root/packages"
 }
 
 [ $# -gt 0 ] || set -- build test
 wanted=
+arm=
 for set_name; do
+    [ "$set_name" != --arm ] || arm=yes
     wanted="$wanted $(packages "$set_name")"
 done
 if ! command -v dpkg-query > /dev/null; then
@@ -28,7 +62,10 @@ missing=
 for package in $wanted; do
     dpkg-query -W -f='${db:Status-Status}\n' "$package" 2> /dev/null | grep -qx installed || missing="$missing $package"
 done
-[ -n "$missing" ] || exit 0
+if [ -z "$missing" ]; then
+    [ -z "$arm" ] || unpack_arm_root
+    exit 0
+fi
 
 # With a terminal sudo may ask for a password; without one it must not.
 rights=
@@ -49,3 +86,4 @@ if ! apt install -y --no-install-recommends --no-remove $missing; then
     echo "setup.sh: could not install:$missing" >&2
     exit 1
 fi
+[ -z "$arm" ] || unpack_arm_root

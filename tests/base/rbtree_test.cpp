@@ -50,7 +50,7 @@ TEST_P(RandomTree, IsAnOrderedMapWhoseNodesNeverMove) {
     ASSERT_EQ(dm_rbtree_init_root(&root), 0);
 
     for (unsigned step = 0; step < 6000; ++step) {
-        int64_t &key = pool[random() % pool.size()];  // its own address is the value
+        int64_t &key = pool[static_cast<size_t>(random()) % pool.size()];  // its own address is the value
         const bool known = expected.count(key) == 1, growing = step / 1000 % 2 == 0;
         if (random() % 10 < (growing ? 7U : 3U)) {
             ASSERT_EQ(dm_rbtree_insert_node(&root, key, &key), known ? 1 : 0);

@@ -68,7 +68,7 @@ struct Query {
 
 template <auto query, class... Argument> Query ask(Argument... arguments) {
     const std::string self = __PRETTY_FUNCTION__;  // it contains the query's name
-    const size_t start = self.find_first_not_of("&", self.find("query = ") + 8);
+    const size_t start = self.find_first_not_of('&', self.find("query = ") + 8);
     return {self.substr(start, self.find_first_of(",;", start) - start), [given = std::tuple(arguments...)] {
                 auto own = given;
                 std::string text = std::to_string(static_cast<int32_t>(std::apply(query, own)));
@@ -305,7 +305,7 @@ void cycle() {
             set(static_port(1, 3, p, 7).set("static_info.mport", v));
             set(global_port(0, 1, 3, p, 7, 100 + p).set("layer", v));
             set(vsd_port(1, 3, p, 7, 100 + p).set("layer", v));
-            set(local_port(0, p, p).set("static_info.mport", v).set("static_info.pd_medium_type", 2 * v));
+            set(local_port(0, p, p).set("static_info.mport", v).set("static_info.pd_medium_type", v ? 2 : 0));
         }
         const Message brief[] = {
             of("dp_lib_grole", 2 + v),

@@ -32,7 +32,9 @@ untouched 'without rights, nothing is tried'
 check 'a failing update does not stop root' 0 '^noninteractive apt-get .*install -y --no-install-recommends --no-remove cmake$' \
     ABSENT=cmake UPDATE=100 USER_ID=0 sh "$setup" build
 check 'sudo without a password is used' 0 '^sudo$' ABSENT=clang-14 SUDO=yes sh "$setup" lint
+check 'the other machine comes by its name' 2 '--no-remove qemu-user-static$' ABSENT=qemu-user-static sh "$setup" --arm
+untouched 'nothing is fetched for it without its tools'
 check 'a failing installation is a failure' 1 'could not install: cmake' ABSENT=cmake INSTALL=100 USER_ID=0 sh "$setup"
-check 'an unknown set' 1 'build, test and lint' ABSENT=cmake USER_ID=0 sh "$setup" tests
+check 'an unknown set' 1 'build, test, lint and --arm' ABSENT=cmake USER_ID=0 sh "$setup" tests
 untouched 'an unknown set installs nothing'
 exit $failed
