@@ -6,18 +6,20 @@ static constexpr char log_tag[] = "dm_static_tbl";
 
 using namespace dm;
 
+// A count of a card type's description, followed in the log in the caller's name; -1 when the type is not cached.
+static int32_t logged_count(int32_t PDev__DmCardStattrT::*field, int32_t card_type, const char *what,
+                            Caller caller = Caller{}) {
+    DM_LOG_AS(caller, lib_debug, "type = %d!\n", card_type);
+    const auto count = cached_field(field, card_attributes_key(card_type));
+    if (!count) return -1;
+    DM_LOG_AS(caller, lib_debug, "%s num = %d!\n", what, *count);
+    return *count;
+}
+
 int32_t ndm_get_card_switch_chip_num(int32_t card_type) {
-    DM_LOG(lib_debug, "type = %d!\n", card_type);
-    const auto chips = cached_field(&PDev__DmCardStattrT::switch_num, card_attributes_key(card_type));
-    if (!chips) return -1;
-    DM_LOG(lib_debug, "switch num = %d!\n", *chips);
-    return *chips;
+    return logged_count(&PDev__DmCardStattrT::switch_num, card_type, "switch");
 }
 
 int32_t ndm_get_total_chip_num_by_card_type(int32_t card_type) {
-    DM_LOG(lib_debug, "type = %d!\n", card_type);
-    const auto chips = cached_field(&PDev__DmCardStattrT::chip_num, card_attributes_key(card_type));
-    if (!chips) return -1;
-    DM_LOG(lib_debug, "chip num = %d!\n", *chips);
-    return *chips;
+    return logged_count(&PDev__DmCardStattrT::chip_num, card_type, "chip");
 }

@@ -76,7 +76,7 @@ template <class Query, class... Given> std::string ask_text(Query query, int32_t
     std::string buffer(99, '~');
     const std::string answer = number(query(given..., buffer.data(), len));
     const size_t written = buffer.find_last_not_of('~') + 1;
-    return answer + ' ' + std::string(buffer.data()).substr(0, written) + '|' + number(written) + ';';
+    return answer + ' ' + std::string(buffer.data()).substr(0, written) + '|' + std::to_string(written) + ';';
 }
 
 // The answers for several values of one argument.
