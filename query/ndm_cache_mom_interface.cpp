@@ -21,6 +21,12 @@ int32_t ndm_get_id_from_phy_port_type(int32_t phyid, int32_t *devid, int32_t *sl
     return 0;
 }
 
+// One part of an identifier that is taken apart; one out of range is logged for the caller.
+bool part_fits(bool fits, const char *part, int32_t value, const char *from, uint32_t word, Caller caller = Caller{}) {
+    if (!fits) DM_LOG_AS(caller, lib_error, "get %s[%d] from %s[%#08x] error\r\n", part, value, from, word);
+    return fits;
+}
+
 // The interface index of a port that a look-up by logical port finds; the sub-slot plays no part.
 template <class T> int32_t ifx_of(uint32_t objid, int32_t (*find)(int32_t, int32_t, int32_t, void *)) {
     const Port port = port_of(objid);
@@ -119,18 +125,10 @@ int32_t ndm_get_dcm_addr_from_node(uint32_t node, uint32_t *dcm_addr) {
         return -1;
     }
     const Card card = card_of(node);
-    if (!valid_devid(card.devid)) {
-        DM_LOG(lib_error, "get dev[%d] from node[%#08x] error\r\n", card.devid, node);
+    if (!part_fits(valid_devid(card.devid), "dev", card.devid, "node", node) ||
+        !part_fits(valid_slot(card.slot), "slot", card.slot, "node", node) ||
+        !part_fits(card.sslot <= 5, "subslot", card.sslot, "node", node))
         return -1;
-    }
-    if (!valid_slot(card.slot)) {
-        DM_LOG(lib_error, "get slot[%d] from node[%#08x] error\r\n", card.slot, node);
-        return -1;
-    }
-    if (card.sslot > 5) {
-        DM_LOG(lib_error, "get subslot[%d] from node[%#08x] error\r\n", card.sslot, node);
-        return -1;
-    }
     *dcm_addr = static_cast<uint32_t>(card.devid << 8 | card.sslot << 5 | card.slot);
     return 0;
 }
@@ -142,14 +140,9 @@ int32_t ndm_get_node_from_dcm_addr(uint32_t dcm_addr, uint32_t *node) {
     }
     const Card card = {static_cast<int32_t>(dcm_addr >> 8 & 0xFF), static_cast<int32_t>(dcm_addr & 31),
                        static_cast<int32_t>(dcm_addr >> 5 & 7)};
-    if (!valid_devid(card.devid)) {
-        DM_LOG(lib_error, "get dev[%d] from dcm addr[%#08x] error\r\n", card.devid, dcm_addr);
+    if (!part_fits(valid_devid(card.devid), "dev", card.devid, "dcm addr", dcm_addr) ||
+        !part_fits(card.sslot <= 5, "subslot", card.sslot, "dcm addr", dcm_addr))
         return -1;
-    }
-    if (card.sslot > 5) {
-        DM_LOG(lib_error, "get subslot[%d] from dcm addr[%#08x] error\r\n", card.sslot, dcm_addr);
-        return -1;
-    }
     *node = node_of(card);
     return 0;
 }

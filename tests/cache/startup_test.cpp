@@ -28,8 +28,6 @@ int32_t refused_start(const char *name) {
     return answer;
 }
 
-class StartLog : public testing::TestWithParam<int> {};
-
 }  // namespace
 
 // Stands in for the configuration file; every other file is opened as usual.
@@ -138,49 +136,3 @@ TEST(Start, TakesTheNumberOfChassisOnlyWithinItsRange) {
         EXPECT_EQ(dm_get_vsu_switch_num_limit(), limit) << value;
     }
 }
-
-// The lines of a start, and a further database that is connected only because an enabled row lives there.
-TEST_P(StartLog, SaysWhatItDidAndWhatFailed) {
-    LogCapture log(GetParam());
-    dm_cache_init(nullptr, nullptr);
-    platform.capability_file = false;
-    platform.answers = {{"connect 3", -4}};
-    dm_cache_init(&platform.handle, "me");
-    platform.capability_file = true;
-    platform.during_call = [](const std::string &call) {
-        if (call == "connect 3") obj_sub_list[18].db_id = 8, obj_sub_list[18].enable = 1, obj_sub_list[19].db_id = 14;
-    };
-    platform.answers = {{"set_reconnect_cb 8", -8}};
-    EXPECT_EQ(dm_cache_init(&platform.handle, "me"), -8);
-    platform.capabilities[cap_name] = 8;
-    platform.connections.clear();
-    platform.answers = {{"subscribe 3", -6}};
-    obj_sub_list[21].enable = 1;
-    start({});
-    dm_cache_init(&platform.handle, "me");
-    platform.become_ready();
-    const std::string init = "2 dm_cache_init>init [me].\n";
-    const std::string missing = "2 dm_get_cap_value>dm_cache get URL_CAPA_CAP_VSU_CHASSIS_NUM value failed.\r\n";
-    const Strings lines = {"2 dm_cache_init>dm_cache_init param fail [(nil)][(nil)].\n",
-                           "2 dm_get_cap_value>libtq_cap_get_g_cap_init error.\n",
-                           "2 dm_cache_init>dm_cache_init: get cap value failed.\n",
-                           init,
-                           missing,
-                           "2 dm_connect_global_db>init [me].\n",
-                           "1 dm_get_cap_value>dm_cache get URL_CAPA_CAP_VSU_CHASSIS_NUM value 8\r\n",
-                           "0 dm_connect_global_db>test connect db [8] success.\n",
-                           "0 dm_cache_log_subobj_to_file>obj_sub_list [18] is enable\n",
-                           "0 dm_cache_log_subobj_to_file>obj_sub_list [21] is enable\n",
-                           "0 dm_cache_init>rsync connect[0].\n",
-                           "0 dm_cache_init>dm_cache_init: already inited before.\n",
-                           "0 dm_cache_db_conn>dm_cache: conn to db 1 ready.\n",
-                           "0 dm_cache_db_conn>rsync 1 connect[0].\n",
-                           "0 dm_cache_db_conn>dm_cache: conn to db 3 ready.\n",
-                           "2 dm_cache_subscribe>tq_mom_subscribe obj[21], fail ret=[-6].\n",
-                           "0 dm_cache_db_conn>rsync 3 connect[0].\n",
-                           "0 dm_cache_db_conn>dm_cache: conn to db 8 ready.\n",
-                           "0 dm_cache_db_conn>rsync 8 connect[0].\n"};
-    EXPECT_EQ(log.take(), at_threshold(GetParam(), lines));
-}
-
-INSTANTIATE_TEST_SUITE_P(Thresholds, StartLog, testing::Range(0, 4));

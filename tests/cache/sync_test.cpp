@@ -62,8 +62,6 @@ struct {
     std::string name;
 } armed;
 
-class SyncLog : public testing::TestWithParam<int> {};
-
 }  // namespace
 
 extern "C" {
@@ -76,106 +74,6 @@ int32_t __wrap_tq_thread_insert_timer(tq_thread_master *master, tq_thread_timer 
     return __real_tq_thread_insert_timer(master, timer, handler, arg, delay_ms, name);
 }
 }
-
-// The whole road, in the words that a person follows in the field.
-TEST_P(SyncLog, TellsTheRoadMessageByMessage) {
-    start({1, 17});
-    platform.become_ready();
-    LogCapture log(GetParam());
-    Strings lines;
-    const auto expect = [&lines](const Strings &more) { lines.insert(lines.end(), more.begin(), more.end()); };
-    const std::string notify =
-        text("0 dm_cache_user_cb_call>notify update obj[17][%p].\n", reinterpret_cast<void *>(note_change));
-    const std::string live = "0 dm_cache_mom_callback_func>step 5, g_cache_proc_done = 1\n";
-    const auto applied = [](int cmd) { return text("1 dm_cache_update_obj><==== cmd[%d] flag[0].\n", cmd); };
-    const std::string scanning = "1 dm_cache_mom_first_scan_data>all key rsync scan done. \n";
-    const std::string subscribed = "1 dm_cache_mom_start_scan>all key subscribe done. \n";
-    const std::string finished = "0 dm_cache_mom_start_scan>dm cache rsync subscribe finish.";
-
-    receive(17, SET, card(1, 1, 0));
-    receive_value(1, SUBSCRIBED, nullptr);
-    platform.answers = {{scan_card, -5}};
-    receive_value(17, SUBSCRIBED, nullptr);
-    platform.answers.clear();
-    receive_value(17, SUBSCRIBED, nullptr);
-    expect({"1 dm_cache_mom_callback_func>key[1] subscribe finish. \n",
-            "1 dm_cache_mom_callback_func>key[17] subscribe finish. \n", subscribed, finished,
-            "2 dm_cache_mom_first_scan_data>tq_mom_subscribe obj[17], fail ret=[-5].\n", scanning,
-            "1 dm_cache_mom_callback_func>key[17] subscribe finish. \n", subscribed, finished, scanning});
-
-    result_rec bad{};
-    bad.error = 3;
-    store_msg empty{};
-    const std::string invalid = text(">invalid value[%p, 3, (nil)].\n", static_cast<void *>(&bad));
-    receive_value(17, REPLY, &bad);
-    dm_cache_mom_cache(&empty, 17);
-    receive(17, REPLY, card(1, 3, 0));
-    receive_end(1);
-    receive_end(1);
-    receive_end(17);
-    expect({"2 dm_cache_mom_cache" + invalid, "0 dm_cache_mom_cache>====>ignore null pkg!",
-            "1 dm_cache_mom_callback_func>scan done[1] \n", "1 dm_cache_mom_callback_func>scan done[1] \n",
-            "1 dm_cache_mom_update_scan_over_list>all key scan done. \n",
-            "0 dm_cache_mom_update_scan_over_list>dp rsync scan finish.",
-            "1 dm_cache_mom_callback_func>scan done[17] \n", "1 dm_cache_process_msg><==== cmd[4] flag[0].\n", notify,
-            "0 dm_cache_clear_data_dirty>dm_cache_clear_data_dirty done\n",
-            "0 dm_cache_mom_process_cache>process cache, g_cache_proc_done = 1\n"});
-
-    receive(17, SET, card(1, 3, 0));
-    receive(17, DELETE, card(1, 4, 0));
-    for (const int cmd : {SET, DELETE, REPLY, OTHER}) receive_value(17, cmd, nullptr);
-    receive_value(17, REPLY_HASH, &bad);
-    const std::string null_value = "2 dm_cache_update_obj>msg value is NULL\r\n";
-    expect({live,
-            applied(1),
-            notify,
-            live,
-            applied(3),
-            "2 dm_cache_handle_delmsg>can't find obj in cache to delete ret[-1] get[(nil)].\r\n",
-            live,
-            applied(1),
-            null_value,
-            live,
-            applied(3),
-            null_value,
-            live,
-            applied(4),
-            "2 dm_cache_update_obj>invalid value[(nil)].\n",
-            live,
-            applied(28),
-            live,
-            applied(6),
-            "2 dm_cache_update_obj" + invalid});
-
-    obj_sub_list[17].flag = DM_CACHE_NO_STORE;
-    receive(17, SET, card(1, 5, 0));
-    receive(17, DELETE, card(1, 3, 0));
-    expect({live, applied(1), "2 dm_cache_handle_setmsg>dm_cache_list_add error[-1]\r\n", live, applied(3),
-            "1 dm_cache_handle_delmsg>this is no cache obj.\r\n", notify});
-
-    EXPECT_EQ(dm_cache_mom_callback_func(nullptr, &empty, &empty), -1);
-    EXPECT_EQ(receive_value(0, SET, nullptr), -1);
-    EXPECT_EQ(receive_value(17, SET, nullptr, 0, /*result=*/5), -1);
-    EXPECT_EQ(receive_value(39, SET, nullptr), -1);
-    receive(1, SET, complete());
-    expect(Strings(3, "2 dm_cache_mom_callback_func>global or msg or privdata is NULL \r\n"));
-    expect({"2 dm_cache_mom_callback_func>invalid privdata[39]\r\n", live,
-            "0 dm_cache_mom_callback_func>step 6, recive complete again\n", scanning});
-
-    platform.answers = {{"subscribe 1 p_dev.dp", -3}, {scan_card, -2}};
-    platform.lose_connection(1, 1);
-    const Request second = platform.subscriptions.back();
-    EXPECT_EQ(ScriptedPlatform::deliver(second, SUBSCRIBED, nullptr), 0);
-    platform.fire_timers();
-    EXPECT_EQ(ScriptedPlatform::deliver(second, SUBSCRIBED, nullptr, 0, /*result=*/1), -1);
-    EXPECT_EQ(second.callback(&platform.handle, &empty, reinterpret_cast<void *>(39)), -1);
-    expect({"2 dm_cache_tq_mom_subscribe>tq_mom_subscribe obj[1], fail ret=[-3].\n",
-            "2 dm_cache_tq_mom_scan_input_db_timer>dm_cache_tq_mom_scan_input_db obj[17], fail ret=[-2].\n",
-            "2 dm_cache_tq_mom_subscribe_callback>input err.\n", "2 dm_cache_tq_mom_subscribe_callback>index err.\n"});
-    EXPECT_EQ(log.take(), at_threshold(GetParam(), lines));
-}
-
-INSTANTIATE_TEST_SUITE_P(Thresholds, SyncLog, testing::Range(0, 4));
 
 // Every enabled kind and no other is asked for, in its own database; one refusal must not stop the others.
 TEST(Sync, SubscribesAndScansEveryEnabledRowInItsDatabase) {
