@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 
-.PHONY: run test asan tsan test-arm lint lint-quick docs simulate install clean
+.PHONY: run test asan tsan test-arm abi abi-update lint lint-quick docs simulate install clean
 .NOTPARALLEL:
 
 # The whole road on the example chassis: load, synchronise, tables, a live change arriving.
@@ -34,7 +34,17 @@ test-arm:
 	scripts/setup.sh build test --arm
 	cmake --preset arm
 	cmake --build build-arm -j$(JOBS)
+	scripts/library_size.py build-arm --strip arm-linux-gnueabihf-strip --limit
 	ctest --preset arm -j$(JOBS)
+
+# Both libraries on both machines, against the interface of the last version; abi-update describes a new one.
+abi abi-update:
+	scripts/setup.sh build test --arm abi
+	cmake --preset default
+	cmake --build build -j$(JOBS) --target tq_dm_cache
+	cmake --preset arm
+	cmake --build build-arm -j$(JOBS) --target tq_dm_cache
+	scripts/abi.sh $(if $(filter abi-update,$@),update)
 
 # The cache against a simulated store, seeds beyond those of the tests; each seed is a process of its own.
 RUNS ?= 20000

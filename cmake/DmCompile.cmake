@@ -19,4 +19,6 @@ if(DM_SANITIZE)
 else()
   # A sanitizer's own symbols are found at run time only.
   set(DM_NO_UNDEFINED -Wl,-z,defs)
+  # Everything is bound before the first instruction runs, then write-protected.
+  add_link_options(-Wl,-z,relro,-z,now)
 endif()

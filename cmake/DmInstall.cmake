@@ -6,8 +6,11 @@ set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-set_target_properties(tq_dm_cache tq_platform PROPERTIES INSTALL_RPATH "$ORIGIN")
-install(TARGETS tq_dm_cache tq_platform LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+if(NOT DM_PLATFORM_LIBRARY)
+  set(DM_BUNDLED tq_platform)
+endif()
+set_target_properties(tq_dm_cache ${DM_BUNDLED} PROPERTIES INSTALL_RPATH "$ORIGIN")
+install(TARGETS tq_dm_cache ${DM_BUNDLED} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 if(TARGET dmq)
   set_target_properties(dmq PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
   install(TARGETS dmq RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
@@ -21,6 +24,7 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/schema/
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/tq_dm_cache)
 # Relative to where the file is found, so that --prefix and DESTDIR may move the whole.
 file(RELATIVE_PATH DM_PC_TO_INCLUDE /${CMAKE_INSTALL_LIBDIR}/pkgconfig /${CMAKE_INSTALL_INCLUDEDIR})
+string(REGEX REPLACE "^(.)" "-l\\1" DM_PC_PLATFORM "${DM_BUNDLED}")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/tq_dm_cache.pc.in tq_dm_cache.pc @ONLY)
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/tq_dm_cacheConfig.cmake.in tq_dm_cacheConfig.cmake
   INSTALL_DESTINATION ${package_dir} PATH_VARS CMAKE_INSTALL_LIBDIR CMAKE_INSTALL_INCLUDEDIR)

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Installs what the project needs from Debian 12. Asks dpkg first: with nothing missing it needs no rights and no network.
-#   scripts/setup.sh [build|test|lint|--arm]...     (default: build test)
+#   scripts/setup.sh [build|test|lint|abi|--arm]...     (default: build test)
 # --arm: a compiler and an emulator for 32-bit ARM, and in build-arm-root/ the libraries of that machine, unpacked. They are
 # fetched with lists of their own: the machine itself learns no other architecture.
 # 0: everything is there.  1: the installation failed.  2: something is missing and this user may not install it.
@@ -12,8 +12,9 @@ packages() {
             libpugixml-dev libcli11-dev nlohmann-json3-dev ;;
         test) echo libgtest-dev ;;
         lint) echo clang-14 clang-tidy-14 clang-format-14 ;;
+        abi) echo abigail-tools ;;
         --arm) echo g++-arm-linux-gnueabihf qemu-user-static ;;
-        *) echo "setup.sh: no set '$1'; the sets are build, test, lint and --arm" >&2; return 1 ;;
+        *) echo "setup.sh: no set '$1'; the sets are build, test, lint, abi and --arm" >&2; return 1 ;;
     esac
 }
 

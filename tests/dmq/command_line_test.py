@@ -121,7 +121,7 @@ class CommandLine(unittest.TestCase):
 
     # A row that holds the whole machine back must be named, else nobody knows where to look.
     def test_sync_names_the_row_that_holds_back(self):
-        done = dmq("--load", CHASSIS, lines=["store lose 1", "sync --timeout 0.2 --json", "store disconnect",
+        done = dmq("--load", CHASSIS, lines=["store lose 1", "sync --timeout 1 --json", "store disconnect",
                                              "store reconnect", "sync --json"])
         first, last = [json.loads(line) for line in done.stdout.split("\n") if line.startswith("[")]
         self.assertEqual(done.returncode, 4)
@@ -178,7 +178,7 @@ class CommandLine(unittest.TestCase):
     def test_watch(self):
         done = dmq("--load", CHASSIS, lines=["watch card_info --json &", "set card_info devid=1 slotid=1 port_num=47",
                                              "set card_info devid=1 slotid=1 port_num=47", "get nonsense",
-                                             "store restart empty", "store reconnect", "watch --for 0.05", "# end"])
+                                             "store restart empty", "store reconnect", "watch --for 0.5", "# end"])
         told = [json.loads(line) for line in done.stdout.split("\n") if line.startswith("{")]
         self.assertEqual(told[0]["changes"], {"port_num": {"old": 48, "new": 47}})
         self.assertEqual([line["event"] for line in told[1:]], ["lost", "back"] + ["deleted"] * 20 + ["resynchronised"])

@@ -35,6 +35,6 @@ check 'sudo without a password is used' 0 '^sudo$' ABSENT=clang-14 SUDO=yes sh "
 check 'the other machine comes by its name' 2 '--no-remove qemu-user-static$' ABSENT=qemu-user-static sh "$setup" --arm
 untouched 'nothing is fetched for it without its tools'
 check 'a failing installation is a failure' 1 'could not install: cmake' ABSENT=cmake INSTALL=100 USER_ID=0 sh "$setup"
-check 'an unknown set' 1 'build, test, lint and --arm' ABSENT=cmake USER_ID=0 sh "$setup" tests
+check 'an unknown set' 1 'no set .tests.; the sets are build,' ABSENT=cmake USER_ID=0 sh "$setup" tests
 untouched 'an unknown set installs nothing'
 exit $failed
