@@ -17,8 +17,9 @@ namespace {
 }
 
 std::string quoted(const Json &value) {
-    const std::string text = value.dump(-1, ' ', /*ensure_ascii=*/true, Json::error_handler_t::replace);
-    return text.size() <= 60 ? text : text.substr(0, 57) + "...";
+    std::string text = value.dump(-1, ' ', /*ensure_ascii=*/true, Json::error_handler_t::replace);
+    if (text.size() > 60) text.replace(57, std::string::npos, "...");
+    return text;
 }
 
 template <class T> T &at(const ProtobufCMessage &message, unsigned offset) {
