@@ -40,7 +40,7 @@ std::vector<Listener> affected(const Request &request, const Changed &event) {
 std::unique_ptr<Client> Client::open(const char *url, int32_t &error) {
     std::unique_ptr<Client> client(new Client);
     client->handle_ = {client.get(), &client->loop_};
-    client->store_ = open_store(url, *client, error);
+    client->store_ = open_store(url, *client, client->loop_, error);
     return client->store_ ? std::move(client) : nullptr;
 }
 
@@ -87,7 +87,8 @@ void Client::subscribe(Request request) {
     if (found == subscriptions_.end()) {
         found = subscriptions_.insert(found, std::make_shared<Request>(std::move(request)));
     }
-    store_->follow((*found)->place, *found);
+    const Request &kept = **found;
+    store_->follow(kept.place, kept.fields.empty() ? nullptr : &kept.key, *found);
     (*found)->owed++;
 }
 

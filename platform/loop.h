@@ -35,6 +35,7 @@ public:
     tq_thread_master &operator=(const tq_thread_master &) = delete;
 
     void post(tq::Task task);
+    event_base *base() const { return base_.get(); }  // for events of one's own
     bool on_own_thread() const { return std::this_thread::get_id() == thread_.get_id(); }
 
     // Sees to it that the loop looks at its timers at that time, instead of what it was told before.

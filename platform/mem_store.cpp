@@ -102,7 +102,7 @@ bool MemClient::up() const {
     return up_;
 }
 
-void MemClient::follow(const Place &place, const Ticket &ticket) {
+void MemClient::follow(const Place &place, const std::string *, const Ticket &ticket) {
     const std::lock_guard lock(store_.mutex);
     auto &followers = store_.kinds[place].followers;
     if (std::none_of(followers.begin(), followers.end(), [&](const Follower &f) { return f.ticket == ticket; })) {

@@ -19,7 +19,7 @@ public:
 
     bool up() const override;
     int32_t rescan_delay_ms() const override { return 10; }
-    void follow(const Place &place, const Ticket &ticket) override;
+    void follow(const Place &place, const std::string *key, const Ticket &ticket) override;
     void scan(const Place &place, const Ticket &ticket) override;
     int32_t read(const Place &place, const std::string &key, ObjectPtr &object) override;
     int32_t read_all(const Place &place, std::vector<ObjectPtr> &objects) override;

@@ -8,7 +8,7 @@
 
 namespace tq {
 
-std::unique_ptr<Store> open_store(const std::string &url, Sink &sink, int32_t &error) {
+std::unique_ptr<Store> open_store(const std::string &url, Sink &sink, Loop &, int32_t &error) {
     const std::string mem = "mem:";
     if (url.starts_with(mem)) return std::make_unique<MemClient>(mem_store(url.substr(mem.size())), sink);
 

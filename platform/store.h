@@ -19,6 +19,8 @@
 #include <variant>
 #include <vector>
 
+#include "platform/loop.h"
+
 namespace tq {
 
 // One object as a store holds it. Never changed once made: events and scans share it.
@@ -43,6 +45,7 @@ struct Confirmed {
     Ticket ticket;
 };
 
+// Whoever follows a whole place may be told less of what was: no `before` of a set, only the key of a deleted object.
 struct Changed {
     Ticket ticket;
     ObjectPtr before;  // null: the object is new
@@ -72,20 +75,22 @@ public:
     virtual bool up() const = 0;
     virtual int32_t rescan_delay_ms() const = 0;
 
-    // Repeating it for the same ticket only confirms again. While the connection is lost it is noted, not confirmed.
-    virtual void follow(const Place &place, const Ticket &ticket) = 0;
+    // Every change of a place; of one object only, when its key is given, though others may be told, too. Repeating it for
+    // the same ticket only confirms again. While the connection is lost it is noted, not confirmed.
+    virtual void follow(const Place &place, const std::string *key, const Ticket &ticket) = 0;
     // A scan asked for while the connection is lost is lost.
     virtual void scan(const Place &place, const Ticket &ticket) = 0;
 
-    // 0, TQ_MOM_E_UNREACHABLE, or, for one object, TQ_MOM_E_NOT_FOUND.
+    // 0, TQ_MOM_E_UNREACHABLE, TQ_MOM_E_REFUSED, or, for one object, TQ_MOM_E_NOT_FOUND.
     virtual int32_t read(const Place &place, const std::string &key, ObjectPtr &object) = 0;
     virtual int32_t read_all(const Place &place, std::vector<ObjectPtr> &objects) = 0;
     virtual int32_t write(const Place &place, Object object) = 0;
     virtual int32_t erase(const Place &place, const std::string &key) = 0;
 };
 
-// Opens the store that a URL names. Null, after one line on standard error: see `error`.
-std::unique_ptr<Store> open_store(const std::string &url, Sink &sink, int32_t &error);
+// Opens the store that a URL names, for a client with that loop. Null, after one line on standard error: see `error`; the
+// loop may have been stopped.
+std::unique_ptr<Store> open_store(const std::string &url, Sink &sink, Loop &loop, int32_t &error);
 
 }  // namespace tq
 
