@@ -4,6 +4,7 @@
 #include "platform/guard.h"
 #include "platform/mem_store.h"
 #include "platform/message.h"
+#include "platform/redis_url.h"
 
 using namespace tq;
 
@@ -25,6 +26,15 @@ int32_t tq_mom_client_open(const char *url, tq_mom_handle **handle) {
         auto client = Client::open(url, error);
         if (client) *handle = client.release()->handle();
         return error;
+    });
+}
+
+int32_t tq_mom_url_without_secret(const char *url, char *text, uint32_t size) {
+    if (!url || !text || size == 0) return TQ_MOM_E_ARGUMENT;
+    return guarded([&] {
+        const std::string shown = url_without_secret(url);
+        text[shown.copy(text, size - 1)] = '\0';
+        return 0;
     });
 }
 

@@ -9,8 +9,8 @@ set -eu
 packages() {
     case $1 in
         build) echo g++ cmake ninja-build pkg-config python3 protobuf-c-compiler libprotobuf-c-dev libevent-dev \
-            libpugixml-dev libcli11-dev nlohmann-json3-dev ;;
-        test) echo libgtest-dev ;;
+            libhiredis-dev libpugixml-dev libcli11-dev nlohmann-json3-dev ;;
+        test) echo libgtest-dev redis-server ;;
         lint) echo clang-14 clang-tidy-14 clang-format-14 ;;
         abi) echo abigail-tools ;;
         --arm) echo g++-arm-linux-gnueabihf qemu-user-static ;;
@@ -19,7 +19,7 @@ packages() {
 }
 
 arm_packages="libprotobuf-c-dev libprotobuf-c1 libevent-dev libevent-2.1-7 libevent-core-2.1-7 libevent-pthreads-2.1-7
-libpugixml-dev libpugixml1v5 libcli11-dev nlohmann-json3-dev libgtest-dev"
+libhiredis-dev libhiredis0.14 libpugixml-dev libpugixml1v5 libcli11-dev nlohmann-json3-dev libgtest-dev"
 
 unpack_arm_root() {
     root=$(cd "$(dirname "$0")/.." && pwd)/build-arm-root

@@ -8,6 +8,13 @@
  * Store URLs:
  *   mem:        the embedded store of this process; it lives as long as the process
  *   mem:NAME    another one, shared by every handle that gives the same name
+ *   redis://[USER[:PASSWORD]@]HOST[:PORT]         a Redis server (7.0 or later), shared by every process that reaches it;
+ *   redis+unix://[USER[:PASSWORD]@]/PATH          the port is 6379 unless given; %XX stands for any other character
+ *   both with ?probe=MS                           how long the server may be silent, 100 to 600000, else 5000
+ *
+ * A user or password that the URL does not give is taken from the environment, TQ_STORE_USER and TQ_STORE_PASSWORD: a
+ * command line and its URL can be read by other users of the machine. No message of the library shows a password. HOST is
+ * looked up at every attempt to connect, on the loop's thread: an address, or a name of /etc/hosts, costs no wait.
  *
  * Unless a function says otherwise: any thread may call it, and it returns 0 or a TQ_MOM_E_* code. Only
  * tq_mom_client_open() also says on standard error what was wrong.
@@ -25,6 +32,22 @@
  *     A push goes to the callback and word of each field that changed, once to each different pair, and carries the whole
  *     object; an object that appears or is deleted changes all of its fields.
  *   - A timer that is armed already is moved. tq_thread_cancel() does not wait for a handler that is running.
+ *
+ * A client of a Redis server takes its connection for lost when
+ *   - the server closes it: it ends, it restarts, or it cuts off a client that does not read what it is sent
+ *     (client-output-buffer-limit);
+ *   - nothing has come for the probe time, though the client asks for an echo five times in it: frozen server, cut cable;
+ *   - the server is no master, or a request of the client's own or a value pushed to it is answered by an error or by
+ *     bytes that mean nothing: what was missed would be missed in silence.
+ * A synchronous call that waits then fails with TQ_MOM_E_UNREACHABLE; it may or may not have been carried out. It waits
+ * no longer than the probe time. The client tries to connect again, first within 40 ms, then less and less often, at
+ * most every 500 ms; a server that refuses it, that is still loading, or that is no master is tried again. The reason
+ * stands on standard error, once. Reason 1: the same run of the same server, master all the while; 2: any other. What the
+ * server restarted with does not matter: whoever scans again after the reconnect has what it has now.
+ * A write or read that the server refuses fails with TQ_MOM_E_REFUSED and one line on standard error; READONLY is also a
+ * lost connection.
+ * Redis permissions that a client needs: keys dm:*, channels dm:*, and the commands auth, eval, hget, hgetall, hscan, hset,
+ * hdel, info, ping, publish, pubsub, role, subscribe.
  */
 
 #include "tq_platform.h"
@@ -40,11 +63,19 @@ enum {
     TQ_MOM_E_UNREACHABLE = -4, /* the store does not answer */
     TQ_MOM_E_NOT_FOUND = -5,   /* no such object */
     TQ_MOM_E_DAMAGED = -6,     /* bytes that are not what they should be */
-    TQ_MOM_E_TIMEOUT = -7
+    TQ_MOM_E_TIMEOUT = -7,
+    TQ_MOM_E_DENIED = -8, /* the store refuses the credentials */
+    TQ_MOM_E_REFUSED = -9 /* the store refuses a request: out of memory, read-only, no permission */
 };
 
-/* Opens a client and starts its event-loop thread. */
+/*
+ * Opens a client and starts its event-loop thread. A Redis server must answer: TQ_MOM_E_UNREACHABLE, or TQ_MOM_E_DENIED when
+ * it refuses the credentials.
+ */
 DM_API int32_t tq_mom_client_open(const char *url, tq_mom_handle **handle);
+
+/* Writes a store's URL as it may be shown: without its password. Cut off at `size`, the null byte included. */
+DM_API int32_t tq_mom_url_without_secret(const char *url, char *text, uint32_t size);
 
 /*
  * Ends the loop, waits for a callback that is running, disarms its timers and frees the handle; what was still to be

@@ -1,0 +1,310 @@
+// A store on a Redis server. mutex_ guards who follows what, what is owed and what is under way; the sink and the link
+// are told under it, the feed's own news never is: the feed may answer at once with a loss.
+#include "platform/redis_store.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <utility>
+
+#include "tq_dm_cache/tq_platform_bundled.h"
+
+namespace tq {
+
+namespace {
+
+constexpr int echoes_without_answer = 5;
+constexpr int32_t shortest_rescan_ms = 10, rescan_spread_ms = 500;
+
+ObjectPtr object(std::string_view key, std::string_view bytes) {
+    return std::make_shared<const Object>(Object{std::string(key), std::string(bytes)});
+}
+
+}  // namespace
+
+RedisStore::RedisStore(const RedisUrl &url, Sink &sink, Loop &loop)
+    : url_(url), sink_(sink), loop_(loop), link_(url_), feed_(url_, loop, *this) {}
+
+std::unique_ptr<Store> RedisStore::open(const RedisUrl &url, Sink &sink, Loop &loop, int32_t &error) {
+    std::unique_ptr<RedisStore> store(new RedisStore(url, sink, loop));
+    error = store->start();
+    if (error == 0) return store;
+    loop.stop();
+    return nullptr;
+}
+
+// The feed says itself what keeps it from coming up, and never keeps silent for good.
+int32_t RedisStore::start() {
+    std::string fault;
+    if (const int32_t error = link_.open(fault)) {
+        std::fprintf(stderr, "tq_platform: store %s: %s\n", url_.shown.c_str(), fault.c_str());
+        return error;
+    }
+    feed_.begin();
+    return started_.get_future().get() ? 0 : TQ_MOM_E_UNREACHABLE;
+}
+
+bool RedisStore::up() const {
+    const std::lock_guard lock(mutex_);
+    return phase_ == Phase::up;
+}
+
+// Following
+
+void RedisStore::follow(const Place &place, const std::string *key, const Ticket &ticket) {
+    const std::lock_guard lock(mutex_);
+    auto &followers = channels_[key ? channel_of(place, *key) : hash_of(place)].followers;
+    if (std::find(followers.begin(), followers.end(), ticket) == followers.end()) followers.push_back(ticket);
+    if (phase_ != Phase::up) return;
+    to_confirm_[++asked_] = ticket;
+    loop_.post([this] { send_follows(); });
+}
+
+// One ping each, so that a confirmation that goes missing is that of its own subscription.
+void RedisStore::send_follows() {
+    {
+        const std::lock_guard lock(mutex_);
+        if (phase_ != Phase::up) return;
+        subscribe_rest();
+        while (pinged_ < asked_) feed_.ping(++pinged_);
+    }
+    feed_.send();
+}
+
+bool RedisStore::subscribe_rest() {
+    bool any = false;
+    for (auto &[name, channel] : channels_) {
+        if (channel.subscribed) continue;
+        feed_.subscribe(name);
+        any = channel.subscribed = true;
+    }
+    return any;
+}
+
+void RedisStore::subscribe_all() {
+    const std::lock_guard lock(mutex_);
+    phase_ = Phase::restoring;
+    for (auto &[name, channel] : channels_) channel.subscribed = false;
+    feed_.subscribe(private_channel_);
+    subscribe_rest();
+    feed_.ping(pinged_ = ++asked_);
+}
+
+void RedisStore::answered(uint64_t ping) {
+    {
+        const std::lock_guard lock(mutex_);
+        answered_ = ping;
+        echoes_ = 0;
+        if (phase_ == Phase::up) {
+            const auto found = to_confirm_.find(ping);
+            if (found != to_confirm_.end()) sink_.post(Confirmed{found->second});
+            to_confirm_.erase(to_confirm_.begin(), to_confirm_.upper_bound(ping));
+            return ask_page();
+        }
+        if (phase_ == Phase::lost) return;
+    }
+    establish();
+}
+
+// Everything that was followed when it connected is followed again; what came since is asked for now. The client gives
+// the confirmations that are owed.
+void RedisStore::establish() {
+    std::string fault;
+    if (!starting_ && link_.open(fault) != 0) return feed_.drop(fault);
+    rescan_delay_ms_ = shortest_rescan_ms + std::uniform_int_distribution<int32_t>(0, rescan_spread_ms)(random_);
+    const int32_t reason = feed_.establish();
+    {
+        const std::lock_guard lock(mutex_);
+        phase_ = Phase::up;
+        connection_++;
+        refusal_.clear();
+        if (subscribe_rest()) feed_.ping(pinged_ = ++asked_);
+        if (!starting_) sink_.connected(reason);
+    }
+    feed_.send();
+    if (std::exchange(starting_, false)) started_.set_value(true);
+}
+
+// Losing
+
+void RedisStore::lost() {
+    {
+        const std::lock_guard lock(mutex_);
+        cut_off();
+    }
+    link_.shut();
+    if (std::exchange(starting_, false)) started_.set_value(false);
+}
+
+void RedisStore::cut_off() {
+    if (phase_ == Phase::up) sink_.lost();
+    phase_ = Phase::lost;
+    to_confirm_.clear();
+    scans_.clear();
+    page_asked_ = false;
+}
+
+// A caller has found out before the loop has: from now on nothing of this connection is told.
+void RedisStore::lost_by_call(uint64_t connection, bool demoted) {
+    {
+        const std::lock_guard lock(mutex_);
+        if (phase_ != Phase::up || connection != connection_) return;
+        cut_off();
+    }
+    loop_.post([this, connection, demoted] {
+        {
+            const std::lock_guard lock(mutex_);
+            if (phase_ != Phase::lost || connection != connection_) return;
+        }
+        if (demoted) feed_.distrust();
+        feed_.drop(demoted ? "the server is no master any more" : link_.collect());
+    });
+}
+
+// What a server asks itself shows that both connections work, and that it is still the master.
+void RedisStore::tick() {
+    link_.post({"EVAL", echo_script, "0", private_channel_});
+    const std::string fault = link_.collect();
+    if (!fault.empty()) feed_.drop(fault);
+}
+
+// Hearing
+
+void RedisStore::heard(std::string_view channel, std::string_view bytes) {
+    if (!parse_frame(bytes, frame_)) return feed_.drop("what came by " + std::string(channel) + " is damaged");
+    bool known = false;
+    {
+        const std::lock_guard lock(mutex_);
+        if (phase_ != Phase::up) return;
+        known = take(channel);
+    }
+    if (!known) return feed_.drop("what came by " + std::string(channel) + " does not belong there");
+    if (frame_.letter != 'E') return;
+    if (echoes_ > echoes_without_answer) return feed_.drop("the server leaves a request without an answer");
+    if (frame_.strings[0] == "master") return;
+    feed_.distrust();
+    feed_.drop("the server is no master any more");
+}
+
+bool RedisStore::take(std::string_view channel) {
+    const bool own = frame_.letter == 'P' || frame_.letter == 'E';
+    if (own != (channel == private_channel_)) return false;
+    if (frame_.letter == 'P') {
+        take_page();
+    } else if (frame_.letter == 'E') {
+        const bool owed = page_asked_ || answered_ != asked_;
+        echoes_ = owed ? echoes_ + 1 : 0;
+    } else if (const auto found = channels_.find(channel); found != channels_.end()) {
+        take_change(found->second);
+    }
+    return true;
+}
+
+void RedisStore::take_change(const Channel &channel) {
+    const auto &strings = frame_.strings;
+    Changed change;
+    if (frame_.letter == 'D') change.before = object(strings[0], "");
+    if (frame_.letter == 'C') change.before = object(strings[0], strings[2]);
+    if (frame_.letter != 'D') change.after = object(strings[0], strings[1]);
+    for (const Ticket &ticket : channel.followers) {
+        change.ticket = ticket;
+        sink_.post(change);
+    }
+}
+
+// Scanning
+
+// The first page is asked for here, if it can be: before anything that this thread asks for later.
+void RedisStore::scan(const Place &place, const Ticket &ticket) {
+    const std::lock_guard lock(mutex_);
+    if (phase_ != Phase::up) return;
+    scans_.push_back({++scans_so_far_, hash_of(place), ticket});
+    ask_page();
+}
+
+// One at a time, and none while a subscription may not be in force yet: a scan must not be older than the first change
+// that is pushed.
+void RedisStore::ask_page() {
+    if (scans_.empty() || page_asked_ || answered_ != asked_) return;
+    const Scan &scan = scans_.front();
+    page_asked_ = true;
+    echoes_ = 0;
+    link_.post({"EVAL", page_script, "1", scan.hash, private_channel_, std::to_string(scan.number), scan.cursor});
+}
+
+// A page of a scan that a lost connection has cut off may still come.
+void RedisStore::take_page() {
+    const auto &strings = frame_.strings;
+    if (scans_.empty() || strings[0] != std::to_string(scans_.front().number)) return;
+    Scan &scan = scans_.front();
+    scan.cursor = strings[1];
+    Page page{scan.ticket, {}, scan.cursor == "0"};
+    page.objects.reserve(strings.size() / 2 - 1);
+    for (size_t i = 2; i < strings.size(); i += 2) page.objects.push_back(object(strings[i], strings[i + 1]));
+    if (page.last) scans_.pop_front();
+    sink_.post(std::move(page));
+    page_asked_ = false;
+    ask_page();
+}
+
+// Commanding
+
+int32_t RedisStore::command(const Words &words, Reply &reply) {
+    uint64_t connection = 0;
+    {
+        const std::lock_guard lock(mutex_);
+        if (phase_ != Phase::up) return TQ_MOM_E_UNREACHABLE;
+        connection = connection_;
+    }
+    reply = link_.call(words);
+    if (!reply) {
+        lost_by_call(connection, /*demoted=*/false);
+        return TQ_MOM_E_UNREACHABLE;
+    }
+    return is_error(*reply) ? refused(text_of(*reply), connection) : 0;
+}
+
+int32_t RedisStore::refused(std::string_view error, uint64_t connection) {
+    const std::string_view word = error.substr(0, error.find(' '));
+    {
+        const std::lock_guard lock(mutex_);
+        if (refusal_ != word) {
+            refusal_ = word;
+            std::fprintf(stderr, "tq_platform: store %s: refused: %.*s\n", url_.shown.c_str(),
+                         static_cast<int>(error.size()), error.data());
+        }
+    }
+    if (word == "READONLY") lost_by_call(connection, /*demoted=*/true);
+    return TQ_MOM_E_REFUSED;
+}
+
+int32_t RedisStore::read(const Place &place, const std::string &key, ObjectPtr &found) {
+    Reply reply;
+    if (const int32_t error = command({"HGET", hash_of(place), key}, reply)) return error;
+    if (reply->type != REDIS_REPLY_STRING) return TQ_MOM_E_NOT_FOUND;
+    found = object(key, text_of(*reply));
+    return 0;
+}
+
+int32_t RedisStore::read_all(const Place &place, std::vector<ObjectPtr> &objects) {
+    Reply reply;
+    if (const int32_t error = command({"HGETALL", hash_of(place)}, reply)) return error;
+    for (size_t i = 0; i + 1 < reply->elements; i += 2) {
+        objects.push_back(object(text_of(*reply->element[i]), text_of(*reply->element[i + 1])));
+    }
+    return 0;
+}
+
+int32_t RedisStore::write(const Place &place, Object object) {
+    Reply reply;
+    return command({"EVAL", write_script, "1", hash_of(place), object.key, object.bytes, channel_of(place, object.key)},
+                   reply);
+}
+
+int32_t RedisStore::erase(const Place &place, const std::string &key) {
+    Reply reply;
+    if (const int32_t error = command({"EVAL", erase_script, "1", hash_of(place), key, channel_of(place, key)}, reply))
+        return error;
+    return reply->integer == 1 ? 0 : TQ_MOM_E_NOT_FOUND;
+}
+
+}  // namespace tq

@@ -1,0 +1,102 @@
+// A store on a Redis server, shared by every process that reaches it. One object is one client: it hears on one
+// connection (the feed) and commands on another (the link).
+#ifndef TQ_PLATFORM_REDIS_STORE_H
+#define TQ_PLATFORM_REDIS_STORE_H
+
+#include <atomic>
+#include <deque>
+#include <future>
+#include <map>
+#include <mutex>
+#include <random>
+
+#include "platform/redis_feed.h"
+#include "platform/redis_link.h"
+#include "platform/redis_wire.h"
+#include "platform/store.h"
+
+namespace tq {
+
+class RedisStore final : public Store, private FeedOwner {
+public:
+    // Connects. Null, after one line on standard error, and the loop has been stopped: see `error`.
+    static std::unique_ptr<Store> open(const RedisUrl &url, Sink &sink, Loop &loop, int32_t &error);
+
+    bool up() const override;
+    int32_t rescan_delay_ms() const override { return rescan_delay_ms_; }
+    void follow(const Place &place, const std::string *key, const Ticket &ticket) override;
+    void scan(const Place &place, const Ticket &ticket) override;
+    int32_t read(const Place &place, const std::string &key, ObjectPtr &object) override;
+    int32_t read_all(const Place &place, std::vector<ObjectPtr> &objects) override;
+    int32_t write(const Place &place, Object object) override;
+    int32_t erase(const Place &place, const std::string &key) override;
+
+private:
+    struct Channel {
+        std::vector<Ticket> followers;
+        bool subscribed = false;  // asked for on this connection
+    };
+    struct Scan {
+        uint64_t number;
+        std::string hash;
+        Ticket ticket;
+        std::string cursor = "0";
+    };
+
+    enum class Phase { lost, restoring, up };
+
+    RedisStore(const RedisUrl &url, Sink &sink, Loop &loop);
+    int32_t start();
+
+    // The feed's news, on the loop's thread.
+    void subscribe_all() override;
+    void heard(std::string_view channel, std::string_view bytes) override;
+    void answered(uint64_t ping) override;
+    void tick() override;
+    void lost() override;
+    void establish();
+    void send_follows();
+
+    // With the lock held.
+    bool take(std::string_view channel);  // the frame; false: it does not belong there
+    void take_change(const Channel &channel);
+    void take_page();
+    bool subscribe_rest();
+    void ask_page();
+    void cut_off();
+
+    // On any thread.
+    int32_t command(const Words &words, Reply &reply);
+    int32_t refused(std::string_view error, uint64_t connection);
+    void lost_by_call(uint64_t connection, bool demoted);
+
+    const RedisUrl url_;
+    Sink &sink_;
+    Loop &loop_;
+    const std::string private_channel_ = new_private_channel();
+    RedisLink link_;
+    std::promise<bool> started_;
+    std::atomic<int32_t> rescan_delay_ms_ = 10;
+
+    // The loop's thread only.
+    RedisFeed feed_;
+    Frame frame_;
+    bool starting_ = true;
+    std::mt19937 random_{std::random_device{}()};
+
+    mutable std::mutex mutex_;  // guards what follows; taken after the client's lock, before the link's and the loop's
+    Phase phase_ = Phase::lost;
+    uint64_t connection_ = 0;  // how often it has been up
+    std::map<std::string, Channel, std::less<>> channels_;
+    uint64_t asked_ = 0, pinged_ = 0, answered_ = 0;  // the last ping due, sent, answered
+    std::map<uint64_t, Ticket> to_confirm_;           // by the ping whose answer confirms it
+    std::deque<Scan> scans_;                          // the first one is under way
+    uint64_t scans_so_far_ = 0;
+    bool page_asked_ = false;
+    int echoes_ = 0;       // heard since a page or an answer to a ping is owed
+    std::string refusal_;  // the last one on standard error
+};
+
+}  // namespace tq
+
+#endif

@@ -1,0 +1,70 @@
+// Names and frames of a store on a Redis server. No state, no lock.
+#include "platform/redis_wire.h"
+
+#include <cstdio>
+#include <random>
+
+namespace tq {
+
+namespace {
+
+constexpr size_t length_size = 4;
+
+bool take_string(std::string_view &bytes, std::string_view &string) {
+    if (bytes.size() < length_size) return false;
+    size_t length = 0;
+    for (size_t i = 0; i < length_size; i++) length = length << 8 | static_cast<uint8_t>(bytes[i]);
+    bytes.remove_prefix(length_size);
+    if (length > bytes.size()) return false;
+    string = bytes.substr(0, length);
+    bytes.remove_prefix(length);
+    return true;
+}
+
+bool right_number(char letter, size_t strings) {
+    switch (letter) {
+        case 'S':
+            return strings == 2;
+        case 'C':
+            return strings == 3;
+        case 'D':
+        case 'E':
+            return strings == 1;
+        case 'P':
+            return strings >= 2 && strings % 2 == 0;
+        default:
+            return false;
+    }
+}
+
+}  // namespace
+
+std::string hash_of(const Place &place) {
+    return "dm:" + std::to_string(place.db) + ":" + place.kind;
+}
+
+std::string channel_of(const Place &place, const std::string &key) {
+    return hash_of(place) + "/" + key;
+}
+
+std::string new_private_channel() {
+    std::random_device random;
+    char id[33];
+    std::snprintf(id, sizeof id, "%08x%08x%08x%08x", random(), random(), random(), random());
+    return std::string("dm:client:") + id;
+}
+
+bool parse_frame(std::string_view bytes, Frame &frame) {
+    if (bytes.empty()) return false;
+    frame.letter = bytes.front();
+    frame.strings.clear();
+    bytes.remove_prefix(1);
+    while (!bytes.empty()) {
+        std::string_view string;
+        if (!take_string(bytes, string)) return false;
+        frame.strings.push_back(string);
+    }
+    return right_number(frame.letter, frame.strings.size());
+}
+
+}  // namespace tq
