@@ -42,7 +42,8 @@ std::vector<StoreUnderTest> stores_under_test() {
     };
     return {{"mem",
              new_mem,
-             {tq_mem_disconnect, tq_mem_reconnect, tq_mem_restart, tq_mem_lose_confirmations, tq_mem_put_bytes}}};
+             {tq_mem_disconnect, tq_mem_reconnect, tq_mem_restart, tq_mem_lose_confirmations, tq_mem_put_bytes}},
+            redis_under_test()};
 }
 
 std::string store_name(const testing::TestParamInfo<StoreUnderTest> &store) {
@@ -75,12 +76,15 @@ std::string describe(const store_msg &msg) {
 }
 
 RecordingClient::RecordingClient(const std::string &url) {
-    if (tq_mom_client_open(url.c_str(), &handle_) != 0) throw std::runtime_error(url);
+    const bool mem = url.starts_with("mem:");
+    const int32_t error = mem ? tq_mom_client_open(url.c_str(), &handle_) : open_by_proxy(url, &handle_);
+    if (error != 0) throw std::runtime_error(url);
 }
 
 void RecordingClient::close() {
     if (!handle_) return;
     EXPECT_EQ(tq_mom_client_close(handle_), 0);
+    close_proxy(handle_);
     handle_ = nullptr;
 }
 

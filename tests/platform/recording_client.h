@@ -34,6 +34,9 @@ inline void PrintTo(const StoreUnderTest &store, std::ostream *out) {
 }
 
 std::vector<StoreUnderTest> stores_under_test();
+StoreUnderTest redis_under_test();
+int32_t open_by_proxy(const std::string &url, tq_mom_handle **handle);
+void close_proxy(tq_mom_handle *handle);
 std::string store_name(const testing::TestParamInfo<StoreUnderTest> &store);
 
 using Lines = std::vector<std::string>;

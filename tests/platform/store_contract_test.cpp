@@ -144,6 +144,7 @@ TEST_P(StoreContract, AScanCutOffEndsByTheReconnect) {
 // One faulty writer must neither crash the readers nor hide its object, nor the objects beside it.
 TEST_P(StoreContract, DamagedBytesAreReportedAndCounted) {
     reader.subscribe("sub");
+    ASSERT_TRUE(reader.wait("sub: confirmed"));
     writer.set(1, 1);
     put_bytes(2, "\xff\xff\xff");
     put_bytes(3, packed(card_of_type(1, 9).get()));  // another object's

@@ -1,0 +1,71 @@
+#ifndef TQ_DM_TESTS_REDIS_SERVER_H
+#define TQ_DM_TESTS_REDIS_SERVER_H
+
+// A Redis server of the tests' own, on a unix socket in a temporary folder, and the road of one client to it, which can be
+// cut. A server ends with the test program, however that ends.
+
+#include <atomic>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+class RedisServer {
+public:
+    explicit RedisServer(const std::vector<std::string> &options = {});
+    ~RedisServer();
+    RedisServer(const RedisServer &) = delete;
+    RedisServer &operator=(const RedisServer &) = delete;
+
+    std::string socket() const { return folder_ + "/redis.sock"; }
+    std::string url() const { return "redis+unix://" + socket(); }
+
+    void start();              // with the content that was saved last
+    void kill();               // without saving
+    void freeze(bool frozen);  // SIGSTOP, SIGCONT
+    void restart(bool keep);   // with its content, or empty
+
+    // One command of words; the answer as text, lists in brackets, errors too. Binary words are fine.
+    std::string command(const std::vector<std::string> &words, const std::string &password = "") const;
+
+private:
+    void remove_content() const;
+
+    std::string folder_;
+    std::vector<std::string> options_;
+    int pid_ = 0;
+};
+
+// Between one client and its server.
+class Proxy {
+public:
+    Proxy(const std::string &listen_at, const std::string &server);
+    ~Proxy();
+    Proxy(const Proxy &) = delete;
+    Proxy &operator=(const Proxy &) = delete;
+
+    void cut();  // ends what passes, and refuses to begin anew
+    void let_in();
+    void drop_pongs(int n) { pongs_to_drop_ = n; }
+
+private:
+    struct Road {
+        int client, server;
+        std::thread thread;
+    };
+    void accept_all();
+    void carry(Road &road);
+    bool carry_some(int from, int to, bool pongs);
+
+    const std::string path_, server_;
+    int listener_ = -1;
+    std::atomic<int> pongs_to_drop_ = 0;
+    std::mutex mutex_;  // guards what follows
+    bool refusing_ = false;
+    std::list<Road> roads_;
+    std::thread thread_;
+};
+
+#endif
