@@ -13,6 +13,7 @@ namespace tq {
 namespace {
 
 constexpr int echoes_without_answer = 5;
+constexpr const char *no_master = "the server is no master any more";
 constexpr int32_t shortest_rescan_ms = 10, rescan_spread_ms = 500;
 
 ObjectPtr object(std::string_view key, std::string_view bytes) {
@@ -156,7 +157,8 @@ void RedisStore::lost_by_call(uint64_t connection, bool demoted) {
             if (phase_ != Phase::lost || connection != connection_) return;
         }
         if (demoted) feed_.distrust();
-        feed_.drop(demoted ? "the server is no master any more" : link_.collect());
+        const std::string fault = link_.collect();
+        feed_.drop(demoted ? no_master : fault.empty() ? "a call has failed" : fault);
     });
 }
 
@@ -170,33 +172,35 @@ void RedisStore::tick() {
 // Hearing
 
 void RedisStore::heard(std::string_view channel, std::string_view bytes) {
-    if (!parse_frame(bytes, frame_)) return feed_.drop("what came by " + std::string(channel) + " is damaged");
-    bool known = false;
-    {
+    const char *fault = nullptr;
+    if (!parse_frame(bytes, frame_)) {
+        fault = "it is damaged";
+    } else {
         const std::lock_guard lock(mutex_);
-        if (phase_ != Phase::up) return;
-        known = take(channel);
+        if (phase_ == Phase::up) fault = take(channel);
     }
-    if (!known) return feed_.drop("what came by " + std::string(channel) + " does not belong there");
-    if (frame_.letter != 'E') return;
-    if (echoes_ > echoes_without_answer) return feed_.drop("the server leaves a request without an answer");
-    if (frame_.strings[0] == "master") return;
-    feed_.distrust();
-    feed_.drop("the server is no master any more");
+    if (fault) feed_.drop("what came by " + std::string(channel) + ": " + fault);
 }
 
-bool RedisStore::take(std::string_view channel) {
+const char *RedisStore::take(std::string_view channel) {
     const bool own = frame_.letter == 'P' || frame_.letter == 'E';
-    if (own != (channel == private_channel_)) return false;
+    if (own != (channel == private_channel_)) return "it does not belong there";
+    if (frame_.letter == 'E') return take_echo();
     if (frame_.letter == 'P') {
         take_page();
-    } else if (frame_.letter == 'E') {
-        const bool owed = page_asked_ || answered_ != asked_;
-        echoes_ = owed ? echoes_ + 1 : 0;
     } else if (const auto found = channels_.find(channel); found != channels_.end()) {
         take_change(found->second);
     }
-    return true;
+    return nullptr;
+}
+
+const char *RedisStore::take_echo() {
+    const bool owed = page_asked_ || answered_ != asked_;
+    echoes_ = owed ? echoes_ + 1 : 0;
+    if (echoes_ > echoes_without_answer) return "echoes, and a request has no answer";
+    if (frame_.strings[0] == "master") return nullptr;
+    feed_.distrust();
+    return no_master;
 }
 
 void RedisStore::take_change(const Channel &channel) {

@@ -58,7 +58,8 @@ private:
     void send_follows();
 
     // With the lock held.
-    bool take(std::string_view channel);  // the frame; false: it does not belong there
+    const char *take(std::string_view channel);  // the frame; null, or what is wrong with it
+    const char *take_echo();
     void take_change(const Channel &channel);
     void take_page();
     bool subscribe_rest();

@@ -53,20 +53,20 @@ redis.call('PUBLISH', h, m)
 redis.call('PUBLISH', c, m)
 return 1)";
 
-// KEYS: the hash. ARGV: private channel, scan, cursor. How much is asked for at once follows the size of what came, so
+// KEYS: the hash. ARGV: private channel, scan, cursor. How many are asked for at once follows the largest that came, so
 // that a page of large objects stays near the limit too.
 inline constexpr std::string_view page_script = R"(
-local limit, cursor, bytes, n = 262144, ARGV[3], 0, 4
-local m = {'P', '', '', '', ''}
+local limit, cursor, bytes, n, most = 262144, ARGV[3], 0, 4, 1
+local m, last = {'P', '', '', '', ''}, 5
 repeat
   local page = redis.call('HSCAN', KEYS[1], cursor, 'COUNT', n)
   cursor = page[1]
   for _, s in ipairs(page[2]) do
-    m[#m + 1] = struct.pack('>I4', #s)
-    m[#m + 1] = s
-    bytes = bytes + #s
+    m[last + 1], m[last + 2] = struct.pack('>I4', #s), s
+    last, bytes = last + 2, bytes + #s
+    if #s > most then most = #s end
   end
-  n = math.max(1, math.min(512, math.floor((limit - bytes) * (#m / 4) / (bytes + 1))))
+  n = math.max(1, math.min(64, 2 * n, math.floor((limit - bytes) / most)))
 until cursor == '0' or bytes >= limit
 m[2], m[3] = struct.pack('>I4', #ARGV[2]), ARGV[2]
 m[4], m[5] = struct.pack('>I4', #cursor), cursor

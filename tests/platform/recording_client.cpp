@@ -76,9 +76,7 @@ std::string describe(const store_msg &msg) {
 }
 
 RecordingClient::RecordingClient(const std::string &url) {
-    const bool mem = url.starts_with("mem:");
-    const int32_t error = mem ? tq_mom_client_open(url.c_str(), &handle_) : open_by_proxy(url, &handle_);
-    if (error != 0) throw std::runtime_error(url);
+    if (open_client(url, &handle_) != 0) throw std::runtime_error(url);
 }
 
 void RecordingClient::close() {

@@ -35,7 +35,7 @@ inline void PrintTo(const StoreUnderTest &store, std::ostream *out) {
 
 std::vector<StoreUnderTest> stores_under_test();
 StoreUnderTest redis_under_test();
-int32_t open_by_proxy(const std::string &url, tq_mom_handle **handle);
+int32_t open_client(const std::string &url, tq_mom_handle **handle);  // with what its faults need
 void close_proxy(tq_mom_handle *handle);
 std::string store_name(const testing::TestParamInfo<StoreUnderTest> &store);
 

@@ -73,8 +73,9 @@ StoreUnderTest redis_under_test() {
     return {"redis", new_redis, {disconnect, reconnect, restart, lose_confirmations, put_bytes}};
 }
 
-int32_t open_by_proxy(const std::string &, tq_mom_handle **handle) {
+int32_t open_client(const std::string &url, tq_mom_handle **handle) {
     const std::lock_guard lock(world().mutex);
+    if (!world().server || url != world().server->url()) return tq_mom_client_open(url.c_str(), handle);
     const std::string at = world().server->socket() + "." + std::to_string(world().proxies_so_far++);
     auto proxy = std::make_unique<Proxy>(at, world().server->socket());
     const int32_t error = tq_mom_client_open(("redis+unix://" + at).c_str(), handle);

@@ -1,0 +1,233 @@
+// What only a store on a server can suffer: credentials, silence, nonsense, limits, another role. Each test has a server of
+// its own and waits for what its client is told.
+#include <hiredis.h>
+#include <cstdlib>
+#include <future>
+
+#include "platform/recording_client.h"
+#include "platform/redis_server.h"
+
+namespace {
+
+const std::string hash = "dm:1:p_dev.card_info";
+
+class RedisStore : public testing::Test {
+protected:
+    RedisServer server;
+    const std::string url = server.url() + "?probe=300";
+
+    static int32_t set(RecordingClient &client, const Message &object) {
+        return tq_mom_set(client.handle(), 1, object.get(), 0, 0);
+    }
+
+    // The reader was told of a loss and a reconnect, and of nothing else; it hears and scans again.
+    void expect_back(RecordingClient &reader, const std::string &reason, const std::string &error_line) {
+        EXPECT_TRUE(reader.wait("reconnect 3 " + reason));
+        EXPECT_EQ(reader.told(), "lost, connected " + reason + ", reconnect 1 " + reason + ", reconnect 3 " + reason);
+        const std::string said = testing::internal::GetCapturedStderr();
+        EXPECT_NE(said.find(error_line), std::string::npos) << said;
+        EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
+        reader.set(30, 7);
+        EXPECT_TRUE(reader.wait("sub: set 30:7"));
+        reader.scan("s");
+        EXPECT_TRUE(reader.wait("s: end"));
+        EXPECT_NE(reader.told().find("s: has 30:7"), std::string::npos);
+    }
+
+    // Before it follows.
+    static void hold_up_at_first_set(RecordingClient &reader, std::promise<void> &go_on) {
+        reader.word("sub")->then = [&, held = false](const store_msg &msg) mutable {
+            if (msg.cmd == TQ_MOM_CMD_SET && !std::exchange(held, true)) go_on.get_future().wait();
+        };
+    }
+
+    static void follow(RecordingClient &reader) {
+        reader.follow_connection();
+        reader.subscribe("sub");
+        ASSERT_TRUE(reader.wait("sub: confirmed"));
+        EXPECT_EQ(reader.told(), "connected 0, sub: confirmed");
+        testing::internal::CaptureStderr();
+    }
+};
+
+// Whoever reads a log must not learn the password, and whoever mistyped it must learn just that.
+TEST_F(RedisStore, RefusedOrWrongIsOneClearMessageWithoutTheSecret) {
+    const std::string socket = server.socket(), secret = "s3cr/t";
+    server.command({"CONFIG", "SET", "requirepass", secret});
+    const struct {
+        std::string url;
+        int32_t code;
+        const char *words;
+    } rows[] = {
+        {"redis+unix://" + socket, TQ_MOM_E_DENIED, "refuses the credentials (NOAUTH)"},
+        {"redis+unix://:s3cr@" + socket, TQ_MOM_E_DENIED, "refuses the credentials (WRONGPASS)"},
+        {"redis+unix://tom:s3cr%2ft@" + socket, TQ_MOM_E_DENIED, "tom@"},
+        {"redis+unix://:s3cr%2ft@" + socket + ".none", TQ_MOM_E_UNREACHABLE, "No such file"},
+        {"redis://:s3cr%2ft@127.0.0.1:1", TQ_MOM_E_UNREACHABLE, "redis://127.0.0.1:1: Connection refused"},
+        {"redis://:s3cr/t@127.0.0.1", TQ_MOM_E_URL, "\"redis:...@127.0.0.1\""},
+        {"redis://:s3cr%2@[::1]:1", TQ_MOM_E_URL, "hexadecimal"},
+        {"redis://tom:s3cr@[::1]:65536", TQ_MOM_E_URL, "port"},
+        {"redis://tom:s3cr@h/1", TQ_MOM_E_URL, "without a path"},
+        {"redis+unix:///x?prob=5", TQ_MOM_E_URL, "probe=MS"},
+        {"redis+unix:///x?probe=99", TQ_MOM_E_URL, "100"},
+    };
+    tq_mom_handle *handle = nullptr;
+    for (const auto &row : rows) {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(tq_mom_client_open(row.url.c_str(), &handle), row.code) << row.url;
+        const std::string said = testing::internal::GetCapturedStderr();
+        EXPECT_NE(said.find(row.words), std::string::npos) << said;
+        EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
+        EXPECT_EQ(said.find("s3cr"), std::string::npos) << said;
+    }
+    char shown[30];
+    EXPECT_EQ(tq_mom_url_without_secret("redis://tom:s3cr%2ft@[::1]:12345", shown, sizeof shown), 0);
+    EXPECT_STREQ(shown, "redis://tom@[::1]:12345");
+
+    setenv("TQ_STORE_PASSWORD", secret.c_str(), 1);
+    RecordingClient(server.url()).set(1, 1);
+    unsetenv("TQ_STORE_PASSWORD");
+    RecordingClient reader("redis+unix://default:s3cr%2Ft@" + socket);
+    follow(reader);
+    server.command({"ACL", "LOG", "RESET"}, secret);
+    server.command({"CONFIG", "SET", "requirepass", "another"}, secret);
+    server.command({"CLIENT", "KILL", "TYPE", "pubsub"}, "another");
+    ASSERT_TRUE(reader.wait("lost"));
+    while (server.command({"ACL", "LOG", "1"}, "another") == "[]") std::this_thread::yield();  // it has tried again
+    server.command({"CONFIG", "SET", "requirepass", secret}, "another");
+    EXPECT_TRUE(reader.wait("reconnect 3 1"));
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_NE(said.find("refuses the credentials (WRONGPASS)"), std::string::npos) << said;
+    EXPECT_EQ(said.find("s3cr"), std::string::npos) << said;
+    EXPECT_LT(std::count(said.begin(), said.end(), '\n'), 8) << said;
+}
+
+// A server that hangs while its connections stand would leave a process with an old picture, and its callers hanging.
+TEST_F(RedisStore, AFrozenServerIsFound) {
+    RecordingClient reader(url);
+    follow(reader);
+    server.freeze(true);
+    EXPECT_EQ(set(reader, card_of_type(1, 1)), TQ_MOM_E_UNREACHABLE);
+    EXPECT_TRUE(reader.wait("lost"));
+    EXPECT_EQ(set(reader, card_of_type(1, 1)), TQ_MOM_E_UNREACHABLE);
+    reader.scan("void");
+    server.freeze(false);
+    expect_back(reader, "1", "no answer");
+
+    // A callback that holds up the loop for longer than that is no silence of the server's.
+    std::promise<void> go_on;
+    hold_up_at_first_set(reader, go_on);
+    follow(reader);
+    reader.set(2, 2);
+    ASSERT_TRUE(reader.wait("sub: set 2:2"));
+    EXPECT_EQ(tq_mom_client_drain(reader.handle(), 700), TQ_MOM_E_TIMEOUT);
+    go_on.set_value();
+    EXPECT_EQ(tq_mom_client_drain(reader.handle(), 20000), 0);
+    EXPECT_EQ(reader.told(), "sub: set 2:2");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+// What cannot be understood may have been a change: passing over it would leave the reader wrong for good.
+TEST_F(RedisStore, NonsenseIsALostConnection) {
+    RecordingClient reader(url);
+    follow(reader);
+    server.command({"PUBLISH", hash, "S\x01"});
+    expect_back(reader, "1", "what came by " + hash + ": it is damaged");
+
+    server.command({"SET", "dm:1:p_dev.dp_lib_complete", "no hash"});
+    const Message complete_object = complete();
+    EXPECT_EQ(tq_mom_scan_sync(reader.handle(), 1, complete_object.get(), 0, RecordingClient::on_message, nullptr),
+              TQ_MOM_E_REFUSED);
+    follow(reader);
+    EXPECT_EQ(tq_mom_scan(reader.handle(), 1, complete_object.get(), 0, RecordingClient::on_message, reader.word("c")),
+              0);
+    expect_back(reader, "1", "WRONGTYPE");
+}
+
+// An overloaded or replaced server must say so to those who write, once, and a former master must not be believed.
+TEST_F(RedisStore, RefusedWritesAndAnotherRoleAreTold) {
+    RecordingClient reader(url);
+    follow(reader);
+    server.command({"CONFIG", "SET", "maxmemory", "1"});
+    for (int i = 0; i < 3; i++) EXPECT_EQ(set(reader, card_of_type(1, 1)), TQ_MOM_E_REFUSED);
+    EXPECT_EQ(reader.get(1), "nothing error -5");
+    server.command({"CONFIG", "SET", "maxmemory", "0"});
+    reader.set(1, 2);
+    ASSERT_TRUE(reader.wait("sub: set 1:2"));
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
+    reader.told();
+
+    for (const bool by_write : {true, false}) {
+        follow(reader);
+        server.command({"REPLICAOF", "127.0.0.1", "1"});
+        if (by_write) {
+            EXPECT_EQ(set(reader, card_of_type(1, 1)), TQ_MOM_E_REFUSED);
+        }
+        EXPECT_TRUE(reader.wait("lost"));
+        server.command({"REPLICAOF", "NO", "ONE"});
+        EXPECT_TRUE(reader.wait("reconnect 3 2"));
+        EXPECT_NE(testing::internal::GetCapturedStderr().find("no master any more"), std::string::npos);
+        reader.told();
+    }
+}
+
+// A reader that stops for a while is cut off by the server. It must find out, and have everything afterwards.
+TEST_F(RedisStore, ASlowReaderIsCutOffAndCatchesUp) {
+    server.command({"CONFIG", "SET", "client-output-buffer-limit", "pubsub 1mb 0 0"});
+    RecordingClient reader(url), writer(url);
+    std::promise<void> go_on;
+    hold_up_at_first_set(reader, go_on);
+    follow(reader);
+    const auto readers = [&] {
+        return server.command({"EVAL", "return redis.call('PUBSUB', 'NUMSUB', '" + hash + "')[2]", "0"});
+    };
+    for (int i = 0; readers() == "1"; i++) {
+        EXPECT_EQ(set(writer, card_of_type(i % 16, i).set("name", std::string(50'000, 'n'))), 0);
+    }
+    writer.del(3);
+    go_on.set_value();
+    EXPECT_TRUE(reader.wait("reconnect 3 1"));
+    reader.told();
+    reader.scan("s");
+    EXPECT_TRUE(reader.wait("s: end"));
+    const std::string told = reader.told();
+    for (const std::string &line : writer.scan_sync())
+        EXPECT_NE(told.find("s: " + line + ","), std::string::npos) << line;
+    EXPECT_EQ(told.find("s: has 3:"), std::string::npos);  // deleted while the reader was away
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("closed the connection"), std::string::npos);
+}
+
+// A page above the server's limit for a subscriber would cut off whoever scans, again and again.
+TEST_F(RedisStore, PagesOfABigKindStaySmallAndCarryEverything) {
+    RecordingClient reader(url);
+    for (int i = 0; i < 2000; i++) reader.set(i, i);
+    for (int i = 2000; i < 2040; i++) {
+        EXPECT_EQ(set(reader, card_of_type(i, i).set("name", std::string(100'000, 'n'))), 0);
+    }
+    const std::unique_ptr<redisContext, void (*)(redisContext *)> tap(redisConnectUnix(server.socket().c_str()),
+                                                                      redisFree);
+    freeReplyObject(redisCommand(tap.get(), "PSUBSCRIBE dm:client:*"));
+    reader.scan("s");
+    ASSERT_TRUE(reader.wait("s: end"));
+    server.command({"PUBLISH", "dm:client:", "end"});
+    const std::string told = reader.told();
+    for (int i = 0; i < 2040; i++) {
+        const std::string line = "s: has " + std::to_string(i) + ":" + std::to_string(i) + ",";
+        EXPECT_NE(told.find(line), std::string::npos) << line;
+    }
+    size_t pages = 0, largest = 0;
+    for (bool end = false; !end;) {
+        void *reply = nullptr;
+        ASSERT_EQ(redisGetReply(tap.get(), &reply), REDIS_OK);
+        const redisReply &message = *static_cast<redisReply *>(reply)->element[3];
+        end = message.len == 3;
+        pages += message.str[0] == 'P';
+        largest = std::max(largest, message.len);
+        freeReplyObject(reply);
+    }
+    EXPECT_GT(pages, 4u);
+    EXPECT_LT(largest, 1'000'000u);
+}
+
+}  // namespace
