@@ -1,10 +1,15 @@
-// dmq, the command-line client of the device cache.
+// dmq, the command-line client of the device cache. Its arguments are visible to every user of the machine, so passwords
+// are taken out of them once they are read.
+#include <cstring>
+
 #include "dmq/command.h"
 
 int main(int argc, char **argv) {
     dmq::keep_stdout();
+    const std::vector<std::string> words(argv + 1, argv + argc);
+    for (char *word : std::span(argv, static_cast<size_t>(argc))) dmq::hide_password({word, std::strlen(word)});
     return dmq::reporting("", [&] {
-        const auto request = dmq::parse({argv + 1, argv + argc}, {}, /*in_shell=*/false);
+        const auto request = dmq::parse(words, {}, /*in_shell=*/false);
         if (!request) return dmq::exit_yes;
         dmq::Context context(request->command.settings);
         return request->run(context, request->command);

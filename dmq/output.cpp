@@ -73,7 +73,18 @@ void print_line(std::string_view text) {
 }
 
 void note(std::string_view text) {
-    write_all(STDERR_FILENO, "dmq: " + std::string(text) + "\n");
+    std::string line = "dmq: " + std::string(text) + "\n";
+    hide_password(line);
+    write_all(STDERR_FILENO, line);
+}
+
+void hide_password(std::span<char> text) {
+    constexpr std::string_view slashes = "://";
+    const std::string_view view(text.data(), text.size());
+    const size_t scheme = view.find(slashes), end = view.rfind('@');
+    if (scheme == std::string_view::npos || end == std::string_view::npos) return;
+    const size_t user = scheme + slashes.size(), colon = view.find(':', user);
+    for (size_t i = colon < end ? colon + 1 : user; i < end; i++) text[i] = '*';
 }
 
 std::string coloured(Colour colour, const std::string &text) {

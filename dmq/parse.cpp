@@ -20,8 +20,8 @@ Examples:
   dmq --load examples/chassis.json shell examples/tour.dmq
   dmq gen --devices 4 --cards 8 > big.json             a topology of any size
 
-A store mem: lives as long as the process: fill it with --load. Exit codes: 0 yes, 1 no or not found, 2 usage or bad
-input, 3 store not reachable, 4 time-out.
+The store is that of --store, else of DMQ_STORE, else mem:, which lives as long as the process: fill it with --load.
+Exit codes: 0 yes, 1 no or not found, 2 usage or bad input, 3 store not reachable, 4 time-out.
 )";
 
 void file(CLI::App &app, Command &command) {
@@ -139,7 +139,9 @@ public:
 
 void common_options(CLI::App &app, Settings &settings, bool in_shell) {
     if (!in_shell) {
-        app.add_option("--store", settings.store, "The store's URL: mem: or mem:NAME")->capture_default_str();
+        app.add_option("--store", settings.store, "The store's URL: mem: or mem:NAME")
+            ->envname("DMQ_STORE")
+            ->capture_default_str();
         app.add_option("--load", settings.load, "Fill the store from this file first; may be repeated")
             ->take_all()
             ->expected(1);

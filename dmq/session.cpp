@@ -13,7 +13,7 @@ Client open_store(const std::string &url) {
     tq_mom_handle *handle = nullptr;
     const int32_t code = tq_mom_client_open(url.c_str(), &handle);
     if (code == TQ_MOM_E_URL || code == TQ_MOM_E_ARGUMENT)
-        throw Failure(exit_usage, "--store " + url + " names no store");
+        throw Failure(exit_usage, url + " names no store; see --store in dmq --help");
     if (code) throw Failure(exit_unreachable, "the store " + url + " is not reachable; is its server running?");
     return Client(handle);
 }
