@@ -1,5 +1,5 @@
-# What `cmake --install` puts where: both libraries, dmq, the public headers with the generated ones, the .proto files, and
-# how pkg-config and CMake find them.
+# What `cmake --install` puts where: both libraries, dmq with its completion, the public headers with the generated ones, the
+# .proto files, manual pages, and how pkg-config and CMake find the libraries.
 # A umask of the machine that builds is no business of those who use what is installed.
 set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
@@ -14,12 +14,17 @@ install(TARGETS tq_dm_cache ${DM_BUNDLED} LIBRARY DESTINATION ${CMAKE_INSTALL_LI
 if(TARGET dmq)
   set_target_properties(dmq PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
   install(TARGETS dmq RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(FILES ${PROJECT_SOURCE_DIR}/man/dmq.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(FILES ${PROJECT_SOURCE_DIR}/dmq/completion/dmq.bash
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME dmq)
+  install(FILES ${PROJECT_SOURCE_DIR}/dmq/completion/_dmq DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
 endif()
 
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ ${PROJECT_BINARY_DIR}/generated/
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/schema/
   DESTINATION ${CMAKE_INSTALL_DATADIR}/tq_dm_cache FILES_MATCHING PATTERN "*.proto")
+install(FILES ${PROJECT_SOURCE_DIR}/man/tq_dm_cache.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/tq_dm_cache)
 # Relative to where the file is found, so that --prefix and DESTDIR may move the whole.

@@ -6,7 +6,7 @@
 #include <charconv>
 #include <cstring>
 
-#include "dmq/command.h"
+#include "dmq/complete.h"
 #include "tq_dm_cache/ndm.h"
 
 namespace dmq {
@@ -311,6 +311,15 @@ const Query &find_query(const std::string &name) {
 }
 
 }  // namespace
+
+Candidates next_query(const Asked &asked) {
+    Candidates candidates;
+    for (const Query &query : queries) {
+        if (asked.words.empty() && query.callable.call)
+            candidates.push_back({std::string(query.name), std::string(query.question)});
+    }
+    return candidates;
+}
 
 Exit run_call(Context &context, const Command &command) {
     if (command.list) return list_queries(command.words, command.settings.json);

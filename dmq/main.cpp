@@ -2,12 +2,13 @@
 // are taken out of them once they are read.
 #include <cstring>
 
-#include "dmq/command.h"
+#include "dmq/complete.h"
 
 int main(int argc, char **argv) {
     dmq::keep_stdout();
     const std::vector<std::string> words(argv + 1, argv + argc);
     for (char *word : std::span(argv, static_cast<size_t>(argc))) dmq::hide_password({word, std::strlen(word)});
+    if (!words.empty() && words[0] == "complete") return dmq::complete({words.begin() + 1, words.end()});
     return dmq::reporting("", [&] {
         const auto request = dmq::parse(words, {}, /*in_shell=*/false);
         if (!request) return dmq::exit_yes;

@@ -1,8 +1,9 @@
-// The command line: which commands there are, their options and their help. One table; the shell reads its lines with it.
-#include <CLI/CLI.hpp>
+// The command line: which commands there are, their options and their help. One table; the shell reads its lines with it,
+// and completion asks it.
+#include <algorithm>
 #include <charconv>
 
-#include "dmq/command.h"
+#include "dmq/command_line.h"
 
 namespace dmq {
 
@@ -79,56 +80,50 @@ void generator(CLI::App &app, Command &command) {
     app.add_option("--layout", gen.layout, "A box with the ports of this file: lanes, panel port, speed in Mb/s");
 }
 
-struct Verb {
-    const char *name;
-    const char *what;
-    const char *examples;
-    void (*options)(CLI::App &, Command &);
-    Exit (*run)(Context &, const Command &);
-};
-
 constexpr Verb verbs[] = {
-    {"load", "Put a topology into the store", "  dmq --store mem:lab load examples/box.json\n", file, run_load},
+    {"load", "Put a topology into the store", "  dmq --store mem:lab load examples/box.json\n", file, run_load,
+     nullptr},
     {"show", "A table: system, devices, slots, cards, ports, roles or chips",
      "  dmq --load examples/chassis.json show ports slot=1/2\n  dmq --load examples/box.json show system --json\n"
      "  dmq --load examples/chassis.json show slots --raw\n",
-     table, run_show},
+     table, run_show, next_table},
     {"get", "Cached objects as JSON, as `load` takes it",
      "  dmq --load examples/chassis.json get card_info slotid=30\n"
      "  dmq --load examples/chassis.json get 17 is_online=true\n"
      "  dmq --load examples/chassis.json get > copy.json\n",
-     optional_words, run_get},
+     optional_words, run_get, next_key},
     {"call", "Ask any query of ndm.h by its name",
      "  dmq --load examples/chassis.json call ndm_get_master_slotid\n"
      "  dmq --load examples/chassis.json call ndm_card_is_online 1 30 0\n"
      "  dmq --load examples/chassis.json call ndm_get_role_by_node 1/30/0   a node: device/slot/sub-slot\n"
      "  dmq call --list master\n",
-     query, run_call},
+     query, run_call, next_query},
     {"watch", "Follow changes, one line each",
      "  dmq watch card_info device_info\n  dmq watch --for 5 --json\n"
      "  watch &                      in a shell: go on with other commands\n",
-     watching, run_watch},
+     watching, run_watch, next_kind},
     {"sync", "Row by row: subscribed, scanned, objects, time", "  dmq --load examples/chassis.json sync --timeout 2\n",
-     kinds, run_sync},
+     kinds, run_sync, next_kind},
     {"set", "Write objects: a file, or fields of one object",
-     "  set card_info devid=1 slotid=30 is_online=false\n  set changes.json\n", kind_and_words, run_set},
+     "  set card_info devid=1 slotid=30 is_online=false\n  set changes.json\n", kind_and_words, run_set,
+     next_assignment},
     {"delete", "Delete one object by its key; a key field that is not named is 0",
-     "  delete card_info devid=1 slotid=3\n", kind_and_words, run_delete},
+     "  delete card_info devid=1 slotid=3\n", kind_and_words, run_delete, next_key},
     {"gen", "Make a topology of any size",
      "  dmq gen > examples/chassis.json\n  dmq gen --devices 5 --cards 20 --ports 100 --subcards 0 > 10000-ports.json\n"
      "  dmq gen --devices 1 --layout examples/layouts/box-32x100g.tsv > examples/box.json\n",
-     generator, run_gen},
+     generator, run_gen, nullptr},
     {"shell", "Many commands in one process; also: echo TEXT, trace on|off, help, exit",
      "  dmq --load examples/chassis.json shell\n  echo 'get card_info' | dmq --load examples/box.json shell\n"
      "  dmq --load examples/chassis.json shell examples/tour.dmq\n",
-     script, run_shell},
+     script, run_shell, nullptr},
     {"store", "Compare cache and store; make an embedded store misbehave",
      "  store compare                is every row equal to the store?\n"
      "  store disconnect             cut the cache off; store reconnect lets it in again\n"
      "  store restart [empty]        another instance of the store, with or without its content\n"
      "  store damage KIND key=value..  bytes that no longer are an object\n"
      "  store lose N                 the next N confirmations to a cache that is not started yet\n",
-     kind_and_words, run_store},
+     kind_and_words, run_store, next_action},
 };
 
 // The usage line names words that the examples show better.
@@ -163,10 +158,12 @@ void common_options(CLI::App &app, Settings &settings, bool in_shell) {
 
 }  // namespace
 
-std::optional<Request> parse(const std::vector<std::string> &words, const Settings &defaults, bool in_shell) {
-    Request request{};
-    request.command.settings = defaults;
-    CLI::App app(overview, "dmq");
+const Verb *find_verb(const std::string &name) {
+    const auto *found = std::find_if(std::begin(verbs), std::end(verbs), [&](const Verb &v) { return name == v.name; });
+    return found == std::end(verbs) ? nullptr : found;
+}
+
+void describe(CLI::App &app, Request &request, bool in_shell) {
     app.formatter(std::make_shared<Help>());
     for (const Verb &verb : verbs) {
         if (in_shell && verb.run == run_shell) continue;
@@ -176,6 +173,13 @@ std::optional<Request> parse(const std::vector<std::string> &words, const Settin
         sub->footer(std::string("Examples:\n") + verb.examples);
     }
     common_options(app, request.command.settings, in_shell);
+}
+
+std::optional<Request> parse(const std::vector<std::string> &words, const Settings &defaults, bool in_shell) {
+    Request request{};
+    request.command.settings = defaults;
+    CLI::App app(overview, "dmq");
+    describe(app, request, in_shell);
     app.allow_extras();
     try {
         app.parse(std::vector<std::string>(words.rbegin(), words.rend()));

@@ -4,7 +4,7 @@
 #include <set>
 #include <sstream>
 
-#include "dmq/command.h"
+#include "dmq/complete.h"
 #include "tq_dm_cache/ndm.h"
 #include "tq_dm_cache/p_dev.pb-c.h"
 
@@ -191,6 +191,25 @@ constexpr struct {
               {"roles", DM_ROW_DP_LIB_GROLE, add_roles, places, "role local_master tipc node"},
               {"chips", DM_ROW_CARD_INFO, add_chips, places, "chip name family ports switching card type_number"}};
 
+std::vector<std::string> table_names() {
+    std::vector<std::string> names;
+    for (const auto &table : tables) names.emplace_back(table.name);
+    return names;
+}
+
+// The position of a table in `tables`. Throws a Failure.
+size_t find_table(const std::string &wanted) {
+    const auto names = table_names();
+    const auto found = std::find(names.begin(), names.end(), wanted);
+    if (found == names.end()) throw Failure(exit_usage, "show has no table " + wanted + did_you_mean(wanted, names));
+    return static_cast<size_t>(found - names.begin());
+}
+
+std::vector<std::string> columns_of(size_t table) {
+    std::istringstream columns(std::string(tables[table].places) + tables[table].columns);
+    return {std::istream_iterator<std::string>(columns), {}};
+}
+
 // Keeps the records whose columns show these values: "dev=1"; "slot=1/M1" with or without the word Slot.
 void filter(Table &table, std::span<const std::string> wanted) {
     for (const auto &word : wanted) {
@@ -217,17 +236,19 @@ void hide_raw(Table &table) {
 
 }  // namespace
 
+Candidates next_table(const Asked &asked) {
+    Candidates candidates;
+    for (const auto &name : asked.words.empty() ? table_names() : columns_of(find_table(asked.words[0])))
+        candidates.push_back({asked.words.empty() ? name : name + "=", ""});
+    return candidates;
+}
+
 Exit run_show(Context &context, const Command &command) {
     const std::string wanted = command.words.empty() ? "system" : command.words[0];
-    std::vector<std::string> names;
-    for (const auto &table : tables) names.emplace_back(table.name);
-    const auto found = std::find(names.begin(), names.end(), wanted);
-    if (found == names.end()) throw Failure(exit_usage, "show has no table " + wanted + did_you_mean(wanted, names));
-
+    const size_t place = find_table(wanted);
     context.synchronised({}, command.settings);
-    const auto &shown = tables[found - names.begin()];
-    std::istringstream columns(std::string(shown.places) + shown.columns);
-    Table table{{std::istream_iterator<std::string>(columns), {}}, {}};
+    const auto &shown = tables[place];
+    Table table{columns_of(place), {}};
     each_cached(shown.row, [&](const ProtobufCMessage &object) { shown.add(table, object); });
     std::sort(table.rows.begin(), table.rows.end());
     if (wanted == "system") table = system_table();

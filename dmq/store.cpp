@@ -3,7 +3,7 @@
 #include <functional>
 #include <map>
 
-#include "dmq/command.h"
+#include "dmq/complete.h"
 #include "dmq/words.h"
 #include "tq_dm_cache/tq_platform_bundled.h"
 
@@ -145,7 +145,25 @@ Exit lose(Session &session, const Command &command) {
     return done("confirmations will be lost", command);
 }
 
+struct Action {
+    Exit (*run)(Session &, const Command &);
+    size_t most_words;
+};
+const std::map<std::string, Action> actions = {
+    {"disconnect", {disconnect, 1}}, {"reconnect", {reconnect, 1}}, {"restart", {restart, 2}},
+    {"damage", {damage, SIZE_MAX}},  {"lose", {lose, 2}},           {"compare", {compare, 1}}};
+
 }  // namespace
+
+Candidates next_action(const Asked &asked) {
+    Candidates candidates;
+    if (asked.words.empty()) {
+        for (const auto &[name, action] : actions) candidates.push_back({name, ""});
+    } else if (asked.words[0] == "damage") {
+        return next_key({asked.settings, {asked.words.begin() + 1, asked.words.end()}});
+    }
+    return candidates;
+}
 
 void tell_damage(Session &session) {
     static uint64_t told = 0;
@@ -160,13 +178,6 @@ void tell_damage(Session &session) {
 }
 
 Exit run_store(Context &context, const Command &command) {
-    struct Action {
-        Exit (*run)(Session &, const Command &);
-        size_t most_words;
-    };
-    static const std::map<std::string, Action> actions = {
-        {"disconnect", {disconnect, 1}}, {"reconnect", {reconnect, 1}}, {"restart", {restart, 2}},
-        {"damage", {damage, SIZE_MAX}},  {"lose", {lose, 2}},           {"compare", {compare, 1}}};
     const auto found = actions.find(command.words[0]);
     if (found == actions.end()) {
         std::vector<std::string> names;

@@ -1,0 +1,31 @@
+// What may come next on a command line: bash and zsh ask it by `dmq complete WORD..`, where the last word is the one under
+// the cursor. Nothing is known here that is not asked of the commands, the library or the store.
+#pragma once
+
+#include "dmq/command.h"
+
+namespace dmq {
+
+struct Asked {
+    Settings settings;
+    std::vector<std::string> words;  // behind the command's name, in front of the word that is asked for
+};
+
+struct Candidate {
+    std::string word;
+    std::string what;
+};
+using Candidates = std::vector<Candidate>;
+
+// What each command takes next.
+Candidates next_kind(const Asked &asked);
+Candidates next_key(const Asked &asked);         // a kind, then field=value of the keys that its objects have
+Candidates next_assignment(const Asked &asked);  // the same, and its other fields
+Candidates next_table(const Asked &asked);
+Candidates next_query(const Asked &asked);
+Candidates next_action(const Asked &asked);
+
+// Prints the candidates, one a line, what they are behind a tab. 1: there are none, for whatever reason; nothing is told.
+Exit complete(const std::vector<std::string> &words);
+
+}  // namespace dmq

@@ -1,0 +1,146 @@
+"""What a shell asks of dmq, and what a person finds in its manual page. Arguments: dmq, the project."""
+
+import fcntl
+import os
+import pty
+import re
+import select
+import shutil
+import struct
+import subprocess
+import sys
+import tempfile
+import termios
+import time
+import unittest
+
+DMQ, PROJECT = os.path.abspath(sys.argv[1]), sys.argv[2]
+CHASSIS = ("--load", "examples/chassis.json")
+ENV = {**os.environ, "DMQ_COMPLETION_SECONDS": "60", "PATH": os.path.dirname(DMQ) + ":" + os.environ["PATH"], "TERM": "dumb",
+       "PS1": "@@ "}
+ENV.pop("DMQ_STORE", None)
+
+
+def dmq(*words, **env):
+    return subprocess.run([DMQ, *words], stdin=subprocess.DEVNULL, capture_output=True, text=True, cwd=PROJECT, timeout=120,
+                          env={**ENV, **env})
+
+
+def complete(*words):
+    return [line.split("\t")[0] for line in dmq("complete", *words).stdout.splitlines()]
+
+
+class Terminal:
+    """A shell with a person before it."""
+
+    def __init__(self, *shell):
+        self.pid, self.fd = pty.fork()
+        if self.pid == 0:
+            os.chdir(PROJECT)
+            os.execvpe(shell[0], shell, ENV)
+        fcntl.ioctl(self.fd, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 300, 0, 0))
+
+    def type(self, keys, until):
+        """What is shown from now on, up to the text; None when it does not come."""
+        os.write(self.fd, keys.encode())
+        shown, end = "", time.monotonic() + 30
+        while until not in shown:
+            if not select.select([self.fd], [], [], max(0, end - time.monotonic()))[0]:
+                return None
+            shown += re.sub(r"\x1b\[[?0-9;]*[a-zA-Z]|\r", "", os.read(self.fd, 65536).decode(errors="replace"))
+        return shown
+
+    def close(self):
+        os.close(self.fd)
+        os.waitpid(self.pid, 0)
+
+
+class Completion(unittest.TestCase):
+    def test_candidates(self):
+        for words, expected in [
+            (["sh"], ["show", "shell"]), (["show", "c"], ["cards", "chips"]), (["show", "cards", "d"], ["dev=", "dcm="]),
+            (["--timeout", "5", "--json", "wat"], ["watch"]), (["watch", "--f"], ["--for"]), (["get", "--j"], ["--json"]),
+            (["--log", ""], ["0", "1", "2"]), (["--timeout", ""], []), (["gen", "--ports", "4", "--bo"], ["--boards", "--box"]),
+            (["watch", "card_info", "vsl"], ["vsl_port_info"]), (["call", "ndm_get_slot_nu"], ["ndm_get_slot_num", "ndm_get_slot_num_rt"]),
+            (["call", "ndm_port_obj_f"], []), (["store", "re"], ["reconnect", "restart"]),
+            ([*CHASSIS, "get", "card_info", "devid=1", "slotid=3"], ["slotid=3", "slotid=30", "slotid=31"]),
+            (["delete", *CHASSIS, "card_info", "slotid=22", ""], ["devid=1", "devid=2", "sslotid=0", "t_mod=0"]),
+            ([*CHASSIS, "set", "17", "slotid=22", "devid=1", "is_o"], ["is_online="]),
+            ([*CHASSIS, "store", "damage", "device_info", ""], ["devid=1", "devid=2"]),
+            (["get", "card_info", ""], []), (["--store", "men:", "get", "card_info", ""], []), (["shwo", ""], []),
+            ([*CHASSIS, "get", "nonsense", ""], []), (["--load", "none.json", "get", "card_info", ""], []),
+        ]:
+            with self.subTest(words):
+                self.assertEqual(complete(*words), expected)
+
+    # A shell that waits for a store takes the terminal from its person.
+    def test_a_store_that_does_not_answer(self):
+        with tempfile.TemporaryDirectory() as folder:
+            os.mkfifo(os.path.join(folder, "never"))
+            done = dmq("complete", "--load", os.path.join(folder, "never"), "get", "card_info", "", DMQ_COMPLETION_SECONDS="")
+            self.assertEqual((done.returncode, done.stdout, done.stderr), (1, "", ""))
+
+    # = and : end a word for readline, not for dmq; a value is to be typed behind the =.
+    def test_the_shells(self):
+        for shell, begin in [
+            (["bash", "--norc", "-i"], ". dmq/completion/dmq.bash; PS1=o'k> '"),
+            (["zsh", "-f", "-i"], "fpath=($PWD/dmq/completion $fpath); autoload -Uz compinit; compinit -u -D; PS1=o'k> '"),
+        ]:
+            with self.subTest(shell[0]):
+                if not shutil.which(shell[0]):
+                    self.skipTest(shell[0] + " is not installed")
+                terminal = Terminal(*shell)
+                self.addCleanup(terminal.close)
+                self.assertIsNotNone(terminal.type(begin + "\n", "ok> "))
+                for keys, shown in [("dmq shel\t", "shell "), ("dmq show slots psl\t7", "pslot=7"),
+                                    ("dmq load examples/chas\t", "examples/chassis.json "),
+                                    ("dmq --store mem:x --load examples/chassis.json get card_info devid=2 slotid=30 sslotid=\t",
+                                     " sslotid=0 ")]:
+                    self.assertIsNotNone(terminal.type("\x15" + keys, shown), keys)
+
+
+class Manual(unittest.TestCase):
+    # An option that the page does not have is one that nobody finds; one that it has alone does not work.
+    def test_every_command_and_option(self):
+        with open(os.path.join(PROJECT, "man/dmq.1")) as file:
+            page = file.read().replace("\\-", "-")
+        commands = complete("")
+        section = page.split(".SH COMMANDS")[1].split("\n.SH")[0]
+        self.assertEqual(sorted(re.findall(r"(?m)^\.TP\n\.BI?R? (\w+)", section)), sorted(commands))
+        options = {option for command in commands for option in complete(command, "--")}
+        self.assertEqual(set(re.findall(r"--\w+", page)), options)
+
+    def test_every_function_of_the_library(self):
+        with open(os.path.join(PROJECT, "man/tq_dm_cache.3")) as file:
+            named = set(re.findall(r"\b\w+(?=\(\))", file.read()))
+        script = os.path.join(PROJECT, "scripts/exported_symbols.py")
+        exported = {name for library in ["cache", "platform"] for name in subprocess.run(
+            [sys.executable, script, library], capture_output=True, text=True, check=True).stdout.split()}
+        self.assertLessEqual(named, exported)
+
+
+class Store(unittest.TestCase):
+    def test_which_one(self):
+        for words, variable, code in [(["get"], "men:", 2), (["--store", "mem:", "get"], "men:", 1), (["get"], "", 1)]:
+            self.assertEqual(dmq(*words, DMQ_STORE=variable).returncode, code, (words, variable))
+
+    # Whoever may list processes could else read the store's password.
+    def test_a_password_is_shown_to_nobody(self):
+        url = "mem:x://user:pass:w@rd@host"
+        with subprocess.Popen([DMQ, "--store", url, "shell"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=ENV) as shell:
+            shell.stdin.write(b"echo ready\n")
+            shell.stdin.flush()
+            self.assertEqual(shell.stdout.readline(), b"ready\n")
+            with open(f"/proc/{shell.pid}/cmdline", "rb") as file:
+                words = file.read().split(b"\0")
+            shell.stdin.close()
+        if words[0] == DMQ.encode():  # and not an emulator, which keeps words of its own
+            self.assertEqual(words[2], b"mem:x://user:*********@host")
+        for words in [["--store", "men://:pass:w@rd@host", "get"], ["men://pass:w@rd@host"], ["--loda", "x://pass:w@rd@host"]]:
+            messages = [line for line in dmq(*words).stderr.splitlines() if line.startswith("dmq: ")]
+            self.assertTrue(messages)
+            self.assertNotIn("w@rd", "".join(messages))
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1])
