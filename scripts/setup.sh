@@ -1,6 +1,6 @@
 #!/bin/sh
 # Installs what the project needs from Debian 12. Asks dpkg first: with nothing missing it needs no rights and no network.
-#   scripts/setup.sh [build|test|lint|abi|--arm]...     (default: build test)
+#   scripts/setup.sh [build|test|lint|abi|package|--arm]...     (default: build test)
 # --arm: a compiler and an emulator for 32-bit ARM, and in build-arm-root/ the libraries of that machine, unpacked. They are
 # fetched with lists of their own: the machine itself learns no other architecture.
 # 0: everything is there.  1: the installation failed.  2: something is missing and this user may not install it.
@@ -13,38 +13,20 @@ packages() {
         test) echo libgtest-dev redis-server ;;
         lint) echo clang-14 clang-tidy-14 clang-format-14 ;;
         abi) echo abigail-tools ;;
+        package) echo build-essential debhelper lintian ;;
         --arm) echo g++-arm-linux-gnueabihf qemu-user-static ;;
-        *) echo "setup.sh: no set '$1'; the sets are build, test, lint, abi and --arm" >&2; return 1 ;;
+        *) echo "setup.sh: no set '$1'; the sets are build, test, lint, abi, package and --arm" >&2; return 1 ;;
     esac
 }
 
-arm_packages="libprotobuf-c-dev libprotobuf-c1 libevent-dev libevent-2.1-7 libevent-core-2.1-7 libevent-pthreads-2.1-7
-libhiredis-dev libhiredis0.14 libpugixml-dev libpugixml1v5 libcli11-dev nlohmann-json3-dev libgtest-dev"
+arm_packages="libc6 libstdc++6 libprotobuf-c-dev libevent-dev libhiredis-dev libpugixml-dev libcli11-dev nlohmann-json3-dev
+libgtest-dev"
 
 unpack_arm_root() {
-    root=$(cd "$(dirname "$0")/.." && pwd)/build-arm-root
-    [ "$(cat "$root/packages" 2> /dev/null)" != "$arm_packages" ] || return 0
-    rm -rf "$root"
-    mkdir -p "$root/apt/lists/partial" "$root/apt/archives/partial"
-    : > "$root/apt/status"
-    cat > "$root/apt/conf" << EOF
-APT::Architecture "armhf";
-APT::Architectures { "armhf"; };
-APT::Sandbox::User "";
-Dir::State "$root/apt";
-Dir::State::status "$root/apt/status";
-Dir::Cache "$root/apt";
-EOF
-    (
-        cd "$root/apt/archives"
-        export APT_CONFIG="$root/apt/conf"
-        apt-get -q update || echo "setup.sh: apt-get update failed for armhf; going on with what it fetched" >&2
-        # shellcheck disable=SC2086  # a list of names
-        apt-get -q download $arm_packages || exit 1
-        for package in *.deb; do dpkg -x "$package" "$root" || exit 1; done
-    ) || { echo "setup.sh: could not fetch the armhf packages" >&2; exit 1; }
-    rm -rf "$root/apt"
-    echo "$arm_packages" > "$root/packages"
+    here=$(dirname "$0")
+    # shellcheck disable=SC2086  # a list of names
+    sh "$here/debian_root.sh" armhf "$here/../build-arm-root" $arm_packages ||
+        { echo "setup.sh: could not fetch the armhf packages" >&2; exit 1; }
 }
 
 [ $# -gt 0 ] || set -- build test
