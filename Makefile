@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 
-.PHONY: run test asan tsan test-arm abi abi-update lint lint-quick docs simulate install clean
+.PHONY: run test asan tsan test-arm abi abi-update lint lint-quick docs simulate install packages packages-test clean
 .NOTPARALLEL:
 
 # The whole road on the example chassis: load, synchronise, tables, a live change arriving.
@@ -71,5 +71,13 @@ docs:
 install: build/dmq/dmq
 	DESTDIR='$(DESTDIR)' cmake --install build --prefix '$(PREFIX)'
 
+# Debian packages of this machine's architecture and of 32-bit ARM; packages-test uses them in roots of their own.
+packages:
+	scripts/setup.sh build package --arm
+	JOBS=$(JOBS) scripts/packages.sh
+
+packages-test: packages
+	tests/packages/clean_root_test.sh
+
 clean:
-	rm -rf build build-asan build-tsan build-lint build-arm build-arm-root
+	rm -rf build build-asan build-tsan build-lint build-arm build-arm-root build-packages
