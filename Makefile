@@ -2,12 +2,17 @@
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 
-.PHONY: run test asan tsan test-arm abi abi-update lint lint-quick docs simulate install packages packages-test clean
+.PHONY: run run-redis test asan tsan test-arm abi abi-update lint lint-quick docs simulate install packages packages-test clean
 .NOTPARALLEL:
 
 # The whole road on the example chassis: load, synchronise, tables, a live change arriving.
 run: build/dmq/dmq
 	build/dmq/dmq --load examples/chassis.json shell examples/tour.dmq
+
+# Three processes on one Redis server, which dies in between.
+run-redis: build/dmq/dmq
+	scripts/setup.sh build server
+	scripts/run_redis.sh
 
 # Without the tests, so that it needs no test framework.
 .PHONY: build/dmq/dmq
@@ -24,14 +29,14 @@ asan: DIR = build-asan
 tsan: PRESET = tsan
 tsan: DIR = build-tsan
 test asan tsan:
-	scripts/setup.sh build test
+	scripts/setup.sh build test server
 	cmake --preset $(PRESET)
 	cmake --build $(DIR) -j$(JOBS)
 	ctest --preset $(PRESET) -j$(JOBS)
 
 # The same on 32-bit ARM, under an emulator.
 test-arm:
-	scripts/setup.sh build test --arm
+	scripts/setup.sh build test server --arm
 	cmake --preset arm
 	cmake --build build-arm -j$(JOBS)
 	scripts/library_size.py build-arm --strip arm-linux-gnueabihf-strip --limit
@@ -39,7 +44,7 @@ test-arm:
 
 # Both libraries on both machines, against the interface of the last version; abi-update describes a new one.
 abi abi-update:
-	scripts/setup.sh build test --arm abi
+	scripts/setup.sh build test server --arm abi
 	cmake --preset default
 	cmake --build build -j$(JOBS) --target tq_dm_cache
 	cmake --preset arm

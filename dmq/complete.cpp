@@ -17,7 +17,10 @@ namespace dmq {
 namespace {
 
 const std::map<std::string, Candidates> option_values = {
-    {"--store", {{"mem:", "the embedded store of this process"}}},
+    {"--store",
+     {{"mem:", "the embedded store of this process"},
+      {"redis://", "a Redis server, by host and port"},
+      {"redis+unix:///", "a Redis server, by its unix socket"}}},
     {"--log", {{"0", "all"}, {"1", "notable events"}, {"2", "failures"}}},
 };
 

@@ -134,7 +134,8 @@ public:
 
 void common_options(CLI::App &app, Settings &settings, bool in_shell) {
     if (!in_shell) {
-        app.add_option("--store", settings.store, "The store's URL: mem: or mem:NAME")
+        app.add_option("--store", settings.store,
+                       "The store's URL: mem:, mem:NAME, redis://HOST:PORT, redis+unix:///PATH")
             ->envname("DMQ_STORE")
             ->capture_default_str();
         app.add_option("--load", settings.load, "Fill the store from this file first; may be repeated")

@@ -1,8 +1,9 @@
 #!/bin/sh
 # Installs what the project needs from Debian 12. Asks dpkg first: with nothing missing it needs no rights and no network.
-#   scripts/setup.sh [build|test|lint|abi|package|--arm]...     (default: build test)
+#   scripts/setup.sh [build|test|server|lint|abi|package|--arm]...     (default: build test server)
 # --arm: a compiler and an emulator for 32-bit ARM, and in build-arm-root/ the libraries of that machine, unpacked. They are
 # fetched with lists of their own: the machine itself learns no other architecture.
+# server: a Redis server. Debian starts one as it installs it; nothing here uses that one.
 # 0: everything is there.  1: the installation failed.  2: something is missing and this user may not install it.
 set -eu
 
@@ -10,12 +11,13 @@ packages() {
     case $1 in
         build) echo g++ cmake ninja-build pkg-config python3 protobuf-c-compiler libprotobuf-c-dev libevent-dev \
             libhiredis-dev libpugixml-dev libcli11-dev nlohmann-json3-dev ;;
-        test) echo libgtest-dev redis-server ;;
+        test) echo libgtest-dev ;;
+        server) echo redis-server ;;
         lint) echo clang-14 clang-tidy-14 clang-format-14 ;;
         abi) echo abigail-tools ;;
         package) echo build-essential debhelper lintian ;;
         --arm) echo g++-arm-linux-gnueabihf qemu-user-static ;;
-        *) echo "setup.sh: no set '$1'; the sets are build, test, lint, abi, package and --arm" >&2; return 1 ;;
+        *) echo "setup.sh: no set '$1'; the sets are build, test, server, lint, abi, package and --arm" >&2; return 1 ;;
     esac
 }
 
@@ -29,7 +31,7 @@ unpack_arm_root() {
         { echo "setup.sh: could not fetch the armhf packages" >&2; exit 1; }
 }
 
-[ $# -gt 0 ] || set -- build test
+[ $# -gt 0 ] || set -- build test server
 wanted=
 arm=
 for set_name; do
