@@ -29,7 +29,9 @@ install(FILES ${PROJECT_SOURCE_DIR}/man/tq_dm_cache.3 DESTINATION ${CMAKE_INSTAL
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/tq_dm_cache)
 # Relative to where the file is found, so that --prefix and DESTDIR may move the whole.
 file(RELATIVE_PATH DM_PC_TO_INCLUDE /${CMAKE_INSTALL_LIBDIR}/pkgconfig /${CMAKE_INSTALL_INCLUDEDIR})
-string(REGEX REPLACE "^(.)" "-l\\1" DM_PC_PLATFORM "${DM_BUNDLED}")
+if(DM_BUNDLED)
+  set(DM_PC_PLATFORM -l${DM_BUNDLED})
+endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/tq_dm_cache.pc.in tq_dm_cache.pc @ONLY)
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/tq_dm_cacheConfig.cmake.in tq_dm_cacheConfig.cmake
   INSTALL_DESTINATION ${package_dir} PATH_VARS CMAKE_INSTALL_LIBDIR CMAKE_INSTALL_INCLUDEDIR)

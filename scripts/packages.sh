@@ -1,6 +1,6 @@
 #!/bin/sh
-# Builds the Debian packages of debian/ into build-packages/ARCHITECTURE/, from a copy of the sources, and shows what lintian
-# says of them. Needs no rights. The same sources give the same bytes.
+# Builds the Debian packages of debian/ into build-packages/ARCHITECTURE/, from a copy of the sources, and shows what
+# lintian says of them. Needs no rights. The same sources give the same bytes.
 #   scripts/packages.sh [ARCHITECTURE]...     (default: this machine's and armhf)
 # armhf is built with the cross compiler and what `scripts/setup.sh --arm` has unpacked.
 set -eu

@@ -9,6 +9,6 @@ _dmq() {
     while IFS=$'\t' read -r candidate _; do
         COMPREPLY+=("${candidate#"$before"}")
     done < <("$1" complete "${words[@]:1}" < /dev/null 2> /dev/null)
-    [[ ${COMPREPLY[0]-} != *= ]] || compopt -o nospace
+    [[ ${COMPREPLY[0]-} != *[=/] ]] || compopt -o nospace
 }
 complete -o default -F _dmq dmq

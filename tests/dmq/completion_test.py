@@ -16,14 +16,14 @@ import unittest
 
 DMQ, PROJECT = os.path.abspath(sys.argv[1]), sys.argv[2]
 CHASSIS = ("--load", "examples/chassis.json")
-ENV = {**os.environ, "DMQ_COMPLETION_SECONDS": "60", "PATH": os.path.dirname(DMQ) + ":" + os.environ["PATH"], "TERM": "dumb",
-       "PS1": "@@ "}
+ENV = {**os.environ, "DMQ_COMPLETION_SECONDS": "60", "PATH": os.path.dirname(DMQ) + ":" + os.environ["PATH"],
+       "TERM": "dumb", "PS1": "@@ "}
 ENV.pop("DMQ_STORE", None)
 
 
 def dmq(*words, **env):
-    return subprocess.run([DMQ, *words], stdin=subprocess.DEVNULL, capture_output=True, text=True, cwd=PROJECT, timeout=120,
-                          env={**ENV, **env})
+    return subprocess.run([DMQ, *words], stdin=subprocess.DEVNULL, capture_output=True, text=True, cwd=PROJECT,
+                          timeout=120, env={**ENV, **env})
 
 
 def complete(*words):
@@ -58,10 +58,13 @@ class Terminal:
 class Completion(unittest.TestCase):
     def test_candidates(self):
         for words, expected in [
-            (["sh"], ["show", "shell"]), (["show", "c"], ["cards", "chips"]), (["show", "cards", "d"], ["dev=", "dcm="]),
-            (["--timeout", "5", "--json", "wat"], ["watch"]), (["watch", "--f"], ["--for"]), (["get", "--j"], ["--json"]),
-            (["--log", ""], ["0", "1", "2"]), (["--timeout", ""], []), (["gen", "--ports", "4", "--bo"], ["--boards", "--box"]),
-            (["watch", "card_info", "vsl"], ["vsl_port_info"]), (["call", "ndm_get_slot_nu"], ["ndm_get_slot_num", "ndm_get_slot_num_rt"]),
+            (["sh"], ["show", "shell"]), (["show", "c"], ["cards", "chips"]),
+            (["show", "cards", "d"], ["dev=", "dcm="]), (["--timeout", "5", "--json", "wat"], ["watch"]),
+            (["watch", "--f"], ["--for"]), (["get", "--j"], ["--json"]),
+            (["--log", ""], ["0", "1", "2"]), (["--store", "redis+"], ["redis+unix:///"]),
+            (["--timeout", ""], []), (["gen", "--ports", "4", "--bo"], ["--boards", "--box"]),
+            (["watch", "card_info", "vsl"], ["vsl_port_info"]),
+            (["call", "ndm_get_slot_nu"], ["ndm_get_slot_num", "ndm_get_slot_num_rt"]),
             (["call", "ndm_port_obj_f"], []), (["store", "re"], ["reconnect", "restart"]),
             ([*CHASSIS, "get", "card_info", "devid=1", "slotid=3"], ["slotid=3", "slotid=30", "slotid=31"]),
             (["delete", *CHASSIS, "card_info", "slotid=22", ""], ["devid=1", "devid=2", "sslotid=0", "t_mod=0"]),
@@ -77,14 +80,16 @@ class Completion(unittest.TestCase):
     def test_a_store_that_does_not_answer(self):
         with tempfile.TemporaryDirectory() as folder:
             os.mkfifo(os.path.join(folder, "never"))
-            done = dmq("complete", "--load", os.path.join(folder, "never"), "get", "card_info", "", DMQ_COMPLETION_SECONDS="")
+            done = dmq("complete", "--load", os.path.join(folder, "never"), "get", "card_info", "",
+                       DMQ_COMPLETION_SECONDS="")
             self.assertEqual((done.returncode, done.stdout, done.stderr), (1, "", ""))
 
     # = and : end a word for readline, not for dmq; a value is to be typed behind the =.
     def test_the_shells(self):
         for shell, begin in [
             (["bash", "--norc", "-i"], ". dmq/completion/dmq.bash; PS1=o'k> '"),
-            (["zsh", "-f", "-i"], "fpath=($PWD/dmq/completion $fpath); autoload -Uz compinit; compinit -u -D; PS1=o'k> '"),
+            (["zsh", "-f", "-i"],
+             "fpath=($PWD/dmq/completion $fpath); autoload -Uz compinit; compinit -u -D; PS1=o'k> '"),
         ]:
             with self.subTest(shell[0]):
                 if not shutil.which(shell[0]):
@@ -93,9 +98,10 @@ class Completion(unittest.TestCase):
                 self.addCleanup(terminal.close)
                 self.assertIsNotNone(terminal.type(begin + "\n", "ok> "))
                 for keys, shown in [("dmq shel\t", "shell "), ("dmq show slots psl\t7", "pslot=7"),
+                                    ("dmq --store redis+\tx", "redis+unix:///x"),
                                     ("dmq load examples/chas\t", "examples/chassis.json "),
-                                    ("dmq --store mem:x --load examples/chassis.json get card_info devid=2 slotid=30 sslotid=\t",
-                                     " sslotid=0 ")]:
+                                    ("dmq --store mem:x --load examples/chassis.json get card_info devid=2 slotid=30 "
+                                     "sslotid=\t", " sslotid=0 ")]:
                     self.assertIsNotNone(terminal.type("\x15" + keys, shown), keys)
 
 
@@ -127,7 +133,8 @@ class Store(unittest.TestCase):
     # Whoever may list processes could else read the store's password.
     def test_a_password_is_shown_to_nobody(self):
         url = "mem:x://user:pass:w@rd@host"
-        with subprocess.Popen([DMQ, "--store", url, "shell"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=ENV) as shell:
+        with subprocess.Popen([DMQ, "--store", url, "shell"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                              env=ENV) as shell:
             shell.stdin.write(b"echo ready\n")
             shell.stdin.flush()
             self.assertEqual(shell.stdout.readline(), b"ready\n")
@@ -136,7 +143,8 @@ class Store(unittest.TestCase):
             shell.stdin.close()
         if words[0] == DMQ.encode():  # and not an emulator, which keeps words of its own
             self.assertEqual(words[2], b"mem:x://user:*********@host")
-        for words in [["--store", "men://:pass:w@rd@host", "get"], ["men://pass:w@rd@host"], ["--loda", "x://pass:w@rd@host"]]:
+        for words in [["--store", "men://:pass:w@rd@host", "get"], ["men://pass:w@rd@host"],
+                      ["--loda", "x://pass:w@rd@host"]]:
             messages = [line for line in dmq(*words).stderr.splitlines() if line.startswith("dmq: ")]
             self.assertTrue(messages)
             self.assertNotIn("w@rd", "".join(messages))

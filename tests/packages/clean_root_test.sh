@@ -1,8 +1,9 @@
 #!/bin/sh
-# What somebody loses who installs the packages that scripts/packages.sh has built: a dependency that is not named, a file that
-# is not there or leads out of the package, a client that does not build or start.
+# What somebody loses who installs the packages that scripts/packages.sh has built: a dependency that is not named,
+# a file that is not there or leads out of the package, a client that does not build or start.
 # Each architecture has a root with nothing in it but the packages, what they depend on, and the headers of libc. The
-# client of one page is built there by pkg-config and by CMake, with this machine's compiler for it, and runs, as dmq does.
+# client of one page is built there by pkg-config and by CMake, with this machine's compiler for it, and runs, as dmq
+# does.
 # usage: clean_root_test.sh [ARCHITECTURE]...     (default: this machine's and armhf)
 set -eu
 cd "$(dirname "$0")/../.."
@@ -19,14 +20,18 @@ install_packages() {
     done
     rm -rf "$root" "$built"
     # shellcheck disable=SC2086  # lists of names
-    "$project/scripts/debian_root.sh" "$architecture" "$root" libc6-dev $packages > "$log" 2>&1 || { cat "$log"; fail dependencies; }
+    "$project/scripts/debian_root.sh" "$architecture" "$root" libc6-dev $packages > "$log" 2>&1 ||
+        { cat "$log"; fail dependencies; }
     echo "$architecture" > "$root/var/lib/dpkg/arch"
     # shellcheck disable=SC2086
     dpkg --root="$root" --force-not-root --install $packages || fail installation
 }
 
 # With libraries of the root only.
-run() { $emulator "$(echo "$root/lib/$triplet"/ld-linux*.so.*)" --inhibit-cache --library-path "$root/usr/lib/$triplet:$root/lib/$triplet" "$@"; }
+run() {
+    $emulator "$(echo "$root/lib/$triplet"/ld-linux*.so.*)" --inhibit-cache \
+        --library-path "$root/usr/lib/$triplet:$root/lib/$triplet" "$@"
+}
 
 check_program() {
     run --list "$1" > "$log" || fail "$1 does not load"
@@ -41,7 +46,8 @@ use_packages() {
     export PKG_CONFIG_SYSROOT_DIR="$root" PKG_CONFIG_PATH='' PKG_CONFIG_LIBDIR="$root/usr/lib/$triplet/pkgconfig"
     flags=$(pkg-config --cflags --libs tq_dm_cache) || fail pkg-config
     # shellcheck disable=SC2086
-    "$triplet-gcc" --sysroot="$root" -Wall -Wextra -Werror "$examples/client.c" $flags -o "$built/client" || fail "a build by $flags"
+    "$triplet-gcc" --sysroot="$root" -Wall -Wextra -Werror "$examples/client.c" $flags -o "$built/client" ||
+        fail "a build by $flags"
     check_program "$built/client"
 
     cmake -S "$examples/installed" -B "$built/cmake" -DCMAKE_C_COMPILER="$triplet-gcc" -DCMAKE_SYSROOT="$root" \
