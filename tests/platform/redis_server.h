@@ -5,6 +5,8 @@
 // cut. A server ends with the test program, however that ends.
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -49,6 +51,7 @@ public:
     void cut();  // ends what passes, and refuses to begin anew
     void let_in();
     void drop_pongs(int n) { pongs_to_drop_ = n; }
+    void wait_for_bytes(size_t more, std::chrono::milliseconds limit);  // to the client
 
 private:
     struct Road {
@@ -57,12 +60,14 @@ private:
     };
     void accept_all();
     void carry(Road &road);
-    bool carry_some(int from, int to, bool pongs);
+    bool carry_some(int from, int to, bool to_client);
 
     const std::string path_, server_;
     int listener_ = -1;
     std::atomic<int> pongs_to_drop_ = 0;
     std::mutex mutex_;  // guards what follows
+    std::condition_variable carried_more_;
+    size_t carried_ = 0;
     bool refusing_ = false;
     std::list<Road> roads_;
     std::thread thread_;

@@ -1,0 +1,291 @@
+// What happens to a server, its reader and its writer. mutex_ guards what the threads tell each other; nothing waits under
+// it but on changed_.
+#include "faults/world.h"
+
+#include <map>
+
+#include "tq_dm_cache/dm_cache.h"
+#include "tq_dm_cache/dm_cache_status.h"
+#include "tq_dm_cache/dm_port_index.h"
+
+namespace {
+
+constexpr int32_t cards = 1500;  // their names make a scan of several pages
+constexpr int32_t limit_ms = 30'000;
+constexpr std::chrono::milliseconds patience(limit_ms);
+
+World *world = nullptr;
+
+using Picture = std::map<std::string, std::string>;
+
+void take(Picture &picture, const ProtobufCMessage *object) {
+    const ProtobufCMessage *key = key_of(object);
+    picture[key ? packed(key) : ""] = packed(object);
+}
+
+// False: a connection that was killed is noticed only now.
+bool read_store(tq_mom_handle *handle, int32_t row, Picture &picture) {
+    const auto reply = [](tq_mom_handle *, store_msg *msg, void *word) {
+        take(*static_cast<Picture *>(word), static_cast<result_rec *>(msg->value)->obj);
+        return 0;
+    };
+    const obj_sub_entry &entry = obj_sub_list[row];
+    return tq_mom_scan_sync(handle, entry.db_id, entry.obj_tmpl, 0, reply, &picture) == 0;
+}
+
+Picture cached(int32_t row) {
+    const auto visit = [](ProtobufCMessage *object, uintptr_t *picture) {
+        take(*reinterpret_cast<Picture *>(*picture), object);
+        return 0;
+    };
+    Picture picture;
+    dm_cache_lock();
+    dm_cache_foreach_obj(row, visit, reinterpret_cast<uintptr_t>(&picture));
+    dm_cache_unlock();
+    return picture;
+}
+
+tq_mom_handle *open(const std::string &url) {
+    tq_mom_handle *handle = nullptr;
+    if (tq_mom_client_open((url + "?probe=300").c_str(), &handle) != 0) fail("cannot open " + url);
+    return handle;
+}
+
+}  // namespace
+
+const World::Fault World::faults[] = {
+    {"restart with older content", &World::restart_with_older_content},
+    {"restart with its content", &World::restart_with_content},
+    {"restart empty", &World::restart_empty},
+    {"freeze", &World::freeze},
+    {"cut off", &World::cut_off},
+    {"hold up the reader", &World::hold_up},
+    {"kill subscribers", &World::kill_subscribers},
+    {"kill command connections", &World::kill_command_connections},
+};
+
+// The first faults strike while the cache starts.
+World::World(uint64_t seed, bool trace)
+    : random_{std::mt19937_64(seed), false},
+      trace_(trace),
+      server_({"--client-output-buffer-limit", "pubsub", "1mb", "0", "0"}),
+      proxy_(server_.socket() + ".proxy", server_.socket()),
+      writers_random_{std::mt19937_64(seed + 1'000'000'007), false} {
+    world = this;
+    dm_cache_init_obj(obj_sub_list);
+    ndm_cache_init_port_obj(obj_sub_list);
+    writer_ = open(server_.url());
+    for (int i = 0; i < 3000; i++) write();
+
+    reader_ = open("redis+unix://" + server_.socket() + ".proxy");
+    tq_mom_client_set_connection_cb(reader_, on_connection, this);
+    dm_cache_multi_thread_init();
+    for (int32_t row = 0; row < obj_sub_list_max; row++) {
+        if (obj_sub_list[row].obj_tmpl) dm_cache_sub_obj(row, on_change, 0);
+    }
+    if (dm_cache_init(reader_, "faults") != 0) fail("the cache does not start");
+    writing_ = std::thread([this] { write_on(); });
+}
+
+World::~World() {
+    {
+        const std::lock_guard lock(mutex_);
+        ended_ = true;
+        changed_.notify_all();
+    }
+    writing_.join();
+    tq_mom_client_close(reader_);
+    tq_mom_client_close(writer_);
+}
+
+void World::say(const char *what, long number) const {
+    if (trace_) std::printf("%s %ld\n", what, number);
+}
+
+int32_t World::on_change(tq_mom_handle *, int32_t, int32_t, ProtobufCMessage *) {
+    std::unique_lock lock(world->mutex_);
+    world->changed_.notify_all();
+    world->changed_.wait(lock, [] { return !world->held_up_; });
+    return 0;
+}
+
+void World::on_connection(tq_mom_handle *, int32_t connected, int32_t reason, void *) {
+    const std::lock_guard lock(world->mutex_);
+    world->connected_ = connected != 0;
+    if (connected) {
+        world->totals.same_server += reason == 1;
+        world->totals.other_server += reason == 2;
+    } else {
+        world->losses_++;
+    }
+    world->changed_.notify_all();
+}
+
+// The writer
+
+void World::write() {
+    Random &random = writers_random_;
+    int32_t row = 0;
+    while (!obj_sub_list[row].obj_tmpl) row = random.below(static_cast<size_t>(obj_sub_list_max));
+    if (row == DM_ROW_DP_LIB_COMPLETE && random.percent(90)) row = DM_ROW_CARD_INFO;  // it makes the cache scan everything
+    if (random.percent(50)) row = DM_ROW_CARD_INFO;
+    const bool card = row == DM_ROW_CARD_INFO;
+    Message object = random_object(random, row, random.below(card ? cards : keys_of_a_row));
+    if (card) object = std::move(object).set("name", std::string(600, static_cast<char>('a' + random.below(26))));
+    const uint32_t db = obj_sub_list[row].db_id;
+    const int32_t error =
+        random.percent(30) ? tq_mom_del(writer_, db, object.get()) : tq_mom_set(writer_, db, object.get(), 0, 0);
+    if (error && error != TQ_MOM_E_UNREACHABLE && error != TQ_MOM_E_NOT_FOUND) fail("a write is answered oddly");
+    const std::lock_guard lock(mutex_);
+    writes_++;
+    totals.refused_writes += error == TQ_MOM_E_UNREACHABLE;
+    changed_.notify_all();
+}
+
+void World::write_on() {
+    for (;;) {
+        {
+            std::unique_lock lock(mutex_);
+            paused_ = pause_;
+            changed_.notify_all();
+            changed_.wait(lock, [this] { return ended_ || !pause_; });
+            paused_ = false;
+            if (ended_) return;
+        }
+        write();
+        if (!tq_mom_client_connect_sync(writer_, 0)) continue;  // waits while it is cut off
+    }
+}
+
+void World::write_paused(bool paused) {
+    std::unique_lock lock(mutex_);
+    pause_ = paused;
+    changed_.notify_all();
+    if (!changed_.wait_for(lock, patience, [&] { return paused_ == paused; })) fail("the writer hangs");
+}
+
+// Also when the writer cannot go on.
+bool World::wait_for_writes(long more) {
+    std::unique_lock lock(mutex_);
+    const long until = writes_ + more;
+    return changed_.wait_for(lock, std::chrono::seconds(2), [&] { return writes_ >= until; });
+}
+
+// The faults
+
+void World::restart_with_older_content() {
+    server_.command({"SAVE"});
+    wait_for_writes(random_.below(2000));
+    server_.kill();
+    server_.start();
+}
+
+void World::restart_with_content() {
+    server_.restart(true);
+}
+
+void World::restart_empty() {
+    server_.restart(false);
+}
+
+bool World::wait_for_loss(int limit) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::milliseconds(limit), [&] { return !connected_; });
+}
+
+// As often for less than the probe time, which nobody needs to notice.
+void World::freeze() {
+    server_.freeze(true);
+    wait_for_loss(random_.percent(50) ? random_.below(250) : limit_ms);
+    server_.freeze(false);
+}
+
+// What is deleted meanwhile must not stay.
+void World::cut_off() {
+    proxy_.cut();
+    if (!wait_for_loss(limit_ms)) fail("a lost connection is not noticed");
+    wait_for_writes(random_.below(2000));
+    proxy_.let_in();
+}
+
+void World::hold_up() {
+    const auto set = [this](bool held_up) {
+        const std::lock_guard lock(mutex_);
+        held_up_ = held_up;
+        changed_.notify_all();
+    };
+    set(true);
+    wait_for_writes(random_.below(6000));
+    set(false);
+}
+
+void World::kill_subscribers() {
+    server_.command({"CLIENT", "KILL", "TYPE", "pubsub"});
+}
+
+void World::kill_command_connections() {
+    server_.command({"CLIENT", "KILL", "TYPE", "normal"});
+}
+
+// A moment of subscribing, scanning or following: when so many more bytes have come to the reader.
+void World::wait_for_traffic() {
+    const auto bytes = static_cast<size_t>(random_.below(size_t{1} << random_.below(22)));
+    say("  after bytes:", static_cast<long>(bytes));
+    proxy_.wait_for_bytes(bytes, std::chrono::seconds(1));
+}
+
+void World::strike() {
+    wait_for_traffic();
+    const Fault &fault = faults[random_.below(std::size(faults))];
+    say(fault.name);
+    (this->*fault.act)();
+}
+
+void World::cycle() {
+    do strike();
+    while (random_.percent(40));
+    come_to_rest();
+    totals.cycles++;
+}
+
+// Comparing
+
+void World::come_to_rest() {
+    write_paused(true);
+    for (tq_mom_handle *handle : {writer_, reader_}) {
+        for (int i = 0; tq_mom_client_connect_sync(handle, 0) != 0; i++) {
+            if (i == 5) fail("a client does not come back");
+        }
+    }
+    const auto end = std::chrono::steady_clock::now() + patience;
+    std::string found = difference();
+    while (!found.empty() && std::chrono::steady_clock::now() < end) {
+        dm_cache_wait_applied(dm_cache_applied(), 100);
+        found = difference();
+    }
+    if (!found.empty()) fail(found);
+    const std::lock_guard lock(mutex_);
+    totals.writes = writes_;
+    totals.losses = losses_;
+    pause_ = false;
+    changed_.notify_all();
+}
+
+std::string World::difference() {
+    if (dm_cache_wait_synced(0) != 0) return "the cache is not synchronised";
+    for (int32_t row = 0; row < obj_sub_list_max; row++) {
+        if (!obj_sub_list[row].obj_tmpl) continue;
+        Picture store;
+        if (!read_store(writer_, row, store)) return "the store cannot be read";
+        const Picture cache = cached(row);
+        totals.objects = std::max(totals.objects, static_cast<long>(store.size()));
+        const std::string name = "row " + std::to_string(row) + ": ";
+        for (const auto &[key, bytes] : store) {
+            const auto found = cache.find(key);
+            if (found == cache.end()) return name + "an object of the store is not cached";
+            if (found->second != bytes) return name + "an object is cached, but not what the store has";
+        }
+        if (cache.size() > store.size()) return name + "objects are cached that the store does not have";
+    }
+    return "";
+}
