@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 
-.PHONY: run run-redis test asan tsan test-arm abi abi-update lint lint-quick docs simulate install packages packages-test clean
+.PHONY: run run-redis test asan tsan test-arm abi abi-update lint lint-quick docs simulate faults install packages packages-test clean
 .NOTPARALLEL:
 
 # The whole road on the example chassis: load, synchronise, tables, a live change arriving.
@@ -59,6 +59,15 @@ simulate:
 	cmake --preset default
 	cmake --build build -j$(JOBS) --target simulate
 	build/tests/simulation/simulate --runs $(RUNS) --first $(FIRST)
+
+# The cache over a real server that is killed, frozen and cut off: runs of ten faults and comparisons each.
+FAULT_RUNS ?= 12
+FIRST_FAULT ?= 1
+faults:
+	scripts/setup.sh build test
+	cmake --preset default
+	cmake --build build -j$(JOBS) --target faults
+	build/tests/faults/faults --runs $(FAULT_RUNS) --cycles 10 --first $(FIRST_FAULT)
 
 lint:
 	scripts/setup.sh build test lint

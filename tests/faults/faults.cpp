@@ -72,8 +72,8 @@ bool read_options(int argc, char **argv) {
 
 void fail(const std::string &why) {
     std::fflush(stdout);
-    std::fprintf(stderr, "seed %ld: %s\n    replay: faults --seed %ld --cycles %ld --trace\n", current_seed, why.c_str(),
-                 current_seed, options.cycles);
+    std::fprintf(stderr, "seed %ld: %s\n    replay: faults --seed %ld --cycles %ld --trace\n", current_seed,
+                 why.c_str(), current_seed, options.cycles);
     _exit(1);
 }
 
@@ -86,9 +86,10 @@ int main(int argc, char **argv) {
     Totals &sum = *new (shared) Totals;
     long failed = 0;
     for (long i = 0; i < options.runs; i++) failed += !run_in_a_process(options.first + i, sum);
-    std::printf("%ld runs, %ld failed: %ld cycles, %ld writes (%ld while cut off), %ld connections lost, back on the same "
-                "server %ld times, on another %ld times; %ld objects in the largest row\n",
-                options.runs, failed, sum.cycles, sum.writes, sum.refused_writes, sum.losses, sum.same_server,
-                sum.other_server, sum.objects);
+    std::printf(
+        "%ld runs, %ld failed: %ld cycles, %ld writes (%ld while cut off), %ld connections lost, back on the same "
+        "server %ld times, on another %ld times; %ld objects in the largest row\n",
+        options.runs, failed, sum.cycles, sum.writes, sum.refused_writes, sum.losses, sum.same_server, sum.other_server,
+        sum.objects);
     return failed ? 1 : 0;
 }

@@ -113,6 +113,7 @@ void World::on_connection(tq_mom_handle *, int32_t connected, int32_t reason, vo
     const std::lock_guard lock(world->mutex_);
     world->connected_ = connected != 0;
     if (connected) {
+        world->applied_when_connected_ = dm_cache_applied();
         world->totals.same_server += reason == 1;
         world->totals.other_server += reason == 2;
     } else {
@@ -127,7 +128,8 @@ void World::write() {
     Random &random = writers_random_;
     int32_t row = 0;
     while (!obj_sub_list[row].obj_tmpl) row = random.below(static_cast<size_t>(obj_sub_list_max));
-    if (row == DM_ROW_DP_LIB_COMPLETE && random.percent(90)) row = DM_ROW_CARD_INFO;  // it makes the cache scan everything
+    if (row == DM_ROW_DP_LIB_COMPLETE && random.percent(90))
+        row = DM_ROW_CARD_INFO;  // it makes the cache scan everything
     if (random.percent(50)) row = DM_ROW_CARD_INFO;
     const bool card = row == DM_ROW_CARD_INFO;
     Message object = random_object(random, row, random.below(card ? cards : keys_of_a_row));
@@ -250,13 +252,23 @@ void World::cycle() {
 
 // Comparing
 
-void World::come_to_rest() {
-    write_paused(true);
+void World::wait_for_clients() {
     for (tq_mom_handle *handle : {writer_, reader_}) {
         for (int i = 0; tq_mom_client_connect_sync(handle, 0) != 0; i++) {
             if (i == 5) fail("a client does not come back");
         }
     }
+}
+
+// Either in the middle of what follows a reconnect, or when the cache has been following again for a while.
+void World::come_to_rest() {
+    wait_for_clients();
+    if (random_.percent(60)) {
+        if (dm_cache_wait_applied(applied_when_connected_, limit_ms) != 0) fail("the cache is not synchronised again");
+        wait_for_writes(random_.below(4000));
+    }
+    write_paused(true);
+    wait_for_clients();
     const auto end = std::chrono::steady_clock::now() + patience;
     std::string found = difference();
     while (!found.empty() && std::chrono::steady_clock::now() < end) {

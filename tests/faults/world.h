@@ -37,6 +37,7 @@ private:
     bool wait_for_writes(long more);
     void wait_for_traffic();
     void strike();
+    void wait_for_clients();
     void come_to_rest();
     std::string difference();
 
@@ -61,6 +62,7 @@ private:
     Proxy proxy_;
     tq_mom_handle *writer_ = nullptr, *reader_ = nullptr;
 
+    std::atomic<uint32_t> applied_when_connected_ = 0;
     std::mutex mutex_;  // guards what follows
     std::condition_variable changed_;
     bool ended_ = false, pause_ = false, paused_ = false, held_up_ = false, connected_ = false;
