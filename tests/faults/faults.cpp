@@ -28,7 +28,7 @@ void run(long seed, Totals &sum) {
     alarm(static_cast<unsigned>(60 + 30 * options.cycles));
     World world(static_cast<uint64_t>(seed), options.trace);
     for (long i = 0; i < options.cycles; i++) world.cycle();
-    const Totals &done = world.totals;
+    const Totals done = world.end();
     sum = {sum.cycles + done.cycles,
            sum.writes + done.writes,
            sum.refused_writes + done.refused_writes,

@@ -87,7 +87,7 @@ World::World(uint64_t seed, bool trace)
     writing_ = std::thread([this] { write_on(); });
 }
 
-World::~World() {
+Totals World::end() {
     {
         const std::lock_guard lock(mutex_);
         ended_ = true;
@@ -96,6 +96,7 @@ World::~World() {
     writing_.join();
     tq_mom_client_close(reader_);
     tq_mom_client_close(writer_);
+    return totals_;
 }
 
 void World::say(const char *what, long number) const {
@@ -114,8 +115,8 @@ void World::on_connection(tq_mom_handle *, int32_t connected, int32_t reason, vo
     world->connected_ = connected != 0;
     if (connected) {
         world->applied_when_connected_ = dm_cache_applied();
-        world->totals.same_server += reason == 1;
-        world->totals.other_server += reason == 2;
+        world->totals_.same_server += reason == 1;
+        world->totals_.other_server += reason == 2;
     } else {
         world->losses_++;
     }
@@ -140,7 +141,7 @@ void World::write() {
     if (error && error != TQ_MOM_E_UNREACHABLE && error != TQ_MOM_E_NOT_FOUND) fail("a write is answered oddly");
     const std::lock_guard lock(mutex_);
     writes_++;
-    totals.refused_writes += error == TQ_MOM_E_UNREACHABLE;
+    totals_.refused_writes += error == TQ_MOM_E_UNREACHABLE;
     changed_.notify_all();
 }
 
@@ -247,7 +248,7 @@ void World::cycle() {
     do strike();
     while (random_.percent(40));
     come_to_rest();
-    totals.cycles++;
+    totals_.cycles++;
 }
 
 // Comparing
@@ -277,8 +278,8 @@ void World::come_to_rest() {
     }
     if (!found.empty()) fail(found);
     const std::lock_guard lock(mutex_);
-    totals.writes = writes_;
-    totals.losses = losses_;
+    totals_.writes = writes_;
+    totals_.losses = losses_;
     pause_ = false;
     changed_.notify_all();
 }
@@ -290,7 +291,7 @@ std::string World::difference() {
         Picture store;
         if (!read_store(writer_, row, store)) return "the store cannot be read";
         const Picture cache = cached(row);
-        totals.objects = std::max(totals.objects, static_cast<long>(store.size()));
+        totals_.objects = std::max(totals_.objects, static_cast<long>(store.size()));
         const std::string name = "row " + std::to_string(row) + ": ";
         for (const auto &[key, bytes] : store) {
             const auto found = cache.find(key);

@@ -19,11 +19,10 @@ struct Totals {
 class World {
 public:
     World(uint64_t seed, bool trace);
-    ~World();
+    World(const World &) = delete;
 
     void cycle();  // one fault or several, then a quiet point
-
-    Totals totals;
+    Totals end();  // of the writer and the clients
 
 private:
     struct Fault {
@@ -65,6 +64,7 @@ private:
     std::atomic<uint32_t> applied_when_connected_ = 0;
     std::mutex mutex_;  // guards what follows
     std::condition_variable changed_;
+    Totals totals_;
     bool ended_ = false, pause_ = false, paused_ = false, held_up_ = false, connected_ = false;
     long writes_ = 0, losses_ = 0;
 

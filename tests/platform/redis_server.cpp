@@ -170,7 +170,8 @@ bool Proxy::carry_some(int from, int to, bool to_client) {
     if (n <= 0) return false;
     std::string bytes(buffer, static_cast<size_t>(n));
     const std::string pong = "*2\r\n$4\r\npong\r\n";
-    for (size_t at = 0; to_client && pongs_to_drop_ > 0 && (at = bytes.find(pong)) != std::string::npos; pongs_to_drop_--) {
+    for (size_t at = 0; to_client && pongs_to_drop_ > 0 && (at = bytes.find(pong)) != std::string::npos;
+         pongs_to_drop_--) {
         const size_t length = bytes.find("\r\n", at + pong.size());
         bytes.erase(at, bytes.find("\r\n", length + 2) + 2 - at);
     }
