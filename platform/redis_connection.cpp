@@ -51,14 +51,17 @@ std::string auth_command(const RedisUrl &url) {
     return formatted({"AUTH", url.user, url.password});
 }
 
-bool RedisConnection::open(const RedisUrl &url, bool blocking) {
+bool RedisConnection::open(const RedisUrl &url, bool is_blocking) {
     out_.clear();
     fault_.clear();
-    context_.reset(connect(url, blocking));
+    context_.reset(connect(url, is_blocking));
     if (!context_) throw std::bad_alloc();
     if (context_->err) return fail(context_->errstr);
     fcntl(context_->fd, F_SETFD, FD_CLOEXEC);
-    if (blocking && redisSetTimeout(context_.get(), timeval_of(url.probe)) != REDIS_OK) return fail(context_->errstr);
+    if (!is_blocking) replies_.serve(*context_->reader);
+    begun_ = false;
+    if (is_blocking && redisSetTimeout(context_.get(), timeval_of(url.probe)) != REDIS_OK)
+        return fail(context_->errstr);
     return true;
 }
 
@@ -76,7 +79,7 @@ bool RedisConnection::send() {
     while (sent < out_.size()) {
         const ssize_t n = ::send(fd(), out_.data() + sent, out_.size() - sent, MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR) continue;
-        if (n < 0 && errno == EAGAIN && !(context_->flags & REDIS_BLOCK)) break;
+        if (n < 0 && errno == EAGAIN && !blocking()) break;
         if (n < 0) return fail(reason_of(errno));
         sent += static_cast<size_t>(n);
     }
@@ -90,8 +93,7 @@ RedisConnection::Received RedisConnection::receive() {
     do {
         n = ::recv(fd(), buffer, sizeof buffer, 0);
     } while (n < 0 && errno == EINTR);
-    const bool blocking = context_->flags & REDIS_BLOCK;
-    if (n < 0 && errno == EAGAIN && !blocking) return Received::nothing;
+    if (n < 0 && errno == EAGAIN && !blocking()) return Received::nothing;
     if (n <= 0) {
         fail(reason_of(n == 0 ? 0 : errno));
         return Received::failed;
@@ -102,8 +104,10 @@ RedisConnection::Received RedisConnection::receive() {
 
 Reply RedisConnection::next() {
     void *reply = nullptr;
+    if (!begun_) replies_.begin_next();
     if (redisGetReplyFromReader(context_.get(), &reply) != REDIS_OK) fail(context_->errstr);
-    return Reply(static_cast<redisReply *>(reply));
+    begun_ = reply == nullptr;
+    return Reply(static_cast<redisReply *>(reply), {!blocking()});
 }
 
 }  // namespace tq

@@ -9,12 +9,17 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/redis_replies.h"
 #include "platform/redis_url.h"
 
 namespace tq {
 
+// One that its connection keeps is not freed.
 struct FreeReply {
-    void operator()(redisReply *reply) const { freeReplyObject(reply); }
+    bool kept = false;
+    void operator()(redisReply *reply) const {
+        if (!kept) freeReplyObject(reply);
+    }
 };
 using Reply = std::unique_ptr<redisReply, FreeReply>;
 
@@ -34,7 +39,7 @@ std::string auth_command(const RedisUrl &url);
 class RedisConnection {
 public:
     // What was wrong is told by fault(), here and below. A connection that does not block may still be on its way.
-    bool open(const RedisUrl &url, bool blocking);
+    bool open(const RedisUrl &url, bool is_blocking);
     bool is_open() const { return context_ != nullptr; }
     void close() { context_.reset(); }
     void shut();  // every read ends; the descriptor stays
@@ -48,7 +53,8 @@ public:
 
     enum class Received { failed, nothing, some, much };  // much: there may be more
     Received receive();
-    // Null: none is complete, or, with a fault, what came is not the server's language.
+    // Null: none is complete, or, with a fault, what came is not the server's language. A connection that does not block
+    // keeps its replies: each is good until the next one is asked for.
     Reply next();
 
 private:
@@ -57,6 +63,10 @@ private:
     };
     bool fail(const std::string &why);
 
+    bool blocking() const { return context_->flags & REDIS_BLOCK; }
+
+    RedisReplies replies_;
+    bool begun_ = false;  // a reply is half read
     std::unique_ptr<redisContext, FreeContext> context_;
     std::string out_;
     std::string fault_;

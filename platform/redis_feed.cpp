@@ -48,7 +48,7 @@ void RedisFeed::start_timer(milliseconds delay) {
 
 void RedisFeed::connect() {
     state_ = State::connecting;
-    if (!connection_.open(url_, /*blocking=*/false)) return drop(connection_.fault());
+    if (!connection_.open(url_, /*is_blocking=*/false)) return drop(connection_.fault());
     readable_ = new_event<&RedisFeed::on_readable>(connection_.fd(), EV_READ | EV_PERSIST);
     writable_ = new_event<&RedisFeed::send>(connection_.fd(), EV_WRITE);
     event_add(readable_.get(), nullptr);

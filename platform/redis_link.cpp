@@ -16,7 +16,7 @@ int32_t RedisLink::open(std::string &fault) {
     }
     owed_ = 0;
     fault_.clear();
-    usable_ = connection_.open(url_, /*blocking=*/true);
+    usable_ = connection_.open(url_, /*is_blocking=*/true);
     const int32_t error = usable_ ? try_credentials(fault) : TQ_MOM_E_UNREACHABLE;
     if (!usable_) fault = connection_.fault();
     usable_ = error == 0;
