@@ -53,7 +53,9 @@ bool RedisStore::up() const {
 
 void RedisStore::follow(const Place &place, const std::string *key, const Ticket &ticket) {
     const std::lock_guard lock(mutex_);
-    auto &followers = channels_[key ? channel_of(place, *key) : hash_of(place)].followers;
+    const auto [channel, is_new] = channels_.try_emplace(key ? channel_of(place, *key) : hash_of(place));
+    if (is_new) to_subscribe_.push_back(channel->first);
+    Followers &followers = channel->second;
     if (std::find(followers.begin(), followers.end(), ticket) == followers.end()) followers.push_back(ticket);
     if (phase_ != Phase::up) return;
     to_confirm_[++asked_] = ticket;
@@ -72,20 +74,17 @@ void RedisStore::send_follows() {
 }
 
 bool RedisStore::subscribe_rest() {
-    bool any = false;
-    for (auto &[name, channel] : channels_) {
-        if (channel.subscribed) continue;
-        feed_.subscribe(name);
-        any = channel.subscribed = true;
-    }
+    for (const std::string &name : to_subscribe_) feed_.subscribe(name);
+    const bool any = !to_subscribe_.empty();
+    to_subscribe_.clear();
     return any;
 }
 
 void RedisStore::subscribe_all() {
     const std::lock_guard lock(mutex_);
     phase_ = Phase::restoring;
-    for (auto &[name, channel] : channels_) channel.subscribed = false;
-    feed_.subscribe(private_channel_);
+    to_subscribe_ = {private_channel_};
+    for (const auto &[name, followers] : channels_) to_subscribe_.push_back(name);
     subscribe_rest();
     feed_.ping(pinged_ = ++asked_);
 }
@@ -203,13 +202,13 @@ const char *RedisStore::take_echo() {
     return no_master;
 }
 
-void RedisStore::take_change(const Channel &channel) {
+void RedisStore::take_change(const Followers &followers) {
     const auto &strings = frame_.strings;
     Changed change;
     if (frame_.letter == 'D') change.before = object(strings[0], "");
     if (frame_.letter == 'C') change.before = object(strings[0], strings[2]);
     if (frame_.letter != 'D') change.after = object(strings[0], strings[1]);
-    for (const Ticket &ticket : channel.followers) {
+    for (const Ticket &ticket : followers) {
         change.ticket = ticket;
         sink_.post(change);
     }

@@ -32,10 +32,7 @@ public:
     int32_t erase(const Place &place, const std::string &key) override;
 
 private:
-    struct Channel {
-        std::vector<Ticket> followers;
-        bool subscribed = false;  // asked for on this connection
-    };
+    using Followers = std::vector<Ticket>;
     struct Scan {
         uint64_t number;
         std::string hash;
@@ -60,7 +57,7 @@ private:
     // With the lock held.
     const char *take(std::string_view channel);  // the frame; null, or what is wrong with it
     const char *take_echo();
-    void take_change(const Channel &channel);
+    void take_change(const Followers &followers);
     void take_page();
     bool subscribe_rest();
     void ask_page();
@@ -88,7 +85,8 @@ private:
     mutable std::mutex mutex_;  // guards what follows; taken after the client's lock, before the link's and the loop's
     Phase phase_ = Phase::lost;
     uint64_t connection_ = 0;  // how often it has been up
-    std::map<std::string, Channel, std::less<>> channels_;
+    std::map<std::string, Followers, std::less<>> channels_;
+    std::vector<std::string> to_subscribe_;           // on this connection
     uint64_t asked_ = 0, pinged_ = 0, answered_ = 0;  // the last ping due, sent, answered
     std::map<uint64_t, Ticket> to_confirm_;           // by the ping whose answer confirms it
     std::deque<Scan> scans_;                          // the first one is under way

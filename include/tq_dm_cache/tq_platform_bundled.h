@@ -46,6 +46,8 @@
  * server restarted with does not matter: whoever scans again after the reconnect has what it has now.
  * A write or read that the server refuses fails with TQ_MOM_E_REFUSED and one line on standard error; READONLY is also a
  * lost connection.
+ * The server must not evict what it holds (maxmemory-policy noeviction, its default), and whoever writes its keys by other
+ * means than this library tells nobody.
  * Redis permissions that a client needs: keys dm:*, channels dm:*, and the commands auth, eval, hget, hgetall, hscan, hset,
  * hdel, info, ping, publish, pubsub, role, subscribe.
  */

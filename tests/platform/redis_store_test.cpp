@@ -14,7 +14,7 @@ const std::string hash = "dm:1:p_dev.card_info";
 class RedisStore : public testing::Test {
 protected:
     RedisServer server;
-    const std::string url = server.url() + "?probe=300";
+    const std::string url = server.url() + "?probe=1500";
 
     static int32_t set(RecordingClient &client, const Message &object) {
         return tq_mom_set(client.handle(), 1, object.get(), 0, 0);
@@ -102,9 +102,32 @@ TEST_F(RedisStore, RefusedOrWrongIsOneClearMessageWithoutTheSecret) {
     EXPECT_LT(std::count(said.begin(), said.end(), '\n'), 8) << said;
 }
 
+// Who runs the server wants to give no more rights than needed; the header says which these are.
+TEST_F(RedisStore, TheStatedPermissionsSuffice) {
+    std::vector<std::string> user = {"ACL", "SETUSER", "dm", "on", ">pw", "~dm:*", "&dm:*", "-@all"};
+    for (const char *name : {"auth", "eval", "hget", "hgetall", "hscan", "hset", "hdel", "info", "ping", "publish",
+                             "pubsub", "role", "subscribe"}) {
+        user.push_back(std::string("+") + name);
+    }
+    EXPECT_EQ(server.command(user), "OK");
+    RecordingClient client("redis+unix://dm:pw@" + server.socket() + "?probe=500");
+    follow(client);
+    client.set(1, 2);
+    client.scan("s");
+    ASSERT_TRUE(client.wait("s: end"));
+    EXPECT_EQ(client.get(1) + ", " + join(client.scan_sync()), "1:2, has 1:2");
+    client.del(1);
+    ASSERT_TRUE(client.wait("sub: deleted 1:0"));
+    server.command({"ACL", "SETUSER", "dm", "-hset"});
+    EXPECT_EQ(set(client, card_of_type(1, 1)), TQ_MOM_E_REFUSED);
+    server.command({"ACL", "SETUSER", "dm", "-info"});  // what an echo needs: it is missed
+    EXPECT_TRUE(client.wait("lost"));
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("can't run this command"), std::string::npos);
+}
+
 // A server that hangs while its connections stand would leave a process with an old picture, and its callers hanging.
 TEST_F(RedisStore, AFrozenServerIsFound) {
-    RecordingClient reader(url);
+    RecordingClient reader(server.url() + "?probe=500");
     follow(reader);
     server.freeze(true);
     EXPECT_EQ(set(reader, card_of_type(1, 1)), TQ_MOM_E_UNREACHABLE);
