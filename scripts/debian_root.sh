@@ -26,7 +26,7 @@ Dir::Cache "$apt";
 END
 export APT_CONFIG="$apt/conf"
 apt-get -q update || echo "debian_root.sh: apt-get update failed; going on with what it fetched" >&2
-apt-get -q install -y --no-install-recommends --download-only "$@"
+apt-get -q install -y --no-install-recommends --no-remove --download-only "$@"
 
 for package in "$apt"/archives/*.deb; do
     name=$(dpkg-deb -f "$package" Package)
