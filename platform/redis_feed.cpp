@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <utility>
 
 namespace tq {
 
@@ -71,11 +72,9 @@ void RedisFeed::send() {
     if (!connection_.all_sent()) event_add(writable_.get(), nullptr);
 }
 
-int32_t RedisFeed::establish() {
+bool RedisFeed::establish() {
     state_ = State::up;
-    const int32_t reason = run_id_ == last_run_id_ ? 1 : 2;
-    last_run_id_ = run_id_;
-    return reason;
+    return std::exchange(last_run_id_, run_id_) == run_id_;
 }
 
 void RedisFeed::drop(const std::string &reason) {

@@ -39,11 +39,9 @@ public:
     void ping(uint64_t number) { connection_.add(formatted({"PING", std::to_string(number)})); }
     void send();
 
-    // Everything followed is subscribed to: it is up. 1: on the same server as the last time, 2: on another one.
-    int32_t establish();
+    // Everything followed is subscribed to: it is up. Whether it is the same run of the same server as the last time.
+    bool establish();
     void drop(const std::string &reason);
-    // The server may have other content when it is met again, though it is the same.
-    void distrust() { last_run_id_.clear(); }
 
 private:
     enum class State { waiting, connecting, up };

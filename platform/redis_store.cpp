@@ -106,15 +106,17 @@ void RedisStore::answered(uint64_t ping) {
 }
 
 // Everything that was followed when it connected is followed again; what came since is asked for now. The client gives
-// the confirmations that are owed.
+// the confirmations that are owed. The link is opened here, with a wait: this server has just answered.
 void RedisStore::establish() {
     std::string fault;
     if (!starting_ && link_.open(fault) != 0) return feed_.drop(fault);
     rescan_delay_ms_ = shortest_rescan_ms + std::uniform_int_distribution<int32_t>(0, rescan_spread_ms)(random_);
-    const int32_t reason = feed_.establish();
+    const bool same_run = feed_.establish();
     {
         const std::lock_guard lock(mutex_);
+        const int32_t reason = same_run && !demoted_ ? 1 : 2;
         phase_ = Phase::up;
+        demoted_ = false;
         connection_++;
         refusal_.clear();
         if (subscribe_rest()) feed_.ping(pinged_ = ++asked_);
@@ -149,20 +151,25 @@ void RedisStore::lost_by_call(uint64_t connection, bool demoted) {
         const std::lock_guard lock(mutex_);
         if (phase_ != Phase::up || connection != connection_) return;
         cut_off();
+        demoted_ = demoted;
     }
-    loop_.post([this, connection, demoted] {
-        {
-            const std::lock_guard lock(mutex_);
-            if (phase_ != Phase::lost || connection != connection_) return;
-        }
-        if (demoted) feed_.distrust();
-        const std::string fault = link_.collect();
-        feed_.drop(demoted ? no_master : fault.empty() ? "a call has failed" : fault);
-    });
+    loop_.post([this] { drop_cut_off(); });
+}
+
+void RedisStore::drop_cut_off() {
+    bool demoted = false;
+    {
+        const std::lock_guard lock(mutex_);
+        if (phase_ != Phase::lost) return;
+        demoted = demoted_;
+    }
+    const std::string fault = link_.collect();
+    feed_.drop(demoted ? no_master : fault.empty() ? "a call has failed" : fault);
 }
 
 // What a server asks itself shows that both connections work, and that it is still the master.
 void RedisStore::tick() {
+    drop_cut_off();
     link_.post({"EVAL", echo_script, "0", private_channel_});
     const std::string fault = link_.collect();
     if (!fault.empty()) feed_.drop(fault);
@@ -198,7 +205,7 @@ const char *RedisStore::take_echo() {
     echoes_ = owed ? echoes_ + 1 : 0;
     if (echoes_ > echoes_without_answer) return "echoes, and a request has no answer";
     if (frame_.strings[0] == "master") return nullptr;
-    feed_.distrust();
+    demoted_ = true;
     return no_master;
 }
 

@@ -53,6 +53,7 @@ private:
     void lost() override;
     void establish();
     void send_follows();
+    void drop_cut_off();
 
     // With the lock held.
     const char *take(std::string_view channel);  // the frame; null, or what is wrong with it
@@ -85,6 +86,7 @@ private:
     mutable std::mutex mutex_;  // guards what follows; taken after the client's lock, before the link's and the loop's
     Phase phase_ = Phase::lost;
     uint64_t connection_ = 0;  // how often it has been up
+    bool demoted_ = false;     // the server was found to be no master: what it is when it is one again may differ
     std::map<std::string, Followers, std::less<>> channels_;
     std::vector<std::string> to_subscribe_;           // on this connection
     uint64_t asked_ = 0, pinged_ = 0, answered_ = 0;  // the last ping due, sent, answered
