@@ -14,6 +14,10 @@ Client open_store(const std::string &url) {
     const int32_t code = tq_mom_client_open(url.c_str(), &handle);
     if (code == TQ_MOM_E_URL || code == TQ_MOM_E_ARGUMENT)
         throw Failure(exit_usage, url + " names no store; see --store in dmq --help");
+    if (code == TQ_MOM_E_DENIED)
+        throw Failure(exit_unreachable, "the store " + url +
+                                            " knows no such user or password; TQ_STORE_USER and "
+                                            "TQ_STORE_PASSWORD give others");
     if (code) throw Failure(exit_unreachable, "the store " + url + " is not reachable; is its server running?");
     return Client(handle);
 }
