@@ -22,8 +22,7 @@ build() (
     tar --exclude='./build*' --exclude=./.git -cf - . | tar -xf - -C "$folder/source"
     set -- --build=binary --no-sign --jobs="$jobs"
     if [ "$architecture" != "$native" ]; then
-        export DEPENDENCY_ROOT="$PWD/build-arm-root"
-        ln -s "$DEPENDENCY_ROOT" "$folder/source/build-arm-root"
+        cp -a build-arm-root "$folder/source"  # within the folder whose path is left out of debug information
         set -- "$@" --host-arch="$architecture" --build-profiles=cross --no-check-builddeps
     fi
     cd "$folder/source"
