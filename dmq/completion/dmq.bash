@@ -2,6 +2,10 @@
 # the keys of objects in the store.
 _dmq() {
     local line=${COMP_LINE:0:COMP_POINT} candidate words
+    local quotes=${line//[^\"\']/}
+    # Of an open quote readline would replace all: the candidate for its last word would take the others' place.
+    ((${#quotes} % 2 == 0)) || return
+    line=${line//[\"\']/}
     read -ra words <<< "$line"
     [[ $line != *[[:space:]] ]] || words+=('')
     # A candidate is a whole word; for readline a word begins anew behind = and :

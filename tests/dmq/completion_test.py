@@ -100,7 +100,8 @@ class Completion(unittest.TestCase):
                 for keys, shown in [("dmq shel\t", "shell "), ("dmq show slots psl\t7", "pslot=7"),
                                     ("dmq --store redis+\tx", "redis+unix:///x"),
                                     ("dmq load examples/chas\t", "examples/chassis.json "),
-                                    ("dmq --store mem:x --load examples/chassis.json get card_info devid=2 slotid=30 "
+                                    ('dmq --load "examples/chassis.json get card_inf\tx\f', "card_infx"),
+                                    ('dmq --store mem:x --load "examples/chassis.json" get card_info devid=2 slotid=30 '
                                      "sslotid=\t", " sslotid=0 ")]:
                     self.assertIsNotNone(terminal.type("\x15" + keys, shown), keys)
 
