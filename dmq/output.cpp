@@ -82,8 +82,10 @@ void hide_password(std::span<char> text) {
     constexpr std::string_view slashes = "://";
     const std::string_view view(text.data(), text.size());
     const size_t scheme = view.find(slashes), end = view.rfind('@');
-    if (scheme == std::string_view::npos || end == std::string_view::npos) return;
-    const size_t user = scheme + slashes.size(), colon = view.find(':', user);
+    if (end == std::string_view::npos) return;
+    const bool is_url = scheme < end;
+    const size_t user = is_url ? scheme + slashes.size() : view.rfind(' ', end) + 1, colon = view.find(':', user);
+    if (colon >= end && !is_url) return;
     for (size_t i = colon < end ? colon + 1 : user; i < end; i++) text[i] = '*';
 }
 

@@ -145,6 +145,7 @@ class Store(unittest.TestCase):
         if words[0] == DMQ.encode():  # and not an emulator, which keeps words of its own
             self.assertEqual(words[2], b"mem:x://user:*********@host")
         for words in [["--store", "men://:pass:w@rd@host", "get"], ["men://pass:w@rd@host"],
+                      ["--store", "redis:/u:pass:w@rd@host", "get"], ["--store", "redis//u:w@rd@host", "get"],
                       ["--loda", "x://pass:w@rd@host"]]:
             messages = [line for line in dmq(*words).stderr.splitlines() if line.startswith("dmq: ")]
             self.assertTrue(messages)
