@@ -6,7 +6,9 @@ set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-if(NOT DM_PLATFORM_LIBRARY)
+if(DM_PLATFORM_LIBRARY)
+  set(not_bundled PATTERN tq_platform_bundled.h EXCLUDE)
+else()
   set(DM_BUNDLED tq_platform)
 endif()
 set_target_properties(tq_dm_cache ${DM_BUNDLED} PROPERTIES INSTALL_RPATH "$ORIGIN")
@@ -21,7 +23,7 @@ if(TARGET dmq)
 endif()
 
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ ${PROJECT_BINARY_DIR}/generated/
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h" ${not_bundled})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/schema/
   DESTINATION ${CMAKE_INSTALL_DATADIR}/tq_dm_cache FILES_MATCHING PATTERN "*.proto")
 install(FILES ${PROJECT_SOURCE_DIR}/man/tq_dm_cache.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
