@@ -58,6 +58,8 @@ bool RedisConnection::open(const RedisUrl &url, bool is_blocking) {
     if (!context_) throw std::bad_alloc();
     if (context_->err) return fail(context_->errstr);
     fcntl(context_->fd, F_SETFD, FD_CLOEXEC);
+    const linger unsent_is_dropped = {1, 0};  // else a cable that is mended brings an old write after newer ones
+    setsockopt(context_->fd, SOL_SOCKET, SO_LINGER, &unsent_is_dropped, sizeof unsent_is_dropped);
     if (!is_blocking) replies_.serve(*context_->reader);
     begun_ = false;
     if (is_blocking && redisSetTimeout(context_.get(), timeval_of(url.probe)) != REDIS_OK)
