@@ -89,7 +89,6 @@ void Client::subscribe(Request request) {
     }
     const Request &kept = **found;
     store_->follow(kept.place, kept.fields.empty() ? nullptr : &kept.key, *found);
-    (*found)->owed++;
 }
 
 void Client::scan(Request request) {
@@ -131,12 +130,13 @@ void Client::lost() {
     });
 }
 
-void Client::connected(int32_t reason) {
-    loop_.post([this, reason] { on_connected(reason); });
+void Client::connected(int32_t reason, std::vector<Ticket> owed) {
+    loop_.post([this, reason, owed = std::move(owed)] { on_connected(reason, owed); });
 }
 
-void Client::deliver(const Confirmed &event, uint64_t epoch) {
-    if (epoch == epoch_ && take_owed(*event.ticket)) confirm(*event.ticket);
+// It was in force, and a loss since then is told behind it.
+void Client::deliver(const Confirmed &event, uint64_t) {
+    confirm(*event.ticket);
 }
 
 void Client::deliver(const Changed &event, uint64_t epoch) {
@@ -186,7 +186,7 @@ void Client::confirm(const Request &request) {
 }
 
 // The store follows everything again already; what was owed comes before the news.
-void Client::on_connected(int32_t reason) {
+void Client::on_connected(int32_t reason, const std::vector<Ticket> &owed) {
     up_ = true;
     std::map<uint32_t, tq_mom_reconnect_cb> reconnect;
     {
@@ -195,7 +195,7 @@ void Client::on_connected(int32_t reason) {
         back_.notify_all();
     }
     tell_connection(reason);
-    for (const Ticket &ticket : take_all_owed()) confirm(*ticket);
+    for (const Ticket &ticket : owed) confirm(*ticket);
     call_ready();
     for (const auto &[db, callback] : reconnect) callback(nullptr, db, reason, nullptr);
 }
@@ -216,23 +216,6 @@ void Client::call_ready() {
         ready.swap(ready_);
     }
     for (const Ready &owed : ready) owed.callback(nullptr, owed.privdata);
-}
-
-// A confirmation may have been given already, after a reconnect.
-bool Client::take_owed(Request &request) {
-    const std::lock_guard lock(mutex_);
-    if (request.owed == 0) return false;
-    request.owed--;
-    return true;
-}
-
-std::vector<Ticket> Client::take_all_owed() {
-    const std::lock_guard lock(mutex_);
-    std::vector<Ticket> owed;
-    for (const Ticket &ticket : subscriptions_) {
-        for (; ticket->owed > 0; ticket->owed--) owed.push_back(ticket);
-    }
-    return owed;
 }
 
 }  // namespace tq

@@ -31,7 +31,6 @@ struct Request {
     Listener listener;               // of a field subscription: who is told that it stands
     std::string key = {};            // of the one object whose fields are followed
     std::vector<Field> fields = {};  // empty: whole objects are followed
-    int owed = 0;                    // confirmations not given yet; guarded by the client's lock
 };
 
 class Client final : private Sink {
@@ -71,7 +70,7 @@ private:
     // What the store tells, on any thread.
     void post(Event event) override;
     void lost() override;
-    void connected(int32_t reason) override;
+    void connected(int32_t reason, std::vector<Ticket> owed) override;
 
     // Its delivery, on the loop's thread.
     void deliver(const Confirmed &event, uint64_t epoch);
@@ -80,11 +79,9 @@ private:
     void push(const Request &request, const Listener &listener, const Changed &event);
     void reply(const Request &request, const Object &object);
     void confirm(const Request &request);
-    void on_connected(int32_t reason);
+    void on_connected(int32_t reason, const std::vector<Ticket> &owed);
     void tell_connection(int32_t reason);
     void call_ready();
-    bool take_owed(Request &request);
-    std::vector<Ticket> take_all_owed();
 
     tq_mom_handle handle_ = {};
     std::atomic<uint64_t> epoch_ = 0;  // how often the connection was lost: events of an earlier epoch are void

@@ -108,12 +108,9 @@ void MemClient::follow(const Place &place, const std::string *, const Ticket &ti
     if (std::none_of(followers.begin(), followers.end(), [&](const Follower &f) { return f.ticket == ticket; })) {
         followers.push_back({this, ticket});
     }
-    if (!up_) return;
-    if (confirmations_to_lose_ > 0) {
-        confirmations_to_lose_--;
-        return;
-    }
-    sink_.post(Confirmed{ticket});
+    if (up_ && confirmations_to_lose_ == 0) return sink_.post(Confirmed{ticket});
+    owed_.push_back(ticket);
+    if (up_) confirmations_to_lose_--;
 }
 
 // The whole content at one point of the order.
@@ -168,7 +165,7 @@ int32_t MemClient::reconnect() {
     up_ = true;
     const int32_t reason = instance_ == store_.instance ? 1 : 2;
     instance_ = store_.instance;
-    sink_.connected(reason);
+    sink_.connected(reason, std::exchange(owed_, {}));
     return 0;
 }
 

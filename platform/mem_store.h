@@ -40,6 +40,7 @@ private:
     bool up_ = true;
     uint64_t instance_;  // of the store, as this client last saw it
     int32_t confirmations_to_lose_ = 0;
+    std::vector<Ticket> owed_;  // confirmations, since the connection was lost or they were
 };
 
 // The store of that name; made when it is first asked for.

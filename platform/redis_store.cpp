@@ -57,7 +57,7 @@ void RedisStore::follow(const Place &place, const std::string *key, const Ticket
     if (is_new) to_subscribe_.push_back(channel->first);
     Followers &followers = channel->second;
     if (std::find(followers.begin(), followers.end(), ticket) == followers.end()) followers.push_back(ticket);
-    if (phase_ != Phase::up) return;
+    if (phase_ != Phase::up) return owed_.push_back(ticket);
     to_confirm_[++asked_] = ticket;
     loop_.post([this] { send_follows(); });
 }
@@ -95,9 +95,7 @@ void RedisStore::answered(uint64_t ping) {
         answered_ = ping;
         echoes_ = 0;
         if (phase_ == Phase::up) {
-            const auto found = to_confirm_.find(ping);
-            if (found != to_confirm_.end()) sink_.post(Confirmed{found->second});
-            to_confirm_.erase(to_confirm_.begin(), to_confirm_.upper_bound(ping));
+            confirm(ping);
             return ask_page();
         }
         if (phase_ == Phase::lost) return;
@@ -105,25 +103,41 @@ void RedisStore::answered(uint64_t ping) {
     establish();
 }
 
-// Everything that was followed when it connected is followed again; what came since is asked for now. The client gives
-// the confirmations that are owed. The link is opened here, with a wait: this server has just answered.
+// One whose answer has been passed over is confirmed by the next connection.
+void RedisStore::confirm(uint64_t ping) {
+    while (!to_confirm_.empty() && to_confirm_.begin()->first <= ping) {
+        const auto first = to_confirm_.extract(to_confirm_.begin());
+        if (first.key() == ping) {
+            sink_.post(Confirmed{first.mapped()});
+        } else {
+            owed_.push_back(first.mapped());
+        }
+    }
+}
+
+// The link is opened here, with a wait: this server has just answered.
 void RedisStore::establish() {
     std::string fault;
     if (!starting_ && link_.open(fault) != 0) return feed_.drop(fault);
-    rescan_delay_ms_ = shortest_rescan_ms + std::uniform_int_distribution<int32_t>(0, rescan_spread_ms)(random_);
-    const bool same_run = feed_.establish();
-    {
-        const std::lock_guard lock(mutex_);
-        const int32_t reason = same_run && !demoted_ ? 1 : 2;
-        phase_ = Phase::up;
-        demoted_ = false;
-        connection_++;
-        refusal_.clear();
-        if (subscribe_rest()) feed_.ping(pinged_ = ++asked_);
-        if (!starting_) sink_.connected(reason);
-    }
-    feed_.send();
+    if (!come_up()) return feed_.send();
     if (std::exchange(starting_, false)) started_.set_value(true);
+}
+
+// False: not all that was asked for while it was away is in force yet; another answer will tell.
+bool RedisStore::come_up() {
+    const std::lock_guard lock(mutex_);
+    if (subscribe_rest()) {
+        feed_.ping(pinged_ = ++asked_);
+        return false;
+    }
+    const int32_t reason = feed_.establish() && !demoted_ ? 1 : 2;
+    rescan_delay_ms_ = shortest_rescan_ms + std::uniform_int_distribution<int32_t>(0, rescan_spread_ms)(random_);
+    phase_ = Phase::up;
+    demoted_ = false;
+    connection_++;
+    refusal_.clear();
+    if (!starting_) sink_.connected(reason, std::exchange(owed_, {}));
+    return true;
 }
 
 // Losing
@@ -140,6 +154,7 @@ void RedisStore::lost() {
 void RedisStore::cut_off() {
     if (phase_ == Phase::up) sink_.lost();
     phase_ = Phase::lost;
+    for (const auto &[ping, ticket] : to_confirm_) owed_.push_back(ticket);
     to_confirm_.clear();
     scans_.clear();
     page_asked_ = false;

@@ -52,6 +52,7 @@ private:
     void tick() override;
     void lost() override;
     void establish();
+    bool come_up();
     void send_follows();
     void drop_cut_off();
 
@@ -61,6 +62,7 @@ private:
     void take_change(const Followers &followers);
     void take_page();
     bool subscribe_rest();
+    void confirm(uint64_t ping);
     void ask_page();
     void cut_off();
 
@@ -91,6 +93,7 @@ private:
     std::vector<std::string> to_subscribe_;           // on this connection
     uint64_t asked_ = 0, pinged_ = 0, answered_ = 0;  // the last ping due, sent, answered
     std::map<uint64_t, Ticket> to_confirm_;           // by the ping whose answer confirms it
+    std::vector<Ticket> owed_;                        // confirmations that the next connection gives
     std::deque<Scan> scans_;                          // the first one is under way
     uint64_t scans_so_far_ = 0;
     bool page_asked_ = false;

@@ -64,8 +64,9 @@ class Sink {
 public:
     virtual ~Sink() = default;
     virtual void post(Event event) = 0;
-    virtual void lost() = 0;  // what was posted and is not delivered yet is lost too
-    virtual void connected(int32_t reason) = 0;
+    virtual void lost() = 0;  // what was posted and is not delivered yet is lost too, but for confirmations
+    // With the confirmations that could not be posted: all of these are in force now.
+    virtual void connected(int32_t reason, std::vector<Ticket> owed) = 0;
 };
 
 class Store {
@@ -76,7 +77,7 @@ public:
     virtual int32_t rescan_delay_ms() const = 0;
 
     // Every change of a place; of one object only, when its key is given, though others may be told, too. Repeating it for
-    // the same ticket only confirms again. While the connection is lost it is noted, not confirmed.
+    // the same ticket only confirms again. While the connection is lost it is noted, and confirmed by connected().
     virtual void follow(const Place &place, const std::string *key, const Ticket &ticket) = 0;
     // A scan asked for while the connection is lost is lost.
     virtual void scan(const Place &place, const Ticket &ticket) = 0;

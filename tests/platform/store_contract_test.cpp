@@ -126,6 +126,20 @@ TEST_P(StoreContract, ALostConfirmationIsGivenBeforeTheReconnect) {
               "b: confirmed, connected 0, lost, connected 1, a: confirmed, reconnect 1 1, reconnect 3 1");
 }
 
+// Whoever is told that a subscription stands, and reads then, must not miss what is written next.
+TEST_P(StoreContract, WhatIsConfirmedAfterAReconnectIsInForce) {
+    const auto on_connection = [](tq_mom_handle *, int32_t, int32_t reason, void *client) {
+        if (reason != 0) static_cast<RecordingClient *>(client)->subscribe("late");
+    };
+    reader.word("late")->then = [&](const store_msg &msg) {
+        if (msg.cmd == TQ_MOM_CMD_SUBSCRIBED) writer.set(1, 5);
+    };
+    EXPECT_EQ(tq_mom_client_set_connection_cb(reader.handle(), on_connection, &reader), 0);
+    EXPECT_EQ(faults.disconnect(reader.handle()), 0);
+    EXPECT_EQ(faults.reconnect(reader.handle()), 0);
+    EXPECT_TRUE(reader.wait("late: set 1:5"));
+}
+
 // A scan that stops half way without a word, or claims to be complete, loses objects.
 TEST_P(StoreContract, AScanCutOffEndsByTheReconnect) {
     for (int32_t i = 0; i < 500; i++) writer.set(i, 1);
