@@ -166,7 +166,7 @@ void RedisStore::lost_by_call(uint64_t connection, bool demoted) {
         const std::lock_guard lock(mutex_);
         if (phase_ != Phase::up || connection != connection_) return;
         cut_off();
-        demoted_ = demoted;
+        demoted_ |= demoted;  // it may have been found out already
     }
     loop_.post([this] { drop_cut_off(); });
 }
