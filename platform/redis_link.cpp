@@ -116,11 +116,16 @@ void RedisLink::receive_owed() {
 }
 
 std::string RedisLink::collect() {
-    const std::unique_lock lock(mutex_, std::try_to_lock);
-    if (!lock) return {};
-    if (usable_) receive_owed();
-    if (!usable_ && fault_.empty()) return "the command connection is lost";
-    return std::exchange(fault_, "");
+    std::string fault;
+    {
+        const std::unique_lock lock(mutex_, std::try_to_lock);
+        if (!lock) return {};
+        if (usable_) receive_owed();
+        fault = std::exchange(fault_, "");
+        if (!usable_ && fault.empty()) fault = "the command connection is lost";
+    }
+    send_posted();
+    return fault;
 }
 
 }  // namespace tq
