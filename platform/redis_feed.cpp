@@ -102,9 +102,10 @@ void RedisFeed::on_timer() {
     if (silent_ticks_++ == ticks_of_silence) return drop("no answer");
     start_timer(url_.probe / ticks_of_silence);
     if (state_ != State::up) return;
+    owner_.tick();
+    if (state_ != State::up) return;
     retry_delay_ = shortest_retry;
     told_.clear();
-    owner_.tick();
 }
 
 void RedisFeed::on_readable() {
