@@ -64,7 +64,7 @@ simulate:
 FAULT_RUNS ?= 12
 FIRST_FAULT ?= 1
 faults:
-	scripts/setup.sh build test
+	scripts/setup.sh build test server
 	cmake --preset default
 	cmake --build build -j$(JOBS) --target faults
 	build/tests/faults/faults --runs $(FAULT_RUNS) --cycles 10 --first $(FIRST_FAULT)
