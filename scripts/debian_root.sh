@@ -25,7 +25,8 @@ Dir::State::status "$dpkg/status";
 Dir::Cache "$apt";
 END
 export APT_CONFIG="$apt/conf"
-apt-get -q update || echo "debian_root.sh: apt-get update failed; going on with what it fetched" >&2
+whole=yes
+apt-get -q update || { whole=no; echo "debian_root.sh: apt-get update failed; going on with what it fetched" >&2; }
 apt-get -q install -y --no-install-recommends --no-remove --download-only "$@"
 
 for package in "$apt"/archives/*.deb; do
@@ -37,4 +38,4 @@ for package in "$apt"/archives/*.deb; do
     for file in shlibs symbols; do dpkg-deb -I "$package" $file >> "$root/DEBIAN/$file" 2> /dev/null || true; done
 done
 rm -rf "$apt"
-echo "$*" > "$root/unpacked"
+[ "$whole" = no ] || echo "$*" > "$root/unpacked"  # else it is fetched again the next time
