@@ -93,7 +93,7 @@ void RedisStore::answered(uint64_t ping) {
     {
         const std::lock_guard lock(mutex_);
         answered_ = ping;
-        echoes_ = 0;
+        echoes_ = -echoes_due_;
         if (phase_ == Phase::up) {
             confirm(ping);
             return ask_page();
@@ -158,6 +158,7 @@ void RedisStore::cut_off() {
     to_confirm_.clear();
     scans_.clear();
     page_asked_ = false;
+    echoes_due_ = 0;
 }
 
 // A caller has found out before the loop has: from now on nothing of this connection is told.
@@ -185,6 +186,10 @@ void RedisStore::drop_cut_off() {
 // What a server asks itself shows that both connections work, and that it is still the master.
 void RedisStore::tick() {
     drop_cut_off();
+    {
+        const std::lock_guard lock(mutex_);
+        if (phase_ == Phase::up) echoes_due_++;
+    }
     link_.post({"EVAL", echo_script, "0", private_channel_});
     const std::string fault = link_.collect();
     if (!fault.empty()) feed_.drop(fault);
@@ -217,7 +222,8 @@ const char *RedisStore::take(std::string_view channel) {
 
 const char *RedisStore::take_echo() {
     const bool owed = page_asked_ || answered_ != asked_;
-    echoes_ = owed ? echoes_ + 1 : 0;
+    echoes_due_ = std::max(0, echoes_due_ - 1);
+    echoes_ = owed ? echoes_ + 1 : -echoes_due_;
     if (echoes_ > echoes_without_answer) return "echoes, and a request has no answer";
     if (frame_.strings[0] == "master") return nullptr;
     demoted_ = true;
@@ -252,7 +258,7 @@ void RedisStore::ask_page() {
     if (scans_.empty() || page_asked_ || answered_ != asked_) return;
     const Scan &scan = scans_.front();
     page_asked_ = true;
-    echoes_ = 0;
+    echoes_ = -echoes_due_;
     link_.post({"EVAL", page_script, "1", scan.hash, private_channel_, std::to_string(scan.number), scan.cursor});
 }
 

@@ -97,7 +97,8 @@ private:
     std::deque<Scan> scans_;                          // the first one is under way
     uint64_t scans_so_far_ = 0;
     bool page_asked_ = false;
-    int echoes_ = 0;       // heard since a page or an answer to a ping is owed
+    int echoes_due_ = 0;  // asked for, not heard
+    int echoes_ = 0;  // heard of those that were asked for after the page or ping that is owed; below 0: still to come
     std::string refusal_;  // the last one on standard error
 };
 
