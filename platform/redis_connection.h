@@ -29,6 +29,10 @@ inline std::string_view text_of(const redisReply &reply) {
 inline bool is_error(const redisReply &reply) {
     return reply.type == REDIS_REPLY_ERROR;
 }
+// A server that takes no more clients says so before it reads anything: this is no answer to the credentials.
+inline bool is_full(const redisReply &reply) {
+    return is_error(reply) && text_of(reply).starts_with("ERR max number of clients");
+}
 
 using Words = std::vector<std::string_view>;
 

@@ -132,6 +132,7 @@ bool RedisFeed::take_replies() {
 
 void RedisFeed::take(const redisReply &reply) {
     constexpr std::string_view run_id = "run_id:";
+    if (is_full(reply)) return drop(std::string(text_of(reply)));
     if (is_error(reply)) return take_error(text_of(reply));
     auth_owed_ = false;
     if (reply.type == REDIS_REPLY_STATUS) return;

@@ -33,7 +33,7 @@ int32_t RedisLink::try_credentials(std::string &fault) {
         if (!reply) return TQ_MOM_E_UNREACHABLE;
         if (!is_error(*reply)) continue;
         const std::string word(text_of(*reply).substr(0, text_of(*reply).find(' ')));
-        const bool denied = answers == 2 || word == "NOAUTH" || word == "NOPERM";
+        const bool denied = (answers == 2 && !is_full(*reply)) || word == "NOAUTH" || word == "NOPERM";
         fault = denied ? "the server refuses the credentials (" + word + ")" : std::string(text_of(*reply));
         return denied ? TQ_MOM_E_DENIED : TQ_MOM_E_UNREACHABLE;
     }
