@@ -39,11 +39,12 @@
  *   - nothing has come for the probe time, though the client asks for an echo five times in it: frozen server, cut cable;
  *   - the server is no master, or a request of the client's own or a value pushed to it is answered by an error or by
  *     bytes that mean nothing: what was missed would be missed in silence.
- * A synchronous call that waits then fails with TQ_MOM_E_UNREACHABLE; it may or may not have been carried out. It waits
- * no longer than the probe time. The client tries to connect again, first within 40 ms, then less and less often, at
- * most every 500 ms; a server that refuses it, that is still loading, or that is no master is tried again. The reason
- * stands on standard error, once. Reason 1: the same run of the same server, master all the while; 2: any other. What the
- * server restarted with does not matter: whoever scans again after the reconnect has what it has now.
+ * A synchronous call that waits then fails with TQ_MOM_E_UNREACHABLE; it may or may not have been carried out, and may
+ * be until the client is back. The server must answer each within the probe time, tq_mom_scan_sync() of a large kind
+ * too. The client tries to connect again, first within 40 ms, then less and less often, at most every 500 ms; a server
+ * that refuses it, that is still loading, or that is no master is tried again. The reason stands on standard error,
+ * once. Reason 1: the same run of the same server, master all the while; 2: any other. What the server restarted with
+ * does not matter: whoever scans again after the reconnect has what it has now.
  * A write or read that the server refuses fails with TQ_MOM_E_REFUSED and one line on standard error; READONLY is also a
  * lost connection.
  * The server must not evict what it holds (maxmemory-policy noeviction, its default), and whoever writes its keys by other
@@ -100,7 +101,8 @@ DM_API uint64_t tq_mom_client_damaged(tq_mom_handle *handle);
 
 /*
  * Waits until the loop has run everything that was due when this was called, timers included. What callbacks asked for
- * meanwhile may still be to come. TQ_MOM_E_TIMEOUT after timeout_ms. Not from the loop's own thread: TQ_MOM_E_ARGUMENT.
+ * meanwhile may still be to come, and what a server has not sent yet. TQ_MOM_E_TIMEOUT after timeout_ms. Not from the
+ * loop's own thread: TQ_MOM_E_ARGUMENT.
  */
 DM_API int32_t tq_mom_client_drain(tq_mom_handle *handle, int32_t timeout_ms);
 
