@@ -114,7 +114,7 @@ void RedisFeed::on_readable() {
         received = connection_.receive();
         if (received == RedisConnection::Received::failed) return drop(connection_.fault());
         if (received == RedisConnection::Received::nothing) return;
-        silent_ticks_ = 0;
+        if (state_ == State::up) silent_ticks_ = 0;  // one that trickles must not hold up an attempt to connect
         if (!take_replies()) return;
     }
 }
