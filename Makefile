@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 
-.PHONY: run run-redis test asan tsan test-arm abi abi-update lint lint-quick docs simulate faults install packages packages-test clean
+.PHONY: run run-redis test asan tsan test-arm abi abi-update lint lint-quick docs simulate faults bench install packages packages-test clean
 .NOTPARALLEL:
 
 # The whole road on the example chassis: load, synchronise, tables, a live change arriving.
@@ -59,6 +59,14 @@ simulate:
 	cmake --preset default
 	cmake --build build -j$(JOBS) --target simulate
 	build/tests/simulation/simulate --runs $(RUNS) --first $(FIRST)
+
+# The stores beside their rivals: the figures whose names match. What runs beside them on the machine is in them.
+BENCH ?= .
+bench:
+	scripts/setup.sh build test server bench
+	cmake --preset default -DDM_BENCH=ON
+	cmake --build build -j$(JOBS) --target bench_stores
+	build/bench/bench_stores --benchmark_filter='$(BENCH)'
 
 # The cache over a real server that is killed, frozen and cut off: runs of ten faults and comparisons each.
 FAULT_RUNS ?= 12

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Installs what the project needs from Debian 12. Asks dpkg first: with nothing missing it needs no rights and no network.
-#   scripts/setup.sh [build|test|server|lint|abi|package|--arm]...     (default: build test server)
+#   scripts/setup.sh [build|test|server|bench|lint|abi|package|--arm]...     (default: build test server)
 # --arm: a compiler and an emulator for 32-bit ARM, and in build-arm-root/ the libraries of that machine, unpacked. They are
 # fetched with lists of their own: the machine itself learns no other architecture.
 # server: a Redis server. Debian starts one as it installs it; nothing here uses that one.
@@ -14,10 +14,11 @@ packages() {
         test) echo libgtest-dev ;;
         server) echo redis-server ;;
         lint) echo clang-14 clang-tidy-14 clang-format-14 ;;
+        bench) echo libbenchmark-dev ;;
         abi) echo abigail-tools ;;
         package) echo build-essential debhelper lintian ;;
         --arm) echo g++-arm-linux-gnueabihf qemu-user-static ;;
-        *) echo "setup.sh: no set '$1'; the sets are build, test, server, lint, abi, package and --arm" >&2; return 1 ;;
+        *) echo "setup.sh: no set '$1'; the sets are build, test, server, bench, lint, abi, package and --arm" >&2; return 1 ;;
     esac
 }
 
