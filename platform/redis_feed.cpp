@@ -69,6 +69,7 @@ void RedisFeed::connect() {
 void RedisFeed::send() {
     if (state_ == State::waiting) return;
     if (!connection_.send()) return drop(connection_.fault());
+    reached_ = true;
     if (!connection_.all_sent()) event_add(writable_.get(), nullptr);
 }
 
@@ -83,11 +84,14 @@ void RedisFeed::drop(const std::string &reason) {
     readable_.reset();
     writable_.reset();
     connection_.close();
-    start_timer(milliseconds(std::uniform_int_distribution<>(0, static_cast<int>(retry_delay_.count()))(random_)) +
-                retry_delay_);
-    retry_delay_ = std::min(retry_delay_ * 2, longest_retry);
+    const milliseconds delay = std::exchange(reached_, false) ? next_delay() : shortest_retry;
+    start_timer(delay + milliseconds(std::uniform_int_distribution<>(0, static_cast<int>(delay.count()))(random_)));
     say(reason);
     owner_.lost();
+}
+
+milliseconds RedisFeed::next_delay() {
+    return std::exchange(retry_delay_, std::min(retry_delay_ * 2, longest_retry));
 }
 
 // Each reason once, however often it comes: until a connection has lasted for a tick.
@@ -159,6 +163,7 @@ void RedisFeed::take_list(const redisReply &list) {
 
 // What the server says to the credentials may quote them.
 void RedisFeed::take_error(std::string_view text) {
+    if (text.starts_with("LOADING")) reached_ = false;
     if (!auth_owed_) return drop(std::string(text));
     drop("the server refuses the credentials (" + std::string(text.substr(0, text.find(' '))) + ")");
 }

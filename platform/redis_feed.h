@@ -1,7 +1,8 @@
 // The connection on which a client hears: it subscribes, loses its server, finds it again. All but the constructor and
 // begin() belongs to the loop's thread; it takes no lock.
 //
-//   waiting      no connection; the timer makes the next attempt, later and later, never at the same moment as others
+//   waiting      no connection; the timer makes the next attempt, never at the same moment as others: soon while there is
+//                no server or it is loading, which costs nobody anything, else later and later
 //   connecting   credentials, the server's run id and role, and what is to be followed are sent in one go; an error, a
 //                server that is not the master, or silence: back to waiting
 //   up           the answer to a ping behind all that has come. Silence, an error, the end of the connection, or drop():
@@ -56,6 +57,7 @@ private:
     void take(const redisReply &reply);
     void take_list(const redisReply &list);
     void take_error(std::string_view text);
+    std::chrono::milliseconds next_delay();
     void say(const std::string &reason);
 
     const RedisUrl &url_;
@@ -65,6 +67,7 @@ private:
     EventPtr readable_, writable_, timer_;
     State state_ = State::waiting;
     bool auth_owed_ = false;  // the next answer is to the credentials
+    bool reached_ = false;    // a server took what was sent, and said nothing of loading
     int silent_ticks_ = 0;
     std::string run_id_, last_run_id_;
     std::string told_;  // the last reason on standard error

@@ -41,9 +41,9 @@
  *     bytes that mean nothing: what was missed would be missed in silence.
  * A synchronous call that waits then fails with TQ_MOM_E_UNREACHABLE; it may or may not have been carried out, and may
  * be until the client is back. The server must answer each within the probe time, tq_mom_scan_sync() of a large kind
- * too. The client tries to connect again, first within 40 ms, then after waits of up to half a second; a server
- * that refuses it, that is still loading, or that is no master is tried again. The reason stands on standard error,
- * once. Reason 1: the same run of the same server, master all the while; 2: any other. What the server restarted with
+ * too. The client tries to connect again, within 40 ms, and as often while there is no server or it is still loading;
+ * a server that takes the connection and then fails it, refuses it or is no master is tried after waits of up to half
+ * a second. The reason stands on standard error, once. Reason 1: the same run of the same server, master all the while; 2: any other. What the server restarted with
  * does not matter: whoever scans again after the reconnect has what it has now.
  * A write or read that the server refuses fails with TQ_MOM_E_REFUSED and one line on standard error; READONLY is also a
  * lost connection.
