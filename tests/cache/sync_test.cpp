@@ -276,26 +276,6 @@ TEST(Sync, RescansTheRowsOfAReconnectedDatabase) {
     EXPECT_EQ(drained(&platform.calls), (Strings{"scan_time 1", "timer 17 250"}));
 }
 
-// Queued before the connection was lost, deleted while it was: such an object must not come to life and stay for ever.
-TEST(Sync, DropsWhatALostConnectionLeftBehind) {
-    start_gathering({17, 21});
-    for (const int32_t n : {0, 10}) {  // while it gathers, and in live
-        receive(17, REPLY, card(1, n + 3, 0));
-        receive(21, REPLY, link(1));
-        platform.lose_connection(1, 1);
-        receive(17, SET, card(1, n + 4, 0));
-        platform.confirm();
-        receive(17, SET, card(1, n + 5, 0));
-        platform.end_scan("p_dev.vsl_port_info");
-        EXPECT_EQ(element(17, card(1, n + 5, 0)), nullptr);
-        platform.fire_timers();
-        platform.answer_scans();
-        EXPECT_EQ(g_cache_proc_done, 1);
-        EXPECT_NE(element(17, card(1, n + 5, 0)), nullptr);
-        EXPECT_EQ(cached(17) + cached(21), 2) << n;
-    }
-}
-
 // A scan that was asked for before the rescan is due must not pass for it: its objects are older.
 TEST(Sync, WaitsForTheRescanOfALostConnection) {
     start({17, 21});

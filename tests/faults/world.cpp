@@ -47,7 +47,7 @@ Picture cached(int32_t row) {
 
 tq_mom_handle *open(const std::string &url) {
     tq_mom_handle *handle = nullptr;
-    if (tq_mom_client_open((url + "?probe=300").c_str(), &handle) != 0) fail("cannot open " + url);
+    if (tq_mom_client_open((url + "?probe=300").c_str(), &handle) != 0) fail("cannot open %s", url.c_str());
     return handle;
 }
 
@@ -276,7 +276,7 @@ void World::come_to_rest() {
         dm_cache_wait_applied(dm_cache_applied(), 100);
         found = difference();
     }
-    if (!found.empty()) fail(found);
+    if (!found.empty()) fail("%s", found.c_str());
     const std::lock_guard lock(mutex_);
     totals_.writes = writes_;
     totals_.losses = losses_;

@@ -9,6 +9,7 @@
 
 #include "platform/redis_server.h"
 #include "simulation/objects.h"
+#include "support/seeds.h"
 #include "tq_dm_cache/tq_platform_bundled.h"
 
 // What was done, counted.
@@ -71,7 +72,5 @@ private:
     Random writers_random_;  // the writer's thread only
     std::thread writing_;
 };
-
-[[noreturn]] void fail(const std::string &why);
 
 #endif

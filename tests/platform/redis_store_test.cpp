@@ -31,9 +31,14 @@ protected:
         EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
         reader.set(30, 7);
         EXPECT_TRUE(reader.wait("sub: set 30:7"));
+        EXPECT_NE(scanned(reader).find("s: has 30:7"), std::string::npos);
+    }
+
+    static std::string scanned(RecordingClient &reader) {
+        reader.told();
         reader.scan("s");
         EXPECT_TRUE(reader.wait("s: end"));
-        EXPECT_NE(reader.told().find("s: has 30:7"), std::string::npos);
+        return reader.told();
     }
 
     // Before it follows.
@@ -220,10 +225,7 @@ TEST_F(RedisStore, AReplicaTakesOverWithWhatItHas) {
     std::filesystem::remove(address);
     std::filesystem::create_symlink(standby.socket(), address);
     ASSERT_TRUE(reader.wait("reconnect 3 2"));
-    reader.told();
-    reader.scan("s");
-    ASSERT_TRUE(reader.wait("s: end"));
-    EXPECT_EQ(reader.told(), "s: has 1:1, s: end");
+    EXPECT_EQ(scanned(reader), "s: has 1:1, s: end");
     testing::internal::GetCapturedStderr();
 }
 
@@ -243,10 +245,7 @@ TEST_F(RedisStore, ASlowReaderIsCutOffAndCatchesUp) {
     writer.del(3);
     go_on.set_value();
     EXPECT_TRUE(reader.wait("reconnect 3 1"));
-    reader.told();
-    reader.scan("s");
-    EXPECT_TRUE(reader.wait("s: end"));
-    const std::string told = reader.told();
+    const std::string told = scanned(reader);
     for (const std::string &line : writer.scan_sync())
         EXPECT_NE(told.find("s: " + line + ","), std::string::npos) << line;
     EXPECT_EQ(told.find("s: has 3:"), std::string::npos);  // deleted while the reader was away

@@ -7,19 +7,11 @@
 #include <thread>
 
 extern "C" {
-int32_t __real_tq_mom_hash_res_free(result_rec *record);
-int32_t __wrap_tq_mom_hash_res_free(result_rec *record);
 int32_t __real_tq_mom_scan_sync(tq_mom_handle *, uint32_t, const ProtobufCMessage *, int32_t, tq_mom_msg_cb, void *);
 int32_t __wrap_tq_mom_scan_sync(tq_mom_handle *, uint32_t, const ProtobufCMessage *, int32_t, tq_mom_msg_cb, void *);
 }
 
-static int32_t release_answer = 0;
 static std::function<void(tq_mom_msg_cb, void *)> before_scan;
-
-int32_t __wrap_tq_mom_hash_res_free(result_rec *record) {
-    __real_tq_mom_hash_res_free(record);
-    return release_answer;
-}
 
 int32_t __wrap_tq_mom_scan_sync(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *tmpl, int32_t reserved,
                                 tq_mom_msg_cb callback, void *priv) {
@@ -155,25 +147,6 @@ TEST_F(StoreRead, IsMadeOnceUnlockedAndNeverUndoesAChange) {
         platform.erase(stored);
         set(read.row, read.stored);
     }
-}
-
-// A reply that the store will not take back is a leak; whoever owns the log must hear of it.
-TEST_F(StoreRead, SaysSoWhenTheReplyIsNotTakenBack) {
-    drop(2);
-    platform.put(object(2, "card_type:5"));
-    platform.put(object(10, "lport_num:48"));
-    release_answer = -1;
-    LogCapture log(0, 0);
-    EXPECT_EQ(ask(_ndm_get_my_card_type_rt, out, 1), "-1 5;");
-    EXPECT_EQ(_ndm_get_my_lport_num(1), 48);
-    platform.answers["hgetall"] = 5;
-    EXPECT_EQ(ndm_get_slot_num_rt(9), -1);
-    EXPECT_EQ(each(cached(2), cached(10), platform.unreleased.load()), "1 1 0;");
-    const std::string slots = "l2 ndm_port:_ndm_get_slot_num>", freed = "free res fail.\r\n";
-    const Strings lines = {"l2 ndm_port:_ndm_get_my_card_type_rt>" + freed, "1 ndm_port:_ndm_get_my_lport_num>" + freed,
-                           slots + "unexpected, error:5!\r\n", slots + freed};
-    EXPECT_EQ(log.take(), at_threshold(0, lines, 0));
-    release_answer = 0;
 }
 
 // A scan brings a slot's ports and their static ports, and nothing that went away while it ran.

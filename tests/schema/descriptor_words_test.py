@@ -48,10 +48,6 @@ class DescriptorWords(unittest.TestCase):
                 self.assertNotEqual(done.returncode, 0)
                 self.assertRegex(done.stderr, re.escape(file) + r":\d+: ")
 
-    def test_names_the_line(self):
-        done, _ = self.run_on("p_mng.pb-c.c", r"#include \"p_mng.pb-c.h\"\n", "#include \"p_mng.pb-c.h\"\nint stray;\n")
-        self.assertIn("p_mng.pb-c.c:10: not recognised: int stray;", done.stderr)
-
     def test_packs_a_repeated_scalar_that_the_generator_left_unpacked(self):
         packed = "0 | PROTOBUF_C_FIELD_FLAG_PACKED"
         count = (RAW / "p_dev.pb-c.c").read_text().count(packed)

@@ -15,6 +15,7 @@
 
 #include "simulation/objects.h"
 #include "support/scripted_platform.h"
+#include "support/seeds.h"
 #include "tq_dm_cache/dm_types.h"
 
 struct Place {
@@ -123,8 +124,5 @@ private:
     std::set<uint32_t> ready_, held_back_;
     Content older_;
 };
-
-// Ends the run as failed.
-[[noreturn]] void fail(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 #endif
