@@ -1,5 +1,6 @@
-// The deep copy: a message packed into a buffer and unpacked from it. What goes into the cache and what goes out to a
-// caller are such copies. Takes no lock.
+// Copies of messages: what goes out to a caller (dm_cache_copy_obj) and what the cache keeps (store_copy). A message of the
+// schema is copied by its plan; what no plan covers is packed into a buffer and unpacked from it, which gives the same.
+// Takes no lock.
 #include "base/message.h"
 
 #include "base/log.h"
@@ -11,8 +12,30 @@ namespace {
 
 enum CopyCode : int32_t { copy_size = -2, copy_memory = -3, copy_pack = -4, copy_unpack = -5 };
 
-int32_t copy(const ProtobufCMessage *src, const ProtobufCMessageDescriptor *descriptor, ProtobufCMessage **out,
-             Caller caller = Caller{}) {
+// Stands before a stored message, and before each of its pieces when it is not one block. Keeps what follows aligned.
+struct alignas(16) StoredHeader {
+    uint32_t owners;
+    uint32_t in_pieces;
+};
+
+StoredHeader *header_of(void *stored) {
+    return static_cast<StoredHeader *>(stored) - 1;
+}
+
+void *allocate_piece(void *, size_t size) {
+    if (size > SIZE_MAX - sizeof(StoredHeader)) return nullptr;
+    auto *header = static_cast<StoredHeader *>(malloc(sizeof(StoredHeader) + size));
+    return header ? header + 1 : nullptr;
+}
+
+void free_piece(void *, void *piece) {
+    free(header_of(piece));
+}
+
+ProtobufCAllocator pieces{allocate_piece, free_piece, nullptr};
+
+int32_t copy_packed(const ProtobufCMessage *src, const ProtobufCMessageDescriptor *descriptor,
+                    ProtobufCAllocator *allocator, ProtobufCMessage **out, Caller caller) {
     const size_t size = protobuf_c_message_get_packed_size(src);
     const int32_t shown = static_cast<int32_t>(size);
     if (shown < 0) {
@@ -31,7 +54,7 @@ int32_t copy(const ProtobufCMessage *src, const ProtobufCMessageDescriptor *desc
                   static_cast<int32_t>(packed));
         return copy_pack;
     }
-    *out = protobuf_c_message_unpack(descriptor, nullptr, size, buffer.get());
+    *out = protobuf_c_message_unpack(descriptor, allocator, size, buffer.get());
     if (!*out) {
         DM_LOG_AS(caller, failure, "unpack val failed.\n");
         return copy_unpack;
@@ -39,7 +62,43 @@ int32_t copy(const ProtobufCMessage *src, const ProtobufCMessageDescriptor *desc
     return 0;
 }
 
+struct Request {
+    const ProtobufCMessage *src;
+    const ProtobufCMessageDescriptor *descriptor;
+    Caller caller;
+};
+
+// Early: everything is packed.
+int32_t copy(const Request &request, ProtobufCMessage **out) {
+    return copy_packed(request.src, request.descriptor, nullptr, out, request.caller);
+}
+
 }  // namespace
+
+int32_t store_copy(const ProtobufCMessage *src, const ProtobufCMessageDescriptor *descriptor, StoredMessage &out) {
+    out.reset();
+    if (!src || !descriptor) return -1;
+    ProtobufCMessage *made = nullptr;
+    const int32_t code = copy_packed(src, descriptor, &pieces, &made, Caller{"dm_cache_copy_obj"});
+    if (made) *header_of(made) = {1, 1};
+    out.reset(made);
+    return code;
+}
+
+StoredMessage share(ProtobufCMessage *stored) {
+    if (stored) __atomic_fetch_add(&header_of(stored)->owners, 1, __ATOMIC_RELAXED);
+    return StoredMessage(stored);
+}
+
+void ReleaseStored::operator()(ProtobufCMessage *message) const {
+    StoredHeader *const header = header_of(message);
+    // What other owners read comes before the block is freed.
+    if (__atomic_fetch_sub(&header->owners, 1, __ATOMIC_ACQ_REL) != 1) return;
+    if (header->in_pieces)
+        protobuf_c_message_free_unpacked(message, &pieces);
+    else
+        free(header);
+}
 
 bool same_content(const ProtobufCMessage *a, const ProtobufCMessage *b) {
     const size_t size = protobuf_c_message_get_packed_size(a);
@@ -57,7 +116,7 @@ int32_t dm_cache_copy_obj(const void *src, const ProtobufCMessageDescriptor *des
     if (!out) return -1;
     ProtobufCMessage *made = nullptr;
     const int32_t code =
-        src && descriptor ? dm::copy(static_cast<const ProtobufCMessage *>(src), descriptor, &made) : -1;
+        src && descriptor ? dm::copy({static_cast<const ProtobufCMessage *>(src), descriptor, {}}, &made) : -1;
     dm::put(out, made);
     return code;
 }

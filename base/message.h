@@ -33,7 +33,22 @@ template <class T> void put(void *out, T *value) {
     std::memcpy(out, &value, sizeof value);
 }
 
-// Both pack to the same bytes. Without memory for the comparison: no.
+// Counts down; the last owner frees the block.
+struct ReleaseStored {
+    void operator()(ProtobufCMessage *message) const;
+};
+
+// A message as the cache keeps it: one block of memory that holds the message and all that it points to, counted, so that
+// the cache and what waits in the queue may share it. Never changed once made; owners may be on different threads.
+using StoredMessage = std::unique_ptr<ProtobufCMessage, ReleaseStored>;
+
+// The code of dm_cache_copy_obj(), with its log lines; `out` is empty on failure.
+int32_t store_copy(const ProtobufCMessage *src, const ProtobufCMessageDescriptor *descriptor, StoredMessage &out);
+
+// Another owner of a stored message.
+StoredMessage share(ProtobufCMessage *stored);
+
+// Both pack to the same bytes. Without memory for a comparison that has to pack them: no.
 bool same_content(const ProtobufCMessage *a, const ProtobufCMessage *b);
 
 // The key of a keyed message; null when it carries none.
