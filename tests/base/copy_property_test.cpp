@@ -84,7 +84,7 @@ public:
         auto *const message = static_cast<ProtobufCMessage *>(std::calloc(1, kind->sizeof_message));
         protobuf_c_message_init(kind, message);
         for (const auto &field : fields(message)) fill(message, field);
-        if (unknown_fields_ && below(2)) add_unknown(message);
+        if (below(2)) add_unknown(message);
         return message;
     }
 
@@ -142,13 +142,15 @@ private:
         }
     }
 
+    // Without unknown fields, memory for one that was taken back.
     void add_unknown(ProtobufCMessage *message) {
-        auto *const field =
-            static_cast<ProtobufCMessageUnknownField *>(std::calloc(1, sizeof *message->unknown_fields));
-        *field = {5000 + below(2), PROTOBUF_C_WIRE_TYPE_VARINT, 1, static_cast<uint8_t *>(std::malloc(1))};
-        field->data[0] = static_cast<uint8_t>(below(3));
+        message->unknown_fields =
+            static_cast<ProtobufCMessageUnknownField *>(std::calloc(1, sizeof(ProtobufCMessageUnknownField)));
+        if (!unknown_fields_) return;
         message->n_unknown_fields = 1;
-        message->unknown_fields = field;
+        *message->unknown_fields = {5000 + below(2), PROTOBUF_C_WIRE_TYPE_VARINT, 1,
+                                    static_cast<uint8_t *>(std::malloc(1))};
+        *message->unknown_fields->data = static_cast<uint8_t>(below(3));
     }
 
     const bool unknown_fields_;
