@@ -142,6 +142,7 @@ void ReleaseStored::operator()(ProtobufCMessage *message) const {
 }
 
 bool same_content(const ProtobufCMessage *a, const ProtobufCMessage *b) {
+    if (a == b) return true;
     const Plan *const plan = a->descriptor == b->descriptor ? plan_of(a->descriptor) : nullptr;
     const Comparison result = plan ? compare(*plan, a, b) : Comparison::not_covered;
     return result == Comparison::not_covered ? same_packed(a, b) : result == Comparison::same;

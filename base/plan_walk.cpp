@@ -1,4 +1,5 @@
 // What is done along a plan: measure, copy, compare. Takes no lock.
+#include <bit>
 #include <cstdlib>
 #include <cstring>
 #include <span>
@@ -197,8 +198,8 @@ Comparison known(bool same) {
     return same ? Comparison::same : Comparison::different;
 }
 
-template <class T> bool same_number(T a, T b) {
-    return (a == 0 && b == 0) || std::memcmp(&a, &b, sizeof a) == 0;
+template <class Bits, class T> bool same_number(T a, T b) {
+    return (a == 0 && b == 0) || std::bit_cast<Bits>(a) == std::bit_cast<Bits>(b);
 }
 
 bool same_booleans(const protobuf_c_boolean *a, const protobuf_c_boolean *b, uint16_t count) {
@@ -246,9 +247,9 @@ Comparison compare_part(Step step, const ProtobufCMessage *a, const ProtobufCMes
             return known(
                 same_booleans(&at<protobuf_c_boolean>(a, offset), &at<protobuf_c_boolean>(b, offset), step.extent));
         case Part::float_4:
-            return known(same_number(at<float>(a, offset), at<float>(b, offset)));
+            return known(same_number<uint32_t>(at<float>(a, offset), at<float>(b, offset)));
         case Part::float_8:
-            return known(same_number(at<double>(a, offset), at<double>(b, offset)));
+            return known(same_number<uint64_t>(at<double>(a, offset), at<double>(b, offset)));
         case Part::string:
             return known(same_string(at<char *>(a, offset), at<char *>(b, offset)));
         case Part::bytes:

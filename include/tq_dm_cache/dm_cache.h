@@ -80,7 +80,7 @@ DM_API int32_t dm_cache_get_obj_index_list_len(int32_t type);
 DM_API int32_t dm_cache_get_obj_index_list(int32_t type, void *buf, int32_t capacity, int32_t *count);
 
 /*
- * A deep copy by packing and unpacking; `descriptor` is the message's own. Free it with
+ * A deep copy, as packing and unpacking give it; `descriptor` is the message's own. Free it with
  * protobuf_c_message_free_unpacked(). Needs no lock for a message of one's own. On failure null in `out`: -2 size, -3
  * memory, -4 packing, -5 unpacking (memory included).
  */
