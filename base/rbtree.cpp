@@ -99,6 +99,14 @@ void fix_deletion(rbtree_root *root, Node *x, Node *p) {
     if (x) x->color = RBTREE_BLACK;
 }
 
+// Links a node in below the place where a search for its key has ended: `link` is that place, null in the tree.
+void hang(rbtree_root *root, Node *parent, Node **link, Node *node) {
+    node->parent = parent;
+    node->color = RBTREE_RED;
+    *link = node;
+    fix_insertion(root, node);
+}
+
 Node *find_recursive(Node *node, int64_t key) {
     if (!node || node->key == key) return node;
     return find_recursive(key < node->key ? node->left : node->right, key);
@@ -138,19 +146,12 @@ rbtree_node *rbtree_node_init(rbtree_node *node, int64_t key, rbtree_node *paren
 void rbtree_insert(rbtree_root *root, rbtree_node *node) {
     if (!root || !node) return;
     Node *parent = nullptr;
-    for (Node *at = root->node; at;) {
-        parent = at;
-        at = node->key < at->key ? at->left : at->right;
+    Node **link = &root->node;
+    while (*link) {
+        parent = *link;
+        link = node->key < parent->key ? &parent->left : &parent->right;
     }
-    node->parent = parent;
-    if (!parent)
-        root->node = node;
-    else if (node->key < parent->key)
-        parent->left = node;
-    else
-        parent->right = node;
-    node->color = RBTREE_RED;
-    fix_insertion(root, node);
+    hang(root, parent, link, node);
 }
 
 int32_t insert_rbtree(rbtree_root *root, int64_t key) {
@@ -229,11 +230,17 @@ int32_t dm_rbtree_init_root(rbtree_root **root) {
 
 int32_t dm_rbtree_insert_node(rbtree_root **root, int64_t key, void *value) {
     if (!root || !*root || !value) return -1;
-    if (iterative_rbtree_search(*root, key)) return 1;
+    Node *parent = nullptr;
+    Node **link = &(*root)->node;
+    while (*link) {
+        parent = *link;
+        if (parent->key == key) return 1;
+        link = key < parent->key ? &parent->left : &parent->right;
+    }
     auto *node = static_cast<dm_rbtree_node *>(calloc(1, sizeof(dm_rbtree_node)));
     if (!node) return -1;
     node->value = value;
-    rbtree_insert(*root, rbtree_node_init(&node->node, key, nullptr, nullptr, nullptr));
+    hang(*root, parent, link, rbtree_node_init(&node->node, key, nullptr, nullptr, nullptr));
     return 0;
 }
 
