@@ -1,5 +1,6 @@
-// Counters of each row and the number of full applications, for clients that wait or watch. One mutex of its own guards
-// all of it and is held for a few words at a time; nothing else is locked under it.
+// Counters of each row and the number of full applications, for clients that wait or watch. The counters are atomic words
+// that order nothing: each is right by itself. A mutex of its own guards what is waited for, and is held for a few words at
+// a time; nothing else is locked under it.
 #include "cache/status.h"
 
 #include <pthread.h>
@@ -55,6 +56,11 @@ timespec deadline_in(int32_t timeout_ms) {
     return time;
 }
 
+// A counter is read while others count.
+uint32_t read(const uint32_t &word) {
+    return __atomic_load_n(&word, __ATOMIC_RELAXED);
+}
+
 constexpr uint32_t dm_cache_stats::*counters[] = {&dm_cache_stats::sets, &dm_cache_stats::deletes,
                                                   &dm_cache_stats::swept, &dm_cache_stats::refused};
 
@@ -71,13 +77,11 @@ template <class Holds> int32_t wait_until(const Holds &holds, int32_t timeout_ms
 }  // namespace
 
 void status_count(int32_t row, Count what, uint32_t n) {
-    StatusLock lock;
-    rows[row].stats.*counters[static_cast<size_t>(what)] += n;
+    __atomic_fetch_add(&(rows[row].stats.*counters[static_cast<size_t>(what)]), n, __ATOMIC_RELAXED);
 }
 
 void status_objects(int32_t row, int32_t cached) {
-    StatusLock lock;
-    rows[row].stats.objects = static_cast<uint32_t>(cached);
+    __atomic_store_n(&rows[row].stats.objects, static_cast<uint32_t>(cached), __ATOMIC_RELAXED);
 }
 
 void status_subscribed(int32_t row) {
@@ -132,8 +136,14 @@ int32_t dm_cache_get_stats(int32_t type, dm_cache_stats *stats, uint32_t size) {
     if (!row_in_range(type) || !stats) return -1;
     std::memset(stats, 0, size);
     StatusLock lock;
-    dm_cache_stats now_stats = rows[type].stats;
+    const dm_cache_stats &row = rows[type].stats;
+    dm_cache_stats now_stats{};
     now_stats.enabled = obj_sub_list[type].enable;
+    now_stats.subscribed = row.subscribed;
+    now_stats.scanned = row.scanned;
+    now_stats.objects = read(row.objects);
+    for (const auto counter : counters) now_stats.*counter = read(row.*counter);
+    now_stats.last_scan_ms = row.last_scan_ms;
     std::memcpy(stats, &now_stats, size < sizeof now_stats ? size : sizeof now_stats);
     return 0;
 }
