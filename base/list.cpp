@@ -2,6 +2,8 @@
 // the caller holds the cache lock.
 #include "base/list.h"
 
+#include "base/row_table.h"
+
 namespace dm {
 
 void list_init(dm_list_head *link) {
@@ -23,6 +25,20 @@ void link_before(dm_list_head *link, dm_list_head *head) {
     head->prev = link;
 }
 
+// What an element holds is a stored message, unless a client has put one of its own there.
+void let_go(dm_cache_list_node *node) {
+    if (!node->obj) return;
+    if (node->stored)
+        ReleaseStored{}(node->obj);
+    else
+        protobuf_c_message_free_unpacked(node->obj, nullptr);
+}
+
+void hold(dm_cache_list_node *node, StoredMessage message) {
+    node->obj = message.release();
+    node->stored = 1;
+}
+
 }  // namespace
 
 void dm_list_add_tail_no_limit(dm_list_head *link, dm_list_head *head, uint32_t *count) {
@@ -30,19 +46,30 @@ void dm_list_add_tail_no_limit(dm_list_head *link, dm_list_head *head, uint32_t 
     ++*count;
 }
 
-void list_replace(dm_cache_list_node *node, OwnedMessage message) {
-    const OwnedMessage old(node->obj);
-    node->obj = message.release();
+void list_replace(dm_cache_list_node *node, StoredMessage message) {
+    let_go(node);
+    hold(node, std::move(message));
     node->dirty = 0;
 }
 
-dm_cache_list_node *list_append(dm_cache_list *list, OwnedMessage message) {
+dm_cache_list_node *list_append(dm_cache_list *list, StoredMessage message) {
     OwnedNode node(static_cast<dm_cache_list_node *>(calloc(1, sizeof(dm_cache_list_node))));
     if (!node) return nullptr;
     list_init(&node->link);
-    node->obj = message.release();
-    if (dm_list_add_tail_with_limit(&node->link, &list->head, &list->count, DM_CACHE_LIST_LIMIT) != 0) return nullptr;
+    hold(node.get(), std::move(message));
+    if (list->count >= DM_CACHE_LIST_LIMIT) return nullptr;
+    link_before(&node->link, &list->head);
+    ++list->count;
+    table_take_in(list, node.get());
     return node.release();
+}
+
+OwnedNode list_take(dm_cache_list *list, dm_cache_list_node *node) {
+    table_let_go(node);
+    list_unlink(&node->link);
+    --list->count;
+    if (list->count == 0) links_changed(&list->count);  // an empty row keeps no table
+    return OwnedNode(node);
 }
 
 }  // namespace dm
@@ -53,6 +80,7 @@ int32_t dm_list_add_tail_with_limit(dm_list_head *link, dm_list_head *head, int3
     if (!link || !head || !count || *count >= limit) return -1;
     link_before(link, head);
     ++*count;
+    links_changed(count);
     return 0;
 }
 
@@ -60,16 +88,18 @@ void dm_list_del_with_limit(dm_list_head *link, int32_t *count) {
     if (!link || !count) return;
     list_unlink(link);
     --*count;
+    links_changed(count);
 }
 
 int32_t dm_cache_list_add(dm_cache_list *list, const void *message, const ProtobufCMessageDescriptor *descriptor,
                           dm_cache_cmp_func cmp) {
     if (!list || !cmp) return -1;
-    ProtobufCMessage *made = nullptr;
-    if (const int32_t code = dm_cache_copy_obj(message, descriptor, &made); code != 0) return code;
-    OwnedMessage copy(made);
+    StoredMessage copy;
+    if (const int32_t code = store_copy(static_cast<const ProtobufCMessage *>(message), descriptor, copy); code != 0)
+        return code;
     if (dm_cache_list_node *node = dm_cache_list_find(list, cmp, message)) {
         list_replace(node, std::move(copy));
+        if (!table_for(list, cmp)) links_changed(&list->count);  // a match function of the client's: the key may differ
         return 1;
     }
     return list_append(list, std::move(copy)) ? 0 : -1;
@@ -78,6 +108,8 @@ int32_t dm_cache_list_add(dm_cache_list *list, const void *message, const Protob
 dm_cache_list_node *dm_cache_list_find(dm_cache_list *list, dm_cache_cmp_func cmp, const void *message) {
     if (!cmp || !message) return nullptr;
     if (!list) return nullptr;
+    if (const RowTable *table = table_for(list, cmp))
+        return find_same(*table, static_cast<const ProtobufCMessage *>(message));
     for (dm_list_head *link = list->head.next; link != &list->head; link = link->next) {
         auto *node = reinterpret_cast<dm_cache_list_node *>(link);
         if (cmp(node->obj, static_cast<const ProtobufCMessage *>(message)) == 0) return node;
@@ -87,8 +119,7 @@ dm_cache_list_node *dm_cache_list_find(dm_cache_list *list, dm_cache_cmp_func cm
 
 dm_cache_list_node *dm_cache_list_del(dm_cache_list *list, dm_cache_cmp_func cmp, const void *message) {
     dm_cache_list_node *node = dm_cache_list_find(list, cmp, message);
-    if (node) dm_list_del_with_limit(&node->link, &list->count);
-    return node;
+    return node ? list_take(list, node).release() : nullptr;
 }
 
 int32_t dm_cache_list_walk(dm_cache_list *list, dm_cache_visit_func visit, void *arg) {
@@ -101,7 +132,8 @@ int32_t dm_cache_list_walk(dm_cache_list *list, dm_cache_visit_func visit, void 
 
 void dm_cache_list_free(dm_cache_list_node *node) {
     if (!node) return;
-    if (node->obj) protobuf_c_message_free_unpacked(node->obj, nullptr);
+    table_let_go(node);
+    let_go(node);
     free(node->key);
     free(node);
 }

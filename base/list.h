@@ -23,11 +23,14 @@ struct FreeNode {
 // An element in no list.
 using OwnedNode = std::unique_ptr<dm_cache_list_node, FreeNode>;
 
-// Puts a message into an element in place of its old one, which is freed.
-void list_replace(dm_cache_list_node *node, OwnedMessage message);
+// Puts a message into an element in place of its old one, which is let go. Both have the same key.
+void list_replace(dm_cache_list_node *node, StoredMessage message);
 
-// A new element at the tail; null without memory or when the list is full, the message is then freed.
-dm_cache_list_node *list_append(dm_cache_list *list, OwnedMessage message);
+// A new element at the tail; null without memory or when the list is full, the message is then let go.
+dm_cache_list_node *list_append(dm_cache_list *list, StoredMessage message);
+
+// Takes an element of this list out.
+OwnedNode list_take(dm_cache_list *list, dm_cache_list_node *node);
 
 // Walks a list's elements; the loop may remove the element that it stands on.
 class Elements {

@@ -18,6 +18,7 @@ class DM_LOCKS(capability("cache lock")) CacheMutex {};
 extern CacheMutex cache_mutex;
 
 #define DM_REQUIRES_LOCK DM_LOCKS(requires_capability(::dm::cache_mutex))
+#define DM_REQUIRES_SHARED DM_LOCKS(requires_shared_capability(::dm::cache_mutex))
 
 // Says to the analysis what an exported function's header asks of its caller: that it holds the lock.
 inline void caller_holds_lock() DM_LOCKS(assert_capability(cache_mutex)) {}
@@ -30,5 +31,7 @@ public:
     CacheLock(const CacheLock &) = delete;
     CacheLock &operator=(const CacheLock &) = delete;
 };
+
+using SharedCacheLock = CacheLock;
 
 }  // namespace dm

@@ -1,7 +1,7 @@
 // The table of kinds, one line a kind, and the set-up of the rows that port_index/ does not set up.
 #include "base/rows.h"
 
-#include "base/list.h"
+#include "base/row_table.h"
 
 namespace dm {
 namespace {
@@ -12,6 +12,10 @@ template <class T, auto... field> int32_t same_object(const ProtobufCMessage *ca
     const auto *b = as<T>(probe)->index;
     if (!a || !b) return -1;
     return ((a->*field == b->*field) && ...) ? 0 : -1;
+}
+
+template <class Key, auto... field> void read_fields(const ProtobufCMessage *key, int32_t *words) {
+    ((*words++ = static_cast<int32_t>(as<Key>(key)->*field)), ...);
 }
 
 // Kinds with one object.
@@ -31,6 +35,7 @@ struct Traits {
     int32_t proc_order;
     uint32_t db = 1;
     uint8_t mark = 0;
+    uint8_t key_owners = 0;
     Index index = Index::none;
     dm_cache_cmp_func cmp = always_same;
 };
@@ -42,6 +47,9 @@ template <class T> constexpr Kind singleton(const ProtobufCMessageDescriptor &de
             .tmpl = &template_of<T>.base,
             .key = nullptr,
             .cmp = traits.cmp,
+            .read_key = nullptr,
+            .key_words = 0,
+            .key_owners = traits.key_owners,
             .size = sizeof(T),
             .index_offset = 0,
             .db = traits.db,
@@ -57,6 +65,9 @@ constexpr Kind keyed(const ProtobufCMessageDescriptor &descriptor, const Protobu
     kind.key_descriptor = &key_descriptor;
     kind.key = &template_key_of<T>.base;
     kind.cmp = same_object<T, field...>;
+    kind.read_key = read_fields<KeyOf<T>, field...>;
+    kind.key_words = sizeof...(field);
+    static_assert(sizeof...(field) <= max_key_words);
     kind.index_offset = offsetof(T, index);
     return kind;
 }
@@ -105,8 +116,9 @@ constexpr Kind table[] = {
     keyed<PDev__VslPortInfo, &VslKey::devid, &VslKey::slotid, &VslKey::subslot, &VslKey::lport>(
         p_dev__vsl_port_info__descriptor, p_dev__vsl_port_index__descriptor, {.proc_order = 4, .db = 3, .mark = 1}),
     keyed<PDev__VsdPort, &VsdPortKey::t_vsdid, &VsdPortKey::t_dev, &VsdPortKey::t_slot, &VsdPortKey::t_sslot,
-          &VsdPortKey::t_port, &VsdPortKey::t_type>(p_dev__vsd_port__descriptor, p_dev__vsd_port_index__descriptor,
-                                                    {.proc_order = 5, .mark = 1, .index = Index::global_port}),
+          &VsdPortKey::t_port, &VsdPortKey::t_type>(
+        p_dev__vsd_port__descriptor, p_dev__vsd_port_index__descriptor,
+        {.proc_order = 5, .mark = 1, .key_owners = 1, .index = Index::global_port}),
     keyed<PDev__VsdPortAttr, &PortKey::t_dev, &PortKey::t_slot, &PortKey::t_sslot, &PortKey::t_port, &PortKey::t_type>(
         p_dev__vsd_port_attr__descriptor, p_dev__port_index__descriptor,
         {.proc_order = 5, .mark = 1, .index = Index::vsd_port}),
@@ -133,7 +145,16 @@ constexpr bool within(size_t room) {
 }
 static_assert(within(largest_object));
 
-dm_cache_list lists[DM_ROW_COUNT];
+struct LineOfRow {
+    uint8_t line[DM_ROW_COUNT];  // 0: none
+};
+constexpr LineOfRow line_of_row() {
+    LineOfRow made{};
+    uint8_t line = 0;
+    for (const Kind &kind : table) made.line[kind.row] = ++line;
+    return made;
+}
+constexpr LineOfRow lines = line_of_row();
 
 void set_up(obj_sub_entry *entry, const Kind &kind) {
     fill_row(entry, kind);
@@ -143,9 +164,8 @@ void set_up(obj_sub_entry *entry, const Kind &kind) {
 }  // namespace
 
 const Kind *kind_of_row(int32_t row) {
-    for (const Kind &kind : table)
-        if (kind.row == row) return &kind;
-    return nullptr;
+    const uint8_t line = row >= 0 && row < DM_ROW_COUNT ? lines.line[row] : 0;
+    return line > 0 ? &table[line - 1] : nullptr;
 }
 
 void fill_row(obj_sub_entry *entry, const Kind &kind) {
@@ -157,12 +177,9 @@ void fill_row(obj_sub_entry *entry, const Kind &kind) {
             put(reinterpret_cast<char *>(kind.tmpl) + kind.index_offset, kind.key);
         }
     }
-    dm_cache_list *list = &lists[kind.row];
-    list_init(&list->head);
-    list->count = 0;
     entry->mark = kind.mark;
     entry->obj_tmpl = kind.tmpl;
-    entry->obj_list = list;
+    entry->obj_list = emptied_list(kind.row);
     entry->cmp_func = kind.cmp;
     entry->obj_size = kind.size;
     entry->index_offset = kind.index_offset;

@@ -38,6 +38,9 @@ template <> inline constexpr int32_t row_of<PDev__DeviceSyncInfo> = DM_ROW_DEVIC
 // Which index a row has. `none`: the row is not port_index/'s to set up; static ports and logical ports have no trees.
 enum class Index : uint8_t { none, static_port, lport, local_port, global_port, vsd_port, card_type, chip_type };
 
+// The compared fields of a key, in the order of its row's table: at most this many.
+inline constexpr size_t max_key_words = 6;
+
 // What a kind's row is made from.
 struct Kind {
     int32_t row;
@@ -46,6 +49,9 @@ struct Kind {
     ProtobufCMessage *tmpl;
     ProtobufCMessage *key;
     dm_cache_cmp_func cmp;
+    void (*read_key)(const ProtobufCMessage *key, int32_t *words);  // the compared fields
+    uint8_t key_words;                                              // how many; 0: a kind without key
+    uint8_t key_owners;  // 1: the first of them says whose it is, the others which place
     uint32_t size;
     uint32_t index_offset;
     uint32_t db;

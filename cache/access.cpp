@@ -3,7 +3,7 @@
 #include <cstddef>
 
 #include "base/log.h"
-#include "base/rows.h"
+#include "base/row_table.h"
 #include "cache/access.h"
 #include "cache/row_update.h"
 #include "cache/startup.h"
@@ -24,6 +24,12 @@ public:
 private:
     alignas(std::max_align_t) char bytes_[largest_object] = {};
 };
+
+dm_cache_list_node *find_keyed(const obj_sub_entry &row, const ProtobufCMessage *key) {
+    if (const RowTable *table = table_for(row.obj_list, row.cmp_func)) return find_in(*table, key);
+    const Probe probe(row, key);
+    return dm_cache_list_find(row.obj_list, row.cmp_func, probe.get());
+}
 
 }  // namespace
 
@@ -47,9 +53,7 @@ int32_t dm_cache_get_obj(int32_t type, const void *key, void *out) {
         DM_LOG(failure, "param err[%d][%p][%p].\n", type, key, out);
         return -1;
     }
-    const obj_sub_entry &row = obj_sub_list[type];
-    const Probe probe(row, key);
-    dm_cache_list_node *node = dm_cache_list_find(row.obj_list, row.cmp_func, probe.get());
+    const dm_cache_list_node *node = find_keyed(obj_sub_list[type], static_cast<const ProtobufCMessage *>(key));
     put(out, node ? node->obj : nullptr);
     return node ? 0 : -1;
 }

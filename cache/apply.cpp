@@ -52,20 +52,20 @@ bool stores_nothing(int32_t row) {
     return (obj_sub_list[row].flag & DM_CACHE_NO_STORE) != 0;
 }
 
-void apply(tq_mom_handle *handle, int32_t row, int32_t cmd, ProtobufCMessage *obj) {
+void apply(tq_mom_handle *handle, int32_t row, int32_t cmd, ProtobufCMessage *obj, StoredMessage stored = {}) {
     if (cmd == TQ_MOM_CMD_DELETE)
         dm_cache_handle_delmsg(handle, row, obj);
     else if (cmd == TQ_MOM_CMD_SET || is_applied_reply(cmd))
-        dm_cache_handle_setmsg(handle, row, obj);
+        dm_cache_handle_setmsg(handle, row, obj, std::move(stored));
 }
 
 }  // namespace
 
-int32_t dm_cache_handle_setmsg(tq_mom_handle *handle, int32_t row, ProtobufCMessage *obj) {
+int32_t dm_cache_handle_setmsg(tq_mom_handle *handle, int32_t row, ProtobufCMessage *obj, StoredMessage stored) {
     int32_t result = -1;
     {
         CacheLock lock;
-        if (!stores_nothing(row)) result = store_object(row, obj);
+        if (!stores_nothing(row)) result = stored ? store_shared(row, std::move(stored)) : store_object(row, obj);
     }
     if (result < 0) {
         status_count(row, Count::refused);
@@ -95,12 +95,12 @@ int32_t dm_cache_handle_delmsg(tq_mom_handle *handle, int32_t row, ProtobufCMess
     return 0;
 }
 
-int32_t dm_cache_process_msg(tq_mom_handle *handle, store_msg *msg, void *privdata) {
-    const int32_t row = checked_row(msg, privdata);
-    if (row < 0) return -1;
-    ProtobufCMessage *obj = object_of_push(msg);
-    if (!obj) return -1;
-    apply(handle, row, msg->cmd, obj);
+int32_t dm_cache_process_msg(tq_mom_handle *handle, int32_t row, int32_t cmd, StoredMessage obj) {
+    store_msg message{};
+    message.cmd = cmd;
+    message.value = obj.get();
+    if (checked_row(&message, row_word(row)) < 0 || !object_of_push(&message)) return -1;
+    apply(handle, row, cmd, obj.get(), share(obj.get()));
     return 0;
 }
 

@@ -2,7 +2,7 @@
 // a queue is applied. On the store client's thread; the cache lock is taken for the change and released before callbacks.
 #pragma once
 
-#include "tq_dm_cache/dm_cache.h"
+#include "base/message.h"
 
 namespace dm {
 
@@ -11,12 +11,13 @@ inline void *row_word(int32_t row) {
     return reinterpret_cast<void *>(static_cast<intptr_t>(row));
 }
 
-// 0, or the code of a change that was refused: no callback runs then.
-int32_t dm_cache_handle_setmsg(tq_mom_handle *handle, int32_t row, ProtobufCMessage *obj);
+// 0, or the code of a change that was refused: no callback runs then. `stored` is another owner of the object, if the cache
+// may keep the object as it is; else the cache makes a copy.
+int32_t dm_cache_handle_setmsg(tq_mom_handle *handle, int32_t row, ProtobufCMessage *obj, StoredMessage stored = {});
 int32_t dm_cache_handle_delmsg(tq_mom_handle *handle, int32_t row, ProtobufCMessage *obj);
 
-// A queued message, whose value is the object itself.
-int32_t dm_cache_process_msg(tq_mom_handle *handle, store_msg *msg, void *privdata);
+// A queued message.
+int32_t dm_cache_process_msg(tq_mom_handle *handle, int32_t row, int32_t cmd, StoredMessage obj);
 
 // A message as the store sent it.
 int32_t dm_cache_update_obj(tq_mom_handle *handle, store_msg *msg, void *privdata);

@@ -1,8 +1,13 @@
-// The pending queue. Applying an item never keeps its copy: the cache stores its own.
+// The pending queue. What it gathers is stored messages, which the cache keeps as they are when the queue is applied. An
+// object that the cache holds already is not copied at all.
 #include "cache/pending.h"
 
+#include <utility>
+
+#include "base/lock.h"
 #include "base/rows.h"
 #include "cache/apply.h"
+#include "cache/row_update.h"
 #include "tq_dm_cache/dm_cache_sync.h"
 
 static constexpr char log_tag[] = "dm_cache";
@@ -16,7 +21,7 @@ namespace {
 
 struct FreeItem {
     void operator()(pending_item *item) const {
-        if (item->obj) protobuf_c_message_free_unpacked(item->obj, nullptr);
+        if (item->obj) ReleaseStored{}(item->obj);
         free(item);
     }
 };
@@ -38,12 +43,18 @@ template <class Wanted, class Take> void for_items(const Wanted &wanted, const T
 }
 
 void apply_item(tq_mom_handle *handle, pending_item *item) {
-    store_msg message{};
-    message.cmd = item->cmd;
-    message.flag = item->flag;
-    message.value = item->obj;
-    dm_cache_process_msg(handle, &message, row_word(item->row));
+    dm_cache_process_msg(handle, item->row, item->cmd, StoredMessage(std::exchange(item->obj, nullptr)));
     unqueue(item);
+}
+
+// A copy of an object to gather, or a share of the cached one that is equal to it.
+int32_t keep(int32_t row, const ProtobufCMessage *obj, StoredMessage &kept) {
+    {
+        SharedCacheLock lock;
+        kept = cached_equal(row, obj);
+    }
+    if (kept) return 0;
+    return store_copy(obj, obj->descriptor, kept);
 }
 
 }  // namespace
@@ -94,10 +105,12 @@ int32_t dm_cache_mom_cache(store_msg *msg, int32_t row) {
                                       ? object_of_record(static_cast<const result_rec *>(msg->value))
                                       : static_cast<const ProtobufCMessage *>(msg->value);
     if (!obj) return -1;
-    if (const int32_t ret = dm_cache_copy_obj(obj, obj->descriptor, &item->obj); ret != 0) {
+    StoredMessage kept;
+    if (const int32_t ret = keep(row, obj, kept); ret != 0) {
         DM_LOG(failure, "dm_cache_copy_obj failed ! ret %d\r\n", ret);
         return -2;
     }
+    item->obj = kept.release();
     dm_list_add_tail_no_limit(&item.release()->link, &g_cache_pending_list, &g_cache_pending_num);
     return 0;
 }

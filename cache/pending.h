@@ -12,7 +12,7 @@ struct pending_item {
     int32_t row;
     int32_t cmd;
     int32_t flag;
-    ProtobufCMessage *obj;  // owned
+    ProtobufCMessage *obj;  // a stored message, owned; shared with the cache when it holds an equal one
 };
 
 extern dm_list_head g_cache_pending_list;

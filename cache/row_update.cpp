@@ -2,74 +2,97 @@
 // what they find all come through here. Under the cache lock.
 #include "cache/row_update.h"
 
-#include "base/rows.h"
+#include "base/row_table.h"
 #include "cache/status.h"
 #include "port_index/trees.h"
 
 namespace dm {
 namespace {
 
-// Changes of all rows, counted; and the count at which an object of a row last went, or may have gone.
+// Changes of all rows, counted; and the count at which an object of a row last went, or may have gone. An element carries
+// the low half of the count at its own last change.
 uint64_t changes = 0;
 uint64_t last_removal[DM_ROW_COUNT];
 
-int32_t put_message(int32_t type, OwnedMessage message) DM_REQUIRES_LOCK {
-    obj_sub_entry &row = obj_sub_list[type];
-    dm_cache_list_node *node = dm_cache_list_find(row.obj_list, row.cmp_func, message.get());
-    const bool replaced = node;
-    if (replaced) {
-        unindex_element(row, node);
-        list_replace(node, std::move(message));
-    } else {
-        node = list_append(row.obj_list, std::move(message));
-        if (!node) return -1;
-    }
-    node->changed = ++changes;
+void note_change(dm_cache_list_node *node) DM_REQUIRES_LOCK {
+    node->changed = static_cast<uint32_t>(++changes);
+}
+
+dm_cache_list_node *find(int32_t type, const ProtobufCMessage *obj) DM_REQUIRES_SHARED {
+    const obj_sub_entry &row = obj_sub_list[type];
+    return dm_cache_list_find(row.obj_list, row.cmp_func, obj);
+}
+
+// What a scan brings again as it was changes nothing but the element's marks.
+int32_t come_again(int32_t type, dm_cache_list_node *node) DM_REQUIRES_LOCK {
+    node->dirty = 0;
+    note_change(node);
+    refresh_element(obj_sub_list[type], node);
+    return 1;
+}
+
+int32_t replace(int32_t type, dm_cache_list_node *node, StoredMessage message) DM_REQUIRES_LOCK {
+    list_replace(node, std::move(message));
+    note_change(node);
+    move_element(obj_sub_list[type], node);
+    if (type == DM_ROW_PORT_STATIC) move_ports_at(*as<PDev__PortStatic>(node->obj)->index);
+    return 1;
+}
+
+int32_t append(int32_t type, StoredMessage message) DM_REQUIRES_LOCK {
+    const obj_sub_entry &row = obj_sub_list[type];
+    dm_cache_list_node *node = list_append(row.obj_list, std::move(message));
+    if (!node) return -1;
+    note_change(node);
     index_element(row, node);
-    return replaced ? 1 : 0;
+    if (type == DM_ROW_PORT_STATIC) index_ports_at(*as<PDev__PortStatic>(node->obj)->index);
+    status_objects(type, row.obj_list->count);
+    return 0;
 }
 
-// The ports at a static port's place take their keys from it: they leave their trees before it changes and come back
-// after. One that comes again as it was, as all do when the store is scanned again, leaves them alone.
-int32_t put_static_port(OwnedMessage message) DM_REQUIRES_LOCK {
-    const obj_sub_entry &row = obj_sub_list[DM_ROW_PORT_STATIC];
-    dm_cache_list_node *node = dm_cache_list_find(row.obj_list, row.cmp_func, message.get());
-    if (node && same_content(node->obj, message.get())) {
-        node->dirty = 0;
-        node->changed = ++changes;
-        return 1;
-    }
-    const PDev__PortIndex place = *as<PDev__PortStatic>(message.get())->index;
-    if (node) unindex_ports_at(place);
-    const int32_t result = put_message(DM_ROW_PORT_STATIC, std::move(message));
-    if (result >= 0) index_ports_at(place);
-    return result;
+int32_t put_message(int32_t type, dm_cache_list_node *node, StoredMessage message) DM_REQUIRES_LOCK {
+    return node ? replace(type, node, std::move(message)) : append(type, std::move(message));
 }
 
+// The ports at a static port's place take their keys from it.
 OwnedNode take_out(int32_t type, dm_cache_list_node *node) DM_REQUIRES_LOCK {
     obj_sub_entry &row = obj_sub_list[type];
     unindex_element(row, node);
     if (type == DM_ROW_PORT_STATIC && !key_missing(row, node->obj))
         unindex_ports_at(*as<PDev__PortStatic>(node->obj)->index);
-    dm_list_del_with_limit(&node->link, &row.obj_list->count);
+    OwnedNode taken = list_take(row.obj_list, node);
     last_removal[type] = ++changes;
     status_objects(type, row.obj_list->count);
-    return OwnedNode(node);
+    return taken;
+}
+
+bool can_hold(int32_t type, const ProtobufCMessage *obj) {
+    const obj_sub_entry &row = obj_sub_list[type];
+    return row.obj_list && !key_missing(row, obj);
 }
 
 }  // namespace
 
 int32_t store_object(int32_t type, const ProtobufCMessage *obj) {
-    obj_sub_entry &row = obj_sub_list[type];
-    if (!row.obj_list || key_missing(row, obj)) return -1;
-    ProtobufCMessage *copy = nullptr;
-    if (const int32_t code = dm_cache_copy_obj(obj, obj->descriptor, &copy); code != 0) return code;
+    if (!can_hold(type, obj)) return -1;
+    dm_cache_list_node *node = find(type, obj);
+    if (node && same_content(node->obj, obj)) return come_again(type, node);
+    StoredMessage message;
+    if (const int32_t code = store_copy(obj, obj->descriptor, message); code != 0) return code;
+    return put_message(type, node, std::move(message));
+}
 
-    OwnedMessage message(copy);
-    const int32_t result =
-        type == DM_ROW_PORT_STATIC ? put_static_port(std::move(message)) : put_message(type, std::move(message));
-    status_objects(type, row.obj_list->count);
-    return result;
+int32_t store_shared(int32_t type, StoredMessage message) {
+    if (!can_hold(type, message.get())) return -1;
+    dm_cache_list_node *node = find(type, message.get());
+    if (node && same_content(node->obj, message.get())) return come_again(type, node);
+    return put_message(type, node, std::move(message));
+}
+
+StoredMessage cached_equal(int32_t type, const ProtobufCMessage *obj) {
+    if (!can_hold(type, obj)) return nullptr;
+    const dm_cache_list_node *node = find(type, obj);
+    return node && node->stored && same_content(node->obj, obj) ? share(node->obj) : nullptr;
 }
 
 uint64_t change_mark() {
@@ -81,9 +104,8 @@ namespace {
 bool overtaken(int32_t type, const ProtobufCMessage *obj, uint64_t since) DM_REQUIRES_LOCK {
     if (since == never_overtaken) return false;
     if (last_removal[type] > since) return true;
-    const obj_sub_entry &row = obj_sub_list[type];
-    const dm_cache_list_node *node = dm_cache_list_find(row.obj_list, row.cmp_func, obj);
-    return node && node->changed > since;
+    const dm_cache_list_node *node = find(type, obj);
+    return node && static_cast<uint32_t>(changes) - node->changed < changes - since;
 }
 
 }  // namespace
@@ -96,8 +118,7 @@ int32_t offer_object(int32_t type, const ProtobufCMessage *obj, uint64_t since) 
 // A delete that finds nothing counts too: a read that began before it may be about to bring the object.
 OwnedNode remove_object(int32_t type, const ProtobufCMessage *probe) {
     last_removal[type] = ++changes;
-    obj_sub_entry &row = obj_sub_list[type];
-    dm_cache_list_node *node = dm_cache_list_find(row.obj_list, row.cmp_func, probe);
+    dm_cache_list_node *node = find(type, probe);
     return node ? take_out(type, node) : nullptr;
 }
 
@@ -121,6 +142,7 @@ void discard_row(int32_t type) {
     if (!row.obj_list) return;
     last_removal[type] = ++changes;
     free_index_set(&row);
+    links_changed(&row.obj_list->count);  // no table follows what goes now
     for (dm_cache_list_node &node : Elements(row.obj_list)) dm_cache_list_free(&node);
     list_init(&row.obj_list->head);
     row.obj_list->count = 0;

@@ -8,8 +8,11 @@
 namespace dm {
 
 // Stores a copy: 0 added, 1 replaced; -1 when the row holds no kind, is full, has no memory, or the object lacks its key;
-// or the code of the copy. On failure the row is as it was.
+// or the code of the copy. On failure the row is as it was. What is equal to the cached object is not copied.
 int32_t store_object(int32_t type, const ProtobufCMessage *obj) DM_REQUIRES_LOCK;
+
+// The same with a message that the cache can keep as it is.
+int32_t store_shared(int32_t type, StoredMessage message) DM_REQUIRES_LOCK;
 
 // What has changed so far, to be noted before an object is read from the store.
 uint64_t change_mark() DM_REQUIRES_LOCK;
@@ -19,6 +22,9 @@ uint64_t change_mark() DM_REQUIRES_LOCK;
 constexpr int32_t kept_out = 2;
 constexpr uint64_t never_overtaken = UINT64_MAX;
 int32_t offer_object(int32_t type, const ProtobufCMessage *obj, uint64_t since) DM_REQUIRES_LOCK;
+
+// The cached object that is equal to this one, as another owner of it; empty when there is none.
+StoredMessage cached_equal(int32_t type, const ProtobufCMessage *obj) DM_REQUIRES_SHARED;
 
 // Takes out the object that matches; null when there is none.
 OwnedNode remove_object(int32_t type, const ProtobufCMessage *probe) DM_REQUIRES_LOCK;

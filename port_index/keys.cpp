@@ -4,6 +4,7 @@
 
 #include "base/list.h"
 #include "base/log.h"
+#include "base/row_table.h"
 
 static constexpr char log_tag[] = "dm_cache_port_obj";
 
@@ -12,10 +13,9 @@ namespace {
 
 using Keys = int64_t[NDM_CACHE_TREES];
 
-// Gives the element a key record, in place of one that it may have. A refusal is logged for the builder that asked.
+// Fills the element's key record, which is made if it has none. A refusal is logged for the builder that asked.
 int32_t set_keys(dm_cache_list_node *node, const Keys &keys, ProtobufCMessage *static_port, Caller caller = Caller{}) {
-    free(node->key);
-    node->key = static_cast<ndm_cache_key *>(calloc(1, sizeof(ndm_cache_key)));
+    if (!node->key) node->key = static_cast<ndm_cache_key *>(calloc(1, sizeof(ndm_cache_key)));
     if (!node->key) {
         DM_LOG_AS(caller, failure, "malloc fail.\n");
         return -1;
@@ -114,7 +114,12 @@ IndexPlan plan_of(Index index) {
 }
 
 PDev__PortStatic *find_static_port(const PDev__PortIndex &place) {
-    for (const dm_cache_list_node &node : Elements(obj_sub_list[DM_ROW_PORT_STATIC].obj_list)) {
+    const obj_sub_entry &row = obj_sub_list[DM_ROW_PORT_STATIC];
+    if (const RowTable *table = table_for(row.obj_list, row.cmp_func)) {
+        const dm_cache_list_node *node = find_in(*table, &place.base);
+        return node ? reinterpret_cast<PDev__PortStatic *>(node->obj) : nullptr;
+    }
+    for (const dm_cache_list_node &node : Elements(row.obj_list)) {
         auto *port = reinterpret_cast<PDev__PortStatic *>(node.obj);
         if (port && port->index && same_place(*port->index, place)) return port;
     }

@@ -3,6 +3,7 @@
 
 #include "base/list.h"
 #include "base/log.h"
+#include "base/row_table.h"
 
 static constexpr char log_tag[] = "dm_cache_port_obj";
 
@@ -33,23 +34,25 @@ int32_t set_up(obj_sub_entry *row, int32_t number) {
     return 0;
 }
 
-// Calls `change` for every element of a row of ports that sits at a place.
-template <class T, class Change> void for_ports_at(const PDev__PortIndex &place, const Change &change) {
-    const obj_sub_entry &row = obj_sub_list[row_of<T>];
-    for (dm_cache_list_node &node : Elements(row.obj_list)) {
-        const T *port = as<T>(node.obj);
-        if (port->index && same_place(*port->index, place)) change(row, &node);
-    }
+// Whether an element of a row has ever found a key taken since the row's trees were empty. While none has, every element is
+// the one that its keys find.
+bool refused[DM_ROW_COUNT];
+
+// Null for a row of a client's own table.
+bool *refused_in(const obj_sub_entry &row) {
+    const auto at = reinterpret_cast<uintptr_t>(&row) - reinterpret_cast<uintptr_t>(obj_sub_list);
+    return at < sizeof obj_sub_list ? &refused[at / sizeof row] : nullptr;
 }
 
-template <class Change> void for_all_ports_at(const PDev__PortIndex &place, const Change &change) {
-    for_ports_at<PDev__VsdPort>(place, change);
-    for_ports_at<PDev__VsdPortAttr>(place, change);
+bool finds(const obj_sub_entry &row, int32_t tree, int64_t key, const dm_cache_list_node *node) DM_REQUIRES_LOCK {
+    const bool *some_refused = refused_in(row);
+    return (some_refused && !*some_refused) || dm_rbtree_find_node(&row.port_tree->root[tree], key) == node;
 }
 
-}  // namespace
-
-namespace {
+void forget_keys(dm_cache_list_node *node) {
+    free(node->key);
+    node->key = nullptr;
+}
 
 // An element that is indexed already gives up its key record and what it holds in the trees, but not what another element
 // holds under the same keys.
@@ -58,9 +61,30 @@ void leave_own_places(ndm_cache_tree *set, dm_cache_list_node *node) DM_REQUIRES
     for (int32_t i = 0; i < set->tree_num; ++i)
         if (dm_rbtree_find_node(&set->root[i], node->key->key[i]) == node)
             dm_rbtree_delete_node(&set->root[i], node->key->key[i]);
-    free(node->key);
-    node->key = nullptr;
+    forget_keys(node);
 }
+
+void enter_tree(const obj_sub_entry &row, int32_t tree, dm_cache_list_node *node) DM_REQUIRES_LOCK {
+    if (dm_rbtree_insert_node(&row.port_tree->root[tree], node->key->key[tree], node) == 0) return;
+    if (bool *some_refused = refused_in(row)) *some_refused = true;
+    DM_LOG_AS((Caller{"ndm_cache_tree_add_node"}), failure, "add cache tree node fail.\n");
+}
+
+// The key goes with whichever of its elements goes.
+void leave_tree(const obj_sub_entry &row, int32_t tree, int64_t key) DM_REQUIRES_LOCK {
+    if (dm_rbtree_delete_node(&row.port_tree->root[tree], key) == 0) return;
+    DM_LOG_AS((Caller{"ndm_cache_tree_del_node"}), failure, "del cache tree node fail.\n");
+}
+
+// Calls `change(element)` for every element of a row of ports that sits at a place.
+template <class Change> void for_ports_at(int32_t type, const PDev__PortIndex &place, Change change) {
+    const int32_t words[] = {place.t_dev, place.t_slot, place.t_sslot, place.t_port,
+                             static_cast<int32_t>(place.t_type)};
+    for_elements_at(
+        type, words, [](dm_cache_list_node *node, void *word) { (*static_cast<Change *>(word))(node); }, &change);
+}
+
+constexpr int32_t rows_of_ports[] = {DM_ROW_VSD_PORT, DM_ROW_VSD_PORT_ATTR};
 
 }  // namespace
 
@@ -69,36 +93,72 @@ int32_t index_element(const obj_sub_entry &row, dm_cache_list_node *node) {
     if (!set) return 0;
     leave_own_places(set, node);
     if (set->gen_key(node) != 0 || !node->key) return -1;
-    for (int32_t i = 0; i < set->tree_num; ++i) {
-        if (dm_rbtree_insert_node(&set->root[i], node->key->key[i], node) == 0) continue;
-        DM_LOG_AS((Caller{"ndm_cache_tree_add_node"}), failure, "add cache tree node fail.\n");
-    }
+    for (int32_t i = 0; i < set->tree_num; ++i) enter_tree(row, i, node);
     return 0;
 }
 
 void unindex_element(const obj_sub_entry &row, dm_cache_list_node *node) {
-    ndm_cache_tree *set = row.port_tree;
+    const ndm_cache_tree *set = row.port_tree;
     if (!set || !node->key) return;
-    for (int32_t i = 0; i < set->tree_num; ++i) {
-        if (dm_rbtree_delete_node(&set->root[i], node->key->key[i]) == 0) continue;
-        DM_LOG_AS((Caller{"ndm_cache_tree_del_node"}), failure, "del cache tree node fail.\n");
-    }
-    free(node->key);
-    node->key = nullptr;
+    for (int32_t i = 0; i < set->tree_num; ++i) leave_tree(row, i, node->key->key[i]);
+    forget_keys(node);
 }
 
-void unindex_ports_at(const PDev__PortIndex &place) {
-    for_all_ports_at(place, unindex_element);
+int32_t move_element(const obj_sub_entry &row, dm_cache_list_node *node) {
+    const ndm_cache_tree *set = row.port_tree;
+    if (!set || !node->key) return index_element(row, node);
+    int64_t old[NDM_CACHE_TREES];
+    std::memcpy(old, node->key->key, sizeof old);
+    const bool made = set->gen_key(node) == 0 && node->key;
+    bool stays[NDM_CACHE_TREES] = {};
+    for (int32_t i = 0; i < set->tree_num; ++i) {
+        stays[i] = made && node->key->key[i] == old[i] && finds(row, i, old[i], node);
+        if (!stays[i]) leave_tree(row, i, old[i]);
+    }
+    if (!made) {
+        forget_keys(node);
+        return -1;
+    }
+    for (int32_t i = 0; i < set->tree_num; ++i)
+        if (!stays[i]) enter_tree(row, i, node);
+    return 0;
+}
+
+void refresh_element(const obj_sub_entry &row, dm_cache_list_node *node) {
+    const bool *some_refused = refused_in(row);
+    if (row.port_tree && (!node->key || !some_refused || *some_refused)) move_element(row, node);
 }
 
 void index_ports_at(const PDev__PortIndex &place) {
-    for_all_ports_at(place, index_element);
+    for (const int32_t type : rows_of_ports)
+        for_ports_at(type, place, [type](dm_cache_list_node *node) { index_element(obj_sub_list[type], node); });
+}
+
+void unindex_ports_at(const PDev__PortIndex &place) {
+    for (const int32_t type : rows_of_ports)
+        for_ports_at(type, place, [type](dm_cache_list_node *node) { unindex_element(obj_sub_list[type], node); });
+}
+
+// Several ports at one place share keys: which of them is found depends on all having left before the first one enters.
+void move_ports_at(const PDev__PortIndex &place) {
+    for (const int32_t type : rows_of_ports) {
+        const obj_sub_entry &row = obj_sub_list[type];
+        int32_t ports = 0;
+        for_ports_at(type, place, [&](dm_cache_list_node *) { ++ports; });
+        if (ports == 1) {
+            for_ports_at(type, place, [&](dm_cache_list_node *node) { move_element(row, node); });
+            continue;
+        }
+        for_ports_at(type, place, [&](dm_cache_list_node *node) { unindex_element(row, node); });
+        for_ports_at(type, place, [&](dm_cache_list_node *node) { index_element(row, node); });
+    }
 }
 
 void free_index_set(obj_sub_entry *row) {
     ndm_cache_tree *set = row->port_tree;
     if (!set) return;
     for (rbtree_root *root : set->root) destroy_rbtree(root);
+    if (bool *some_refused = refused_in(*row)) *some_refused = false;
     free(set);
     row->port_tree = nullptr;
 }

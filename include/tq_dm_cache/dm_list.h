@@ -34,10 +34,12 @@ struct ndm_cache_key;
 /* One cached object. Only the library allocates it. */
 typedef struct dm_cache_list_node {
     dm_list_head link;         /* first: an element and its link share an address */
-    ProtobufCMessage *obj;     /* owned */
+    ProtobufCMessage *obj;     /* owned; freed with the element only */
     struct ndm_cache_key *key; /* owned; null while the element is in no index */
     uint8_t dirty;             /* 1: not seen again since its row was marked before a rescan */
-    uint64_t changed;          /* the library's own */
+    uint8_t row;               /* this and what follows: the library's own */
+    uint8_t stored;
+    uint32_t changed;
 } dm_cache_list_node;
 
 /* 0 when both messages are the same object of their kind. */
