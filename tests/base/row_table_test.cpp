@@ -1,0 +1,152 @@
+// Look-ups by key against a walk, over rows that live through everything that a process does to them. An answer that a walk
+// would not give is another port's, a freed object's, or a port that seems not to be there.
+#include "support/live_cache.h"
+
+#include "base/row_table.h"
+#include "cache/row_update.h"
+#include "tq_dm_cache/dm_port_index.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+namespace {
+
+dm_cache_list *list_of(int32_t row) {
+    return obj_sub_list[row].obj_list;
+}
+
+std::vector<dm_cache_list_node *> walked(int32_t row) {
+    std::vector<dm_cache_list_node *> nodes;
+    for (dm_cache_list_node &node : dm::Elements(list_of(row))) nodes.push_back(&node);
+    return nodes;
+}
+
+dm_cache_list_node *walk_for(int32_t row, const Message &object) {
+    for (dm_cache_list_node *node : walked(row))
+        if (obj_sub_list[row].cmp_func(node->obj, object.get()) == 0) return node;
+    return nullptr;
+}
+
+int32_t never_the_same(const ProtobufCMessage *, const ProtobufCMessage *) {
+    return -1;
+}
+
+struct Elements {
+    std::mt19937 random;
+    std::vector<dm_cache_list_node *> unlinked;
+
+    explicit Elements(unsigned seed) : random(seed) {}
+
+    // Keys of every size: negative ones, ones that fill 32 bits, and few enough to meet again.
+    int32_t number() {
+        static constexpr int32_t numbers[] = {0, 1, 2, 3, 255, 256, 1023, 1024, -1, INT32_MAX, INT32_MIN};
+        return numbers[random() % std::size(numbers)];
+    }
+    Message object(int32_t row) {
+        const auto few = [&] { return static_cast<int32_t>(random() % 4); };
+        if (row == DM_ROW_VSD_PORT) return global_port(number(), few(), number(), few(), 7, 1).set("dev", few());
+        if (row == DM_ROW_UNIT_CPORT_INFO) return local_port(number(), number(), few());
+        if (row == DM_ROW_DM_CHIP_STATTR)
+            return {"p_dev.dm_chip_stattr_t", {{"index.type", number()}, {"type", few()}}};
+        return card(number(), number(), few()).set("sw_status", few());
+    }
+
+    void change(int32_t row) {
+        const Message one = object(row);
+        const auto dice = random() % 100;
+        dm_cache_list_node *const node = walk_for(row, one);
+        if (dice < 60) {
+            EXPECT_EQ(dm_cache_set_obj(row, one.get()), 0);
+        } else if (dice < 85) {
+            EXPECT_EQ(dm::remove_object(row, one.get()) != nullptr, node != nullptr);
+        } else if (dice < 88) {
+            // What a client may do to a list: take out, take out by hand, put back in at the end, add what is there already.
+            dm_cache_list_node *taken = dm_cache_list_del(list_of(row), obj_sub_list[row].cmp_func, one.get());
+            EXPECT_EQ(taken, node);
+            dm_cache_list_free(taken);
+        } else if (dice < 91 && node) {
+            ndm_cache_tree_del_node(&obj_sub_list[row], one.get());
+            dm_list_del_with_limit(&node->link, &list_of(row)->count);
+            unlinked.push_back(node);
+        } else if (dice < 93 && node) {
+            ndm_cache_tree_del_node(&obj_sub_list[row], one.get());
+            int32_t other_count = 0;
+            dm_list_del_with_limit(&node->link, &other_count);
+            --list_of(row)->count;
+            dm_cache_list_free(node);
+        } else if (dice < 95) {
+            dm_cache_list_add(list_of(row), one.get(), one.get()->descriptor, never_the_same);
+        } else if (dice < 96) {
+            dm_cache_list_add(list_of(row), one.get(), one.get()->descriptor,
+                              [](const ProtobufCMessage *, const ProtobufCMessage *) { return 0; });
+        } else if (dice < 97) {
+            for (dm_cache_list_node *gone : walked(row))
+                if (random() % 2 == 0) dm::remove_object(row, Message::copy(gone->obj).get());
+        }
+        if (unlinked.size() > 3) {
+            for (dm_cache_list_node *left : unlinked) dm_cache_list_free(left);
+            unlinked.clear();
+        }
+    }
+
+    void compare(int32_t row) {
+        const Message one = object(row);
+        const dm_cache_list_node *const expected = walk_for(row, one);
+        ASSERT_EQ(dm_cache_list_find(list_of(row), obj_sub_list[row].cmp_func, one.get()), expected);
+        const ProtobufCMessage *found = nullptr;
+        ASSERT_EQ(dm_cache_get_obj(row, key_of(one.get()), &found), expected ? 0 : -1);
+        ASSERT_EQ(found, expected ? expected->obj : nullptr);
+    }
+
+    // Every VSD's port at a place, in the order of the list.
+    void compare_place() {
+        const Message one = object(DM_ROW_VSD_PORT);
+        const PDev__VsdPortIndex &key = *one.as<PDev__VsdPort>()->index;
+        const int32_t place[] = {key.t_dev, key.t_slot, key.t_sslot, key.t_port, key.t_type};
+        std::vector<dm_cache_list_node *> expected, found;
+        for (dm_cache_list_node *node : walked(DM_ROW_VSD_PORT)) {
+            const PDev__VsdPortIndex &at = *reinterpret_cast<const PDev__VsdPort *>(node->obj)->index;
+            if (std::equal(place, place + 5, std::array{at.t_dev, at.t_slot, at.t_sslot, at.t_port, at.t_type}.begin()))
+                expected.push_back(node);
+        }
+        dm::for_elements_at(
+            DM_ROW_VSD_PORT, place,
+            [](dm_cache_list_node *node, void *to) {
+                static_cast<std::vector<dm_cache_list_node *> *>(to)->push_back(node);
+            },
+            &found);
+        ASSERT_EQ(found, expected);
+    }
+};
+
+}  // namespace
+
+TEST(RowTable, AnswersWhatAWalkWould) {
+    start({8, 17, 20, 30});
+    Elements elements(11);
+    for (int step = 0; step < 20000 && !testing::Test::HasFailure(); ++step) {
+        for (const int32_t row : {8, 17, 20, 30}) {
+            elements.change(row);
+            elements.compare(row);
+        }
+        elements.compare_place();
+    }
+    for (dm_cache_list_node *left : elements.unlinked) dm_cache_list_free(left);
+}
+
+// Ten thousand are found, no more are taken, and an emptied row begins anew.
+TEST(RowTable, HoldsAFullRow) {
+    start({30});
+    const auto port = [](int32_t i) { return global_port(i % 300, i / 4096, i % 7, i % 4096, 7, i); };
+    for (int round = 0; round < 2; ++round) {
+        for (int32_t i = 0; i < DM_CACHE_LIST_LIMIT; ++i) ASSERT_EQ(dm_cache_set_obj(30, port(i).get()), 0);
+        EXPECT_EQ(dm_cache_set_obj(30, port(DM_CACHE_LIST_LIMIT).get()), -1);
+        for (int32_t i = 0; i <= DM_CACHE_LIST_LIMIT; ++i) {
+            const PDev__VsdPort *found = nullptr;
+            dm_cache_get_obj(30, key_of(port(i).get()), &found);
+            ASSERT_EQ(found ? found->ifx : -1, i < DM_CACHE_LIST_LIMIT ? i : -1);
+        }
+        while (cached(30) > 0) ASSERT_TRUE(dm::remove_object(30, walked(30).back()->obj));
+    }
+}
