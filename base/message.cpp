@@ -3,8 +3,6 @@
 // Takes no lock.
 #include "base/message.h"
 
-#include <cstddef>
-
 #include "base/log.h"
 #include "base/plan.h"
 
@@ -15,9 +13,9 @@ namespace {
 
 enum CopyCode : int32_t { copy_size = -2, copy_memory = -3, copy_pack = -4, copy_unpack = -5 };
 
-// Stands before a stored message, and before each of its pieces when it is not one block. What follows is aligned as
-// memory from malloc is.
-struct alignas(std::max_align_t) StoredHeader {
+// Stands before a stored message, and before each of its pieces when it is not one block. What follows is aligned for every
+// field that a message can have.
+struct alignas(int64_t) StoredHeader {
     uint32_t owners;
     uint32_t in_pieces;
 };

@@ -76,12 +76,21 @@ void leave_tree(const obj_sub_entry &row, int32_t tree, int64_t key) DM_REQUIRES
     DM_LOG_AS((Caller{"ndm_cache_tree_del_node"}), failure, "del cache tree node fail.\n");
 }
 
-// Calls `change(element)` for every element of a row of ports that sits at a place.
+// Calls `change(row, element)` for every element of a row of ports that sits at a place.
 template <class Change> void for_ports_at(int32_t type, const PDev__PortIndex &place, Change change) {
     const int32_t words[] = {place.t_dev, place.t_slot, place.t_sslot, place.t_port,
                              static_cast<int32_t>(place.t_type)};
+    struct Each {
+        const obj_sub_entry &row;
+        Change &change;
+    } each{obj_sub_list[type], change};
     for_elements_at(
-        type, words, [](dm_cache_list_node *node, void *word) { (*static_cast<Change *>(word))(node); }, &change);
+        type, words,
+        [](dm_cache_list_node *node, void *word) {
+            const Each &with = *static_cast<Each *>(word);
+            with.change(with.row, node);
+        },
+        &each);
 }
 
 constexpr int32_t rows_of_ports[] = {DM_ROW_VSD_PORT, DM_ROW_VSD_PORT_ATTR};
@@ -130,27 +139,24 @@ void refresh_element(const obj_sub_entry &row, dm_cache_list_node *node) {
 }
 
 void index_ports_at(const PDev__PortIndex &place) {
-    for (const int32_t type : rows_of_ports)
-        for_ports_at(type, place, [type](dm_cache_list_node *node) { index_element(obj_sub_list[type], node); });
+    for (const int32_t type : rows_of_ports) for_ports_at(type, place, index_element);
 }
 
 void unindex_ports_at(const PDev__PortIndex &place) {
-    for (const int32_t type : rows_of_ports)
-        for_ports_at(type, place, [type](dm_cache_list_node *node) { unindex_element(obj_sub_list[type], node); });
+    for (const int32_t type : rows_of_ports) for_ports_at(type, place, unindex_element);
 }
 
 // Several ports at one place share keys: which of them is found depends on all having left before the first one enters.
 void move_ports_at(const PDev__PortIndex &place) {
     for (const int32_t type : rows_of_ports) {
-        const obj_sub_entry &row = obj_sub_list[type];
         int32_t ports = 0;
-        for_ports_at(type, place, [&](dm_cache_list_node *) { ++ports; });
+        for_ports_at(type, place, [&](const obj_sub_entry &, dm_cache_list_node *) { ++ports; });
         if (ports == 1) {
-            for_ports_at(type, place, [&](dm_cache_list_node *node) { move_element(row, node); });
-            continue;
+            for_ports_at(type, place, move_element);
+        } else {
+            for_ports_at(type, place, unindex_element);
+            for_ports_at(type, place, index_element);
         }
-        for_ports_at(type, place, [&](dm_cache_list_node *node) { unindex_element(row, node); });
-        for_ports_at(type, place, [&](dm_cache_list_node *node) { index_element(row, node); });
     }
 }
 

@@ -28,6 +28,11 @@ dm_cache_list_node *walk_for(int32_t row, const Message &object) {
     return nullptr;
 }
 
+bool remove(int32_t row, const ProtobufCMessage *object) {
+    dm::caller_holds_lock();  // there is no other thread
+    return dm::remove_object(row, object) != nullptr;
+}
+
 int32_t never_the_same(const ProtobufCMessage *, const ProtobufCMessage *) {
     return -1;
 }
@@ -59,7 +64,7 @@ struct Elements {
         if (dice < 60) {
             EXPECT_EQ(dm_cache_set_obj(row, one.get()), 0);
         } else if (dice < 85) {
-            EXPECT_EQ(dm::remove_object(row, one.get()) != nullptr, node != nullptr);
+            EXPECT_EQ(remove(row, one.get()), node != nullptr);
         } else if (dice < 88) {
             // What a client may do to a list: take out, take out by hand, put back in at the end, add what is there already.
             dm_cache_list_node *taken = dm_cache_list_del(list_of(row), obj_sub_list[row].cmp_func, one.get());
@@ -82,7 +87,7 @@ struct Elements {
                               [](const ProtobufCMessage *, const ProtobufCMessage *) { return 0; });
         } else if (dice < 97) {
             for (dm_cache_list_node *gone : walked(row))
-                if (random() % 2 == 0) dm::remove_object(row, Message::copy(gone->obj).get());
+                if (random() % 2 == 0) remove(row, Message::copy(gone->obj).get());
         }
         if (unlinked.size() > 3) {
             for (dm_cache_list_node *left : unlinked) dm_cache_list_free(left);
@@ -147,6 +152,6 @@ TEST(RowTable, HoldsAFullRow) {
             dm_cache_get_obj(30, key_of(port(i).get()), &found);
             ASSERT_EQ(found ? found->ifx : -1, i < DM_CACHE_LIST_LIMIT ? i : -1);
         }
-        while (cached(30) > 0) ASSERT_TRUE(dm::remove_object(30, walked(30).back()->obj));
+        while (cached(30) > 0) ASSERT_TRUE(remove(30, walked(30).back()->obj));
     }
 }
