@@ -15,7 +15,7 @@ int32_t store_object(int32_t type, const ProtobufCMessage *obj) DM_REQUIRES_LOCK
 int32_t store_shared(int32_t type, StoredMessage message) DM_REQUIRES_LOCK;
 
 // What has changed so far, to be noted before an object is read from the store.
-uint64_t change_mark() DM_REQUIRES_LOCK;
+uint64_t change_mark() DM_REQUIRES_SHARED;
 
 // Stores an object whose read began at a mark, as store_object() does; kept_out when the row stores nothing, or the object
 // is overtaken: its key has been set since, or may have been deleted, so that storing it would undo a newer change.

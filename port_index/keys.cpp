@@ -38,7 +38,7 @@ PDev__PortIndex place(int32_t dev, int32_t slot, int32_t sslot, int32_t port, in
 }
 
 // The static port of a port, with its attributes; null, logged, when it is not cached or has none.
-template <class T> PDev__PortStatic *static_port_of(const T *port, Caller caller = Caller{}) DM_REQUIRES_LOCK {
+template <class T> PDev__PortStatic *static_port_of(const T *port, Caller caller = Caller{}) DM_REQUIRES_SHARED {
     const auto &idx = *port->index;
     PDev__PortStatic *found = find_static_port(place(idx.t_dev, idx.t_slot, idx.t_sslot, idx.t_port, idx.t_type));
     if (found && found->static_info) return found;

@@ -54,6 +54,6 @@ template <class Key> bool same_place(const Key &a, const PDev__PortIndex &b) {
 }
 
 // The cached static port at a place; null when there is none.
-PDev__PortStatic *find_static_port(const PDev__PortIndex &place) DM_REQUIRES_LOCK;
+PDev__PortStatic *find_static_port(const PDev__PortIndex &place) DM_REQUIRES_SHARED;
 
 }  // namespace dm

@@ -22,27 +22,27 @@ int32_t copy_out(const ProtobufCMessage *message, void *out) {
 
 int32_t copy_object(int32_t row, int32_t tree, int64_t key, void *out) {
     if (!out) return -1;
-    CacheLock lock;
+    SharedCacheLock lock;
     const dm_cache_list_node *node = find_indexed(row, tree, key);
     return copy_out(node ? node->obj : nullptr, out);
 }
 
 // The static port of the port with this key; null when the row has no such port.
-const ProtobufCMessage *static_port_in(int32_t row, PortTree tree, int64_t key) DM_REQUIRES_LOCK {
+const ProtobufCMessage *static_port_in(int32_t row, PortTree tree, int64_t key) DM_REQUIRES_SHARED {
     const dm_cache_list_node *node = find_indexed(row, tree, key);
     return node && node->key ? node->key->static_port : nullptr;
 }
 
 int32_t copy_static_port(int32_t row, PortTree tree, int64_t key, void *out) {
     if (!out) return -1;
-    CacheLock lock;
+    SharedCacheLock lock;
     return copy_out(static_port_in(row, tree, key), out);
 }
 
 // Of a global port, else of a port of this VSD.
 int32_t copy_any_static_port(PortTree tree, int64_t key, void *out) {
     if (!out) return -1;
-    CacheLock lock;
+    SharedCacheLock lock;
     const ProtobufCMessage *port = static_port_in(DM_ROW_VSD_PORT, tree, key);
     return copy_out(port ? port : static_port_in(DM_ROW_VSD_PORT_ATTR, tree, key), out);
 }
@@ -52,7 +52,7 @@ template <class Find> int32_t ports_in_chip(void *out, int32_t *count, const Fin
     if (!out || !count) return -1;
     auto **ports = static_cast<ProtobufCMessage **>(out);
     int32_t found = 0;
-    CacheLock lock;
+    SharedCacheLock lock;
     for (int32_t port = 0; port < chip_ports; ++port)
         if (find(port, &ports[found]) == 0) ++found;
     *count = found;

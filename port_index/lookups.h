@@ -11,9 +11,9 @@ enum LocalTree : int32_t { by_unit_cport = 0, by_lport = 1 };
 enum TypeTree : int32_t { by_type = 0 };
 
 // The element with a key in one tree of a row; null when there is none.
-dm_cache_list_node *find_indexed(int32_t row, int32_t tree, int64_t key) DM_REQUIRES_LOCK;
+dm_cache_list_node *find_indexed(int32_t row, int32_t tree, int64_t key) DM_REQUIRES_SHARED;
 
-template <class T> const T *indexed(int32_t tree, int64_t key) DM_REQUIRES_LOCK;
+template <class T> const T *indexed(int32_t tree, int64_t key) DM_REQUIRES_SHARED;
 template <class T> const T *indexed(int32_t tree, int64_t key) {
     const dm_cache_list_node *node = find_indexed(row_of<T>, tree, key);
     return node ? as<T>(node->obj) : nullptr;

@@ -18,7 +18,7 @@ int32_t chassis_slot(const PDev__DeviceStaticInfo &type, int32_t user_slot, Call
 
 // The sub-slot that a user slot means, which the card must have.
 int32_t put_sub_slot(int32_t devid, int32_t slot, int32_t wanted, int32_t *psslot,
-                     Caller caller = Caller{}) DM_REQUIRES_LOCK {
+                     Caller caller = Caller{}) DM_REQUIRES_SHARED {
     if (wanted == 0) {
         *psslot = 0;
         return 0;
@@ -49,7 +49,7 @@ int32_t ndm_get_dev_type_by_devno(int32_t devid, int32_t *device_type) {
 }
 
 int32_t ndm_get_slot_range_from_device_type(int32_t device_type, int32_t *min, int32_t *max) {
-    CacheLock lock;
+    SharedCacheLock lock;
     const auto *type = cached<PDev__DeviceStaticInfo>(device_type_key(device_type));
     if (!type) return -1;
     if (!type->slot_index) {
@@ -68,7 +68,7 @@ int32_t ndm_get_slot_range_from_device_type(int32_t device_type, int32_t *min, i
 
 // The lowest and highest physical slot of a device, 0 for the local one.
 int32_t slot_range(int32_t devid, int32_t *min, int32_t *max, Caller caller = Caller{}) {
-    CacheLock lock;
+    SharedCacheLock lock;
     int32_t device_type;
     if (ndm_get_dev_type_by_devno(devid, &device_type) != 0) {
         DM_LOG_AS(caller, lib_error, "fail to get device type\n");
@@ -116,7 +116,7 @@ int32_t put_leader(PDev__CardInfoIndex *PDev__DpLibGrole::*leader, int32_t *devi
         DM_LOG_AS(caller, lib_error, "param error!\n");
         return -1;
     }
-    CacheLock lock;
+    SharedCacheLock lock;
     const auto *role = cached<PDev__DpLibGrole>();
     const PDev__CardInfoIndex *card = role ? role->*leader : nullptr;
     if (!card) return -1;
@@ -126,7 +126,7 @@ int32_t put_leader(PDev__CardInfoIndex *PDev__DpLibGrole::*leader, int32_t *devi
 }
 
 // The role of the first card that sits in a slot; null when there is none.
-const PDev__LibCardRole *role_of_slot(int32_t devid, int32_t slot) DM_REQUIRES_LOCK {
+const PDev__LibCardRole *role_of_slot(int32_t devid, int32_t slot) DM_REQUIRES_SHARED {
     const auto *role = cached<PDev__DpLibGrole>();
     if (!role) return nullptr;
     for (const PDev__LibCardRole *card : entries(role->card_role, role->n_card_role))
@@ -145,7 +145,7 @@ int32_t ndm_get_physlot_by_userslot(int32_t devid, int32_t user_slot, int32_t, i
                static_cast<void *>(psslot));
         return -1;
     }
-    CacheLock lock;
+    SharedCacheLock lock;
     const auto *device = cached<PDev__DeviceInfo>(device_key(devid));
     if (!device) {
         DM_LOG(lib_error, "fail to get phy slot!\n");
@@ -176,7 +176,7 @@ int32_t ndm_get_min_slot_num(int32_t devid, int32_t *min) {
 
 int32_t ndm_get_card_name_by_slot(int32_t devid, int32_t user_slot, int32_t, char *buf, int32_t len) {
     if (len < 0 || (len > 0 && !buf)) return -1;
-    CacheLock lock;
+    SharedCacheLock lock;
     int32_t slot;
     int32_t sslot;
     if (ndm_get_card_name_by_slot_prefunc(devid, user_slot, &slot, &sslot) != 0) return -1;
@@ -191,7 +191,7 @@ int32_t ndm_get_dev_name_by_id(int32_t devid, char *name, int32_t len) {
         DM_LOG(lib_warning, "invalid param(name: %p, len:%d)\r\n", static_cast<void *>(name), len);
         return -1;
     }
-    CacheLock lock;
+    SharedCacheLock lock;
     const auto *device = cached<PDev__DeviceInfo>(device_key(devid));
     if (!device) return -1;
     fill_text(name, len, device->devname);
@@ -250,7 +250,7 @@ int32_t ndm_get_slaver_node(uint32_t *node) {
 }
 
 int32_t ndm_get_role_by_node(uint32_t node) {
-    CacheLock lock;
+    SharedCacheLock lock;
     const Card card = card_of(node);
     const PDev__LibCardRole *role = role_of_slot(card.devid, card.slot);
     return role ? number(role->globe_role) : -1;
@@ -258,13 +258,13 @@ int32_t ndm_get_role_by_node(uint32_t node) {
 
 int32_t ndm_mb_is_local_master(int32_t devid, int32_t slot) {
     if (!valid_devid(devid) || (slot != 30 && slot != 31 && slot != 0)) return 0;
-    CacheLock lock;
+    SharedCacheLock lock;
     const PDev__LibCardRole *role = role_of_slot(devid, slot);
     return role && role->is_local_master ? 1 : 0;
 }
 
 int32_t ndm_dev_is_box_switch(int32_t devid) {
-    CacheLock lock;
+    SharedCacheLock lock;
     const auto *device = cached<PDev__DeviceInfo>(device_key(devid));
     if (!device) {
         DM_LOG(lib_error, "get device info fail.\r\n");

@@ -184,7 +184,7 @@ int32_t ndm_get_id_from_phyid(uint32_t phyid, int32_t *devid, int32_t *slot, int
     int32_t lport;
     ndm_get_id_from_phy_port_type(static_cast<int32_t>(phyid), devid, slot, &sslot, &lport);
 
-    CacheLock lock;
+    SharedCacheLock lock;
     const auto *card = cached<PDev__CardInfo>(card_key(*devid, *slot, sslot));
     if (!card) {
         DM_LOG(lib_error, "card info is not in cache.\r\n");
@@ -220,7 +220,7 @@ int32_t ndm_get_node_from_userslot(int32_t devid, int32_t user_slot, uint32_t *n
     }
     DM_LOG(lib_debug, "switch_id: %d, user_slot: %d\n", devid, user_slot);
 
-    CacheLock lock;
+    SharedCacheLock lock;
     const auto *device = cached<PDev__DeviceInfo>(device_key(devid));
     if (!device) {
         DM_LOG(lib_error, "device info is not in cache.\r\n");
@@ -251,7 +251,7 @@ int32_t ndm_get_user_slot_range_from_device_type(int32_t device_type, int32_t *m
         DM_LOG(lib_error, "param error!\n");
         return -1;
     }
-    CacheLock lock;
+    SharedCacheLock lock;
     const auto *type = cached<PDev__DeviceStaticInfo>(device_type_key(device_type));
     if (!type) {
         DM_LOG(lib_warning, "device stasic info is not in cache.\r\n");
@@ -280,7 +280,7 @@ int32_t ndm_get_fe_slot_range_from_device_type(int32_t device_type, int32_t *min
 }
 
 int32_t ndm_get_fe_slot_range_by_dev_id(int32_t devid, int32_t *min, int32_t *max) {
-    CacheLock lock;
+    SharedCacheLock lock;
     int32_t type;
     if ((ndm_is_vsu() ? ndm_get_device_type(devid, &type) : ndm_get_my_device_type(&type)) != 0) {
         DM_LOG(lib_warning, "get device type error!\n");
@@ -299,7 +299,7 @@ int32_t ndm_get_user_slot_name(int32_t devid, int32_t user_slot, int32_t sub_slo
         return -1;
     }
     DM_LOG(lib_debug, "switch_id:%d user_slot:%d sub_slot:%d\n", devid, user_slot, sub_slot);
-    CacheLock lock;
+    SharedCacheLock lock;
     int32_t fe_min;
     int32_t fe_max;
     if (ndm_get_fe_slot_range_by_dev_id(devid, &fe_min, &fe_max) != 0) {
@@ -330,7 +330,7 @@ int32_t ndm_get_node_type(uint32_t phyid) {
         DM_LOG(lib_warning, "phyid is not phy card type phy id!\n");
         return 0;
     }
-    CacheLock lock;
+    SharedCacheLock lock;
     const auto *card = cached<PDev__CardInfo>(card_key(card_of(phyid)));
     if (!card) {
         DM_LOG(lib_error, "card info is not in cache.\r\n");
@@ -341,7 +341,7 @@ int32_t ndm_get_node_type(uint32_t phyid) {
 
 int32_t ndm_get_system_l3_mac(uint8_t *mac, int32_t len) {
     if (!mac || len <= 5) return -1;
-    CacheLock lock;
+    SharedCacheLock lock;
     const auto *role = cached<PDev__DpLibGrole>();
     if (!role) {
         DM_LOG(lib_error, "system 13 mac is not in cache.\r\n");

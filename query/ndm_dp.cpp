@@ -37,7 +37,7 @@ struct BoardName {
 constexpr BoardName board_names[] = {{"M1", 30},  {"M2", 31},  {"FE1", 22}, {"FE2", 23}, {"FE3", 24}, {"FE4", 25},
                                      {"FE5", 26}, {"FE6", 27}, {"FE7", 28}, {"FE8", 29}, {"0", 0}};
 
-int32_t online_cards() DM_REQUIRES_LOCK {
+int32_t online_cards() DM_REQUIRES_SHARED {
     int32_t n = 0;
     for (const auto &card : all<PDev__CardInfo>()) n += card.is_online ? 1 : 0;
     return n;
@@ -110,7 +110,7 @@ int32_t ndm_get_online_node_bmp_gms(uint32_t **nodes, int32_t *count) {
         DM_LOG(lib_error, "invalid param.\r\n");
         return -1;
     }
-    CacheLock lock;
+    SharedCacheLock lock;
     const int32_t n = online_cards();
     // Not every malloc answers 0 bytes with a pointer, and no card online is no failure.
     auto *made = static_cast<uint32_t *>(malloc(static_cast<size_t>(std::max(n, 1)) * sizeof(uint32_t)));
@@ -126,7 +126,7 @@ int32_t ndm_get_online_node_bmp_gms(uint32_t **nodes, int32_t *count) {
 }
 
 int32_t ndm_get_online_lc_num(int32_t devid) {
-    CacheLock lock;
+    SharedCacheLock lock;
     int32_t n = 0;
     for (const auto &card : all<PDev__CardInfo>())
         if (card.static_info && card.index && card.index->devid == devid && card.is_online &&
@@ -136,26 +136,26 @@ int32_t ndm_get_online_lc_num(int32_t devid) {
 }
 
 int32_t ndm_get_device_num(void) {
-    CacheLock lock;
+    SharedCacheLock lock;
     return all<PDev__DeviceInfo>().size();
 }
 
 int32_t ndm_get_min_devid(void) {
-    CacheLock lock;
+    SharedCacheLock lock;
     std::optional<int32_t> min;
     for (const auto &device : all<PDev__DeviceInfo>()) min = std::min(min.value_or(device.devid), device.devid);
     return min.value_or(-1);
 }
 
 int32_t ndm_get_max_devid(void) {
-    CacheLock lock;
+    SharedCacheLock lock;
     int32_t max = -1;
     for (const auto &device : all<PDev__DeviceInfo>()) max = std::max(max, device.devid);
     return max;
 }
 
 int32_t ndm_get_card_type_by_lslotid(int32_t slot) {
-    CacheLock lock;
+    SharedCacheLock lock;
     const auto *card = cached<PDev__LocalCardInfo>(local_card_key(slot, 0));
     if (!card) {
         DM_LOG(lib_warning, "get cache fail. slot[%d].\r\n", slot);
@@ -165,7 +165,7 @@ int32_t ndm_get_card_type_by_lslotid(int32_t slot) {
 }
 
 int32_t ndm_card_sup_subslot(int32_t devid, int32_t slot) {
-    CacheLock lock;
+    SharedCacheLock lock;
     const auto *card = cached<PDev__CardInfo>(card_key(devid, slot, 0));
     if (!card) {
         DM_LOG(lib_warning, "get cache fail. devid[%d] slot[%d].\r\n", devid, slot);

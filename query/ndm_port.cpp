@@ -25,7 +25,7 @@ const PDev__DmPortAttrT *find_port(const PDev__DmCardStattrT &card, int32_t lpor
 }
 
 // The attributes of the type of card that sits in a slot itself, which lists the ports of its sub-cards too.
-const PDev__DmCardStattrT *carrier_card(int32_t devid, int32_t slot) DM_REQUIRES_LOCK {
+const PDev__DmCardStattrT *carrier_card(int32_t devid, int32_t slot) DM_REQUIRES_SHARED {
     int32_t card_type;
     if (ndm_get_card_type_by_slot(devid, slot, 0, &card_type, /*rt=*/0) != 0) return nullptr;
     return indexed<PDev__DmCardStattrT>(by_type, card_type);
@@ -36,7 +36,7 @@ int32_t ndm_get_subcard_port_attr(const PDev__DmPortAttrT &carrier_port, uint32_
     int32_t sub_type;
     if (ndm_get_card_type_by_slot(port.devid, port.slot, carrier_port.owner_subcard, &sub_type, /*rt=*/0) != 0)
         return -1;
-    CacheLock lock;
+    SharedCacheLock lock;
     const auto *sub_card = indexed<PDev__DmCardStattrT>(by_type, sub_type);
     if (!sub_card) return -1;
     for (const PDev__DmPortAttrT *attr : entries(sub_card->extended_port_array, sub_card->n_extended_port_array))
@@ -56,7 +56,7 @@ int32_t ndm_find_port_attr_in_card(const PDev__DmCardStattrT &card, uint32_t obj
 template <class Better>
 int32_t put_lport_bound(int32_t devid, int32_t slot, int32_t sslot, int32_t *out, const Better &better) {
     if (!out) return -1;
-    CacheLock lock;
+    SharedCacheLock lock;
     const PDev__DmCardStattrT *card = carrier_card(devid, slot);
     if (!card) return -1;
     *out = -1;
@@ -70,7 +70,7 @@ int32_t put_lport_bound(int32_t devid, int32_t slot, int32_t sslot, int32_t *out
 // The VSD of a cached global port.
 int32_t put_cached_vsdid(uint32_t objid, int32_t *vsdid) {
     const Port port = port_of(objid);
-    CacheLock lock;
+    SharedCacheLock lock;
     const auto *found = indexed<PDev__VsdPort>(by_ss_phyid, ss_phyid_key(port.devid, port.slot, port.lport));
     if (!found) return -1;
     *vsdid = found->index->t_vsdid;
@@ -90,7 +90,7 @@ bool add_scanned(int32_t type, const ProtobufCMessage *obj, uint64_t since) {
 }
 
 bool static_port_cached(const PDev__PortIndex &place) {
-    CacheLock lock;
+    SharedCacheLock lock;
     return find_static_port(place) != nullptr;
 }
 
@@ -158,7 +158,7 @@ int32_t ndm_get_port_static_by_objid(uint32_t objid, PDev__DmPortAttrT **port, u
     int32_t card_type;
     if (ndm_get_card_type_by_slot(place.devid, place.slot, place.sslot, &card_type, rt) != 0) return -1;
     {
-        CacheLock lock;
+        SharedCacheLock lock;
         if (const auto *card = indexed<PDev__DmCardStattrT>(by_type, card_type))
             return ndm_find_port_attr_in_card(*card, objid, port, follow_subcard);
     }
@@ -196,7 +196,7 @@ int32_t ndm_get_port_type(uint32_t objid, int32_t *port_type) {
         DM_LOG(notice, "param error!\n");
         return -1;
     }
-    CacheLock lock;
+    SharedCacheLock lock;
     DM_LOG(trace, "param objid = %x!\n", objid);
     if (phy_type(objid) != phy_port && phy_type(objid) != phy_other_port) {
         DM_LOG(notice, "objid is invalid!\n");
@@ -209,7 +209,7 @@ int32_t ndm_get_port_type(uint32_t objid, int32_t *port_type) {
 }
 
 int32_t ndm_get_sslot_by_lport(int32_t devid, int32_t slot, int32_t lport) {
-    CacheLock lock;
+    SharedCacheLock lock;
     const PDev__DmCardStattrT *card = carrier_card(devid, slot);
     const PDev__DmPortAttrT *port = card ? find_port(*card, lport) : nullptr;
     return port ? port->owner_subcard : -1;
@@ -233,7 +233,7 @@ int32_t ndm_get_min_port_num(int32_t devid, int32_t slot, int32_t *min_lport) {
 }
 
 int32_t ndm_get_vsdid_by_objid(uint32_t objid, int32_t *vsdid) {
-    CacheLock lock;
+    SharedCacheLock lock;
     return _ndm_get_vsdid_by_objid(objid, vsdid, /*rt=*/0);
 }
 

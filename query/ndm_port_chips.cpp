@@ -70,7 +70,7 @@ int32_t ndm_scan_local_port_obj_cb(tq_mom_handle *, store_msg *msg, void *priv) 
 }
 
 int32_t local_ports() {
-    CacheLock lock;
+    SharedCacheLock lock;
     return all<PDev__UnitCportInfo>().size();
 }
 
@@ -87,7 +87,7 @@ bool scan_local_ports(Caller caller = Caller{}) {
 
 // The combo ports among the local ports, `room` of them at most; -1 when there are more.
 int32_t put_combo_ports(int32_t *lports, int32_t room, Caller caller = Caller{}) {
-    CacheLock lock;
+    SharedCacheLock lock;
     int32_t n = 0;
     for (const auto &port : all<PDev__UnitCportInfo>()) {
         if (!port.static_info) {
@@ -214,7 +214,7 @@ int32_t _ndm_get_my_lport_num(uint8_t rt) {
 }
 
 int32_t ndm_get_my_lport_num(void) {
-    CacheLock lock;
+    SharedCacheLock lock;
     return _ndm_get_my_lport_num(/*rt=*/0);
 }
 
@@ -232,7 +232,7 @@ int32_t ndm_get_my_lport_num_by_sub_slot(int32_t sub_slot, int32_t *lport_num) {
 }
 
 int32_t ndm_get_my_card_multi_lport(int32_t *lports, int32_t *num) {
-    CacheLock lock;
+    SharedCacheLock lock;
     return _ndm_get_my_card_multi_lport(lports, num, /*rt=*/0);
 }
 
@@ -256,7 +256,7 @@ int32_t _ndm_get_my_lchips(int32_t **chips, uint8_t rt) {
 }
 
 int32_t ndm_get_my_lchips(int32_t **chips) {
-    CacheLock lock;
+    SharedCacheLock lock;
     return _ndm_get_my_lchips(chips, /*rt=*/0);
 }
 
@@ -283,7 +283,7 @@ int32_t _ndm_get_chip_type_by_card_type(int32_t card_type, int32_t **chip_types,
 }
 
 int32_t ndm_get_chip_type_by_card_type(int32_t card_type, int32_t **chip_types, int32_t *num) {
-    CacheLock lock;
+    SharedCacheLock lock;
     return _ndm_get_chip_type_by_card_type(card_type, chip_types, num, /*rt=*/0);
 }
 
@@ -297,16 +297,16 @@ int32_t _ndm_get_chip_family(int32_t chip_type, uint8_t rt) {
 }
 
 int32_t ndm_get_chip_family(int32_t chip_type) {
-    CacheLock lock;
+    SharedCacheLock lock;
     return _ndm_get_chip_family(chip_type, /*rt=*/0);
 }
 
 int32_t ndm_get_poe_support_by_objid(uint32_t objid, uint8_t *support) {
-    CacheLock lock;
+    SharedCacheLock lock;
     return _ndm_get_poe_support_by_objid(objid, support, /*rt=*/0);
 }
 
 int32_t ndm_get_hpoe_support_by_objid(uint32_t objid, uint8_t *support) {
-    CacheLock lock;
+    SharedCacheLock lock;
     return _ndm_get_hpoe_support_by_objid(objid, support, /*rt=*/0);
 }

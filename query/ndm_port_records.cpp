@@ -76,7 +76,7 @@ int32_t ndm_get_my_device_name(char *name, int32_t len) {
     const int32_t devid = ndm_get_my_devid();
     PDev__DeviceStaticInfo *copy;
     {
-        CacheLock lock;
+        SharedCacheLock lock;
         if (ndm_get_my_device_static(devid, &copy, /*rt=*/0) != 0) return -1;
     }
     fill_text(name, len, owned<PDev__DeviceStaticInfo>(copy)->name);
@@ -85,7 +85,7 @@ int32_t ndm_get_my_device_name(char *name, int32_t len) {
 }
 
 int32_t ndm_get_my_local_master_node(int32_t *node) {
-    CacheLock lock;
+    SharedCacheLock lock;
     return _ndm_get_my_local_master_node(node, /*rt=*/0);
 }
 
@@ -94,7 +94,7 @@ int32_t ndm_get_my_local_master_node_rt(int32_t *node) {
 }
 
 int32_t ndm_get_slot_num(int32_t devid) {
-    CacheLock lock;
+    SharedCacheLock lock;
     return _ndm_get_slot_num(devid, /*rt=*/0);
 }
 
@@ -103,7 +103,7 @@ int32_t ndm_get_slot_num_rt(int32_t devid) {
 }
 
 int32_t ndm_indep_get_master_node(void) {
-    CacheLock lock;
+    SharedCacheLock lock;
     return _ndm_indep_get_master_node(/*rt=*/0);
 }
 
@@ -112,7 +112,7 @@ int32_t ndm_indep_get_master_node_rt(void) {
 }
 
 int32_t ndm_indep_get_slave_node(void) {
-    CacheLock lock;
+    SharedCacheLock lock;
     return _ndm_indep_get_slave_node(/*rt=*/0);
 }
 
@@ -121,6 +121,6 @@ int32_t ndm_indep_get_slave_node_rt(void) {
 }
 
 int32_t ndm_get_node_type_from_card_type(int32_t card_type) {
-    CacheLock lock;
+    SharedCacheLock lock;
     return _ndm_get_node_type_from_card_type(card_type, /*rt=*/0);
 }

@@ -16,7 +16,7 @@ int32_t ndm_get_vsd_l3mac(int32_t vsdid, uint8_t *mac, int32_t len) {
         DM_LOG(lib_error, "invalid list.\r\n");
         return -1;
     }
-    CacheLock lock;
+    SharedCacheLock lock;
     for (const auto &vsd : all<PDev__VsdInfo>()) {
         if (vsd.l3mac.len < mac_size || vsd.id != vsdid) continue;
         std::memcpy(mac, vsd.l3mac.data, mac_size);

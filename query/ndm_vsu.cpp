@@ -35,7 +35,7 @@ int32_t ndm_is_vsu(void) {
 
 int32_t ndm_is_vsl_card(int32_t devid, int32_t slot) {
     if (!ndm_is_vsu()) return 0;
-    CacheLock lock;
+    SharedCacheLock lock;
     for (const auto &port : all<PDev__VslPortInfo>())
         if (port.index && port.index->devid == devid && port.index->slotid == slot) return 1;
     return 0;

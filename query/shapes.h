@@ -1,6 +1,6 @@
 // The shapes that queries share: a cached read, a walk, an owned copy, a text for a caller's buffer. A query reads cached
 // objects through these and through the indexes of port_index/lookups.h only. What is borrowed must not leave the scope of
-// its CacheLock.
+// its SharedCacheLock.
 #pragma once
 
 #include <array>
@@ -28,7 +28,7 @@ template <class Key> const ProtobufCMessage *key_message(const Key &key) {
 }
 
 // The cached object with this key, borrowed; null when there is none. Allocates nothing.
-template <class T, class Key = NoKey> const T *cached(const Key &key = {}) DM_REQUIRES_LOCK;
+template <class T, class Key = NoKey> const T *cached(const Key &key = {}) DM_REQUIRES_SHARED;
 template <class T, class Key> const T *cached(const Key &key) {
     const T *found = nullptr;
     dm_cache_get_obj(row_of<T>, key_message(key), &found);
@@ -60,14 +60,14 @@ private:
     dm_cache_list *list_ = obj_sub_list[row_of<T>].obj_list;
     Elements elements_{list_};
 };
-template <class T> All<T> all() DM_REQUIRES_LOCK;
+template <class T> All<T> all() DM_REQUIRES_SHARED;
 template <class T> All<T> all() {
     return {};
 }
 
 // Lets `read` look at the cached object with this key, under the lock; false when there is none.
 template <class T, class Key, class Read> bool read_cached(const Key &key, const Read &read) {
-    CacheLock lock;
+    SharedCacheLock lock;
     const T *object = cached<T>(key);
     if (!object) return false;
     read(*object);

@@ -23,7 +23,7 @@ private:
 }  // namespace
 
 uint64_t change_mark_now() {
-    CacheLock lock;
+    SharedCacheLock lock;
     return change_mark();
 }
 

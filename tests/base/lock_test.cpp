@@ -1,13 +1,21 @@
 // The cache lock: without it a reader's borrowed message is freed under its hands.
 #include "support/messages.h"
 
-#include "tq_dm_cache/dm_cache.h"
+#include "base/lock.h"
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <fstream>
+#include <functional>
 #include <future>
+#include <string>
 #include <thread>
+#include <vector>
 
 using namespace std::chrono_literals;
 
@@ -40,10 +48,105 @@ TEST(Lock, IsRecursiveAndKeepsOthersOutUntilTheLastRelease) {
     EXPECT_EQ(dm_cache_lock(), 0);
     EXPECT_EQ(dm_cache_set_obj(DM_ROW_CARD_INFO, card(1, 2, 0).get()), 0);
     EXPECT_EQ(dm_cache_multi_thread_init(), 0);
+    std::thread([] { EXPECT_EQ(dm_cache_unlock(), EPERM); }).join();
     auto other = lock_elsewhere();
     EXPECT_EQ(dm_cache_unlock(), 0);
     EXPECT_EQ(other.wait_for(50ms), std::future_status::timeout);
     EXPECT_EQ(dm_cache_unlock(), 0);
     ASSERT_EQ(other.wait_for(10s), std::future_status::ready);
     EXPECT_EQ(other.get(), 0);
+}
+
+// Readers and writers by every side of the lock, nested as queries nest them: no reader sees half a change, none of the
+// changes is lost, and everybody gets to the end.
+TEST(Lock, ReadersShareAndWritersExclude) {
+    ASSERT_EQ(dm_cache_multi_thread_init(), 0);
+    constexpr int turns = 3000;
+    int64_t one = 0, other = 0;
+    std::atomic<int> torn = 0;
+    const auto look = [&] {
+        const dm::SharedCacheLock lock, again;
+        torn += one != other;
+    };
+    const std::function<void()> threads[] = {
+        look,
+        look,
+        [&] {
+            const dm::SharedCacheLock lock;
+            look();
+        },
+        [&] {
+            dm_cache_lock();
+            look();
+            ++one, ++other;
+            look();
+            dm_cache_unlock();
+        },
+        [&] {
+            const dm::CacheLock lock, again;
+            look();
+            ++one, ++other;
+        },
+        [&] {
+            const dm::CacheLock lock;
+            ++one, ++other;
+        },
+    };
+    std::vector<std::thread> running;
+    for (const auto &turn : threads)
+        running.emplace_back([&turn] {
+            for (int i = 0; i < turns; ++i) turn();
+        });
+    for (std::thread &thread : running) thread.join();
+    EXPECT_EQ(torn, 0);
+    EXPECT_EQ(one, 3 * turns);
+    EXPECT_EQ(other, one);
+}
+
+namespace {
+
+// Starts a thread and returns when it sleeps, waiting for the lock.
+std::thread waiting(const std::function<void()> &run) {
+    std::promise<pid_t> id;
+    std::thread thread([&id, run] {
+        id.set_value(gettid());
+        run();
+    });
+    const std::string stat = "/proc/self/task/" + std::to_string(id.get_future().get()) + "/stat";
+    for (char state = 'R'; state != 'S'; std::this_thread::sleep_for(1ms)) {
+        std::string line;
+        std::getline(std::ifstream(stat), line);
+        state = line.at(line.rfind(')') + 2);
+    }
+    return thread;
+}
+
+}  // namespace
+
+// Clients that walk the cache without a pause stand in a queue; a change goes before them, and in turn with them.
+TEST(Lock, HoldsNoChangeUpAndNoReaderForEver) {
+    ASSERT_EQ(dm_cache_multi_thread_init(), 0);
+    std::string order;  // guarded by the lock
+    dm_cache_lock();
+    std::vector<std::thread> threads;
+    for (const char name : {'a', 'b', 'c'})
+        threads.push_back(waiting([&order, name] {
+            dm_cache_lock();
+            order += name;
+            dm_cache_unlock();
+        }));
+    std::atomic<int> shared = 0;
+    threads.push_back(waiting([&shared] {
+        const dm::SharedCacheLock lock;
+        ++shared;
+    }));
+    for (const char name : {'X', 'Y'})
+        threads.push_back(waiting([&order, name] {
+            const dm::CacheLock lock;
+            order += name;
+        }));
+    dm_cache_unlock();
+    for (std::thread &thread : threads) thread.join();
+    EXPECT_EQ(order, "XaYbc");
+    EXPECT_EQ(shared, 1);
 }

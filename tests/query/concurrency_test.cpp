@@ -369,23 +369,23 @@ void keep_asking(size_t from, int passes, const std::atomic<bool> *stop) {
 }  // namespace
 
 extern "C" {
-int32_t __real_dm_cache_lock(void);
-int32_t __real_dm_cache_unlock(void);
-int32_t __wrap_dm_cache_lock(void);
-int32_t __wrap_dm_cache_unlock(void);
-int32_t __wrap_dm_cache_lock(void) {
-    ++held_locks;
-    return __real_dm_cache_lock();
+bool __real__ZN2dm11lock_sharedEv(void);
+void __real__ZN2dm13unlock_sharedEv(void);
+bool __wrap__ZN2dm11lock_sharedEv(void);
+void __wrap__ZN2dm13unlock_sharedEv(void);
+bool __wrap__ZN2dm11lock_sharedEv(void) {
+    const bool taken = __real__ZN2dm11lock_sharedEv();
+    held_locks += taken;
+    return taken;
 }
-int32_t __wrap_dm_cache_unlock(void) {
-    const int32_t result = __real_dm_cache_unlock();
-    if (--held_locks > 0 || dawdle == 0) return result;
+void __wrap__ZN2dm13unlock_sharedEv(void) {
+    __real__ZN2dm13unlock_sharedEv();
+    if (--held_locks > 0 || dawdle == 0) return;
     dawdle = dawdle * 1103515245 + 12345;
     // Relaxed: a reader that learned of the deliveries here would have its unlocked reads taken for ordered ones.
     constexpr auto relaxed = std::memory_order_relaxed;
     const uint32_t begin = steps.load(relaxed), wait = dawdle >> 16 & 3 ? 0 : dawdle >> 18 & 31;
     for (uint32_t now = begin; now - begin < wait; now = steps.load(relaxed)) steps.wait(now, relaxed);
-    return result;
 }
 }
 
