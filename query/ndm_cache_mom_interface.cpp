@@ -1,5 +1,6 @@
 // Identifiers and what they lead to, slot ranges of device types, the system's MAC address, the reset request. Reads the
 // cache under its lock; the reset request, which writes the store, holds none.
+#include "port_index/lookups.h"
 #include "query/shapes.h"
 #include "tq_dm_cache/ndm.h"
 
@@ -27,12 +28,12 @@ bool part_fits(bool fits, const char *part, int32_t value, const char *from, uin
     return fits;
 }
 
-// The interface index of a port that a look-up by logical port finds; the sub-slot plays no part.
-template <class T> int32_t ifx_of(uint32_t objid, int32_t (*find)(int32_t, int32_t, int32_t, void *)) {
+// The interface index of a port that its logical port finds; the sub-slot plays no part.
+template <class T> int32_t ifx_of(uint32_t objid) {
     const Port port = port_of(objid);
-    T *copy = nullptr;
-    if (find(port.devid, port.slot, port.lport, &copy) < 0) return -1;
-    return owned<T>(copy)->ifx;
+    SharedCacheLock lock;
+    const T *found = indexed<T>(by_ss_phyid, ss_phyid_key(port.devid, port.slot, port.lport));
+    return found ? found->ifx : -1;
 }
 
 bool is_local_or_online(uint32_t node) {
@@ -206,11 +207,11 @@ int32_t ndm_get_id_from_phyid(uint32_t phyid, int32_t *devid, int32_t *slot, int
 }
 
 int32_t ndm_get_ifx_by_objid(uint32_t objid) {
-    return ifx_of<PDev__VsdPortAttr>(objid, ndm_get_vsd_port_by_ss_phyid);
+    return ifx_of<PDev__VsdPortAttr>(objid);
 }
 
 int32_t ndm_get_global_ifx_by_objid(uint32_t objid) {
-    return ifx_of<PDev__VsdPort>(objid, ndm_get_global_port_by_ss_phyid);
+    return ifx_of<PDev__VsdPort>(objid);
 }
 
 int32_t ndm_get_node_from_userslot(int32_t devid, int32_t user_slot, uint32_t *node) {

@@ -2,7 +2,6 @@
 // is held around reads of the cache, never around a read of the store.
 #include "query/ndm_port.h"
 
-#include "port_index/lookups.h"
 #include "tq_dm_cache/dm_port_index.h"
 #include "tq_dm_cache/ndm/card_ports.h"
 #include "tq_dm_cache/ndm/port_lookup.h"
@@ -31,7 +30,12 @@ const PDev__DmCardStattrT *carrier_card(int32_t devid, int32_t slot) DM_REQUIRES
     return indexed<PDev__DmCardStattrT>(by_type, card_type);
 }
 
-int32_t ndm_get_subcard_port_attr(const PDev__DmPortAttrT &carrier_port, uint32_t objid, PDev__DmPortAttrT **out) {
+int32_t put_facts(const PDev__DmPortAttrT &port, PortFacts *out) {
+    *out = {number(port.type), port.poe_support != 0, port.hpoe_support != 0};
+    return 0;
+}
+
+int32_t ndm_get_subcard_port_attr(const PDev__DmPortAttrT &carrier_port, uint32_t objid, PortFacts *out) {
     const Port port = port_of(objid);
     int32_t sub_type;
     if (ndm_get_card_type_by_slot(port.devid, port.slot, carrier_port.owner_subcard, &sub_type, /*rt=*/0) != 0)
@@ -40,15 +44,15 @@ int32_t ndm_get_subcard_port_attr(const PDev__DmPortAttrT &carrier_port, uint32_
     const auto *sub_card = indexed<PDev__DmCardStattrT>(by_type, sub_type);
     if (!sub_card) return -1;
     for (const PDev__DmPortAttrT *attr : entries(sub_card->extended_port_array, sub_card->n_extended_port_array))
-        if (attr->logic_id == carrier_port.logic_id) return hand_out(*attr, out);
+        if (attr->logic_id == carrier_port.logic_id) return put_facts(*attr, out);
     return -1;
 }
 
-int32_t ndm_find_port_attr_in_card(const PDev__DmCardStattrT &card, uint32_t objid, PDev__DmPortAttrT **out,
+int32_t ndm_find_port_attr_in_card(const PDev__DmCardStattrT &card, uint32_t objid, PortFacts *out,
                                    uint8_t follow_subcard) {
     const PDev__DmPortAttrT *port = find_port(card, port_of(objid).lport);
     if (!port) return -1;
-    if (follow_subcard != 1 || port->owner_subcard == 0) return hand_out(*port, out);
+    if (follow_subcard != 1 || port->owner_subcard == 0) return put_facts(*port, out);
     return ndm_get_subcard_port_attr(*port, objid, out);
 }
 
@@ -153,7 +157,7 @@ int32_t ndm_get_card_obj_by_type(int32_t card_type, PDev__DmCardStattrT **card, 
     return copy_or_read(ndm_get_card_static_by_type, card_type, card_attributes_key(card_type), card, rt);
 }
 
-int32_t ndm_get_port_static_by_objid(uint32_t objid, PDev__DmPortAttrT **port, uint8_t rt, uint8_t follow_subcard) {
+int32_t ndm_get_port_static_by_objid(uint32_t objid, PortFacts *port, uint8_t rt, uint8_t follow_subcard) {
     const Port place = port_of(objid);
     int32_t card_type;
     if (ndm_get_card_type_by_slot(place.devid, place.slot, place.sslot, &card_type, rt) != 0) return -1;
@@ -202,9 +206,9 @@ int32_t ndm_get_port_type(uint32_t objid, int32_t *port_type) {
         DM_LOG(notice, "objid is invalid!\n");
         return -1;
     }
-    PDev__DmPortAttrT *attributes;
-    if (ndm_get_port_static_by_objid(objid, &attributes, /*rt=*/0, /*follow_subcard=*/1) != 0) return -1;
-    *port_type = number(owned<PDev__DmPortAttrT>(attributes)->type);
+    PortFacts port;
+    if (ndm_get_port_static_by_objid(objid, &port, /*rt=*/0, /*follow_subcard=*/1) != 0) return -1;
+    *port_type = port.type;
     return 0;
 }
 

@@ -49,8 +49,18 @@ int32_t put_chip_types(const PDev__DmCardStattrT &card, size_t most, ChipArray &
     return 0;
 }
 
-int32_t ndm_get_chip_obj_by_type(int32_t chip_type, PDev__DmChipStattrT **chip, uint8_t rt) {
-    return copy_or_read(ndm_get_chip_stattr_by_type, chip_type, chip_type_key(chip_type), chip, rt);
+// The answer that a card type's description gives.
+template <class Answer> int32_t answer_from_card(int32_t card_type, uint8_t rt, const Answer &answer) {
+    return answer_by_type<PDev__DmCardStattrT>(card_type, card_attributes_key(card_type), rt, answer,
+                                               Caller{"ndm_get_card_obj_by_type"});
+}
+
+int32_t ndm_get_chip_obj_by_type(int32_t chip_type, int32_t *family, uint8_t rt) {
+    const auto put_family = [=](const PDev__DmChipStattrT &chip) {
+        *family = chip.family;
+        return 0;
+    };
+    return answer_by_type<PDev__DmChipStattrT>(chip_type, chip_type_key(chip_type), rt, put_family, Caller{});
 }
 
 int32_t ndm_scan_local_port_obj_cb(tq_mom_handle *, store_msg *msg, void *priv) {
@@ -107,14 +117,13 @@ int32_t _ndm_get_poe_support_by_objid(uint32_t objid, uint8_t *support, uint8_t 
         DM_LOG(notice, "invalid parameter\r\n");
         return -1;
     }
-    PDev__DmPortAttrT *attributes = nullptr;
-    const int32_t ret = ndm_get_port_static_by_objid(objid, &attributes, rt, /*follow_subcard=*/1);
-    const owned<PDev__DmPortAttrT> port(attributes);
-    if (ret != 0 || !port) {
-        DM_LOG(notice, "objid:0x%x ret:%d port_attr:%p\r\n", objid, ret, static_cast<void *>(attributes));
+    PortFacts port;
+    const int32_t ret = ndm_get_port_static_by_objid(objid, &port, rt, /*follow_subcard=*/1);
+    if (ret != 0) {
+        DM_LOG(notice, "objid:0x%x ret:%d port_attr:%p\r\n", objid, ret, static_cast<void *>(nullptr));
         return -1;
     }
-    *support = port->poe_support ? 1 : 0;
+    *support = port.poe_support ? 1 : 0;
     return 0;
 }
 
@@ -127,9 +136,9 @@ int32_t _ndm_get_hpoe_support_by_objid(uint32_t objid, uint8_t *support, uint8_t
         DM_LOG(notice, "objid is not port type\r\n");
         return -1;
     }
-    PDev__DmPortAttrT *attributes = nullptr;
-    if (ndm_get_port_static_by_objid(objid, &attributes, rt, /*follow_subcard=*/1) != 0) return -1;
-    *support = owned<PDev__DmPortAttrT>(attributes)->hpoe_support ? 1 : 0;
+    PortFacts port;
+    if (ndm_get_port_static_by_objid(objid, &port, rt, /*follow_subcard=*/1) != 0) return -1;
+    *support = port.hpoe_support ? 1 : 0;
     return 0;
 }
 
@@ -196,6 +205,23 @@ int32_t _ndm_get_my_card_obj_rt(void *card, uint8_t rt) {
     return 0;
 }
 
+namespace {
+
+// The answer that the description of this card's type gives.
+template <class Answer> int32_t answer_from_my_card(uint8_t rt, const Answer &answer) {
+    const Caller caller{"_ndm_get_my_card_obj_rt"};
+    int32_t card_type;
+    if (_ndm_get_my_card_type_rt(&card_type, rt) != 0) {
+        DM_LOG_AS(caller, notice, "ndm_get_my_card_type fail\n");
+        return -1;
+    }
+    if (answer_from_card(card_type, rt, answer) == 0) return 0;
+    DM_LOG_AS(caller, notice, "ndm_get_card_obj_by_type %d fail\n", card_type);
+    return -1;
+}
+
+}  // namespace
+
 int32_t _ndm_get_my_lport_num(uint8_t rt) {
     if (const auto ports = cached_field(&PDev__LocalPortInfo::lport_num)) return *ports;
     if (rt != 1) {
@@ -244,15 +270,18 @@ int32_t _ndm_get_my_lchips(int32_t **chips, uint8_t rt) {
     *chips = nullptr;
     ChipArray types = make_chip_array(chip_room);
     if (!types) return -1;
-    PDev__DmCardStattrT *copy = nullptr;
-    if (_ndm_get_my_card_obj_rt(&copy, rt) != 0) {
+    int32_t chip_num = -1;
+    const auto take_chips = [&, caller = Caller{}](const PDev__DmCardStattrT &card) {
+        if (put_chip_types(card, room_for(card), types, caller) == 0) chip_num = card.chip_num;
+        return 0;
+    };
+    if (answer_from_my_card(rt, take_chips) != 0) {
         DM_LOG(notice, "__ndm_get_my_card_obj_rt fail\n");
         return -1;
     }
-    const owned<PDev__DmCardStattrT> card(copy);
-    if (put_chip_types(*card, room_for(*card), types) != 0) return -1;
+    if (chip_num < 0) return -1;
     *chips = types.release();
-    return card->chip_num;
+    return chip_num;
 }
 
 int32_t ndm_get_my_lchips(int32_t **chips) {
@@ -265,19 +294,17 @@ int32_t _ndm_get_chip_type_by_card_type(int32_t card_type, int32_t **chip_types,
     *chip_types = nullptr;
     ChipArray types = make_chip_array(chip_room);
     if (!types) return -1;
-    PDev__DmCardStattrT *copy = nullptr;
-    const int32_t ret = ndm_get_card_obj_by_type(card_type, &copy, rt);
-    const owned<PDev__DmCardStattrT> card(copy);
-    if (ret != 0) {
+    int32_t put = -1;
+    const auto take_chips = [&, caller = Caller{}](const PDev__DmCardStattrT &card) {
+        if (card.chip_num >= 0 && card.chip_attr_array) *num = static_cast<int32_t>(card.n_chip_attr_array);
+        put = put_chip_types(card, INT32_MAX, types, caller);
+        return 0;
+    };
+    if (answer_from_card(card_type, rt, take_chips) != 0) {
         DM_LOG(notice, "ndm_get_card_obj_by_type %d fail\n", card_type);
         return -1;
     }
-    if (!card) {
-        DM_LOG(notice, "ndm_get_card_obj_by_type info NULL\n");
-        return -1;
-    }
-    if (card->chip_num >= 0 && card->chip_attr_array) *num = static_cast<int32_t>(card->n_chip_attr_array);
-    if (put_chip_types(*card, INT32_MAX, types) != 0) return -1;
+    if (put != 0) return -1;
     *chip_types = types.release();
     return 0;
 }
@@ -288,11 +315,10 @@ int32_t ndm_get_chip_type_by_card_type(int32_t card_type, int32_t **chip_types, 
 }
 
 int32_t _ndm_get_chip_family(int32_t chip_type, uint8_t rt) {
-    PDev__DmChipStattrT *copy = nullptr;
-    const int32_t ret = ndm_get_chip_obj_by_type(chip_type, &copy, rt);
-    const owned<PDev__DmChipStattrT> chip(copy);
-    if (ret == 0 && chip) return chip->family;
-    DM_LOG(notice, "ndm_get_chip_obj_by_type ret:%d, chip_sta:%pl\n", ret, static_cast<void *>(copy));
+    int32_t family;
+    const int32_t ret = ndm_get_chip_obj_by_type(chip_type, &family, rt);
+    if (ret == 0) return family;
+    DM_LOG(notice, "ndm_get_chip_obj_by_type ret:%d, chip_sta:%pl\n", ret, static_cast<void *>(nullptr));
     return -1;
 }
 

@@ -10,15 +10,12 @@ static constexpr char log_tag[] = "ndm_port";
 namespace dm {
 namespace {
 
-int32_t ndm_get_dev_type_by_devid(int32_t devid, int32_t *dev_type, uint8_t rt) {
-    return read_field(device_key(devid), &PDev__DeviceInfo::config_dev_type, dev_type, rt);
-}
-
-int32_t ndm_get_my_device_static(int32_t devid, PDev__DeviceStaticInfo **info, uint8_t rt) {
-    int32_t type;
-    if (ndm_get_dev_type_by_devid(devid, &type, rt) != 0) return -1;
-    return answer_from<PDev__DeviceStaticInfo>(
-        device_type_key(type), rt, [=](const PDev__DeviceStaticInfo &record) { return hand_out(record, info); });
+int32_t put_device_name(int32_t devid, char *name, int32_t len) {
+    const auto type = cached_field(&PDev__DeviceInfo::config_dev_type, device_key(devid));
+    if (!type) return -1;
+    const bool found = read_cached<PDev__DeviceStaticInfo>(
+        device_type_key(*type), [=](const PDev__DeviceStaticInfo &record) { fill_text(name, len, record.name); });
+    return found ? 0 : -1;
 }
 
 int32_t _ndm_get_my_local_master_node(int32_t *node, uint8_t rt) {
@@ -74,12 +71,10 @@ int32_t ndm_get_my_device_name(char *name, int32_t len) {
         return -1;
     }
     const int32_t devid = ndm_get_my_devid();
-    PDev__DeviceStaticInfo *copy;
     {
         SharedCacheLock lock;
-        if (ndm_get_my_device_static(devid, &copy, /*rt=*/0) != 0) return -1;
+        if (put_device_name(devid, name, len) != 0) return -1;
     }
-    fill_text(name, len, owned<PDev__DeviceStaticInfo>(copy)->name);
     DM_LOG(trace, "my dev name:%s\r\n", name);
     return 0;
 }

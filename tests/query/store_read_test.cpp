@@ -66,8 +66,9 @@ TEST_F(StoreRead, IsMadeOnceUnlockedAndNeverUndoesAChange) {
         return copied(switches, [rt](auto *to) { return _ndm_get_my_card_obj_rt(to, rt); });
     };
     const auto port = [](uint8_t rt) {
-        const auto read = [rt](auto *to) { return dm::ndm_get_port_static_by_objid(0x1404232C, to, rt, 1); };
-        return copied(&PDev__DmPortAttrT::port, read);
+        dm::PortFacts facts{};
+        const int32_t answer = dm::ndm_get_port_static_by_objid(0x1404232C, &facts, rt, 1);
+        return answer == 0 ? each(answer, facts.type) : each(answer);
     };
     const auto my_chips = [](uint8_t rt) { return second([rt](auto *to) { return _ndm_get_my_lchips(to, rt); }); };
     const auto chips = [](uint8_t rt) {
@@ -92,7 +93,7 @@ TEST_F(StoreRead, IsMadeOnceUnlockedAndNeverUndoesAChange) {
          local_card},
         {"get", 11, line_card, "0 1;", true, "ndm_get_card_obj_by_type", of_type},
         {"get", 11, line_card, "0 1;", true, "ndm_get_card_obj_by_type", mine},
-        {"get", 11, line_card, "0 23;", false, "ndm_get_port_static_by_objid", port},
+        {"get", 11, line_card, "0 10;", false, "ndm_get_port_static_by_objid", port},
         {"get", 11, line_card, "2 99;", true, "ndm_get_card_obj_by_type", my_chips},
         {"get", 11, line_card, "0 99;", true, "ndm_get_card_obj_by_type", chips},
         {"get", 20, "index{type:88} family:4", "4;", true, "ndm_get_chip_obj_by_type", family},
