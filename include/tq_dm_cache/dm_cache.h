@@ -37,7 +37,12 @@ DM_API int32_t dm_get_vsu_switch_num_limit(void);
 /* Makes the cache lock. Call it before dm_cache_init() when more than one thread uses the cache. -1: not created. */
 DM_API int32_t dm_cache_multi_thread_init(void);
 
-/* Take and give back the lock, as often as taken. 0 without a lock; else what the mutex answers. */
+/*
+ * Take and give back the lock, as often as taken: the holder alone reads and changes the cache. 0; EPERM when a thread
+ * gives back what it does not hold. Queries need not be locked: they take the lock's shared side, which several threads
+ * hold at a time. Threads that wait are served in turn, a change that the store has pushed before them. Without a lock
+ * both do nothing.
+ */
 DM_API int32_t dm_cache_lock(void);
 DM_API int32_t dm_cache_unlock(void);
 

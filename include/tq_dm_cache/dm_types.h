@@ -49,8 +49,8 @@ enum { DM_CACHE_CALLBACKS = 10 };
 
 /*
  * A change of a row: `type` its number, `operation` one of the three above. The message is valid during the call only
- * and not the callback's to free. Runs on the store client's thread, without the cache lock; the change is visible
- * already. What it returns is ignored.
+ * and not the callback's to free or to change: the cache may hold the very same one. Runs on the store client's thread,
+ * without the cache lock; the change is visible already. What it returns is ignored.
  */
 typedef int32_t (*dm_cache_change_cb)(tq_mom_handle *handle, int32_t type, int32_t operation,
                                       ProtobufCMessage *message);
