@@ -2,6 +2,8 @@
 // in the table and then the element that it answers with. Under the cache lock.
 #include "base/row_table.h"
 
+#include <iterator>
+
 namespace dm {
 namespace {
 
@@ -10,6 +12,10 @@ namespace {
 constexpr unsigned place_bits = 54, owner_bits = 8;
 constexpr uint64_t place_mask = (uint64_t{1} << place_bits) - 1;
 constexpr uint64_t owner_cut = uint64_t{1} << 62, place_hashed = uint64_t{1} << 63;
+
+// Of each word of a place, by the number of its words.
+constexpr unsigned bits_of_word[] = {0, 32, 27, 18, 13, 10, 9};
+static_assert(std::size(bits_of_word) == max_key_words + 1 && 6 * 9 == place_bits);
 
 // Fewer elements than this are walked as fast.
 constexpr int32_t fewest = 9;
@@ -45,7 +51,7 @@ constexpr uint64_t mixed(uint64_t word) {
 }
 
 uint64_t place_tag(const int32_t *place, unsigned words) {
-    const unsigned each = words == 1 ? 32 : place_bits / words;
+    const unsigned each = bits_of_word[words];
     uint64_t packed = 0, hash = 0;
     bool fits = true;
     for (unsigned i = 0; i < words; ++i) {

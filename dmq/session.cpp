@@ -1,6 +1,8 @@
 // Opening, starting, writing, waiting.
 #include "dmq/session.h"
 
+#include <algorithm>
+
 #include "dmq/output.h"
 #include "dmq/watch.h"
 
@@ -85,16 +87,25 @@ void Session::synchronise(const std::vector<Kind> &kinds, const Settings &settin
     }
 }
 
+static constexpr size_t objects_at_a_time = 1024;  // between two looks at the progress
+
 void Session::write(const std::vector<Entry> &entries, double timeout) {
     const uint32_t applied = dm_cache_applied();
     bool notice = false;
     size_t done = 0;
     Progress progress("writing objects");
-    for (const Entry &entry : entries) {
-        if (const int32_t code = tq_mom_set(writer(), entry.db, entry.object.get(), 0, 0))
-            write_failed(code, object_name(*entry.object) + " (after " + std::to_string(done) + " objects written)");
-        notice |= is_complete_notice(*entry.object);
-        progress.show(++done, entries.size());
+    while (done < entries.size()) {
+        std::vector<tq_mom_write> group;
+        for (size_t i = done; i < entries.size() && i < done + objects_at_a_time; i++) {
+            group.push_back({entries[i].db, entries[i].object.get()});
+            notice |= is_complete_notice(*entries[i].object);
+        }
+        uint32_t taken = 0, refused = 0;
+        if (const int32_t code =
+                tq_mom_set_many(writer(), group.data(), static_cast<uint32_t>(group.size()), &taken, &refused))
+            write_failed(code, object_name(*entries[done + std::min<size_t>(refused, group.size() - 1)].object) +
+                                   " (after " + std::to_string(done + taken) + " objects written)");
+        progress.show(done += group.size(), entries.size());
     }
     settle_edit(notice, applied, timeout);
 }

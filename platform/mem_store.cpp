@@ -147,6 +147,19 @@ int32_t MemClient::write(const Place &place, Object object) {
     return 0;
 }
 
+int32_t MemClient::write_many(const std::vector<Write> &writes, size_t &taken, size_t &refused) {
+    taken = 0;
+    refused = writes.size();
+    for (const auto &[place, object] : writes) {
+        if (const int32_t error = write(place, object)) {
+            refused = taken;
+            return error;
+        }
+        taken++;
+    }
+    return 0;
+}
+
 int32_t MemClient::erase(const Place &place, const std::string &key) {
     const std::lock_guard lock(store_.mutex);
     if (!up_) return TQ_MOM_E_UNREACHABLE;

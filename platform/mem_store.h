@@ -24,6 +24,7 @@ public:
     int32_t read(const Place &place, const std::string &key, ObjectPtr &object) override;
     int32_t read_all(const Place &place, std::vector<ObjectPtr> &objects) override;
     int32_t write(const Place &place, Object object) override;
+    int32_t write_many(const std::vector<Write> &writes, size_t &taken, size_t &refused) override;
     int32_t erase(const Place &place, const std::string &key) override;
 
     // Faults; each answers 0.

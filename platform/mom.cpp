@@ -4,6 +4,7 @@
 #include "platform/client.h"
 #include "platform/guard.h"
 #include "platform/message.h"
+#include "tq_dm_cache/tq_platform_bundled.h"
 
 using namespace tq;
 
@@ -147,6 +148,26 @@ int32_t tq_mom_set(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *o
         if (!client_of(handle) || !target.key) return int32_t{TQ_MOM_E_ARGUMENT};
         return client_of(handle)->store().write(target.place, {*target.key, pack(*obj)});
     });
+}
+
+int32_t tq_mom_set_many(tq_mom_handle *handle, const tq_mom_write *writes, uint32_t count, uint32_t *taken,
+                        uint32_t *refused) {
+    size_t number_taken = 0, first_refused = 0;
+    const int32_t code = guarded([&] {
+        if (!client_of(handle) || (count > 0 && !writes)) return int32_t{TQ_MOM_E_ARGUMENT};
+        std::vector<Write> all;
+        all.reserve(count);
+        for (; first_refused < count; first_refused++) {
+            const auto &[db, obj] = writes[first_refused];
+            const Target target(db, obj);
+            if (!target.key) return int32_t{TQ_MOM_E_ARGUMENT};
+            all.push_back({target.place, {*target.key, pack(*obj)}});
+        }
+        return client_of(handle)->store().write_many(all, number_taken, first_refused);
+    });
+    if (taken) *taken = static_cast<uint32_t>(number_taken);
+    if (refused) *refused = static_cast<uint32_t>(first_refused);
+    return code;
 }
 
 int32_t tq_mom_del(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *obj_with_key) {

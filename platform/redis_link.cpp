@@ -8,13 +8,21 @@
 
 namespace tq {
 
+namespace {
+
+constexpr size_t commands_at_a_time = 256;  // their answers wait at the server until all of them are sent
+
+}  // namespace
+
 int32_t RedisLink::open(std::string &fault) {
     const std::lock_guard lock(mutex_);
     {
         const std::lock_guard posted_lock(posted_mutex_);
         posted_.clear();
+        posted_answers_ = 0;
     }
     owed_ = 0;
+    transactions_.clear();
     fault_.clear();
     usable_ = connection_.open(url_, /*is_blocking=*/true);
     const int32_t error = usable_ ? try_credentials(fault) : TQ_MOM_E_UNREACHABLE;
@@ -54,19 +62,54 @@ Reply RedisLink::call(const Words &command) {
     return reply;
 }
 
-void RedisLink::post(const Words &command) {
-    std::string bytes = formatted(command);
+bool RedisLink::call_many(size_t count, const Command &command, const Take &take) {
+    bool held = true, more = true;
+    for (size_t begin = 0, end; held && more && begin < count; begin = end) {
+        {
+            const std::lock_guard lock(mutex_);
+            take_posted();
+            for (end = begin; end < count && end < begin + commands_at_a_time; end++) connection_.add(command(end));
+            while (usable_ && owed_ > 0) take_owed(answer());
+            for (size_t i = begin; held && i < end; i++) {
+                const Reply reply = usable_ ? answer() : nullptr;
+                held = reply != nullptr;
+                if (held) more &= take(i, *reply);
+            }
+        }
+        send_posted();
+    }
+    return held;
+}
+
+void RedisLink::post(const std::vector<Words> &commands) {
+    std::string bytes;
+    for (const Words &command : commands) bytes += formatted(command);
     {
         const std::lock_guard lock(posted_mutex_);
-        posted_.push_back(std::move(bytes));
+        posted_ += bytes;
+        posted_answers_ += static_cast<int>(commands.size());
     }
     send_posted();
 }
 
+Reply RedisLink::take_transaction() {
+    Reply taken;
+    {
+        const std::lock_guard lock(mutex_);
+        while (usable_ && transactions_.empty() && owed_ > 0) take_owed(answer());
+        if (!transactions_.empty()) {
+            taken = std::move(transactions_.front());
+            transactions_.pop_front();
+        }
+    }
+    send_posted();
+    return taken;
+}
+
 void RedisLink::take_posted() {
     const std::lock_guard lock(posted_mutex_);
-    for (const std::string &command : posted_) connection_.add(command);
-    owed_ += static_cast<int>(posted_.size());
+    connection_.add(posted_);
+    owed_ += std::exchange(posted_answers_, 0);
     posted_.clear();
 }
 
@@ -100,9 +143,10 @@ Reply RedisLink::lose() {
     return nullptr;
 }
 
-void RedisLink::take_owed(const Reply &reply) {
+void RedisLink::take_owed(Reply reply) {
     owed_--;
     if (reply && is_error(*reply)) fault_ = text_of(*reply);
+    if (reply && reply->type == REDIS_REPLY_ARRAY) transactions_.push_back(std::move(reply));
 }
 
 // What has come without a wait, be it the end of the connection.
@@ -110,7 +154,7 @@ void RedisLink::receive_owed() {
     pollfd waiting = {connection_.fd(), POLLIN, 0};
     while (usable_ && ::poll(&waiting, 1, 0) > 0) {
         if (connection_.receive() == RedisConnection::Received::failed) lose();
-        while (Reply reply = connection_.next()) take_owed(reply);
+        while (Reply reply = connection_.next()) take_owed(std::move(reply));
         if (!connection_.fault().empty()) lose();
     }
 }

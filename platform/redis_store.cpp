@@ -14,7 +14,12 @@ namespace {
 
 constexpr int echoes_without_answer = 5;
 constexpr const char *no_master = "the server is no master any more";
+constexpr size_t page_bytes = 262144, most_at_once = 256, growth = 4;
 constexpr int32_t shortest_rescan_ms = 10, rescan_spread_ms = 500;
+
+bool hash_is_refused(const redisReply &error) {
+    return text_of(error).starts_with("NOSCRIPT") || text_of(error).starts_with("NOPERM");
+}
 
 ObjectPtr object(std::string_view key, std::string_view bytes) {
     return std::make_shared<const Object>(Object{std::string(key), std::string(bytes)});
@@ -190,7 +195,7 @@ void RedisStore::tick() {
         const std::lock_guard lock(mutex_);
         if (phase_ == Phase::up) echoes_due_++;
     }
-    link_.post({"EVAL", echo_script, "0", private_channel_});
+    link_.post({{"EVAL", echo_script, "0", private_channel_}});
     const std::string fault = link_.collect();
     if (!fault.empty()) feed_.drop(fault);
 }
@@ -199,22 +204,24 @@ void RedisStore::tick() {
 
 void RedisStore::heard(std::string_view channel, std::string_view bytes) {
     const char *fault = nullptr;
+    bool page_is_due = false;
     if (!parse_frame(bytes, frame_)) {
         fault = "it is damaged";
     } else {
         const std::lock_guard lock(mutex_);
         if (phase_ == Phase::up) fault = take(channel);
+        page_is_due = phase_ == Phase::up && is_my_mark();
     }
+    if (page_is_due) return deliver_page();
     if (fault) feed_.drop("what came by " + std::string(channel) + ": " + fault);
 }
 
 const char *RedisStore::take(std::string_view channel) {
-    const bool own = frame_.letter == 'P' || frame_.letter == 'E';
+    const bool own = frame_.letter == 'M' || frame_.letter == 'E';
     if (own != (channel == private_channel_)) return "it does not belong there";
     if (frame_.letter == 'E') return take_echo();
-    if (frame_.letter == 'P') {
-        take_page();
-    } else if (const auto found = channels_.find(channel); found != channels_.end()) {
+    if (frame_.letter == 'M') return nullptr;
+    if (const auto found = channels_.find(channel); found != channels_.end()) {
         take_change(found->second);
     }
     return nullptr;
@@ -259,39 +266,81 @@ void RedisStore::ask_page() {
     const Scan &scan = scans_.front();
     page_asked_ = true;
     echoes_ = -echoes_due_;
-    link_.post({"EVAL", page_script, "1", scan.hash, private_channel_, std::to_string(scan.number), scan.cursor});
+    link_.post({{"MULTI"},
+                {"PUBLISH", private_channel_, mark_frame(scan.number)},
+                {"HSCAN", scan.hash, scan.cursor, "COUNT", std::to_string(scan.count)},
+                {"EXEC"}});
 }
 
-// A page of a scan that a lost connection has cut off may still come.
-void RedisStore::take_page() {
-    const auto &strings = frame_.strings;
-    if (scans_.empty() || strings[0] != std::to_string(scans_.front().number)) return;
+// The mark of a scan that a lost connection has cut off may still come.
+bool RedisStore::is_my_mark() const {
+    return frame_.letter == 'M' && page_asked_ && frame_.strings[0] == std::to_string(scans_.front().number);
+}
+
+// The page has its place here in the order. The server has carried out the transaction, so the answer is on its way: what
+// the feed has to tell after it waits. Not with the lock held: a caller may be before it on the link, and wants it.
+void RedisStore::deliver_page() {
+    const Reply answer = link_.take_transaction();
+    if (!answer) {
+        const std::string fault = link_.collect();
+        return feed_.drop(fault.empty() ? "a page of a scan is missing" : fault);
+    }
+    const redisReply *const page = answer->elements == 2 ? answer->element[1] : nullptr;
+    if (page && is_error(*page)) return feed_.drop(std::string(text_of(*page)));
+    if (!page || page->type != REDIS_REPLY_ARRAY || page->elements != 2 || page->element[1]->elements % 2 != 0)
+        return feed_.drop("a page of a scan means nothing");
+    const std::lock_guard lock(mutex_);
+    if (phase_ == Phase::up && page_asked_) take_page(*page);
+}
+
+void RedisStore::take_page(const redisReply &reply) {
     Scan &scan = scans_.front();
-    scan.cursor = strings[1];
+    scan.cursor = text_of(*reply.element[0]);
     Page page{scan.ticket, {}, scan.cursor == "0"};
-    page.objects.reserve(strings.size() / 2 - 1);
-    for (size_t i = 2; i < strings.size(); i += 2) page.objects.push_back(object(strings[i], strings[i + 1]));
+    const redisReply &list = *reply.element[1];
+    page.objects.reserve(list.elements / 2);
+    for (size_t i = 0; i < list.elements; i += 2) {
+        const std::string_view key = text_of(*list.element[i]), bytes = text_of(*list.element[i + 1]);
+        scan.largest = std::max(scan.largest, key.size() + bytes.size());
+        page.objects.push_back(object(key, bytes));
+    }
+    scan.count = std::clamp(page_bytes / scan.largest, size_t{1}, std::min(growth * scan.count, most_at_once));
     if (page.last) scans_.pop_front();
-    sink_.post(std::move(page));
     page_asked_ = false;
     ask_page();
+    sink_.post(std::move(page));
 }
 
 // Commanding
 
-int32_t RedisStore::command(const Words &words, Reply &reply) {
-    uint64_t connection = 0;
+int32_t RedisStore::call(const Words &words, Reply &reply, uint64_t &connection) {
     {
         const std::lock_guard lock(mutex_);
         if (phase_ != Phase::up) return TQ_MOM_E_UNREACHABLE;
         connection = connection_;
     }
     reply = link_.call(words);
-    if (!reply) {
-        lost_by_call(connection, /*demoted=*/false);
-        return TQ_MOM_E_UNREACHABLE;
-    }
+    if (reply) return 0;
+    lost_by_call(connection, /*demoted=*/false);
+    return TQ_MOM_E_UNREACHABLE;
+}
+
+int32_t RedisStore::command(const Words &words, Reply &reply) {
+    uint64_t connection = 0;
+    if (const int32_t error = call(words, reply, connection)) return error;
     return is_error(*reply) ? refused(text_of(*reply), connection) : 0;
+}
+
+// A script by its hash. A server that does not know it yet, or a user who may not name it so, has the text sent.
+int32_t RedisStore::run(const Script &script, Words words, Reply &reply) {
+    words.insert(words.begin(), {"EVALSHA", script.hash});
+    uint64_t connection = 0;
+    if (const int32_t error = call(words, reply, connection)) return error;
+    if (!is_error(*reply)) return 0;
+    if (!hash_is_refused(*reply)) return refused(text_of(*reply), connection);
+    words[0] = "EVAL";
+    words[1] = script.text;
+    return command(words, reply);
 }
 
 int32_t RedisStore::refused(std::string_view error, uint64_t connection) {
@@ -327,13 +376,54 @@ int32_t RedisStore::read_all(const Place &place, std::vector<ObjectPtr> &objects
 
 int32_t RedisStore::write(const Place &place, Object object) {
     Reply reply;
-    return command({"EVAL", write_script, "1", hash_of(place), object.key, object.bytes, channel_of(place, object.key)},
-                   reply);
+    return run(write_script, {"1", hash_of(place), object.key, object.bytes, channel_of(place, object.key)}, reply);
+}
+
+// The first one makes the server know the script. Should it forget it on the way, the rest goes one by one.
+int32_t RedisStore::write_many(const std::vector<Write> &writes, size_t &taken, size_t &refused_at) {
+    taken = 0;
+    refused_at = writes.size();
+    int32_t code = 0;
+    const auto note = [&](size_t i, int32_t error) {
+        if (error == 0) taken++;
+        if (error == 0 || i > refused_at) return;
+        refused_at = i;
+        code = error;
+    };
+    size_t answered = 0, one_by_one = writes.size();
+    const auto write_alone = [&](size_t i) { note(i, write(writes[i].place, writes[i].object)); };
+    if (writes.empty()) return 0;
+    write_alone(answered++);
+    if (code != 0) return code;
+
+    uint64_t connection = 0;
+    {
+        const std::lock_guard lock(mutex_);
+        connection = connection_;
+    }
+    const auto command_of = [&](size_t i) {
+        const auto &[place, object] = writes[i + 1];
+        return formatted({"EVALSHA", write_script.hash, "1", hash_of(place), object.key, object.bytes,
+                          channel_of(place, object.key)});
+    };
+    const auto take = [&](size_t i, const redisReply &reply) {
+        answered++;
+        if (is_error(reply) && hash_is_refused(reply)) one_by_one = std::min(one_by_one, i + 1);
+        if (one_by_one < writes.size()) return false;
+        note(i + 1, is_error(reply) ? refused(text_of(reply), connection) : 0);
+        return code == 0;
+    };
+    if (!link_.call_many(writes.size() - 1, command_of, take)) {
+        lost_by_call(connection, /*demoted=*/false);
+        note(answered, TQ_MOM_E_UNREACHABLE);
+    }
+    for (size_t i = one_by_one; code == 0 && i < writes.size(); i++) write_alone(i);
+    return code;
 }
 
 int32_t RedisStore::erase(const Place &place, const std::string &key) {
     Reply reply;
-    if (const int32_t error = command({"EVAL", erase_script, "1", hash_of(place), key, channel_of(place, key)}, reply))
+    if (const int32_t error = run(erase_script, {"1", hash_of(place), key, channel_of(place, key)}, reply))
         return error;
     return reply->integer == 1 ? 0 : TQ_MOM_E_NOT_FOUND;
 }

@@ -29,6 +29,7 @@ public:
     int32_t read(const Place &place, const std::string &key, ObjectPtr &object) override;
     int32_t read_all(const Place &place, std::vector<ObjectPtr> &objects) override;
     int32_t write(const Place &place, Object object) override;
+    int32_t write_many(const std::vector<Write> &writes, size_t &taken, size_t &refused) override;
     int32_t erase(const Place &place, const std::string &key) override;
 
 private:
@@ -38,6 +39,8 @@ private:
         std::string hash;
         Ticket ticket;
         std::string cursor = "0";
+        size_t count = 4;  // to ask for: few at first, since nothing is known of the objects
+        size_t largest = 1;
     };
 
     enum class Phase { lost, restoring, up };
@@ -48,6 +51,7 @@ private:
     // The feed's news, on the loop's thread.
     void subscribe_all() override;
     void heard(std::string_view channel, std::string_view bytes) override;
+    void deliver_page();
     void answered(uint64_t ping) override;
     void tick() override;
     void lost() override;
@@ -60,14 +64,17 @@ private:
     const char *take(std::string_view channel);  // the frame; null, or what is wrong with it
     const char *take_echo();
     void take_change(const Followers &followers);
-    void take_page();
+    bool is_my_mark() const;
+    void take_page(const redisReply &page);
     bool subscribe_rest();
     void confirm(uint64_t ping);
     void ask_page();
     void cut_off();
 
     // On any thread.
+    int32_t call(const Words &words, Reply &reply, uint64_t &connection);
     int32_t command(const Words &words, Reply &reply);
+    int32_t run(const Script &script, Words words, Reply &reply);
     int32_t refused(std::string_view error, uint64_t connection);
     void lost_by_call(uint64_t connection, bool demoted);
 

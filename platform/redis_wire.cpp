@@ -29,9 +29,8 @@ bool right_number(char letter, size_t strings) {
             return strings == 3;
         case 'D':
         case 'E':
+        case 'M':
             return strings == 1;
-        case 'P':
-            return strings >= 2 && strings % 2 == 0;
         default:
             return false;
     }
@@ -52,6 +51,11 @@ std::string new_private_channel() {
     char id[33];
     std::snprintf(id, sizeof id, "%08x%08x%08x%08x", random(), random(), random(), random());
     return std::string("dm:client:") + id;
+}
+
+std::string mark_frame(uint64_t scan) {
+    const std::string number = std::to_string(scan);
+    return std::string{'M', 0, 0, 0, static_cast<char>(number.size())} + number;
 }
 
 bool parse_frame(std::string_view bytes, Frame &frame) {

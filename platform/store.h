@@ -37,6 +37,11 @@ struct Place {
     auto operator<=>(const Place &) const = default;
 };
 
+struct Write {
+    Place place;
+    Object object;
+};
+
 // What a client asked for. A store only hands it back with what it has to tell.
 struct Request;
 using Ticket = std::shared_ptr<Request>;
@@ -86,6 +91,9 @@ public:
     virtual int32_t read(const Place &place, const std::string &key, ObjectPtr &object) = 0;
     virtual int32_t read_all(const Place &place, std::vector<ObjectPtr> &objects) = 0;
     virtual int32_t write(const Place &place, Object object) = 0;
+    // Writes in order, as write() does. How many were taken, and the number of the first that was not, whose code is
+    // answered; after that one a store may leave the rest out.
+    virtual int32_t write_many(const std::vector<Write> &writes, size_t &taken, size_t &refused) = 0;
     virtual int32_t erase(const Place &place, const std::string &key) = 0;
 };
 

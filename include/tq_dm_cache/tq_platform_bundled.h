@@ -49,8 +49,8 @@
  * lost connection.
  * The server must not evict what it holds (maxmemory-policy noeviction, its default), and whoever writes its keys by other
  * means than this library tells nobody.
- * Redis permissions that a client needs: keys dm:*, channels dm:*, and the commands auth, eval, hget, hgetall, hscan, hset,
- * hdel, info, ping, publish, pubsub, role, subscribe.
+ * Redis permissions that a client needs: keys dm:*, channels dm:*, and the commands auth, eval, evalsha, exec, hget, hgetall,
+ * hscan, hset, hdel, info, multi, ping, publish, pubsub, role, subscribe. Without evalsha every write sends its script.
  */
 
 #include "tq_platform.h"
@@ -85,6 +85,22 @@ DM_API int32_t tq_mom_url_without_secret(const char *url, char *text, uint32_t s
  * told is dropped. Not from a callback of the handle itself: TQ_MOM_E_ARGUMENT.
  */
 DM_API int32_t tq_mom_client_close(tq_mom_handle *handle);
+
+/* One object to be set in a database. */
+typedef struct tq_mom_write {
+    uint32_t db;
+    const ProtobufCMessage *obj; /* borrowed for the call */
+} tq_mom_write;
+
+/*
+ * Sets many objects in order, as tq_mom_set() sets each, but sends them without waiting for every answer; other callers of
+ * the handle have their turn in between. 0 when the store has taken all; else the code of the first that it has not.
+ * `taken` receives how many it has taken, `refused` the number of that first one, from 0, or `count`; either may be null.
+ * After a refusal some hundred more may have been tried, and been taken. After a lost connection those whose answer is
+ * missing count as not taken. An entry that is no object with its key: TQ_MOM_E_ARGUMENT, and nothing is sent.
+ */
+DM_API int32_t tq_mom_set_many(tq_mom_handle *handle, const tq_mom_write *writes, uint32_t count, uint32_t *taken,
+                               uint32_t *refused);
 
 /* Deletes one object and tells its subscribers. TQ_MOM_E_NOT_FOUND when there is none, and nobody is told. */
 DM_API int32_t tq_mom_del(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *obj_with_key);
