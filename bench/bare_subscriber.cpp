@@ -60,7 +60,7 @@ bool BareSubscriber::hear() {
 
 // Sent, not waited for.
 void BareSubscriber::ask_page(const std::string &hash, const std::string &cursor) {
-    const std::string command = formatted({"EVAL", tq::page_script, "1", hash, private_channel_, /*scan=*/"1", cursor});
+    const std::string command = formatted({"HSCAN", hash, cursor, "COUNT", "256"});
     redisAppendFormattedCommand(link_.get(), command.data(), command.size());
     for (int done = 0; !done;) redisBufferWrite(link_.get(), &done);
 }
@@ -72,10 +72,13 @@ int BareSubscriber::scan(const ProtobufCMessageDescriptor &kind) {
     std::string cursor = "0";
     ask_page(hash, cursor);
     do {
-        if (!hear() || !next(link_)) throw std::runtime_error("a page is missing");
-        cursor = frame_.strings[1];
+        const Reply page = next(link_);
+        if (!page || page->elements != 2) throw std::runtime_error("a page is missing");
+        cursor = page->element[0]->str;
         if (cursor != "0") ask_page(hash, cursor);
-        for (size_t i = 3; i < frame_.strings.size(); i += 2) unpack(kind, frame_.strings[i], [&] { objects++; });
+        const redisReply &list = *page->element[1];
+        for (size_t i = 1; i < list.elements; i += 2)
+            unpack(kind, {list.element[i]->str, list.element[i]->len}, [&] { objects++; });
     } while (cursor != "0");
     return objects;
 }

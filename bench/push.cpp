@@ -122,7 +122,7 @@ std::string publish(const std::string &key, const std::string &value) {
 
 // What a client sends for tq_mom_set().
 std::string write(const std::string &key, const std::string &value) {
-    return formatted({"EVAL", tq::write_script, "1", channel(), key, value, channel() + "/" + key});
+    return formatted({"EVAL", tq::write_script.text, "1", channel(), key, value, channel() + "/" + key});
 }
 
 void set_in_mem() {

@@ -31,12 +31,22 @@ int scan_by_client(const Client &client) {
     return scan.objects;
 }
 
+// Of the server, so far, in milliseconds.
+double server_time() {
+    const std::string info = server().command({"INFO", "cpu"});
+    double seconds = 0;
+    for (const std::string name : {"used_cpu_sys:", "used_cpu_user:"})
+        seconds += std::stod(info.substr(info.find(name) + name.size()));
+    return seconds * 1000;
+}
+
 void measure(Counters &counters, const std::function<int()> &scan) {
-    const double processor = process_time();
+    const double processor = process_time(), of_server = server_time();
     const auto begun = Clock::now();
     if (scan() != 2 * ports_of_a_kind) throw std::runtime_error("not every port came");
     counters["ms"] = milliseconds(Clock::now() - begun);
     counters["ms of its processor"] = process_time() - processor;
+    counters["ms of the server's"] = server_time() - of_server;
 }
 
 void measure_client(Counters &counters, const std::string &url) {
