@@ -1,13 +1,16 @@
 // The cache lock, which exists only when the client asks for it.
 //
-// The exclusive side is one word, free or held, with a queue of those who wait. Who gives it back hands it to the first in
-// the queue, so nobody is passed for ever. Changes of the cache have a queue of their own that goes first, in turn with the
-// other one: a pushed change waits for one holder, however many clients walk the cache without a pause.
+// The exclusive side is one word, free or held, with queues of those who wait. Who gives it back hands it to the first that
+// waits, so nobody is passed for ever. Changes of the cache have a queue of their own that goes first, in turn with the
+// clients': a pushed change waits for one holder, however many clients walk the cache without a pause.
 //
 // The shared side counts its holders, each in the cache line of its thread, so that readers on different processors write
 // nothing in common. A reader counts itself, then looks at the word; who takes the exclusive side writes the word, then
 // waits until the counts are zero. Both orders are sequentially consistent: one of the two sees the other. A reader that
-// sees the word held takes a turn in the queue, counts itself meanwhile, and hands the turn on.
+// sees the word held takes its count back and waits. When the word is handed on, all waiting readers are counted and let in
+// first, and the next holder waits for them: so readers and holders take turns. When nobody is next, the first reader is
+// woken and wakes the second: who gave the word back, the store client's thread with a callback to run, is not to compete
+// with all of them for a processor.
 #include "base/lock.h"
 
 #include <pthread.h>
@@ -23,34 +26,32 @@ namespace {
 
 enum Word : uint32_t { unheld = 0, held = 1, awaited = 2 };  // awaited only with held: somebody is in a queue
 
-// Stands on the stack of the thread that waits.
-struct Waiter {
-    Waiter *next;
+// What a thread knows of itself, and its place in a queue: who waits, waits for one thing. Its address names the thread.
+struct Self {
+    Self *next;
     sem_t turn;
+    uint32_t shared_depth;
+    uint32_t slot;  // from 1; 0: none yet
+    bool counted;   // a reader that waited, by who woke it
 };
 
 struct Queue {
-    Waiter *first, *last;
+    Self *first, *last;
 
-    void append(Waiter *waiter) {
-        (first ? last->next : first) = waiter;
-        last = waiter;
+    void append(Self *thread) {
+        thread->next = nullptr;
+        (first ? last->next : first) = thread;
+        last = thread;
     }
-    Waiter *take() {
-        Waiter *const taken = first;
-        first = taken->next;
+    Self *take() {
+        Self *const taken = first;
+        if (taken) first = taken->next;
         return taken;
     }
 };
 
 struct alignas(64) Readers {
     uint32_t count;
-};
-
-// What a thread knows of itself. Its address names the thread.
-struct Self {
-    uint32_t shared_depth;
-    uint32_t slot;  // from 1; 0: none yet
 };
 
 constexpr uint32_t slots = 16;
@@ -68,7 +69,7 @@ sem_t drained;
 alignas(64) Readers readers[slots];
 
 pthread_mutex_t queue_mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the queues, and the word while they are not empty
-Queue changes, others;
+Queue changes, clients, waiting_readers;
 bool last_was_change = false;
 
 __attribute__((tls_model("initial-exec"))) thread_local Self self;
@@ -94,34 +95,108 @@ void wait(sem_t *semaphore) {
     }
 }
 
-// Returns as the holder.
-void take_a_turn(Queue &queue) {
-    uint32_t seen = unheld;
-    if (__atomic_compare_exchange_n(&word, &seen, held, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST)) return;
-
-    Waiter waiter{};
-    if (sem_init(&waiter.turn, 0, 0) != 0) __builtin_trap();  // there is no reason for it to fail
-    pthread_mutex_lock(&queue_mutex);
-    while (!__atomic_compare_exchange_n(&word, &seen, seen == unheld ? held : held | awaited, false, __ATOMIC_SEQ_CST,
-                                        __ATOMIC_SEQ_CST)) {
-    }
-    if (seen != unheld) queue.append(&waiter);
-    pthread_mutex_unlock(&queue_mutex);
-    if (seen != unheld) wait(&waiter.turn);
-    sem_destroy(&waiter.turn);
+uint32_t &count_of(const Self &thread) {
+    return readers[thread.slot - 1].count;
+}
+void enter(const Self &thread) {
+    __atomic_fetch_add(&count_of(thread), 1u, __ATOMIC_SEQ_CST);
+}
+void leave(const Self &thread) {
+    __atomic_fetch_sub(&count_of(thread), 1u, __ATOMIC_SEQ_CST);
+    if (__atomic_load_n(&draining, __ATOMIC_SEQ_CST) != 0) sem_post(&drained);
 }
 
-// Hands the turn to the next in a queue, who finds the word held as it is.
+bool is_held() {
+    return __atomic_load_n(&word, __ATOMIC_SEQ_CST) != unheld;
+}
+
+bool write_word(uint32_t &seen, uint32_t wanted) {
+    return __atomic_compare_exchange_n(&word, &seen, wanted, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+}
+
+// With the queues' mutex held; gives it back.
+void wait_in(Queue &queue) {
+    sem_init(&self.turn, 0, 0);
+    queue.append(&self);
+    pthread_mutex_unlock(&queue_mutex);
+    wait(&self.turn);
+    sem_destroy(&self.turn);
+}
+
+// Returns as the holder.
+void hold(Queue &queue) {
+    uint32_t seen = unheld;
+    if (write_word(seen, held)) return;
+    pthread_mutex_lock(&queue_mutex);
+    while (!write_word(seen, seen == unheld ? held : held | awaited)) {
+    }
+    if (seen == unheld)
+        pthread_mutex_unlock(&queue_mutex);
+    else
+        wait_in(queue);
+}
+
+// Waits until the word is given back; false when it is free by now.
+bool wait_as_reader() {
+    pthread_mutex_lock(&queue_mutex);
+    uint32_t seen = held;
+    while (seen != unheld && !write_word(seen, held | awaited)) {
+    }
+    self.counted = false;
+    if (seen != unheld)
+        wait_in(waiting_readers);
+    else
+        pthread_mutex_unlock(&queue_mutex);
+    return seen != unheld;
+}
+
+// Passes the wake-up on, or leaves it to a holder that has come meanwhile.
+void wake_next_reader() {
+    pthread_mutex_lock(&queue_mutex);
+    Self *next = nullptr;
+    if (waiting_readers.first) {
+        uint32_t seen = held;
+        while (seen != unheld && !write_word(seen, held | awaited)) {
+        }
+        if (seen == unheld) next = waiting_readers.take();
+    }
+    pthread_mutex_unlock(&queue_mutex);
+    if (next) sem_post(&next->turn);
+}
+
+// Returns as a counted reader.
+void start_reading() {
+    for (;;) {
+        enter(self);
+        if (!is_held()) return;
+        leave(self);
+        if (!wait_as_reader()) continue;
+        if (self.counted) return;
+        wake_next_reader();
+    }
+}
+
+// Hands the word to the next in a queue, who finds it held as it is.
 void hand_on() {
     uint32_t seen = held;
-    if (__atomic_compare_exchange_n(&word, &seen, unheld, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST)) return;
+    if (write_word(seen, unheld)) return;
 
     pthread_mutex_lock(&queue_mutex);
-    last_was_change = changes.first && !(last_was_change && others.first);
-    Waiter *const next = (last_was_change ? changes : others).take();
-    if (!changes.first && !others.first) __atomic_store_n(&word, held, __ATOMIC_SEQ_CST);
+    last_was_change = changes.first && !(last_was_change && clients.first);
+    Self *next = (last_was_change ? changes : clients).take();
+    if (next) {
+        while (Self *const reader = waiting_readers.take()) {
+            reader->counted = true;
+            enter(*reader);
+            sem_post(&reader->turn);
+        }
+        __atomic_store_n(&word, changes.first || clients.first ? held | awaited : held, __ATOMIC_SEQ_CST);
+    } else {
+        next = waiting_readers.take();
+        __atomic_store_n(&word, unheld, __ATOMIC_SEQ_CST);
+    }
     pthread_mutex_unlock(&queue_mutex);
-    sem_post(&next->turn);
+    if (next) sem_post(&next->turn);
 }
 
 // Until no reader is left that came before the word was written.
@@ -137,26 +212,13 @@ void drain() {
     }
 }
 
-uint32_t &my_count() {
-    if (self.slot == 0) self.slot = __atomic_fetch_add(&threads, 1u, __ATOMIC_SEQ_CST) % slots + 1;
-    return readers[self.slot - 1].count;
-}
-
-void enter(uint32_t &count) {
-    __atomic_fetch_add(&count, 1u, __ATOMIC_SEQ_CST);
-}
-void leave(uint32_t &count) {
-    __atomic_fetch_sub(&count, 1u, __ATOMIC_SEQ_CST);
-    if (__atomic_load_n(&draining, __ATOMIC_SEQ_CST) != 0) sem_post(&drained);
-}
-
 int32_t lock_exclusive(Queue &queue) {
     if (!lock_exists()) return 0;
     if (is_mine()) {
         ++depth;
         return 0;
     }
-    take_a_turn(queue);
+    hold(queue);
     drain();
     __atomic_store_n(&owner, &self, __ATOMIC_RELAXED);
     depth = 1;
@@ -185,18 +247,13 @@ void unlock_after_change() {
 bool lock_shared() {
     if (!lock_exists() || is_mine()) return false;
     if (self.shared_depth++ > 0) return true;
-    uint32_t &count = my_count();
-    enter(count);
-    if (__atomic_load_n(&word, __ATOMIC_SEQ_CST) == unheld) return true;
-    leave(count);
-    take_a_turn(others);
-    enter(count);
-    hand_on();
+    if (self.slot == 0) self.slot = __atomic_fetch_add(&threads, 1u, __ATOMIC_SEQ_CST) % slots + 1;
+    start_reading();
     return true;
 }
 
 void unlock_shared() {
-    if (--self.shared_depth == 0) leave(my_count());
+    if (--self.shared_depth == 0) leave(self);
 }
 
 }  // namespace dm
@@ -210,7 +267,7 @@ int32_t dm_cache_multi_thread_init(void) {
 }
 
 int32_t dm_cache_lock(void) {
-    return dm::lock_exclusive(dm::others);
+    return dm::lock_exclusive(dm::clients);
 }
 
 int32_t dm_cache_unlock(void) {

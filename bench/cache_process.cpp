@@ -1,4 +1,4 @@
-// A process that does nothing but hold the whole cache: bench_cache URL. It writes a line when the cache is in step,
+// A process that does nothing but hold the whole cache: bench_cache_process URL. It writes a line when the cache is in step,
 // and one for every line that it reads: `next` waits for the next application of the cache, `contents` sums up what is
 // cached.
 #include <malloc.h>

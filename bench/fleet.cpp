@@ -19,7 +19,7 @@ namespace {
 
 constexpr int fleet_size = 40, lost_changes = 100;
 
-// bench_cache, whose side is cache_process.cpp.
+// bench_cache_process, whose side is cache_process.cpp.
 class CacheProcess {
 public:
     explicit CacheProcess(const std::string &url);

@@ -211,11 +211,11 @@ void set_field(const ProtobufCFieldDescriptor &field, const Json &value, Protobu
 
 const ProtobufCFieldDescriptor &find_field(const ProtobufCMessageDescriptor &type, const std::string &name,
                                            const std::string &where) {
+    if (const auto *field = protobuf_c_message_descriptor_get_field_by_name(&type, name.c_str());
+        field && name == field->name)
+        return *field;
     std::vector<std::string> names;
-    for (const auto &field : fields_of(type)) {
-        if (name == field.name) return field;
-        names.emplace_back(field.name);
-    }
+    for (const auto &field : fields_of(type)) names.emplace_back(field.name);
     refuse(where, std::string(type.name) + " has no field " + quoted(Json(name)) + did_you_mean(name, names));
 }
 

@@ -65,7 +65,7 @@ TEST(Lock, ReadersShareAndWritersExclude) {
     int64_t one = 0, other = 0;
     std::atomic<int> torn = 0;
     const auto look = [&] {
-        const dm::SharedCacheLock lock, again;
+        const dm::SharedCacheLock lock;
         torn += one != other;
     };
     const std::function<void()> threads[] = {
@@ -83,7 +83,7 @@ TEST(Lock, ReadersShareAndWritersExclude) {
             dm_cache_unlock();
         },
         [&] {
-            const dm::CacheLock lock, again;
+            const dm::CacheLock lock;
             look();
             ++one, ++other;
         },

@@ -62,8 +62,9 @@ int32_t put_bytes(tq_mom_handle *, uint32_t db, const ProtobufCMessage *object, 
     const std::string hash = "dm:" + std::to_string(db) + ":" + object->descriptor->name;
     const std::string key = packed(key_of(object));
     const std::string value(reinterpret_cast<const char *>(bytes), length);
-    EXPECT_EQ(world().server->command({"EVAL", std::string(tq::write_script.text), "1", hash, key, value, hash + "/" + key}),
-              "nil");
+    EXPECT_EQ(
+        world().server->command({"EVAL", std::string(tq::write_script.text), "1", hash, key, value, hash + "/" + key}),
+        "nil");
     return 0;
 }
 
