@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 
-.PHONY: run run-redis test asan tsan test-arm abi abi-update lint lint-quick docs simulate faults bench install packages packages-test clean
+.PHONY: run run-redis test asan tsan test-arm abi abi-update lint lint-quick docs simulate faults bench bench-cache install packages packages-test clean
 .NOTPARALLEL:
 
 # The whole road on the example chassis: load, synchronise, tables, a live change arriving.
@@ -67,6 +67,17 @@ bench:
 	cmake --preset default -DDM_BENCH=ON
 	cmake --build build -j$(JOBS) --target bench_stores
 	build/bench/bench_stores --benchmark_filter='$(BENCH)'
+
+# The cache beside its rivals, at several sizes; the table of docs/performance.md and its plots.
+PORTS ?= 10 100 1000 10000
+bench-cache:
+	scripts/setup.sh build test server bench
+	cmake --preset default -DDM_BENCH=ON
+	cmake --build build -j$(JOBS) --target bench_cache
+	for n in $(PORTS); do build/bench/bench_cache $$n --benchmark_filter='$(BENCH)' --benchmark_min_time=0.1 \
+	  --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
+	  --benchmark_out=build/bench/cache-$$n.json --benchmark_out_format=json || exit 1; done
+	scripts/performance.py build/bench
 
 # The cache over a real server that is killed, frozen and cut off: runs of ten faults and comparisons each.
 FAULT_RUNS ?= 12

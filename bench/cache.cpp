@@ -49,7 +49,8 @@ LiveCache &cache(int count) {
         auto *made = new LiveCache{open_client("mem:"), ports(count)};
         load_ports(made->client, made->ports);
         dm_cache_multi_thread_init();
-        for (int32_t row = 1; row < DM_ROW_COUNT; ++row) dm_cache_sub_obj(row, nullptr, 0);
+        for (int32_t row = 1; row < DM_ROW_COUNT; ++row)
+            dm_cache_sub_obj(row, row == DM_ROW_VSD_PORT ? hear_change : nullptr, 0);
         check(dm_cache_init(made->client.get(), "bench"), "dm_cache_init");
         check(dm_cache_wait_synced(60'000), "the first application");
         return made;

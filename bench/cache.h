@@ -29,6 +29,9 @@ struct LiveCache {
 };
 LiveCache &cache(int count = 0);
 
+// Called for every change of a global port.
+int32_t hear_change(tq_mom_handle *handle, int32_t type, int32_t operation, ProtobufCMessage *message);
+
 // A way through the ports that jumps, the same for a figure and its rival.
 class Way {
 public:
