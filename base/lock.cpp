@@ -122,7 +122,6 @@ void wait_in(Queue &queue) {
     queue.append(&self);
     pthread_mutex_unlock(&queue_mutex);
     wait(&self.turn);
-    sem_destroy(&self.turn);
 }
 
 // Returns as the holder.

@@ -11,21 +11,27 @@ namespace {
 using benchmark::DoNotOptimize;
 
 // Measures `act(port)` over the ports of the cache.
-template <class Act> void add(const std::string &name, Act act) {
-    benchmark::RegisterBenchmark(name.c_str(), [act](benchmark::State &state) {
+template <class Act> void add(const std::string &name, Act act, size_t step = in_order) {
+    benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State &state) {
         const auto &all = cache().ports;
-        Way way(all.size());
+        Way way(all.size(), step);
         for (auto _ : state) act(all[way.next()]);
     });
 }
 
-// The same with the lock held throughout.
-template <class Act> void add_held(const std::string &name, Act act) {
-    benchmark::RegisterBenchmark(name.c_str(), [act](benchmark::State &state) {
-        const auto &all = cache().ports;
-        Way way(all.size());
+// Finds one port after the other by keys that lie beside each other, with the lock held.
+void add_look_up_by_key(const std::string &name, size_t step) {
+    benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State &state) {
+        std::vector<PDev__VsdPortIndex> keys;
+        Way way(cache().ports.size(), step);
+        for (size_t i = 0; i < cache().ports.size(); i++) keys.push_back(*cache().ports[way.next()].global->index);
+        Way next(keys.size());
         dm_cache_lock();
-        for (auto _ : state) act(all[way.next()]);
+        for (auto _ : state) {
+            const PDev__VsdPort *found = nullptr;
+            dm_cache_get_obj(DM_ROW_VSD_PORT, &keys[next.next()], &found);
+            DoNotOptimize(found);
+        }
         dm_cache_unlock();
     });
 }
@@ -116,18 +122,20 @@ void add_queries() {
 
 void add_look_ups() {
     add_copies();
-    add_held("look-up/key", [](const Port &port) {
-        const PDev__VsdPort *found = nullptr;
-        dm_cache_get_obj(DM_ROW_VSD_PORT, port.global->index, &found);
-        DoNotOptimize(found);
+    add_look_up_by_key("look-up/key", in_order);
+    add_look_up_by_key("look-up/key, in leaps", in_leaps);
+    add("look-up/key/walk", [](const Port &) {
+        dm_cache_lock();
+        DoNotOptimize(dm_cache_foreach_obj(DM_ROW_VSD_PORT, count_one, 0));
+        dm_cache_unlock();
     });
-    add_held("look-up/key/walk",
-             [](const Port &) { DoNotOptimize(dm_cache_foreach_obj(DM_ROW_VSD_PORT, count_one, 0)); });
-    add("look-up/ifx", [](const Port &port) {
+    const auto by_ifx = [](const Port &port) {
         PDev__VsdPort *copy = nullptr;
         ndm_get_global_port_by_ifx(port.global->index->t_vsdid, port.global->ifx, &copy);
         ndm_port_obj_free(copy);
-    });
+    };
+    add("look-up/ifx", by_ifx);
+    add("look-up/ifx, in leaps", by_ifx, in_leaps);
     add_server();
     add_queries();
 }

@@ -52,7 +52,7 @@ template <class Act> void add_readers(const std::string &name, int threads, bool
                                      static std::unique_ptr<Writer> writer;
                                      if (state.thread_index() == 0 && with_writer) writer = std::make_unique<Writer>();
                                      const auto &all = cache().ports;
-                                     Way way(all.size(), static_cast<size_t>(state.thread_index()) * 1000);
+                                     Way way(all.size(), in_order, static_cast<size_t>(state.thread_index()) * 1000);
                                      for (auto _ : state) act(all[way.next()]);
                                      state.SetItemsProcessed(state.iterations());
                                      if (state.thread_index() == 0) writer.reset();
