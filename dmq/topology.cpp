@@ -2,6 +2,7 @@
 // large file takes the memory of its messages.
 #include "dmq/topology.h"
 
+#include <sys/stat.h>
 #include <cerrno>
 #include <cstring>
 #include <map>
@@ -111,6 +112,9 @@ std::string read_whole(const std::string &file) {
                                                         [](FILE *f) { return f ? fclose(f) : 0; });
     if (!stream) throw Failure(exit_usage, file + ": " + std::strerror(errno));
     std::string text;
+    struct stat status = {};
+    if (fstat(fileno(stream.get()), &status) == 0 && status.st_size < 1 << 28)
+        text.reserve(static_cast<size_t>(status.st_size));
     char block[1 << 16];
     while (const size_t got = fread(block, 1, sizeof block, stream.get())) text.append(block, got);
     if (ferror(stream.get())) throw Failure(exit_usage, file + ": " + std::strerror(errno));
