@@ -1,4 +1,4 @@
-// The program: bench_cache PORTS [options of Google Benchmark].
+// The program: bench_cache PORTS [without-lock] [options of Google Benchmark]. Without a lock only what reads may be asked for.
 #include "bench/cache.h"
 
 #include <map>
@@ -9,6 +9,8 @@
 namespace bench {
 
 namespace {
+
+bool without_lock = false;
 
 auto place_of(const auto &key) {
     return std::tuple(key.t_dev, key.t_slot, key.t_sslot, key.t_port, static_cast<int>(key.t_type));
@@ -48,7 +50,7 @@ LiveCache &cache(int count) {
     static LiveCache *const only = [count] {
         auto *made = new LiveCache{open_client("mem:"), ports(count)};
         load_ports(made->client, made->ports);
-        dm_cache_multi_thread_init();
+        if (!without_lock) dm_cache_multi_thread_init();
         for (int32_t row = 1; row < DM_ROW_COUNT; ++row)
             dm_cache_sub_obj(row, row == DM_ROW_VSD_PORT ? hear_change : nullptr, 0);
         check(dm_cache_init(made->client.get(), "bench"), "dm_cache_init");
@@ -76,6 +78,8 @@ int main(int argc, char **argv) {
     if (argc == 3 && std::string(argv[2]) == "synchronisation") return bench::print_synchronisation(count);
     std::vector<char *> arguments(argv, argv + argc);
     arguments.erase(arguments.begin() + 1);
+    bench::without_lock = argc > 2 && std::string(argv[2]) == "without-lock";
+    if (bench::without_lock) arguments.erase(arguments.begin() + 1);
     int left = static_cast<int>(arguments.size());
     benchmark::Initialize(&left, arguments.data());
     if (benchmark::ReportUnrecognizedArguments(left, arguments.data())) return 2;
