@@ -1,4 +1,6 @@
 // Copies, look-ups and queries, beside packed copies, a walk, and a server that is asked for each object.
+#include <algorithm>
+
 #include "bench/bare_subscriber.h"
 #include "bench/cache.h"
 #include "platform/redis_server.h"
@@ -86,30 +88,39 @@ void add_server() {
     });
 }
 
+// The same few questions, however much else the cache holds.
+template <class Act> void ask(const std::string &name, Act act) {
+    benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State &state) {
+        const auto &all = cache().ports;
+        Way way(std::min(all.size(), size_t{10}));
+        for (auto _ : state) act(all[way.next()]);
+    });
+}
+
 void add_queries() {
-    add("query/interface index", [](const Port &port) { DoNotOptimize(ndm_get_global_ifx_by_objid(objid_of(port))); });
-    add("query/port type", [](const Port &port) {
+    ask("query/interface index", [](const Port &port) { DoNotOptimize(ndm_get_global_ifx_by_objid(objid_of(port))); });
+    ask("query/port type", [](const Port &port) {
         int32_t type = 0;
         DoNotOptimize(ndm_get_port_type(objid_of(port), &type));
     });
-    add("query/chips of this card", [](const Port &) {
+    ask("query/chips of this card", [](const Port &) {
         int32_t *chips = nullptr;
         DoNotOptimize(ndm_get_my_lchips(&chips));
         free(chips);
     });
-    add("query/device name", [](const Port &port) {
+    ask("query/device name", [](const Port &port) {
         char name[64];
         DoNotOptimize(ndm_get_dev_name_by_id(static_cast<int32_t>(port.global->dev), name, sizeof name));
     });
-    add("query/card is online", [](const Port &port) {
+    ask("query/card is online", [](const Port &port) {
         DoNotOptimize(ndm_card_is_online(static_cast<int32_t>(port.global->dev), port.global->physlot, 0));
     });
-    add("query/static port of an interface", [](const Port &port) {
+    ask("query/static port of an interface", [](const Port &port) {
         PDev__PortStatic *copy = nullptr;
         ndm_get_static_port_by_ifx(port.global->index->t_vsdid, port.global->ifx, &copy);
         ndm_port_obj_free(copy);
     });
-    add("query/port of a place", [](const Port &port) {
+    ask("query/port of a place", [](const Port &port) {
         PDev__VsdPort *copy = nullptr;
         ndm_get_global_port_by_lsm_key_with_subslot(
             static_cast<int32_t>(port.global->dev), static_cast<int32_t>(port.global->slot),
