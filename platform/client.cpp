@@ -4,8 +4,6 @@
 
 #include <algorithm>
 
-#include "platform/message.h"
-
 namespace tq {
 
 namespace {
@@ -114,6 +112,20 @@ int32_t Client::read(const Place &place, const ProtobufCMessageDescriptor &kind,
     }
     object = decoded.message.release();
     return 0;
+}
+
+// What the store has may be packed in another way than this library packs it: the messages are compared here, the bytes at
+// the store.
+int32_t Client::replace(const Target &target, const ProtobufCMessage *before, const ProtobufCMessage *after) {
+    ObjectPtr stored;
+    if (before) {
+        if (const int32_t error = store_->read(target.place, *target.key, stored))
+            return error == TQ_MOM_E_NOT_FOUND ? TQ_MOM_E_CHANGED : error;
+        const Decoded decoded = decode(*target.kind, *stored);
+        if (decoded.error || pack(*decoded.message) != pack(*before)) return TQ_MOM_E_CHANGED;
+    }
+    const ObjectPtr made = after ? std::make_shared<const Object>(Object{*target.key, pack(*after)}) : nullptr;
+    return store_->replace(target.place, stored, made);
 }
 
 void Client::post(Event event) {

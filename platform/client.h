@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "platform/loop.h"
+#include "platform/message.h"
 #include "platform/store.h"
 #include "tq_dm_cache/tq_platform_bundled.h"
 
@@ -54,6 +55,7 @@ public:
     int32_t scan_here(const Request &request);
     int32_t read(const Place &place, const ProtobufCMessageDescriptor &kind, const std::string &key,
                  ProtobufCMessage *&object);
+    int32_t replace(const Target &target, const ProtobufCMessage *before, const ProtobufCMessage *after);
 
 private:
     struct Ready {

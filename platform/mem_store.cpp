@@ -166,6 +166,23 @@ int32_t MemClient::erase(const Place &place, const std::string &key) {
     return store_.remove(store_.kinds[place], key) ? 0 : TQ_MOM_E_NOT_FOUND;
 }
 
+int32_t MemClient::replace(const Place &place, const ObjectPtr &before, const ObjectPtr &after) {
+    const std::lock_guard lock(store_.mutex);
+    if (!up_) return TQ_MOM_E_UNREACHABLE;
+    Kind &kind = store_.kinds[place];
+    const std::string &key = after ? after->key : before->key;
+    const auto found = kind.by_key.find(key);
+    const bool is_there = found != kind.by_key.end();
+    if (is_there != (before != nullptr)) return TQ_MOM_E_CHANGED;
+    if (is_there && (*found->second)->bytes != before->bytes) return TQ_MOM_E_CHANGED;
+    if (after) {
+        store_.put(kind, after);
+    } else {
+        store_.remove(kind, key);
+    }
+    return 0;
+}
+
 int32_t MemClient::disconnect() {
     const std::lock_guard lock(store_.mutex);
     store_.cut_off(*this);

@@ -26,6 +26,7 @@ public:
     int32_t write(const Place &place, Object object) override;
     int32_t write_many(const std::vector<Write> &writes, size_t &taken, size_t &refused) override;
     int32_t erase(const Place &place, const std::string &key) override;
+    int32_t replace(const Place &place, const ObjectPtr &before, const ObjectPtr &after) override;
 
     // Faults; each answers 0.
     int32_t disconnect();

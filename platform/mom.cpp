@@ -177,3 +177,13 @@ int32_t tq_mom_del(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *o
         return client_of(handle)->store().erase(target.place, *target.key);
     });
 }
+
+int32_t tq_mom_replace(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *before,
+                       const ProtobufCMessage *after) {
+    return guarded([&] {
+        const Target target(db, after ? after : before), other(db, before ? before : after);
+        if (!client_of(handle) || !target.key || target.kind != other.kind || target.key != other.key)
+            return int32_t{TQ_MOM_E_ARGUMENT};
+        return client_of(handle)->replace(target, before, after);
+    });
+}

@@ -428,4 +428,15 @@ int32_t RedisStore::erase(const Place &place, const std::string &key) {
     return reply->integer == 1 ? 0 : TQ_MOM_E_NOT_FOUND;
 }
 
+int32_t RedisStore::replace(const Place &place, const ObjectPtr &before, const ObjectPtr &after) {
+    const std::string expected = before ? "=" + before->bytes : "";
+    const std::string &key = after ? after->key : before->key;
+    const std::string hash = hash_of(place), channel = channel_of(place, key);
+    Reply reply;
+    const int32_t error = after ? run(write_script, {"1", hash, key, after->bytes, channel, expected}, reply)
+                                : run(erase_script, {"1", hash, key, channel, expected}, reply);
+    if (error) return error;
+    return reply->type == REDIS_REPLY_INTEGER && reply->integer == 0 ? TQ_MOM_E_CHANGED : 0;
+}
+
 }  // namespace tq

@@ -44,27 +44,42 @@ struct Script {
     std::string_view hash;
 };
 
-// KEYS: the hash. ARGV: key, value, the object's channel.
-inline constexpr Script write_script = {R"(
-local h, k, v, c = KEYS[1], ARGV[1], ARGV[2], ARGV[3]
-local fields = redis.call('PUBSUB', 'NUMSUB', c)[2] > 0
-local before = fields and redis.call('HGET', h, k)
-redis.call('HSET', h, k, v)
-local m = struct.pack('>I4c0I4c0', #k, k, #v, v)
-redis.call('PUBLISH', h, 'S' .. m)
-if before then redis.call('PUBLISH', c, 'C' .. m .. struct.pack('>I4c0', #before, before))
-elseif fields then redis.call('PUBLISH', c, 'S' .. m) end)",
-                                        "d1f4284a971905d56c10c372215f9b9f4023955e"};
+// Nothing is changed unless everyone can be told: permissions are asked and frames are made before the change. What is
+// published is not replicated: nobody hears it at a replica.
 
-// KEYS: the hash. ARGV: key, the object's channel. Answers 0 when there is no such object.
+// KEYS: the hash. ARGV: key, value, the object's channel, and, if only that may be replaced, '=' and the stored value, or
+// '' for none: then 0 is answered when it is another one.
+inline constexpr Script write_script = {R"(
+local h, k, v, c, e = KEYS[1], ARGV[1], ARGV[2], ARGV[3], ARGV[4]
+local fields = redis.call('PUBSUB', 'NUMSUB', c)[2] > 0
+local before = (fields or e) and redis.call('HGET', h, k)
+if e and (before and '=' .. before or '') ~= e then return 0 end
+local m = struct.pack('>I4c0I4c0', #k, k, #v, v)
+local s, f = 'S' .. m, 'S' .. m
+if before and fields then f = 'C' .. m .. struct.pack('>I4c0', #before, before) end
+for _, name in ipairs(fields and {h, c} or {h}) do
+    if not redis.acl_check_cmd('PUBLISH', name, '') then return redis.error_reply('NOPERM nothing is changed: no permission to publish by ' .. name) end
+end
+redis.call('HSET', h, k, v)
+redis.set_repl(redis.REPL_NONE)
+redis.call('PUBLISH', h, s)
+if fields then redis.call('PUBLISH', c, f) end)",
+                                        "c48852a5a101141d19fffc5b55879f4b02f26d0a"};
+
+// KEYS: the hash. ARGV: key, the object's channel, and as above. Answers 0 when there is no such object.
 inline constexpr Script erase_script = {R"(
-local h, k, c = KEYS[1], ARGV[1], ARGV[2]
-if redis.call('HDEL', h, k) == 0 then return 0 end
+local h, k, c, e = KEYS[1], ARGV[1], ARGV[2], ARGV[3]
+if e and '=' .. (redis.call('HGET', h, k) or '') ~= e then return 0 end
 local m = struct.pack('>c0I4c0', 'D', #k, k)
+for _, name in ipairs({h, c}) do
+    if not redis.acl_check_cmd('PUBLISH', name, '') then return redis.error_reply('NOPERM nothing is changed: no permission to publish by ' .. name) end
+end
+if redis.call('HDEL', h, k) == 0 then return 0 end
+redis.set_repl(redis.REPL_NONE)
 redis.call('PUBLISH', h, m)
 redis.call('PUBLISH', c, m)
 return 1)",
-                                        "8b8f6aa2d75355e60355eebd1e0b0c4c084886e3"};
+                                        "72e8c2e618417c68c1cfc5963704cb2f0a60e224"};
 
 // ARGV: private channel.
 inline constexpr std::string_view echo_script = R"(

@@ -6,7 +6,7 @@
 //     So a scanned object is never older than a change told before it;
 //   - a scan ends with a Page that is the last one, unless the connection is lost first;
 //   - what was followed survives a lost connection: it is followed again before connected() is told;
-//   - read, read_all, write and erase work on any thread, the loop's included, and wait for nothing that the loop does;
+//   - read, read_all, write, erase and replace work on any thread, the loop's included, and wait for nothing that the loop does;
 //   - the sink hears nothing after the Store's destructor has returned.
 //
 // The client calls follow() and up() with its own lock held: they must not wait for the loop.
@@ -95,6 +95,9 @@ public:
     // answered; after that one a store may leave the rest out.
     virtual int32_t write_many(const std::vector<Write> &writes, size_t &taken, size_t &refused) = 0;
     virtual int32_t erase(const Place &place, const std::string &key) = 0;
+    // Writes, or erases when `after` is null, if what the store has is still `before`, null for nothing; else
+    // TQ_MOM_E_CHANGED. At least one of them is an object, both have the same key.
+    virtual int32_t replace(const Place &place, const ObjectPtr &before, const ObjectPtr &after) = 0;
 };
 
 // Opens the store that a URL names, for a client with that loop. Null, after one line on standard error: see `error`; the

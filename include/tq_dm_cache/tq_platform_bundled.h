@@ -67,8 +67,9 @@ enum {
     TQ_MOM_E_NOT_FOUND = -5,   /* no such object */
     TQ_MOM_E_DAMAGED = -6,     /* bytes that are not what they should be */
     TQ_MOM_E_TIMEOUT = -7,
-    TQ_MOM_E_DENIED = -8, /* the store refuses the credentials */
-    TQ_MOM_E_REFUSED = -9 /* the store refuses a request: out of memory, read-only, no permission */
+    TQ_MOM_E_DENIED = -8,  /* the store refuses the credentials */
+    TQ_MOM_E_REFUSED = -9, /* the store refuses a request: out of memory, read-only, no permission */
+    TQ_MOM_E_CHANGED = -10 /* the store has something else than was expected */
 };
 
 /*
@@ -104,6 +105,14 @@ DM_API int32_t tq_mom_set_many(tq_mom_handle *handle, const tq_mom_write *writes
 
 /* Deletes one object and tells its subscribers. TQ_MOM_E_NOT_FOUND when there is none, and nobody is told. */
 DM_API int32_t tq_mom_del(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *obj_with_key);
+
+/*
+ * Replaces an object if nobody has changed it meanwhile: sets `after` if the store still has `before`, as it was read;
+ * null for `before`: if the store has no object of that key; null for `after`: deletes it. Else TQ_MOM_E_CHANGED, and nothing
+ * is changed or told. Both borrowed for the call. Not of one kind and key, or both null: TQ_MOM_E_ARGUMENT.
+ */
+DM_API int32_t tq_mom_replace(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *before,
+                              const ProtobufCMessage *after);
 
 /*
  * Hears of the connection, on the loop's thread: first how it is now, with reason 0, then every change. connected 1: it

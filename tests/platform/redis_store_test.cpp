@@ -126,6 +126,16 @@ TEST_F(RedisStore, TheStatedPermissionsSuffice) {
     EXPECT_EQ(client.get(1) + ", " + join(client.scan_sync()), "1:2, has 1:2");
     client.del(1);
     ASSERT_TRUE(client.wait("sub: deleted 1:0"));
+
+    // A change that nobody may be told of is none: else every reader keeps the old picture.
+    client.set(1, 3);
+    const Message three = card_of_type(1, 3);
+    server.command({"ACL", "SETUSER", "writer", "on", ">pw", "~dm:*", "&dm:client:*", "+@all"});
+    RecordingClient writer("redis+unix://writer:pw@" + server.socket());
+    EXPECT_EQ(set(writer, card_of_type(1, 4)), TQ_MOM_E_REFUSED);
+    EXPECT_EQ(tq_mom_replace(writer.handle(), 1, three.get(), nullptr), TQ_MOM_E_REFUSED);
+    EXPECT_EQ(tq_mom_del(writer.handle(), 1, three.get()), TQ_MOM_E_REFUSED);
+    EXPECT_EQ(client.get(1), "1:3");
     server.command({"ACL", "SETUSER", "dm", "-hset"});
     EXPECT_EQ(set(client, card_of_type(1, 1)), TQ_MOM_E_REFUSED);
     server.command({"ACL", "SETUSER", "dm", "-info"});  // what an echo needs: it is missed

@@ -60,6 +60,38 @@ TEST_P(StoreContract, PushesAndScansAreOneOrder) {
     EXPECT_EQ(writer.get(3), "nothing error -5");
 }
 
+// Two writers that read, change and write at the same time: the one that comes second must be told, or a change is lost.
+TEST_P(StoreContract, AReplacementNeedsWhatWasRead) {
+    reader.subscribe("sub");
+    ASSERT_TRUE(reader.wait("sub: confirmed"));
+    const Message first = card_of_type(1, 1), second = card_of_type(1, 2), elsewhere = card_of_type(2, 1);
+    const struct {
+        const ProtobufCMessage *before, *after;
+        int32_t code;
+    } rows[] = {
+        {first.get(), second.get(), TQ_MOM_E_CHANGED},  // none there yet
+        {nullptr, first.get(), 0},
+        {nullptr, second.get(), TQ_MOM_E_CHANGED},
+        {second.get(), first.get(), TQ_MOM_E_CHANGED},
+        {first.get(), second.get(), 0},
+        {first.get(), nullptr, TQ_MOM_E_CHANGED},
+        {second.get(), nullptr, 0},
+        {second.get(), nullptr, TQ_MOM_E_CHANGED},
+        {first.get(), elsewhere.get(), TQ_MOM_E_ARGUMENT},
+        {nullptr, nullptr, TQ_MOM_E_ARGUMENT},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(tq_mom_replace(writer.handle(), 1, row.before, row.after), row.code) << &row - rows;
+
+    // Bytes that this library would not write so: the last of two values holds.
+    const Message read = card_of_type(3, 4);
+    put_bytes(3, packed(card_of_type(3, 5).get()) + packed(read.get()));
+    EXPECT_EQ(tq_mom_replace(writer.handle(), 1, read.get(), card_of_type(3, 6).get()), 0);
+    ASSERT_TRUE(reader.wait("sub: set 3:6"));
+    EXPECT_EQ(reader.told(),
+              "sub: confirmed, sub: set 1:1, sub: set 1:2, sub: deleted 1:0, sub: set 3:4, sub: set 3:6");
+}
+
 // A cache that subscribes again after a reconnect would apply every change twice, or wait for ever.
 TEST_P(StoreContract, ARepeatedSubscriptionIsConfirmedAndDoublesNothing) {
     for (const char *name : {"a", "a", "b"}) reader.subscribe(name);
