@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <type_traits>
 
 #include "tq_dm_cache/dm_cache.h"
 
@@ -31,6 +32,19 @@ template <class T> const T *as(const ProtobufCMessage *message) {
 // Writes a result through an out-parameter that the public interface declares as void *.
 template <class T> void put(void *out, T *value) {
     std::memcpy(out, &value, sizeof value);
+}
+
+// What a field holds; an enumeration as a number. A store may send any number, also one that the enumeration's type has no
+// value for: such a field must not be read as what it is declared.
+template <class Field> auto number(const Field &field) {
+    if constexpr (std::is_enum_v<Field>) {
+        int32_t stored;
+        static_assert(sizeof stored == sizeof field);
+        std::memcpy(&stored, &field, sizeof stored);
+        return stored;
+    } else {
+        return field;
+    }
 }
 
 // Counts down; the last owner frees the block.

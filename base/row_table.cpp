@@ -21,6 +21,10 @@ static_assert(std::size(bits_of_word) == max_key_words + 1 && 6 * 9 == place_bit
 constexpr int32_t fewest = 9;
 constexpr unsigned fewest_bits = 4, most_bits = 20;
 
+// As many owners at one place make the table one of whole keys, so that no look-up walks past all of them; who asks for all
+// elements at a place then walks the row.
+constexpr unsigned most_at_place = 256;
+
 struct Slot {
     uint64_t tag;
     dm_cache_list_node *node;  // null: free
@@ -33,6 +37,7 @@ struct Slot {
 struct RowTable {
     Slot *slots;  // null: the row walks
     unsigned bits;
+    unsigned owners;  // the kind's key_owners; 0: the whole key counts as the place
     const Kind *kind;
 };
 
@@ -63,11 +68,11 @@ uint64_t place_tag(const int32_t *place, unsigned words) {
     return fits ? packed : (hash & place_mask) | place_hashed;
 }
 
-Key make_key(const Kind &kind, const ProtobufCMessage *message) {
+Key make_key(const RowTable &table, const ProtobufCMessage *message) {
     Key key;
-    kind.read_key(message, key.words);
-    key.tag = place_tag(key.words + kind.key_owners, kind.key_words - kind.key_owners);
-    if (kind.key_owners == 0) return key;
+    table.kind->read_key(message, key.words);
+    key.tag = place_tag(key.words + table.owners, table.kind->key_words - table.owners);
+    if (table.owners == 0) return key;
     const auto owner = static_cast<uint32_t>(key.words[0]);
     key.tag |= static_cast<uint64_t>(owner & ((1u << owner_bits) - 1)) << place_bits;
     if (owner >> owner_bits != 0) key.tag |= owner_cut;
@@ -110,14 +115,25 @@ void drop(RowTable &table) {
     table.slots = nullptr;
 }
 
-// There is room: a quarter of the slots is always free.
-void enter(RowTable &table, dm_cache_list_node *node) {
+// There is room: a quarter of the slots is always free. False when the place has too many owners for a table of places.
+bool enter(RowTable &table, dm_cache_list_node *node) {
     const ProtobufCMessage *const message = key_in(*table.kind, node);
-    if (!message) return;
-    const uint64_t tag = make_key(*table.kind, message).tag;
+    if (!message) return true;
+    const uint64_t tag = make_key(table, message).tag;
+    unsigned at_place = 0;
     size_t at = home(table, tag);
-    while (table.slots[at].node) at = next_slot(table, at);
+    for (; table.slots[at].node; at = next_slot(table, at))
+        if (((table.slots[at].tag ^ tag) & (place_mask | place_hashed)) == 0) ++at_place;
     table.slots[at] = {tag, node};
+    return table.owners == 0 || at_place < most_at_place;
+}
+
+bool enter_all(RowTable &table, int32_t row) {
+    for (dm_cache_list_node &node : Elements(&lists[row])) {
+        node.row = static_cast<uint8_t>(row);
+        if (!enter(table, &node)) return false;
+    }
+    return true;
 }
 
 bool fits(unsigned bits, int32_t count) {
@@ -133,10 +149,11 @@ void make(RowTable &table, int32_t row) {
     if (list.count < fewest || table.bits > most_bits) return;
     table.slots = static_cast<Slot *>(calloc(room(table), sizeof(Slot)));
     if (!table.slots) return;
-    for (dm_cache_list_node &node : Elements(&list)) {
-        node.row = static_cast<uint8_t>(row);
-        enter(table, &node);
-    }
+    table.owners = table.kind->key_owners;
+    if (enter_all(table, row)) return;
+    table.owners = 0;
+    std::memset(table.slots, 0, room(table) * sizeof(Slot));
+    enter_all(table, row);
 }
 
 // Moves up what follows a slot that has become free and is met behind it.
@@ -160,7 +177,7 @@ const RowTable *table_for(const dm_cache_list *list, dm_cache_cmp_func cmp) {
 }
 
 dm_cache_list_node *find_in(const RowTable &table, const ProtobufCMessage *message) {
-    const Key key = make_key(*table.kind, message);
+    const Key key = make_key(table, message);
     for (size_t at = home(table, key.tag);; at = next_slot(table, at)) {
         const Slot &slot = table.slots[at];
         if (!slot.node) return nullptr;
@@ -183,7 +200,7 @@ void for_elements_at(int32_t row, const int32_t *place, VisitElement visit, void
 
     const obj_sub_entry &entry = obj_sub_list[row];
     const RowTable *const table = table_for(entry.obj_list, entry.cmp_func);
-    if (!table) {
+    if (!table || table->owners != owners) {
         for (dm_cache_list_node &node : Elements(entry.obj_list))
             if (key_in(kind, &node) && same_words(kind, &node, words, owners)) visit(&node, word);
         return;
@@ -204,7 +221,7 @@ void table_take_in(dm_cache_list *list, dm_cache_list_node *node) {
     if (!table.kind || table.kind->key_words == 0) return;
     if (!table.slots || !fits(table.bits, list->count)) return make(table, row);
     node->row = static_cast<uint8_t>(row);
-    enter(table, node);
+    if (!enter(table, node)) make(table, row);
 }
 
 void table_let_go(dm_cache_list_node *node) {
@@ -214,7 +231,7 @@ void table_let_go(dm_cache_list_node *node) {
     if (!table.slots) return;
     const ProtobufCMessage *const message = key_in(*table.kind, node);
     if (!message) return;
-    size_t at = home(table, make_key(*table.kind, message).tag);
+    size_t at = home(table, make_key(table, message).tag);
     while (table.slots[at].node && table.slots[at].node != node) at = next_slot(table, at);
     if (table.slots[at].node) close_gap(table, at);
 }

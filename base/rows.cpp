@@ -168,6 +168,10 @@ const Kind *kind_of_row(int32_t row) {
     return line > 0 ? &table[line - 1] : nullptr;
 }
 
+bool same_kind(const ProtobufCMessageDescriptor *own, const ProtobufCMessageDescriptor &kind) {
+    return own && own->sizeof_message == kind.sizeof_message && std::strcmp(own->name, kind.name) == 0;
+}
+
 void fill_row(obj_sub_entry *entry, const Kind &kind) {
     // A template is written once: from then on the store client may be reading it.
     if (!kind.tmpl->descriptor) {

@@ -79,6 +79,12 @@ inline bool row_followed(const obj_sub_entry &row) {
     return row.enable != 0 && row.obj_tmpl;
 }
 
+// A message is of this kind: of this very descriptor, or of another library's own one of the same name and size.
+bool same_kind(const ProtobufCMessageDescriptor *own, const ProtobufCMessageDescriptor &kind);
+inline bool is_kind(const ProtobufCMessage *message, const ProtobufCMessageDescriptor *kind) {
+    return message->descriptor == kind || same_kind(message->descriptor, *kind);
+}
+
 // A message lacks the key that its kind needs.
 inline bool key_missing(const obj_sub_entry &row, const ProtobufCMessage *message) {
     return row.index_offset > 0 && !key_of(message, row.index_offset);

@@ -7,6 +7,7 @@
 #include "cache/access.h"
 #include "cache/row_update.h"
 #include "cache/startup.h"
+#include "cache/status.h"
 
 static constexpr char log_tag[] = "dm_cache";
 
@@ -40,6 +41,7 @@ int32_t cache_object(int32_t type, const ProtobufCMessage *obj, uint64_t since) 
         result = offer_object(type, obj, since);
     }
     if (result >= 0) return 0;
+    status_refused(type);
     DM_LOG_AS((Caller{"dm_cache_set_obj"}), failure, "dm_cache_list_add error[%d]\r\n", result);
     return result;
 }

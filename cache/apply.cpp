@@ -34,6 +34,9 @@ bool is_push(int32_t cmd) {
 bool is_applied_reply(int32_t cmd) {
     return cmd == TQ_MOM_CMD_REPLY || cmd == TQ_MOM_CMD_REPLY_HASH;
 }
+bool is_applied(int32_t cmd) {
+    return is_push(cmd) || is_applied_reply(cmd);
+}
 
 // The object of a set or a delete; null, logged for the caller, when it is missing.
 ProtobufCMessage *object_of_push(const store_msg *msg, Caller caller = Caller{}) {
@@ -61,6 +64,10 @@ void apply(tq_mom_handle *handle, int32_t row, int32_t cmd, ProtobufCMessage *ob
 
 }  // namespace
 
+bool brings_change(const store_msg &msg) {
+    return is_applied(msg.cmd) && (msg.value || msg.flag != 1);
+}
+
 int32_t dm_cache_handle_setmsg(tq_mom_handle *handle, int32_t row, ProtobufCMessage *obj, StoredMessage stored) {
     int32_t result = -1;
     {
@@ -68,7 +75,7 @@ int32_t dm_cache_handle_setmsg(tq_mom_handle *handle, int32_t row, ProtobufCMess
         if (!stores_nothing(row)) result = stored ? store_shared(row, std::move(stored)) : store_object(row, obj);
     }
     if (result < 0) {
-        status_count(row, Count::refused);
+        status_refused(row);
         DM_LOG(failure, "dm_cache_list_add error[%d]\r\n", result);
         return result;
     }
@@ -87,7 +94,7 @@ int32_t dm_cache_handle_delmsg(tq_mom_handle *handle, int32_t row, ProtobufCMess
             DM_LOG(failure, "can't find obj in cache to delete ret[%d] get[%p].\r\n", -1, static_cast<void *>(nullptr));
     }
     if (!removed) {
-        status_count(row, Count::refused);
+        status_refused(row);
         return -1;
     }
     status_count(row, Count::deletes);
@@ -117,9 +124,12 @@ int32_t dm_cache_update_obj(tq_mom_handle *handle, store_msg *msg, void *privdat
         DM_LOG(trace, "subscribe[%d] ready, start scan[%d].\n", row, ret);
         return 0;
     }
-    if (!is_push(msg->cmd) && !is_applied_reply(msg->cmd)) return 0;
+    if (!is_applied(msg->cmd)) return 0;
     ProtobufCMessage *obj = is_push(msg->cmd) ? object_of_push(msg) : object_of_reply(msg);
-    if (!obj) return -1;
+    if (!obj) {
+        if (brings_change(*msg)) status_refused(row);
+        return -1;
+    }
     apply(handle, row, msg->cmd, obj);
     return 0;
 }

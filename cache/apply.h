@@ -11,6 +11,9 @@ inline void *row_word(int32_t row) {
     return reinterpret_cast<void *>(static_cast<intptr_t>(row));
 }
 
+// The message sets or deletes an object; the end mark of a scan does not, and what is read by request is not for the cache.
+bool brings_change(const store_msg &msg);
+
 // 0, or the code of a change that was refused: no callback runs then. `stored` is another owner of the object, if the cache
 // may keep the object as it is; else the cache makes a copy.
 int32_t dm_cache_handle_setmsg(tq_mom_handle *handle, int32_t row, ProtobufCMessage *obj, StoredMessage stored = {});

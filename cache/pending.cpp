@@ -8,6 +8,7 @@
 #include "base/rows.h"
 #include "cache/apply.h"
 #include "cache/row_update.h"
+#include "cache/status.h"
 #include "tq_dm_cache/dm_cache_sync.h"
 
 static constexpr char log_tag[] = "dm_cache";
@@ -27,24 +28,37 @@ struct FreeItem {
 };
 using OwnedItem = std::unique_ptr<pending_item, FreeItem>;
 
-OwnedItem unqueue(pending_item *item) {
+// Where a walk of the queue goes on. What it calls may bring another message, which walks the queue itself and frees items:
+// so a walk is told of every item that leaves.
+struct Walk {
+    dm_list_head *next;
+    Walk *outer;
+};
+Walk *walks = nullptr;
+
+void leave_queue(pending_item *item) {
+    for (Walk *walk = walks; walk; walk = walk->outer)
+        if (walk->next == &item->link) walk->next = item->link.next;
     list_unlink(&item->link);
     --g_cache_pending_num;
-    return OwnedItem(item);
 }
 
-// Calls `take` for every item that is wanted, which may unqueue it.
-template <class Wanted, class Take> void for_items(const Wanted &wanted, const Take &take) {
-    for (dm_list_head *link = g_cache_pending_list.next, *next; link != &g_cache_pending_list; link = next) {
-        next = link->next;
-        auto *item = reinterpret_cast<pending_item *>(link);
-        if (wanted(*item)) take(item);
+// Takes every item that is wanted out of the queue and hands it to `take`.
+template <class Wanted, class Take> void take_items(const Wanted &wanted, const Take &take) {
+    Walk walk{g_cache_pending_list.next, walks};
+    walks = &walk;
+    while (walk.next != &g_cache_pending_list) {
+        auto *item = reinterpret_cast<pending_item *>(walk.next);
+        walk.next = walk.next->next;
+        if (!wanted(*item)) continue;
+        leave_queue(item);
+        take(OwnedItem(item));
     }
+    walks = walk.outer;
 }
 
-void apply_item(tq_mom_handle *handle, pending_item *item) {
+void apply_item(tq_mom_handle *handle, const OwnedItem &item) {
     dm_cache_process_msg(handle, item->row, item->cmd, StoredMessage(std::exchange(item->obj, nullptr)));
-    unqueue(item);
 }
 
 // A copy of an object to gather, or a share of the cached one that is equal to it.
@@ -60,19 +74,19 @@ int32_t keep(int32_t row, const ProtobufCMessage *obj, StoredMessage &kept) {
 }  // namespace
 
 void dm_cache_process_order(tq_mom_handle *handle, int32_t proc_order) {
-    for_items(
+    take_items(
         [=](const pending_item &item) {
             return item.row != DM_ROW_DP_LIB_COMPLETE && obj_sub_list[item.row].proc_order == proc_order;
         },
-        [=](pending_item *item) { apply_item(handle, item); });
+        [=](const OwnedItem &item) { apply_item(handle, item); });
 }
 
 void dm_cache_process_rest(tq_mom_handle *handle) {
-    for_items([](const pending_item &) { return true; }, [=](pending_item *item) { apply_item(handle, item); });
+    take_items([](const pending_item &) { return true; }, [=](const OwnedItem &item) { apply_item(handle, item); });
 }
 
 void drop_pending(int32_t row) {
-    for_items([=](const pending_item &item) { return item.row == row; }, [](pending_item *item) { unqueue(item); });
+    take_items([=](const pending_item &item) { return item.row == row; }, [](const OwnedItem &) {});
 }
 
 bool carries_record(int32_t cmd) {
@@ -90,6 +104,29 @@ ProtobufCMessage *object_of_record(const result_rec *record, Caller caller) {
 
 using namespace dm;
 
+namespace {
+
+int32_t queue_object(const store_msg *msg, int32_t row, Caller caller) {
+    OwnedItem item(static_cast<pending_item *>(calloc(1, sizeof(pending_item))));
+    if (!item) return -1;
+    item->row = row;
+    item->cmd = msg->cmd;
+    const ProtobufCMessage *obj = carries_record(msg->cmd)
+                                      ? object_of_record(static_cast<const result_rec *>(msg->value), caller)
+                                      : static_cast<const ProtobufCMessage *>(msg->value);
+    if (!obj) return -1;
+    StoredMessage kept;
+    if (const int32_t ret = keep(row, obj, kept); ret != 0) {
+        DM_LOG_AS(caller, failure, "dm_cache_copy_obj failed ! ret %d\r\n", ret);
+        return -2;
+    }
+    item->obj = kept.release();
+    dm_list_add_tail_no_limit(&item.release()->link, &g_cache_pending_list, &g_cache_pending_num);
+    return 0;
+}
+
+}  // namespace
+
 int32_t dm_cache_mom_cache(store_msg *msg, int32_t row) {
     if (!msg) return -1;
     if (!msg->value) {
@@ -97,22 +134,9 @@ int32_t dm_cache_mom_cache(store_msg *msg, int32_t row) {
         return 0;
     }
     if (!row_in_range(row)) return -1;
-    OwnedItem item(static_cast<pending_item *>(calloc(1, sizeof(pending_item))));
-    if (!item) return -1;
-    item->row = row;
-    item->cmd = msg->cmd;
-    const ProtobufCMessage *obj = carries_record(msg->cmd)
-                                      ? object_of_record(static_cast<const result_rec *>(msg->value))
-                                      : static_cast<const ProtobufCMessage *>(msg->value);
-    if (!obj) return -1;
-    StoredMessage kept;
-    if (const int32_t ret = keep(row, obj, kept); ret != 0) {
-        DM_LOG(failure, "dm_cache_copy_obj failed ! ret %d\r\n", ret);
-        return -2;
-    }
-    item->obj = kept.release();
-    dm_list_add_tail_no_limit(&item.release()->link, &g_cache_pending_list, &g_cache_pending_num);
-    return 0;
+    const int32_t ret = queue_object(msg, row, Caller{});
+    if (ret != 0) status_refused(row);
+    return ret;
 }
 
 int32_t dm_cache_resort_over(void) {
@@ -122,8 +146,7 @@ int32_t dm_cache_resort_over(void) {
         auto *item = reinterpret_cast<pending_item *>(link);
         link = link->next;
         if (item->row != DM_ROW_DP_LIB_COMPLETE) continue;
-        list_unlink(&item->link);
-        --g_cache_pending_num;
+        leave_queue(item);
         dm_list_add_tail_no_limit(&item->link, &g_cache_pending_list, &g_cache_pending_num);
     }
     return 0;

@@ -66,26 +66,40 @@ OwnedNode take_out(int32_t type, dm_cache_list_node *node) DM_REQUIRES_LOCK {
     return taken;
 }
 
+// Of the row's kind and with its key: only such an object is looked into.
 bool can_hold(int32_t type, const ProtobufCMessage *obj) {
     const obj_sub_entry &row = obj_sub_list[type];
-    return row.obj_list && !key_missing(row, obj);
+    return row.obj_list && is_kind(obj, row.obj_tmpl->descriptor) && !key_missing(row, obj);
+}
+
+// Told before an object that is not there yet is copied, so that a flood of what has no room costs a look-up each.
+bool has_room(int32_t type) DM_REQUIRES_LOCK {
+    if (obj_sub_list[type].obj_list->count < DM_CACHE_LIST_LIMIT) return true;
+    status_no_room(type);
+    return false;
+}
+
+// Of an object that the row can hold.
+int32_t store_held(int32_t type, const ProtobufCMessage *obj) DM_REQUIRES_LOCK {
+    dm_cache_list_node *node = find(type, obj);
+    if (node && same_content(node->obj, obj)) return come_again(type, node);
+    if (!node && !has_room(type)) return -1;
+    StoredMessage message;
+    if (const int32_t code = store_copy(obj, obj->descriptor, message); code != 0) return code;
+    return put_message(type, node, std::move(message));
 }
 
 }  // namespace
 
 int32_t store_object(int32_t type, const ProtobufCMessage *obj) {
-    if (!can_hold(type, obj)) return -1;
-    dm_cache_list_node *node = find(type, obj);
-    if (node && same_content(node->obj, obj)) return come_again(type, node);
-    StoredMessage message;
-    if (const int32_t code = store_copy(obj, obj->descriptor, message); code != 0) return code;
-    return put_message(type, node, std::move(message));
+    return can_hold(type, obj) ? store_held(type, obj) : -1;
 }
 
 int32_t store_shared(int32_t type, StoredMessage message) {
     if (!can_hold(type, message.get())) return -1;
     dm_cache_list_node *node = find(type, message.get());
     if (node && same_content(node->obj, message.get())) return come_again(type, node);
+    if (!node && !has_room(type)) return -1;
     return put_message(type, node, std::move(message));
 }
 
@@ -111,14 +125,19 @@ bool overtaken(int32_t type, const ProtobufCMessage *obj, uint64_t since) DM_REQ
 }  // namespace
 
 int32_t offer_object(int32_t type, const ProtobufCMessage *obj, uint64_t since) {
-    if (obj_sub_list[type].flag & DM_CACHE_NO_STORE || overtaken(type, obj, since)) return kept_out;
-    return store_object(type, obj);
+    if (obj_sub_list[type].flag & DM_CACHE_NO_STORE) return kept_out;
+    if (!can_hold(type, obj)) return -1;
+    if (overtaken(type, obj, since)) return kept_out;
+    const int32_t result = store_held(type, obj);
+    // The object is as old as its read: what the same read brings after it is not overtaken by it.
+    if (result >= 0 && since != never_overtaken) find(type, obj)->changed = static_cast<uint32_t>(since);
+    return result;
 }
 
 // A delete that finds nothing counts too: a read that began before it may be about to bring the object.
 OwnedNode remove_object(int32_t type, const ProtobufCMessage *probe) {
     last_removal[type] = ++changes;
-    dm_cache_list_node *node = find(type, probe);
+    dm_cache_list_node *node = can_hold(type, probe) ? find(type, probe) : nullptr;
     return node ? take_out(type, node) : nullptr;
 }
 

@@ -4,8 +4,10 @@
 #include "cache/status.h"
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 
@@ -18,6 +20,8 @@ namespace {
 struct RowStatus {
     dm_cache_stats stats;
     int64_t scan_asked_ms;
+    uint32_t no_room;       // objects refused because the row was full
+    uint32_t no_room_told;  // how many of them a line has told of
 };
 
 pthread_mutex_t status_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -64,6 +68,24 @@ uint32_t read(const uint32_t &word) {
 constexpr uint32_t dm_cache_stats::*counters[] = {&dm_cache_stats::sets, &dm_cache_stats::deletes,
                                                   &dm_cache_stats::swept, &dm_cache_stats::refused};
 
+void count(uint32_t &word, uint32_t n) {
+    __atomic_fetch_add(&word, n, __ATOMIC_RELAXED);
+}
+
+// One line when a row begins to refuse what it has no room for, and one at each doubling. On standard error: with the
+// threshold that a process starts with the log is silent, and objects are being lost.
+void tell_of_no_room(int32_t row) {
+    RowStatus &status = rows[row];
+    const uint32_t now_refused = read(status.no_room);
+    uint32_t told = read(status.no_room_told);
+    if (now_refused < (told == 0 ? 1 : 2 * told)) return;
+    if (!__atomic_compare_exchange_n(&status.no_room_told, &told, now_refused, false, __ATOMIC_RELAXED,
+                                     __ATOMIC_RELAXED))
+        return;
+    dprintf(STDERR_FILENO, "dm_cache: row %d %s is full: %d objects cached, %u refused\n", row,
+            obj_sub_list[row].obj_tmpl->descriptor->name, DM_CACHE_LIST_LIMIT, now_refused);
+}
+
 // Waits for a change of the status that makes `holds` true; -1 when the time is up.
 template <class Holds> int32_t wait_until(const Holds &holds, int32_t timeout_ms) {
     const timespec deadline = deadline_in(timeout_ms > 0 ? timeout_ms : 0);
@@ -77,7 +99,16 @@ template <class Holds> int32_t wait_until(const Holds &holds, int32_t timeout_ms
 }  // namespace
 
 void status_count(int32_t row, Count what, uint32_t n) {
-    __atomic_fetch_add(&(rows[row].stats.*counters[static_cast<size_t>(what)]), n, __ATOMIC_RELAXED);
+    count(rows[row].stats.*counters[static_cast<size_t>(what)], n);
+}
+
+void status_refused(int32_t row) {
+    count(rows[row].stats.refused, 1);
+    if (read(rows[row].no_room) != read(rows[row].no_room_told)) tell_of_no_room(row);
+}
+
+void status_no_room(int32_t row) {
+    count(rows[row].no_room, 1);
 }
 
 void status_objects(int32_t row, int32_t cached) {

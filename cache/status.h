@@ -6,9 +6,16 @@
 
 namespace dm {
 
-enum class Count { sets, deletes, swept, refused };
+enum class Count { sets, deletes, swept };
 
 void status_count(int32_t row, Count what, uint32_t n = 1);
+
+// A change that has arrived does not end in the cache: every way on which one is lost comes here. Not under the cache lock:
+// it may write a line.
+void status_refused(int32_t row);
+
+// A row has no room for an object: status_refused() is to tell of it.
+void status_no_room(int32_t row);
 void status_objects(int32_t row, int32_t cached);
 void status_subscribed(int32_t row);
 void status_scan_asked(int32_t row);

@@ -15,7 +15,9 @@
 // marks every row dirty and scans all of them; and a lost connection, after which the rows of that database are subscribed
 // again, and marked dirty and scanned again when each one's timer ends. Subscribing is never entered twice.
 //
-// A row whose subscription or scan is refused, or never confirmed, holds the machine where it is until a reconnect. The end
+// A row whose subscription or scan is refused, or never confirmed, holds the machine where it is until a reconnect. One that
+// the platform holds, and asks for again by itself (TQ_MOM_RESULT_HELD), holds nobody: the others go on without it, nothing
+// of it is swept, and its scan, when it is granted, is applied live. The end
 // of a scan that was asked for before its row was marked dirty does not count: what it brought is older. A scan that the
 // store takes up on a new connection before it reports the reconnect cannot be told from one that the loss cut off: the
 // application may then come before the rescan has ended, and what the rescan still brings is applied live.
@@ -44,6 +46,7 @@ using RowFlags = uint8_t[DM_ROW_COUNT];
 RowFlags g_cache_sub_asked;  // the store has taken the subscription that brings pushes
 RowFlags g_cache_sub_done;
 RowFlags g_cache_scan_done;
+RowFlags g_cache_held;  // the store refuses the subscription or the scan for now
 uint8_t g_cache_all_sub_done = 0;
 uint8_t g_cache_all_scan_done = 0;
 tq_thread_timer g_cache_scan_timer[DM_ROW_COUNT];
@@ -72,10 +75,16 @@ State state() {
     return proc_done() ? State::live : State::applying;
 }
 
+// But for those that are held, unless all of them are.
 bool every_followed_row(const RowFlags &flags) {
-    for (int32_t row = 0; row < obj_sub_list_max; ++row)
-        if (row_followed(obj_sub_list[row]) && flags[row] != 1) return false;
-    return true;
+    bool any_done = false, any_held = false;
+    for (int32_t row = 0; row < obj_sub_list_max; ++row) {
+        if (!row_followed(obj_sub_list[row])) continue;
+        if (flags[row] != 1 && !g_cache_held[row]) return false;
+        any_done |= flags[row] == 1;
+        any_held |= g_cache_held[row] != 0;
+    }
+    return any_done || !any_held;
 }
 
 // Calls `act` for each row that is followed in the store.
@@ -167,9 +176,19 @@ void dm_cache_mom_start_scan() {
     dm_cache_mom_first_scan_data();
 }
 
+// What a late scan did not bring.
+void sweep_row(int32_t row) {
+    CacheLock lock;
+    status_count(row, Count::swept, sweep(row));
+}
+
 void dm_cache_mom_update_scan_over_list(store_msg *msg, int32_t row) {
     if (!scan_counts(row)) return;
     set_scan_done(row, true);
+    if (g_cache_held[row]) {
+        g_cache_held[row] = 0;
+        if (state() == State::live) sweep_row(row);
+    }
     if (!every_followed_row(g_cache_scan_done) || g_cache_all_scan_done) return;
     DM_LOG(notice, "all key scan done. \n");
     DM_LOG(trace, "dp rsync scan finish.");
@@ -184,27 +203,49 @@ void dm_cache_set_all_dirty() {
         if (obj_sub_list[row].enable == 1) mark_dirty(row);
 }
 
+// The picture is complete; told once, by whichever of two nested applications comes to its end first.
+void application_done() {
+    if (proc_done()) return;
+    set_proc_done(1);
+    status_applied();
+}
+
 // Applies what was gathered. An empty queue after a scan still means that what was marked dirty is gone; an empty queue
-// when live means nothing.
+// when live means nothing. What is applied may bring another message: when that sets the machine gathering again, what is
+// marked dirty stays for the application to come.
 void dm_cache_mom_process_cache(tq_mom_handle *handle) {
-    const bool gathered = !proc_done();
     if (list_empty(&g_cache_pending_list)) {
-        if (gathered) dm_cache_clear_data_dirty();
-        set_proc_done(1);
-    } else {
-        for (int32_t proc_order = 1; proc_order <= 3; ++proc_order) dm_cache_process_order(handle, proc_order);
-        dm_cache_process_rest(handle);
-        dm_cache_clear_data_dirty();
-        if (list_empty(&g_cache_pending_list)) set_proc_done(1);
-        DM_LOG(trace, "process cache, g_cache_proc_done = %d\n", proc_done());
+        if (!proc_done()) dm_cache_clear_data_dirty();
+        application_done();
+        return;
     }
-    if (gathered && proc_done()) status_applied();
+    for (int32_t proc_order = 1; proc_order <= 3; ++proc_order) dm_cache_process_order(handle, proc_order);
+    dm_cache_process_rest(handle);
+    if (g_cache_all_scan_done) dm_cache_clear_data_dirty();
+    if (g_cache_all_scan_done && list_empty(&g_cache_pending_list)) application_done();
+    DM_LOG(trace, "process cache, g_cache_proc_done = %d\n", proc_done());
+}
+
+// The last row that the others waited for may be this one.
+void hold_row(tq_mom_handle *handle, int32_t row) {
+    g_cache_held[row] = 1;
+    if (!g_cache_all_sub_done) return dm_cache_mom_start_scan();
+    if (!every_followed_row(g_cache_scan_done) || g_cache_all_scan_done) return;
+    DM_LOG(notice, "all key scan done. \n");
+    g_cache_all_scan_done = 1;
+    set_proc_done(0);
+    dm_cache_mom_process_cache(handle);
+}
+
+bool is_held(const tq_mom_handle *handle, const store_msg *msg, intptr_t row) {
+    return handle && msg && msg->result == TQ_MOM_RESULT_HELD && row >= 0 && row < obj_sub_list_max &&
+           row_followed(obj_sub_list[row]);
 }
 
 void reset_machine() {
     for (int32_t row = 0; row < obj_sub_list_max; ++row) {
         drop_pending(row);
-        g_cache_sub_asked[row] = g_cache_sub_done[row] = g_cache_scan_done[row] = 0;
+        g_cache_sub_asked[row] = g_cache_sub_done[row] = g_cache_scan_done[row] = g_cache_held[row] = 0;
         scans_are_cut_off(row);
     }
     g_cache_all_sub_done = g_cache_all_scan_done = 0;
@@ -249,11 +290,12 @@ void gather_again(int32_t row) {
 }
 
 int32_t dm_cache_tq_mom_subscribe_callback(tq_mom_handle *handle, store_msg *msg, void *privdata) {
+    const auto word = reinterpret_cast<intptr_t>(privdata);
     if (!handle || !msg || msg->result != 0) {
         DM_LOG(failure, "input err.\n");
+        if (is_held(handle, msg, word)) hold_row(handle, static_cast<int32_t>(word));
         return -1;
     }
-    const auto word = reinterpret_cast<intptr_t>(privdata);
     if (word < 0 || word >= obj_sub_list_max) {
         DM_LOG(failure, "index err.\n");
         return -1;
@@ -261,6 +303,7 @@ int32_t dm_cache_tq_mom_subscribe_callback(tq_mom_handle *handle, store_msg *msg
     if (msg->cmd != TQ_MOM_CMD_SUBSCRIBED) return 0;
 
     const auto row = static_cast<int32_t>(word);
+    g_cache_held[row] = 0;
     gather_again(row);
     const int32_t delay = tq_mom_get_reconnect_scan_time(handle, obj_sub_list[row].db_id);
     cancel_rescan(row);
@@ -277,6 +320,7 @@ int32_t dm_cache_tq_mom_subscribe(uint32_t db) {
         if (entry.db_id != db) return;
         scans_are_cut_off(row);
         set_scan_done(row, false);
+        g_cache_held[row] = 0;
         g_cache_all_scan_done = 0;
         if (!g_cache_sub_asked[row] && !g_cache_sub_done[row]) follow_row(row, caller);
         ret = subscribe_row(row, dm_cache_tq_mom_subscribe_callback, caller);
@@ -302,16 +346,21 @@ int32_t dm_cache_subscribe(uint32_t db) {
 }
 
 int32_t dm_cache_mom_callback_func(tq_mom_handle *handle, store_msg *msg, void *privdata) {
+    const auto word = reinterpret_cast<intptr_t>(privdata);
     if (!handle || !msg || !privdata || msg->result != 0) {
         DM_LOG(failure, "global or msg or privdata is NULL \r\n");
+        if (is_held(handle, msg, word))
+            hold_row(handle, static_cast<int32_t>(word));
+        else if (msg && word > 0 && word < obj_sub_list_max && brings_change(*msg))
+            status_refused(static_cast<int32_t>(word));
         return -1;
     }
-    const auto word = reinterpret_cast<intptr_t>(privdata);
     if (word < 0 || word >= obj_sub_list_max) {
         DM_LOG(failure, "invalid privdata[%d]\r\n", static_cast<int32_t>(word));
         return -1;
     }
     const auto row = static_cast<int32_t>(word);
+    const bool ends_no_gathering = msg->flag == 1 && state() == State::live;  // what it brings is dropped
     if (msg->flag == 1) {
         dm_cache_mom_update_scan_over_list(msg, row);
         DM_LOG(notice, "scan done[%d] \n", row);
@@ -320,16 +369,21 @@ int32_t dm_cache_mom_callback_func(tq_mom_handle *handle, store_msg *msg, void *
         g_cache_sub_done[row] = 1;
         status_subscribed(row);
         DM_LOG(notice, "key[%d] subscribe finish. \n", row);
-        dm_cache_mom_start_scan();
+        const bool is_scanned_already = g_cache_held[row] && g_cache_all_sub_done;  // its scan was held with it
+        if (!is_scanned_already) dm_cache_mom_start_scan();
         return 0;
     }
     if (state() == State::subscribing) return 0;
     if (state() == State::gathering) {
-        if (msg->value) dm_cache_mom_cache(msg, row);
+        if (msg->value)
+            dm_cache_mom_cache(msg, row);
+        else if (brings_change(*msg))
+            status_refused(row);
         return 0;
     }
 
     dm_cache_mom_process_cache(handle);
+    if (ends_no_gathering && brings_change(*msg)) status_refused(row);
     if (msg->flag == 1 || state() != State::live) return 0;
     DM_LOG(trace, "step 5, g_cache_proc_done = %d\n", proc_done());
     if (row != DM_ROW_DP_LIB_COMPLETE) {
@@ -344,7 +398,7 @@ int32_t dm_cache_mom_callback_func(tq_mom_handle *handle, store_msg *msg, void *
 int32_t dm_cache_clear_data_dirty(void) {
     CacheLock lock;
     for (int32_t row = 0; row < obj_sub_list_max; ++row)
-        if (obj_sub_list[row].enable == 1) status_count(row, Count::swept, sweep(row));
+        if (obj_sub_list[row].enable == 1 && !g_cache_held[row]) status_count(row, Count::swept, sweep(row));
     DM_LOG(trace, "dm_cache_clear_data_dirty done\n");
     return 0;
 }

@@ -80,7 +80,7 @@ int32_t ndm_vsd_port_gen_key(dm_cache_list_node *node) DM_REQUIRES_LOCK {
     return set_keys(node,
                     {obj->ifx, dm_phyid_key(obj->dev, obj->physlot, attr.unit, attr.port),
                      ss_phyid_key(obj->dev, obj->physlot, attr.lport),
-                     lsm_key(obj->index->t_sslot, attr.type, obj->dev, obj->slot, attr.user_port)},
+                     lsm_key(obj->index->t_sslot, number(attr.type), obj->dev, obj->slot, attr.user_port)},
                     &static_port->base);
 }
 

@@ -11,7 +11,7 @@ int32_t ndm_get_my_card_type(int32_t *type) {
 }
 
 int32_t ndm_get_my_node_type(void) {
-    return number_or(cached_field(&PDev__DpLibMyInfo::dm_my_node_type), P_DEV__DM_NODE_TYPE_E__DM_TYPE_UNKNOWN);
+    return cached_field(&PDev__DpLibMyInfo::dm_my_node_type).value_or(P_DEV__DM_NODE_TYPE_E__DM_TYPE_UNKNOWN);
 }
 
 uint32_t ndm_get_my_node(void) {

@@ -216,11 +216,11 @@ int32_t ndm_get_my_lslotid_rt(void) {
 }
 
 int32_t ndm_get_my_dev_grole(void) {
-    return number_or(cached_field(&PDev__DpLibGrole::my_grole), -1);
+    return cached_field(&PDev__DpLibGrole::my_grole).value_or(-1);
 }
 
 int32_t ndm_get_my_dev_lrole(void) {
-    return number_or(cached_field(&PDev__DpLibLrole::my_lrole), -1);
+    return cached_field(&PDev__DpLibLrole::my_lrole).value_or(-1);
 }
 
 int32_t ndm_get_master_slotid(int32_t *devid, int32_t *slot) {

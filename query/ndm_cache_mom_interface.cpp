@@ -337,7 +337,7 @@ int32_t ndm_get_node_type(uint32_t phyid) {
         DM_LOG(lib_error, "card info is not in cache.\r\n");
         return 0;
     }
-    return card->static_info ? card->static_info->node_type : 0;
+    return card->static_info ? number(card->static_info->node_type) : 0;
 }
 
 int32_t ndm_get_system_l3_mac(uint8_t *mac, int32_t len) {

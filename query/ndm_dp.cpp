@@ -12,7 +12,7 @@ namespace {
 // A yes or no of an object; a missing one is a no, and logged for the caller.
 template <class T, class Field, class Key>
 int32_t logged_yes(Field T::*field, const Key &key, Caller caller = Caller{}) {
-    const std::optional<Field> value = cached_field(field, key);
+    const auto value = cached_field(field, key);
     if (!value) DM_LOG_AS(caller, lib_warning, "get cache fail.\r\n");
     return yes(value);
 }
@@ -85,7 +85,7 @@ int32_t ndm_get_port_host_userslot_from_userslot(int32_t user_slot) {
 int32_t ndm_get_my_role(void) {
     const auto role = cached_field(&PDev__DpLibGrole::my_grole);
     if (!role) DM_LOG(lib_warning, "get cache fail.\r\n");
-    return number_or(role, P_DEV__DM_ROLE_E__DM_ROLE_NONE);
+    return role.value_or(P_DEV__DM_ROLE_E__DM_ROLE_NONE);
 }
 
 int32_t ndm_device_is_online(int32_t devid) {
@@ -130,7 +130,7 @@ int32_t ndm_get_online_lc_num(int32_t devid) {
     int32_t n = 0;
     for (const auto &card : all<PDev__CardInfo>())
         if (card.static_info && card.index && card.index->devid == devid && card.is_online &&
-            card.static_info->node_type == P_DEV__DM_NODE_TYPE_E__DM_TYPE_LC)
+            number(card.static_info->node_type) == P_DEV__DM_NODE_TYPE_E__DM_TYPE_LC)
             ++n;
     return n;
 }

@@ -2,6 +2,7 @@
 // is held around reads of the cache, never around a read of the store.
 #include "query/ndm_port.h"
 
+#include "cache/status.h"
 #include "tq_dm_cache/dm_port_index.h"
 #include "tq_dm_cache/ndm/card_ports.h"
 #include "tq_dm_cache/ndm/port_lookup.h"
@@ -89,8 +90,13 @@ struct PortScan {
 
 // Adds a scanned object unless the cache knows better: true when it was added.
 bool add_scanned(int32_t type, const ProtobufCMessage *obj, uint64_t since) {
-    CacheLock lock;
-    return offer_object(type, obj, since) == 0;
+    int32_t result;
+    {
+        CacheLock lock;
+        result = offer_object(type, obj, since);
+    }
+    if (result < 0) status_refused(type);
+    return result == DM_CACHE_ADDED;
 }
 
 bool static_port_cached(const PDev__PortIndex &place) {
@@ -108,7 +114,7 @@ bool need_static_port(const PDev__PortIndex &place, Caller caller = Caller{}) {
 int32_t ndm_scan_globalport_by_objid_cb(tq_mom_handle *, store_msg *msg, void *priv) {
     if (!msg || !priv || !carries_object(*msg)) return -1;
     const auto &scan = *static_cast<const PortScan *>(priv);
-    const ProtobufCMessage *obj = scanned_object(*msg);
+    const ProtobufCMessage *obj = scanned_object(*msg, DM_ROW_VSD_PORT);
     if (!obj) return -1;
 
     const Port wanted = port_of(scan.objid);
@@ -137,7 +143,10 @@ int32_t _ndm_get_vsdid_by_objid(uint32_t objid, int32_t *vsdid, uint8_t rt) {
 
 }  // namespace
 
-const ProtobufCMessage *scanned_object(const store_msg &msg, Caller caller) {
+namespace {
+
+// The object that a scan's message carries; null, logged for the caller, when there is none that can be used.
+const ProtobufCMessage *carried_object(const store_msg &msg, Caller caller) {
     if (msg.cmd == TQ_MOM_CMD_SET) {
         if (!msg.value) DM_LOG_AS(caller, failure, "msg value is NULL\r\n");
         return static_cast<const ProtobufCMessage *>(msg.value);
@@ -150,6 +159,15 @@ const ProtobufCMessage *scanned_object(const store_msg &msg, Caller caller) {
     if (record->error == 0 && record->obj) return record->obj;
     DM_LOG_AS(caller, failure, "invalid value[%p, %d, %p].\n", msg.value, record->error,
               static_cast<void *>(record->obj));
+    return nullptr;
+}
+
+}  // namespace
+
+const ProtobufCMessage *scanned_object(const store_msg &msg, int32_t row, Caller caller) {
+    const ProtobufCMessage *obj = carried_object(msg, caller);
+    if (obj && is_kind(obj, kind_of_row(row)->descriptor)) return obj;
+    if (msg.value || msg.flag != 1) status_refused(row);
     return nullptr;
 }
 

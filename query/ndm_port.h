@@ -50,10 +50,11 @@ int32_t answer_by_type(int32_t type, const Key &key, uint8_t rt, const Answer &a
     return answer(*read);
 }
 
-// A message of a scan that carries an object at all, and the object; null, logged for the caller, when it cannot be used.
+// A message of a row's scan that carries an object at all, and the object; null, counted as refused and logged for the caller,
+// when it cannot be used.
 inline bool carries_object(const store_msg &msg) {
     return msg.cmd == TQ_MOM_CMD_REPLY || msg.cmd == TQ_MOM_CMD_SET;
 }
-const ProtobufCMessage *scanned_object(const store_msg &msg, Caller caller = Caller{});
+const ProtobufCMessage *scanned_object(const store_msg &msg, int32_t row, Caller caller = Caller{});
 
 }  // namespace dm

@@ -72,7 +72,7 @@ int32_t ndm_scan_local_port_obj_cb(tq_mom_handle *, store_msg *msg, void *priv) 
         DM_LOG(trace, "msg->cmd %d\r\n", msg->cmd);
         return -1;
     }
-    const ProtobufCMessage *obj = scanned_object(*msg);
+    const ProtobufCMessage *obj = scanned_object(*msg, DM_ROW_UNIT_CPORT_INFO);
     if (!obj) return -1;
     DM_LOG(trace, "add local port info %p\r\n", static_cast<const void *>(obj));
     const uint64_t since = priv ? *static_cast<const uint64_t *>(priv) : never_overtaken;
@@ -105,7 +105,7 @@ int32_t put_combo_ports(int32_t *lports, int32_t room, Caller caller = Caller{})
             continue;
         }
         DM_LOG_AS(caller, trace, "pd_medium_type:%d\n", number(port.static_info->pd_medium_type));
-        if (port.static_info->pd_medium_type != P_DEV__PD_MEDIUM_TYPE_E__FIBER_COPPER) continue;
+        if (number(port.static_info->pd_medium_type) != P_DEV__PD_MEDIUM_TYPE_E__FIBER_COPPER) continue;
         if (n >= room) return -1;
         lports[n++] = port.static_info->lport;
     }

@@ -32,8 +32,8 @@ int32_t usable_slots(const PDev__DeviceInfo &device) {
     const PDev__DeviceStaticInfo *type = device.static_info;
     if (!type) return -1;
     int32_t n = 0;
-    for (const PDev__DmSlotTypeE slot : std::span(type->slot_type, type->n_slot_type))
-        n += slot != P_DEV__DM_SLOT_TYPE_E__SLOT_INVALID ? 1 : 0;
+    for (const PDev__DmSlotTypeE &slot : std::span(type->slot_type, type->n_slot_type))
+        n += number(slot) != P_DEV__DM_SLOT_TYPE_E__SLOT_INVALID ? 1 : 0;
     return n;
 }
 
@@ -57,7 +57,7 @@ int32_t _ndm_indep_get_slave_node(uint8_t rt) {
 
 int32_t _ndm_get_node_type_from_card_type(int32_t card_type, uint8_t rt) {
     return answer_from<PDev__CardStaticInfo>(card_type_key(card_type), rt,
-                                             [](const PDev__CardStaticInfo &type) { return type.node_type; });
+                                             [](const PDev__CardStaticInfo &type) { return number(type.node_type); });
 }
 
 }  // namespace

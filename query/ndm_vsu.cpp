@@ -12,7 +12,7 @@ namespace {
 constexpr int32_t cmd_dropped = 28;
 
 int32_t _ndm_get_device_mode() {
-    return number_or(cached_field(&PDev__DpLibMyChssInfo::device_mode), -1);
+    return cached_field(&PDev__DpLibMyChssInfo::device_mode).value_or(-1);
 }
 
 int32_t subscribe_fields(ndm_lib_sub_info *req) {

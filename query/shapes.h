@@ -8,6 +8,7 @@
 #include <cstring>
 #include <optional>
 #include <span>
+#include <utility>
 
 #include "base/list.h"
 #include "base/lock.h"
@@ -74,11 +75,10 @@ template <class T, class Key, class Read> bool read_cached(const Key &key, const
     return true;
 }
 
-// One field of the cached object with this key; nothing when there is none.
-template <class T, class Field, class Key = NoKey>
-std::optional<Field> cached_field(Field T::*field, const Key &key = {}) {
-    std::optional<Field> value;
-    read_cached<T>(key, [&](const T &object) { value = object.*field; });
+// One field of the cached object with this key, an enumeration as a number; nothing when there is none.
+template <class T, class Field, class Key = NoKey> auto cached_field(Field T::*field, const Key &key = {}) {
+    std::optional<decltype(number(std::declval<Field>()))> value;
+    read_cached<T>(key, [&](const T &object) { value = number(object.*field); });
     return value;
 }
 
@@ -86,19 +86,13 @@ std::optional<Field> cached_field(Field T::*field, const Key &key = {}) {
 template <class T, class Field, class Key = NoKey>
 int32_t put_cached_field(Field T::*field, Field *out, const Key &key = {}) {
     if (!out) return -1;
-    const std::optional<Field> value = cached_field(field, key);
+    const auto value = cached_field(field, key);
     if (!value) return -1;
     *out = *value;
     return 0;
 }
 
-// Answers as plain numbers: an enumeration's, yes or no, or what stands for a missing object.
-template <class Enum> int32_t number(Enum value) {
-    return static_cast<int32_t>(value);
-}
-template <class Enum> int32_t number_or(std::optional<Enum> value, int32_t missing) {
-    return value ? number(*value) : missing;
-}
+// Answers as plain numbers: yes or no.
 template <class Field> int32_t yes(std::optional<Field> value) {
     return value && *value ? 1 : 0;
 }

@@ -1,6 +1,8 @@
 // The calls of the store behind the fallback reads. Never under the cache lock.
 #include "query/store_read.h"
 
+#include "cache/status.h"
+
 static constexpr char log_tag[] = "ndm_port";
 
 namespace dm {
@@ -38,7 +40,8 @@ StoreReply::StoreReply(int32_t row, uint32_t db, const ProtobufCMessage *key, Re
     } else {
         obj_ = tq_mom_get_sync(g_dm_global, db, request.message(), &error);
     }
-    if (error == 0 && obj_) return;
+    if (error == 0 && obj_ && is_kind(obj_, kind_of_row(row)->descriptor)) return;
+    if (obj_) status_refused(row);
     DM_LOG_AS(caller, lib_error, "unexpected, error:%d!\r\n", error);
     if (release() != 0) DM_LOG_AS(caller, lib_error, "free res fail.\r\n");
 }

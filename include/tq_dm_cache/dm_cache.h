@@ -25,7 +25,8 @@ extern "C" {
 /*
  * Brings the cache to life: reads the number of chassis and this process's log threshold, sets up the table, connects
  * the store. 0 also when it runs already; a code of the store is handed back, and the next call starts afresh. `handle`
- * is kept for ever; of `name` 31 characters are kept. Call it from one thread, not under the cache lock.
+ * is kept for ever; of `name` 31 characters are kept. Call it from one thread, not under the cache lock, and before any other
+ * thread uses the cache: it sets the table up without the lock.
  */
 DM_API int32_t dm_cache_init(tq_mom_handle *handle, const char *name);
 
@@ -66,7 +67,7 @@ DM_API int32_t dm_cache_get_obj(int32_t type, const void *key, void *out);
 /*
  * Stores a copy of an object in the cache, not in the store; no callback runs. Takes the cache lock. 0 also, and nothing
  * stored, for a kind with DM_CACHE_NO_STORE. -1 also when the row holds no kind or is full (10000 objects), or the object
- * lacks its key; the codes of dm_cache_copy_obj().
+ * is of another kind or lacks its key; the codes of dm_cache_copy_obj().
  */
 DM_API int32_t dm_cache_set_obj(int32_t type, const void *obj);
 

@@ -41,6 +41,13 @@ enum {
     TQ_MOM_CMD_SUBSCRIBED = 29 /* the subscription is in force; value unused */
 };
 
+/*
+ * `result` of a store_msg: the store refuses what was asked for, but the platform goes on asking. With TQ_MOM_CMD_SUBSCRIBED
+ * a subscription, with TQ_MOM_CMD_REPLY a scan. Its confirmation, its objects and its end mark come when it is granted. A
+ * platform that does not know such a state never says so.
+ */
+enum { TQ_MOM_RESULT_HELD = -9 };
+
 /* One message of the store. Offsets are those of 32-bit machines, where it has 672 bytes. */
 typedef struct store_msg {
     uint32_t db;            /*   0  database number */

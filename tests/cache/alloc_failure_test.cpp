@@ -3,6 +3,7 @@
 // C++'s new stays apart, so that only the library and protobuf-c are counted. Plain builds only; one thread.
 #include "support/live_cache.h"
 
+#include "tq_dm_cache/dm_cache_status.h"
 #include "tq_dm_cache/dm_port_index.h"
 #include "tq_dm_cache/p_dev.pb-c.h"
 
@@ -251,12 +252,27 @@ TEST_F(OutOfMemory, IndexedPorts) {
 // A lost push or reply is one object out of date, never a crash, a leak, or a machine that stands still.
 TEST_F(OutOfMemory, MessagesOfTheStore) {
     const Message completion = complete();
+    const auto in_cache_or_refused = [] {
+        int32_t all = 0;
+        for (const int32_t row : {7, 17, 30}) {
+            dm_cache_stats stats{};
+            dm_cache_get_stats(row, &stats, sizeof stats);
+            all += cached(row) + static_cast<int32_t>(stats.refused);
+        }
+        return all;
+    };
+    int32_t before = 0;
     each_allocation_fails({"set",
-                           [&] { return receive(17, SET, one); },
+                           [&] {
+                               before = in_cache_or_refused();
+                               return receive(17, SET, one);
+                           },
                            [&] { receive(17, DELETE, one); },
                            {0},
-                           [&] { return cached(17) == 1; }});
+                           [&] { return cached(17) == 1; },
+                           [&] { return in_cache_or_refused() == before + 1; }});
     const auto resynchronise = [&] {
+        before = in_cache_or_refused();
         receive(1, SET, completion);
         receive(7, REPLY, base);
         receive(17, REPLY, one);
@@ -268,7 +284,8 @@ TEST_F(OutOfMemory, MessagesOfTheStore) {
                            resynchronise,
                            [&] { remove(7, base), remove(17, one), remove(30, port); },
                            {0},
-                           [&] { return cached(7) == 1 && cached(17) == 1 && in_trees(30, port); }});
+                           [&] { return cached(7) == 1 && cached(17) == 1 && in_trees(30, port); },
+                           [&] { return in_cache_or_refused() == before + 3; }});
     resynchronise();
     fail_at(1);
     receive(30, DELETE, port);

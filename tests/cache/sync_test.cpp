@@ -8,7 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <future>
+#include <utility>
 
 namespace {
 
@@ -325,4 +327,102 @@ TEST(Sync, RefusesWhatCannotBeStoredAndGoesOn) {
     EXPECT_EQ(receive(17, SET, card(1, 5, 0)), 0);
     EXPECT_EQ(drained(&changes), Strings{"17 replaced 0.1.5.0"});
     EXPECT_EQ(obj_sub_list[17].obj_list->count, DM_CACHE_LIST_LIMIT);
+}
+
+// One kind that the store does not give, for now, must hold up nobody but those who want that kind: the others come alive,
+// nothing of it is swept, and it comes when it is granted.
+TEST(Sync, GoesOnWithoutARowThatIsHeld) {
+    constexpr int32_t held = TQ_MOM_RESULT_HELD;
+    start({17, 32});
+    platform.become_ready();
+    EXPECT_EQ(receive_value(32, SUBSCRIBED, nullptr), 0);
+    EXPECT_TRUE(platform.scans.empty());
+    EXPECT_EQ(receive_value(17, SUBSCRIBED, nullptr, 0, held), -1);
+    ASSERT_EQ(platform.scans.size(), 2U);
+    receive(32, REPLY, vsd(1));
+    receive_end(32);
+    EXPECT_EQ(g_cache_proc_done, 1);
+    EXPECT_EQ(cached(32), 1);
+    platform.calls.clear();
+    EXPECT_EQ(receive_value(17, SUBSCRIBED, nullptr), 0);  // granted: the scan that was asked for comes, and no other
+    receive(17, REPLY, card(1, 1, 0));
+    receive(17, REPLY, card(1, 2, 0));
+    receive_end(17);
+    EXPECT_EQ(platform.calls, Strings{});
+    EXPECT_EQ(cached(17), 2);
+
+    // Held again after a lost connection, by its subscription and then by its scan: what is cached stays, until a scan says
+    // what is gone.
+    platform.lose_connection(1, 2);
+    platform.confirm();
+    platform.fire_timers();
+    for (const int32_t row : {17, 32, 17, 32})
+        receive_end(row);  // what the confirmations asked for is older than the rescans
+    receive(32, REPLY, vsd(1));
+    receive_end(32);
+    result_rec none{nullptr, {}, held};
+    receive_value(17, REPLY, &none, 0, held);
+    EXPECT_EQ(cached(17), 2);
+    receive(32, SET, vsd(2));
+    EXPECT_EQ(cached(32), 2);
+    receive(17, REPLY, card(1, 2, 0));
+    receive_end(17);
+    EXPECT_EQ(cached(17), 1);
+    EXPECT_NE(element(17, card(1, 2, 0)), nullptr);
+}
+
+// All of them held is no picture at all.
+TEST(Sync, WaitsWhenEveryRowIsHeld) {
+    start({17, 32});
+    platform.become_ready();
+    for (const int32_t row : {17, 32}) receive_value(row, SUBSCRIBED, nullptr, 0, TQ_MOM_RESULT_HELD);
+    EXPECT_TRUE(platform.scans.empty());
+    EXPECT_EQ(g_cache_proc_done, 0);
+}
+
+// What a callback asks the store for may let the store deliver within: nothing that waits may be applied twice, used after it
+// was freed, lost to an older sweep or overtaken.
+TEST(Sync, TakesADeliveryWithinAnApplication) {
+    static std::function<void()> within;
+    const auto once = [](tq_mom_handle *, int32_t, int32_t, ProtobufCMessage *) {
+        if (const auto deliver = std::exchange(within, nullptr)) deliver();
+        return 0;
+    };
+    start({1, 17, 32});
+    dm_cache_sub_obj(17, once, 0);
+    platform.become_ready();
+    platform.confirm();
+    const auto scanned = [] {
+        receive(32, REPLY, vsd(1));
+        for (const int32_t slot : {1, 2, 3}) receive(17, REPLY, card(1, slot, 0));
+        receive_end(1), receive_end(32), receive_end(17);
+    };
+    within = [] { receive(17, SET, card(1, 9, 0)); };
+    scanned();
+    EXPECT_EQ(drained(&changes),
+              (Strings{"17 added 0.1.1.0", "17 added 0.1.2.0", "17 added 0.1.3.0", "32 added 1", "17 added 0.1.9.0"}));
+    EXPECT_EQ(dm_cache_applied(), 1U);
+
+    receive(1, SET, complete());
+    within = [] { receive(1, SET, complete()); };  // all is marked dirty again, for scans still to come
+    scanned();
+    EXPECT_EQ(dm_cache_applied(), 2U);
+    EXPECT_EQ(cached(17) + cached(32), 4);
+    EXPECT_EQ(drained(&changes),
+              (Strings{"17 replaced 0.1.1.0", "17 replaced 0.1.2.0", "17 replaced 0.1.3.0", "32 replaced 1"}));
+    within = [] {  // what was gathered for the row is void
+        platform.lose_connection(1, 1);
+        platform.confirm();
+        dm_cache_resort_over();
+    };
+    scanned();
+    EXPECT_EQ(dm_cache_applied(), 2U);
+    EXPECT_EQ(drained(&changes), Strings{"17 replaced 0.1.1.0"});
+    EXPECT_EQ(cached(17) + cached(32), 4);
+    platform.put(card(1, 2, 0));
+    platform.fire_timers();
+    platform.answer_scans();
+    EXPECT_EQ(dm_cache_applied(), 3U);
+    EXPECT_EQ(cached(17) + cached(32), 1);
+    EXPECT_EQ(g_cache_proc_done, 1);
 }

@@ -2,6 +2,7 @@
 // a device that never was, and a lock that is missing or held too long ends or stops the process.
 #include "support/live_cache.h"
 
+#include "tq_dm_cache/dm_port_index.h"
 #include "tq_dm_cache/dm_schema.h"
 #include "tq_dm_cache/ndm.h"
 #include "tq_dm_cache/p_dev.pb-c.h"
@@ -366,9 +367,53 @@ void keep_asking(size_t from, int passes, const std::atomic<bool> *stop) {
         }
 }
 
+// An empty cache in the place of every row's list and trees, to be seen by this thread whenever it holds neither side.
+struct Hidden {
+    dm_cache_list *lists[DM_ROW_COUNT];
+    ndm_cache_tree *trees[DM_ROW_COUNT];
+    dm_cache_list empty{{&empty.head, &empty.head}, 0};
+
+    Hidden() { hide(); }
+    ~Hidden() { show(); }
+    Hidden(const Hidden &) = delete;
+    void hide() {
+        for (int32_t row = 0; row < DM_ROW_COUNT; ++row) {
+            lists[row] = std::exchange(obj_sub_list[row].obj_list, obj_sub_list[row].obj_list ? &empty : nullptr);
+            trees[row] = std::exchange(obj_sub_list[row].port_tree, nullptr);
+        }
+    }
+    void show() {
+        for (int32_t row = 0; row < DM_ROW_COUNT; ++row) {
+            obj_sub_list[row].obj_list = lists[row];
+            obj_sub_list[row].port_tree = trees[row];
+        }
+    }
+};
+thread_local Hidden *hidden = nullptr;
+thread_local int hidden_holds = 0;
+
+void lock_taken() {
+    if (hidden && hidden_holds++ == 0) hidden->show();
+}
+void lock_to_be_released() {
+    if (hidden && --hidden_holds == 0) hidden->hide();
+}
+
 }  // namespace
 
 extern "C" {
+void __real__ZN2dm15lock_for_changeEv(void);
+void __real__ZN2dm19unlock_after_changeEv(void);
+void __wrap__ZN2dm15lock_for_changeEv(void);
+void __wrap__ZN2dm19unlock_after_changeEv(void);
+void __wrap__ZN2dm15lock_for_changeEv(void) {
+    __real__ZN2dm15lock_for_changeEv();
+    lock_taken();
+}
+void __wrap__ZN2dm19unlock_after_changeEv(void) {
+    lock_to_be_released();
+    __real__ZN2dm19unlock_after_changeEv();
+}
 bool __real__ZN2dm11lock_sharedEv(void);
 void __real__ZN2dm13unlock_sharedEv(void);
 bool __wrap__ZN2dm11lock_sharedEv(void);
@@ -376,9 +421,11 @@ void __wrap__ZN2dm13unlock_sharedEv(void);
 bool __wrap__ZN2dm11lock_sharedEv(void) {
     const bool taken = __real__ZN2dm11lock_sharedEv();
     held_locks += taken;
+    if (taken) lock_taken();
     return taken;
 }
 void __wrap__ZN2dm13unlock_sharedEv(void) {
+    lock_to_be_released();
     __real__ZN2dm13unlock_sharedEv();
     if (--held_locks > 0 || dawdle == 0) return;
     dawdle = dawdle * 1103515245 + 12345;
@@ -400,6 +447,31 @@ TEST(Concurrency, AsksEveryQueryOfTheHeaders) {
     }
     for (const Query &query : queries) asked.insert(query.name);
     EXPECT_EQ(asked, declared);
+}
+
+// What a query reads without the lock may be freed under it. Here it finds an empty cache instead, whatever was there.
+TEST(Concurrency, NoQueryReadsTheCacheWithoutTheLock) {
+    const auto audit = [](tq_mom_handle *, int32_t, int32_t, ProtobufCMessage *) {
+        for (const Query &query : queries) {
+            query.answer();  // what it reads from the store is cached from then on
+            const std::string answer = query.answer();
+            Hidden rows;
+            hidden = &rows;
+            const std::string again = query.answer();
+            hidden = nullptr;
+            EXPECT_EQ(again, answer) << query.name;
+        }
+        return 0;
+    };
+    start_live(audit);
+    cycle();
+    set(of("dp_lib_my_chss_info", 1, {{"devid", 1}, {"dev_type", 10}}));  // a virtual unit, whose links stay
+    Message roles = of("dp_lib_grole", 1);
+    PDev__LibCardRole &leader = *roles.as<PDev__DpLibGrole>()->card_role[0];
+    leader.devid = leader.is_local_master = 1;
+    leader.slotid = 30;
+    set(roles);
+    EXPECT_EQ(ndm_is_vsl_card(1, 3) + ndm_mb_is_local_master(1, 30), 2);
 }
 
 // First by one thread, which asks whenever a change is complete; then by three at any time.

@@ -1,5 +1,8 @@
 // Who leads, what is there, and what is fixed about it.
+#include "base/message.h"
 #include "query/topology.h"
+
+#include <malloc.h>
 
 class Roles : public Topology {};
 class Statics : public Topology {};
@@ -134,4 +137,56 @@ TEST_F(Statics, GiveTextsAndAddressesThatFitTheirBuffer) {
     EXPECT_EQ(in(vsd, 0)(6), "-1 |0;");
     set(32, "index{t_vsdid:3} l3mac:'ghijklm'");
     EXPECT_EQ(over({8, 6, 5}, in(vsd, 0)) + in(vsd, 1)(6) + in(vsd, -1)(6), "0 ghijkl|6;0 ghijkl|6;-1 |0;-1 |0;-1 |0;");
+}
+
+// An array of the usual size for a card with more chips is a heap written past its end.
+TEST_F(Statics, MakeRoomForEveryChipOfACard) {
+    for (const int32_t n : {1, 8, 9, 64, 1000}) {
+        std::string card = "index{type:645} chip_num:" + number(n);
+        for (int32_t i = 0; i < n; ++i) card += " chip_attr_array{chip_type:" + number(100 + i) + "}";
+        set(11, card);
+        const auto expect_all = [n](int32_t *types) {
+            const dm::OwnedMemory<int32_t> own(types);
+            ASSERT_NE(types, nullptr);
+            ASSERT_GE(malloc_usable_size(types), static_cast<size_t>(n) * sizeof *types) << n;
+            for (int32_t i = 0; i < n; ++i) EXPECT_EQ(types[i], 100 + i);
+        };
+        int32_t *types = nullptr, count = 0;
+        EXPECT_EQ(ndm_get_my_lchips(&types), n);
+        expect_all(types);
+        EXPECT_EQ(ndm_get_chip_type_by_card_type(645, &types, &count), 0);
+        EXPECT_EQ(count, n);
+        expect_all(types);
+    }
+}
+
+// A store may hold any number where an enumeration is declared: it is handed on as it is. A build that watches how such
+// fields are read (clang's -fsanitize=enum) ends here when one is read as what it is declared.
+TEST_F(Statics, HandOnWhateverNumberAnEnumerationHolds) {
+    const std::string port = "index{t_dev:1 t_slot:3 t_port:2 t_type:7} ";
+    set(2, "card_type:645 dm_my_node_type:-7 slotid:3");
+    set(15, "my_grole:-7 card_role{devid:1 slotid:30 globe_role:-7}");
+    set(12, "my_lrole:-7");
+    set(13, "device_mode:-7");
+    set(17, "index{devid:1 slotid:3} config_dev_type:645 is_online:1 static_info{node_type:-7}");
+    set(6, "index{type:20} node_type:-7");
+    set(16, "index{devid:1} devid:1 static_info{slot_type:-7,8,-1}");
+    set(11, "index{type:645} chip_attr_array{port_attr{lport:2 type:-7}}");
+    set(10, "lport_num:1");
+    set(8, "index{cport:1} static_info{lport:4 pd_medium_type:-7}");
+    set(7, port + "static_info{type:-7 user_port:2 lport:2}");
+    set(31, port + "dev:1 slot:3 physlot:3 ifx:5");
+    EXPECT_EQ(each(ndm_get_my_node_type(), ndm_get_my_role(), ndm_get_my_dev_grole(), ndm_get_my_dev_lrole()),
+              "-7 -7 -7 -7;");
+    EXPECT_EQ(each(ndm_get_role_by_node(0x0C041E00), ndm_get_node_type(0x0C040300),
+                   ndm_get_node_type_from_card_type(20), ndm_is_vsu()),
+              "-7 -7 -7 0;");
+    EXPECT_EQ(each(ndm_get_slot_num(1), ndm_get_online_lc_num(1)), "2 0;");
+    EXPECT_EQ(ask(ndm_get_port_type, 0x14040302, out), "0 -7;");
+    int32_t lport = 0, n = 1;
+    EXPECT_EQ(ndm_get_my_card_multi_lport(&lport, &n), 0);
+    EXPECT_EQ(n, 0);
+    PDev__VsdPortAttr *found = nullptr;
+    EXPECT_EQ(ndm_get_vsd_port_by_lsm_key(1, 3, 2, -7, &found), 0);
+    ndm_port_obj_free(found);
 }

@@ -2,6 +2,7 @@
 // cached although the cache has moved on brings back what is gone.
 #include "query/ndm_port.h"
 #include "query/topology.h"
+#include "tq_dm_cache/dm_cache_status.h"
 
 #include <future>
 #include <thread>
@@ -44,6 +45,12 @@ template <class Ask> std::string second(const Ask &ask_for) {
     return types ? each(answer, types[1]) : each(answer);
 }
 constexpr auto switches = &PDev__DmCardStattrT::switch_num;
+
+uint32_t refused(int32_t row) {
+    dm_cache_stats stats{};
+    dm_cache_get_stats(row, &stats, sizeof stats);
+    return stats.refused;
+}
 
 struct Read {
     const char *how;  // as a record, or as a bare object
@@ -194,6 +201,12 @@ TEST_F(StoreRead, ScansForAPort) {
     EXPECT_EQ(scanned("scan", 30, SET, global(0, 55)), "0 4;2 2 55;");
     EXPECT_EQ(scanned("get", 7, DELETE, static_port(1, 3, 0, 7)), "-1 ~;0 0 -1;");
     EXPECT_EQ(scanned("get", 7, SET, static_port(1, 3, 0, 7).set("static_info.user_port", 9)), "0 4;2 2 0;");
+    const uint32_t before = refused(30);
+    platform.during_read = [] { obj_sub_list[30].obj_list->count = DM_CACHE_LIST_LIMIT; };
+    receive(30, DELETE, global(0, 0));
+    EXPECT_EQ(ask(ndm_get_vsdid_by_objid_rt, wanted, out), "-1 ~;");
+    EXPECT_EQ(refused(30), before + 1);
+    obj_sub_list[30].obj_list->count = 1;
 }
 
 TEST_F(StoreRead, ScansForTheLocalPorts) {
@@ -221,10 +234,62 @@ TEST_F(StoreRead, ScansForTheLocalPorts) {
     EXPECT_EQ(combos(1), "-1 4 0 0;");
 }
 
+// Two answers of one scan for one object: the later one is the newer, and a change that comes between them newer still.
+TEST_F(StoreRead, KeepsTheLaterOfTwoThatAScanBrings) {
+    const auto local = [](int32_t lport) { return local_port(0, 1, lport).set("static_info.pd_medium_type", 2); };
+    const auto global = [](int32_t ifx) { return global_port(4, 1, 3, 0, 7, ifx); };
+    const auto scan_brings = [](const Message &first, const Message &second, std::function<void()> between) {
+        before_scan = [&first, &second, between](tq_mom_msg_cb callback, void *priv) {
+            for (const Message *each : {&first, &second}) {
+                if (each == &second) between();
+                store_msg msg{};
+                msg.cmd = SET;
+                msg.value = each->get();
+                callback(&platform.handle, &msg, priv);
+            }
+        };
+    };
+    set(10, "lport_num:2");
+    platform.put(static_port(1, 3, 0, 7));
+    for (const bool pushed : {false, true}) {
+        for (const int32_t row : {8, 30}) receive(row, DELETE, row == 8 ? local(1) : global(1));
+        const Message ports[] = {local(11), local(12), local(13)}, globals[] = {global(21), global(22), global(23)};
+        scan_brings(ports[0], ports[1], [&] {
+            if (pushed) receive(8, SET, ports[2]);
+        });
+        int32_t lport = 0, n = 1;
+        EXPECT_EQ(dm::_ndm_get_my_card_multi_lport(&lport, &n, 1), 0);
+        EXPECT_EQ(lport, pushed ? 13 : 12);
+        scan_brings(globals[0], globals[1], [&] {
+            if (pushed) receive(30, SET, globals[2]);
+        });
+        EXPECT_EQ(ask(ndm_get_vsdid_by_objid_rt, 0x14040300, out), "0 4;");
+        EXPECT_EQ(ndm_get_global_ifx_by_objid(0x14040300), pushed ? 23 : 22);
+    }
+    before_scan = nullptr;
+}
+
+// A reply is of the kind that was asked for, or it is no answer.
+TEST_F(StoreRead, RefusesARepliedObjectOfAnotherKind) {
+    platform.instead = vsd_port(1, 2, 3, 7, 5);
+    for (const int32_t row : {2, 11, 17}) {
+        drop(row, row == 11 ? line_card : row == 17 ? "index{devid:1 slotid:7 sslotid:2}" : "");
+        const uint32_t before = refused(row);
+        EXPECT_EQ(row == 2    ? ask(_ndm_get_my_card_type_rt, out, 1)
+                  : row == 17 ? ask(ndm_get_card_type_by_slot, 1, 7, 2, out, 1)
+                              : copied(switches, [](auto *to) { return dm::ndm_get_card_obj_by_type(645, to, 1); }),
+                  row == 11 ? "-1;" : "-1 ~;");
+        EXPECT_EQ(refused(row), before + 1);
+    }
+    platform.instead = Message();
+    EXPECT_EQ(platform.unreleased, 0);
+}
+
 // What a damaged store hands to a scan must neither end it nor be taken for a port.
 TEST_F(StoreRead, ScansPastWhatIsNoObject) {
     set(10, "lport_num:2");
-    const Message port = object(8, "index{cport:1} static_info{lport:11}"), other = global_port(4, 9, 9, 9, 7, 9);
+    const Message port = object(8, "index{cport:1} static_info{lport:11}"), other = global_port(4, 9, 9, 9, 7, 9),
+                  alien = card(1, 3, 0);
     Strings answers;
     before_scan = [&](tq_mom_msg_cb callback, void *priv) {
         result_rec bad = {port.get(), {}, 5}, empty = {nullptr, {}, 0};
@@ -237,12 +302,14 @@ TEST_F(StoreRead, ScansPastWhatIsNoObject) {
         // The last one is taken; or passed over, as it is not the port that is wanted.
         answers.push_back(each(callback(&platform.handle, nullptr, priv), deliver(REPLY, nullptr), deliver(REPLY, &bad),
                                deliver(REPLY, &empty), deliver(SET, nullptr), deliver(OTHER, port.get()),
-                               deliver(SET, answers.empty() ? port.get() : other.get())));
+                               deliver(SET, alien.get()), deliver(SET, answers.empty() ? port.get() : other.get())));
     };
     int32_t lport, n = 1;
     EXPECT_EQ(dm::_ndm_get_my_card_multi_lport(&lport, &n, 1), 0);
     EXPECT_EQ(cached(8), 1);
     EXPECT_EQ(ask(ndm_get_vsdid_by_objid_rt, 0x14040300, out), "-1 ~;");
-    EXPECT_EQ(answers, Strings(2, "-1 -1 -1 -1 -1 -1 0;"));
+    EXPECT_EQ(answers, Strings(2, "-1 -1 -1 -1 -1 -1 -1 0;"));
+    EXPECT_EQ(refused(8), 5U);
+    EXPECT_EQ(refused(30), 5U);
     before_scan = nullptr;
 }

@@ -59,6 +59,7 @@ ProtobufCMessage *read(const char *name, uint32_t db, const ProtobufCMessage *pr
     ++platform.reads;
     *error = call(text(name, db, probe));
     Message object = *error ? Message() : stored(probe, db);
+    if (platform.instead.get()) object = Message::copy(platform.instead.get());
     if (platform.during_read) platform.during_read();
     return object.release();
 }

@@ -60,6 +60,7 @@ struct ScriptedPlatform {
     std::map<std::string, int32_t> answers;
     std::function<void(const std::string &call)> during_call;
     std::function<void()> during_read;  // the store has answered, the reader has not got it yet
+    Message instead;                    // what a synchronous read finds, whatever it asks for
     int32_t reconnect_scan_ms = 10;
     bool capability_file = true;
     std::map<std::string, int32_t> capabilities;
