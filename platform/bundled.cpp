@@ -12,9 +12,10 @@ namespace {
 
 // Does something to a client of the embedded store.
 template <class F> int32_t with_mem_store(tq_mom_handle *handle, F &&fault) {
-    auto *mem = client_of(handle) ? dynamic_cast<MemClient *>(&client_of(handle)->store()) : nullptr;
-    if (!mem) return TQ_MOM_E_ARGUMENT;
-    return guarded([&]() -> int32_t { return fault(*mem); });
+    return with_client(handle, [&](Client &client) -> int32_t {
+        auto *mem = dynamic_cast<MemClient *>(&client.store());
+        return mem ? fault(*mem) : TQ_MOM_E_ARGUMENT;
+    });
 }
 
 }  // namespace
@@ -40,29 +41,31 @@ int32_t tq_mom_url_without_secret(const char *url, char *text, uint32_t size) {
 
 int32_t tq_mom_client_close(tq_mom_handle *handle) {
     Client *client = client_of(handle);
-    if (!client || client->loop().on_own_thread()) return TQ_MOM_E_ARGUMENT;
+    if (!client || client->loop().on_own_thread() || !client->close()) return TQ_MOM_E_ARGUMENT;
     delete client;
     return 0;
 }
 
 int32_t tq_mom_client_set_connection_cb(tq_mom_handle *handle, tq_mom_connection_cb callback, void *privdata) {
-    if (!client_of(handle)) return TQ_MOM_E_ARGUMENT;
-    return guarded([&] {
-        client_of(handle)->set_connection(callback, privdata);
+    return with_client(handle, [&](Client &client) {
+        client.set_connection(callback, privdata);
         return 0;
     });
 }
 
 uint64_t tq_mom_client_damaged(tq_mom_handle *handle) {
-    return client_of(handle) ? client_of(handle)->damaged() : 0;
+    uint64_t damaged = 0;
+    with_client(handle, [&](Client &client) {
+        damaged = client.damaged();
+        return 0;
+    });
+    return damaged;
 }
 
 int32_t tq_mom_client_drain(tq_mom_handle *handle, int32_t timeout_ms) {
-    Client *client = client_of(handle);
-    if (!client || client->loop().on_own_thread()) return TQ_MOM_E_ARGUMENT;
-    return guarded([&] {
-        const bool reached = client->loop().drain(std::chrono::milliseconds(timeout_ms));
-        return reached ? 0 : int32_t{TQ_MOM_E_TIMEOUT};
+    return with_client(handle, [&](Client &client) -> int32_t {
+        if (client.loop().on_own_thread()) return TQ_MOM_E_ARGUMENT;
+        return client.loop().drain(std::chrono::milliseconds(timeout_ms)) ? 0 : TQ_MOM_E_TIMEOUT;
     });
 }
 

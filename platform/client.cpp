@@ -3,10 +3,15 @@
 #include "platform/client.h"
 
 #include <algorithm>
+#include <utility>
+
+#include "platform/process.h"
 
 namespace tq {
 
 namespace {
+
+thread_local const Call *innermost = nullptr;
 
 bool same_subscription(const Request &a, const Request &b) {
     return a.place == b.place && a.listener == b.listener && a.key == b.key && a.fields == b.fields;
@@ -35,6 +40,61 @@ std::vector<Listener> affected(const Request &request, const Changed &event) {
 
 }  // namespace
 
+Client::Client() : process_(this_process()) {}
+
+bool Client::is_of_this_process() const {
+    return process_ == this_process();
+}
+
+Call::Call(const tq_mom_handle *handle) : client_(client_of(handle)), outer_(innermost) {
+    if (client_ && !client_->enter()) client_ = nullptr;
+    innermost = this;
+}
+
+Call::~Call() {
+    innermost = outer_;
+    if (client_) client_->leave();
+}
+
+bool Call::is_in(const Client &client) {
+    const Call *call = innermost;
+    while (call && call->client_ != &client) call = call->outer_;
+    return call != nullptr;
+}
+
+bool Client::enter() {
+    const std::lock_guard lock(calls_mutex_);
+    if (!closing_) calls_++;
+    return !closing_;
+}
+
+void Client::leave() {
+    const std::lock_guard lock(calls_mutex_);
+    calls_--;
+    calls_over_.notify_all();
+}
+
+bool Client::is_closing() {
+    const std::lock_guard lock(calls_mutex_);
+    return closing_;
+}
+
+bool Client::close() {
+    if (Call::is_in(*this)) return false;
+    {
+        const std::lock_guard lock(calls_mutex_);
+        if (std::exchange(closing_, true)) return false;
+    }
+    store_->end();
+    {
+        const std::lock_guard lock(mutex_);
+        back_.notify_all();
+    }
+    std::unique_lock lock(calls_mutex_);
+    calls_over_.wait(lock, [this] { return calls_ == 0; });
+    return true;
+}
+
 std::unique_ptr<Client> Client::open(const char *url, int32_t &error) {
     std::unique_ptr<Client> client(new Client);
     client->handle_ = {client.get(), &client->loop_};
@@ -61,7 +121,8 @@ void Client::connect(tq_mom_ready_cb ready, uintptr_t privdata) {
 bool Client::wait_connected(std::chrono::milliseconds timeout) {
     if (loop_.on_own_thread()) return store_->up();
     std::unique_lock lock(mutex_);
-    return back_.wait_for(lock, timeout, [this] { return store_->up(); });
+    back_.wait_for(lock, timeout, [this] { return is_closing() || store_->up(); });
+    return !is_closing() && store_->up();
 }
 
 void Client::set_reconnect(uint32_t db, tq_mom_reconnect_cb callback) {
@@ -107,7 +168,7 @@ int32_t Client::read(const Place &place, const ProtobufCMessageDescriptor &kind,
     if (const int32_t error = store_->read(place, key, found)) return error;
     Decoded decoded = decode(kind, *found);
     if (decoded.error) {
-        damaged_++;
+        damaged_ += decoded.error == TQ_MOM_E_DAMAGED;
         return decoded.error;
     }
     object = decoded.message.release();
@@ -122,6 +183,7 @@ int32_t Client::replace(const Target &target, const ProtobufCMessage *before, co
         if (const int32_t error = store_->read(target.place, *target.key, stored))
             return error == TQ_MOM_E_NOT_FOUND ? TQ_MOM_E_CHANGED : error;
         const Decoded decoded = decode(*target.kind, *stored);
+        if (decoded.error == TQ_MOM_E_MEMORY) return decoded.error;
         if (decoded.error || pack(*decoded.message) != pack(*before)) return TQ_MOM_E_CHANGED;
     }
     const ObjectPtr made = after ? std::make_shared<const Object>(Object{*target.key, pack(*after)}) : nullptr;
@@ -151,6 +213,16 @@ void Client::deliver(const Confirmed &event, uint64_t) {
     confirm(*event.ticket);
 }
 
+void Client::deliver(const Held &event, uint64_t epoch) {
+    if (epoch != epoch_) return;
+    const Request &request = *event.ticket;
+    result_rec record = {nullptr, {}, TQ_MOM_RESULT_HELD};
+    store_msg msg = new_msg(request, event.is_scan ? TQ_MOM_CMD_REPLY : TQ_MOM_CMD_SUBSCRIBED);
+    msg.result = TQ_MOM_RESULT_HELD;
+    if (event.is_scan) msg.value = &record;
+    request.listener.callback(&handle_, &msg, request.listener.privdata);
+}
+
 void Client::deliver(const Changed &event, uint64_t epoch) {
     if (epoch != epoch_) return;
     const Request &request = *event.ticket;
@@ -175,7 +247,7 @@ void Client::deliver(const Page &event, uint64_t epoch) {
 void Client::push(const Request &request, const Listener &listener, const Changed &event) {
     const Decoded decoded =
         event.after ? decode(*request.kind, *event.after) : Decoded{key_only(*request.kind, event.before->key), 0};
-    if (decoded.error) damaged_++;
+    if (decoded.error == TQ_MOM_E_DAMAGED) damaged_++;
     store_msg msg = new_msg(request, event.after ? TQ_MOM_CMD_SET : TQ_MOM_CMD_DELETE);
     msg.value = decoded.message.get();
     msg.result = decoded.error;
@@ -185,7 +257,7 @@ void Client::push(const Request &request, const Listener &listener, const Change
 // One object of a scan, on the thread that runs it.
 void Client::reply(const Request &request, const Object &object) {
     const Decoded decoded = decode(*request.kind, object);
-    if (decoded.error) damaged_++;
+    if (decoded.error == TQ_MOM_E_DAMAGED) damaged_++;
     result_rec record = {decoded.message.get(), {}, decoded.error};
     store_msg msg = new_msg(request, TQ_MOM_CMD_REPLY);
     msg.value = &record;

@@ -1,5 +1,8 @@
 // One client of a store: what it follows, what it is owed, and the delivery of what the store tells. Callbacks run on the
 // loop's thread with no lock held.
+//
+// A handle belongs to the process that opened it: a child has its memory, but not its thread, and shares its connections.
+// Whoever is in a call holds the client: closing waits until all have left, and a call that comes meanwhile fails.
 #ifndef TQ_PLATFORM_CLIENT_H
 #define TQ_PLATFORM_CLIENT_H
 
@@ -7,6 +10,7 @@
 #include <map>
 #include <mutex>
 
+#include "platform/guard.h"
 #include "platform/loop.h"
 #include "platform/message.h"
 #include "platform/store.h"
@@ -40,6 +44,13 @@ public:
     static std::unique_ptr<Client> open(const char *url, int32_t &error);
     ~Client() override;
 
+    bool is_of_this_process() const;
+    bool enter();  // false: it is being closed
+    void leave();
+    // Ends the calls that wait, and waits until none is under way. False, and nothing is done: one of this thread is, or
+    // another thread closes it.
+    bool close();
+
     tq_mom_handle *handle() { return &handle_; }
     Loop &loop() { return loop_; }
     Store &store() { return *store_; }
@@ -58,6 +69,8 @@ public:
     int32_t replace(const Target &target, const ProtobufCMessage *before, const ProtobufCMessage *after);
 
 private:
+    bool is_closing();
+
     struct Ready {
         tq_mom_ready_cb callback;
         uintptr_t privdata;
@@ -67,7 +80,7 @@ private:
         void *privdata;
     };
 
-    explicit Client() = default;
+    Client();
 
     // What the store tells, on any thread.
     void post(Event event) override;
@@ -76,6 +89,7 @@ private:
 
     // Its delivery, on the loop's thread.
     void deliver(const Confirmed &event, uint64_t epoch);
+    void deliver(const Held &event, uint64_t epoch);
     void deliver(const Changed &event, uint64_t epoch);
     void deliver(const Page &event, uint64_t epoch);
     void push(const Request &request, const Listener &listener, const Changed &event);
@@ -86,6 +100,13 @@ private:
     void call_ready();
 
     tq_mom_handle handle_ = {};
+    const uint32_t process_;
+
+    std::mutex calls_mutex_;  // guards what follows; taken last
+    std::condition_variable calls_over_;
+    int calls_ = 0;
+    bool closing_ = false;
+
     std::atomic<uint64_t> epoch_ = 0;  // how often the connection was lost: events of an earlier epoch are void
     std::atomic<uint64_t> damaged_ = 0;
     bool up_ = true;  // as the loop's thread has been told
@@ -101,8 +122,35 @@ private:
     std::unique_ptr<Store> store_;  // destroyed first: it tells the rest
 };
 
+// Null: it is no handle of this process.
 inline Client *client_of(const tq_mom_handle *handle) {
-    return handle ? static_cast<Client *>(handle->impl) : nullptr;
+    auto *client = handle ? static_cast<Client *>(handle->impl) : nullptr;
+    return client && client->is_of_this_process() ? client : nullptr;
+}
+
+// A call of a C function, from here to the end of its scope, during which the client stays. Null: it is no handle of this
+// process, or it is being closed.
+class Call {
+public:
+    explicit Call(const tq_mom_handle *handle);
+    ~Call();
+    Call(const Call &) = delete;
+    Call &operator=(const Call &) = delete;
+
+    Client *client() const { return client_; }
+    static bool is_in(const Client &client);  // this thread is
+
+private:
+    Client *client_;
+    const Call *const outer_;  // on this thread: a scan's callback may call again
+};
+
+// No exception leaves a C function. TQ_MOM_E_ARGUMENT when there is no client to hold.
+template <class F> int32_t with_client(const tq_mom_handle *handle, F &&act) {
+    return guarded([&]() -> int32_t {
+        const Call call(handle);
+        return call.client() ? act(*call.client()) : TQ_MOM_E_ARGUMENT;
+    });
 }
 
 }  // namespace tq

@@ -4,11 +4,15 @@
 
 #include <event2/event.h>
 #include <event2/thread.h>
+#include <fcntl.h>
 #include <pthread.h>
+#include <unistd.h>
+#include <array>
 #include <csignal>
 #include <cstdio>
 #include <future>
 #include <new>
+#include <system_error>
 
 #include "platform/timers.h"
 
@@ -23,6 +27,8 @@ void FreeEvent::operator()(event_base *base) const {
 
 namespace {
 
+constexpr size_t descriptors_of_a_base = 8;
+
 // A task that runs out of memory loses its message, not the process.
 void run_guarded(const Task &task) {
     try {
@@ -32,8 +38,19 @@ void run_guarded(const Task &task) {
     }
 }
 
+// libevent ends the process when a descriptor is missing for what it needs itself. Another thread may still take the last
+// one between the question and the answer.
+void want_descriptors() {
+    std::array<int, descriptors_of_a_base> taken;
+    size_t n = 0;
+    while (n < taken.size() && (taken[n] = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0) n++;
+    for (size_t i = 0; i < n; i++) ::close(taken[i]);
+    if (n < taken.size()) throw std::system_error(EMFILE, std::generic_category());
+}
+
 event_base *new_base() {
     static const int threads = evthread_use_pthreads();
+    want_descriptors();
     event_base *base = threads == 0 ? event_base_new() : nullptr;
     if (!base) throw std::bad_alloc();
     return base;

@@ -11,6 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include "platform/process.h"
+
 struct event;
 struct event_base;
 
@@ -36,6 +38,7 @@ public:
 
     void post(tq::Task task);
     event_base *base() const { return base_.get(); }  // for events of one's own
+    bool is_of_this_process() const { return process_ == tq::this_process(); }
     bool on_own_thread() const { return std::this_thread::get_id() == thread_.get_id(); }
 
     // Sees to it that the loop looks at its timers at that time, instead of what it was told before.
@@ -58,6 +61,7 @@ private:
     std::mutex mutex_;  // guards tasks_
     std::vector<tq::Task> tasks_;
     std::atomic<bool> stopping_ = false;
+    const uint32_t process_ = tq::this_process();
     std::thread thread_;
 };
 

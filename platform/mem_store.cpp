@@ -3,12 +3,14 @@
 #include "platform/mem_store.h"
 
 #include <algorithm>
+#include <atomic>
 #include <list>
 #include <map>
 #include <mutex>
 #include <unordered_map>
 #include <utility>
 
+#include "platform/process.h"
 #include "tq_dm_cache/tq_platform_bundled.h"
 
 namespace tq {
@@ -170,7 +172,7 @@ int32_t MemClient::replace(const Place &place, const ObjectPtr &before, const Ob
     const std::lock_guard lock(store_.mutex);
     if (!up_) return TQ_MOM_E_UNREACHABLE;
     Kind &kind = store_.kinds[place];
-    const std::string &key = after ? after->key : before->key;
+    const std::string &key = (after ? after : before)->key;
     const auto found = kind.by_key.find(key);
     const bool is_there = found != kind.by_key.end();
     if (is_there != (before != nullptr)) return TQ_MOM_E_CHANGED;
@@ -217,15 +219,19 @@ int32_t MemClient::lose_confirmations(int32_t n) {
     return 0;
 }
 
-// Stores are never destroyed: a client's thread may still run while the process ends.
+// Stores are never destroyed: a client's thread may still run while the process ends. A child begins with none.
 MemStore &mem_store(const std::string &name) {
     struct Registry {
         std::mutex mutex;
         std::map<std::string, MemStore> stores;
     };
-    static auto &registry = *new Registry;
-    const std::lock_guard lock(registry.mutex);
-    return registry.stores[name];
+    static std::atomic<Registry *> registry = [] {
+        run_in_child([] { registry = new Registry; });
+        return new Registry;
+    }();
+    Registry &now = *registry;
+    const std::lock_guard lock(now.mutex);
+    return now.stores[name];
 }
 
 }  // namespace tq

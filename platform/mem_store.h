@@ -17,6 +17,7 @@ public:
     MemClient(const MemClient &) = delete;
     MemClient &operator=(const MemClient &) = delete;
 
+    void end() override {}
     bool up() const override;
     int32_t rescan_delay_ms() const override { return 10; }
     void follow(const Place &place, const std::string *key, const Ticket &ticket) override;

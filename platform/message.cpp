@@ -1,6 +1,8 @@
 // Messages as the store holds them. Reads descriptors and bytes; no state, no lock.
 #include "platform/message.h"
 
+#include <cstdlib>
+
 #include "tq_dm_cache/tq_platform_bundled.h"
 
 namespace tq {
@@ -56,12 +58,33 @@ std::optional<std::string> field_bytes(std::string_view bytes, uint32_t number) 
     return found;
 }
 
+// A field's number written as zero, in more bytes than it needs. protobuf-c reads it as an unknown field, but packs it into
+// one byte, which it does not read. In bytes as they are packed a zero follows such a byte by chance only.
+bool may_hold_field_zero(std::string_view bytes) {
+    for (size_t at = bytes.find('\0', 1); at != std::string_view::npos; at = bytes.find('\0', at + 1))
+        if ((static_cast<uint8_t>(bytes[at - 1]) & 0xf8) == 0x80) return true;
+    return false;
+}
+
 }  // namespace
 
 std::string pack(const ProtobufCMessage &message) {
     std::string bytes(protobuf_c_message_get_packed_size(&message), '\0');
     protobuf_c_message_pack(&message, reinterpret_cast<uint8_t *>(bytes.data()));
     return bytes;
+}
+
+// No message, and `no_memory` when that is why. The stock functions free what it has made.
+static Message unpack(const ProtobufCMessageDescriptor &kind, std::string_view bytes, bool &no_memory) {
+    const auto allocate = [](void *failed, size_t size) {
+        void *block = std::malloc(size);
+        if (!block) *static_cast<bool *>(failed) = true;
+        return block;
+    };
+    ProtobufCAllocator allocator = {allocate, [](void *, void *block) { std::free(block); }, &no_memory};
+    no_memory = false;
+    return Message(
+        protobuf_c_message_unpack(&kind, &allocator, bytes.size(), reinterpret_cast<const uint8_t *>(bytes.data())));
 }
 
 std::optional<std::string> key_of(const ProtobufCMessage &message) {
@@ -87,15 +110,17 @@ Message key_only(const ProtobufCMessageDescriptor &kind, const std::string &key)
         put_varint(bytes, key.size());
         bytes += key;
     }
-    return Message(
-        protobuf_c_message_unpack(&kind, nullptr, bytes.size(), reinterpret_cast<const uint8_t *>(bytes.data())));
+    bool no_memory = false;
+    return unpack(kind, bytes, no_memory);
 }
 
 Decoded decode(const ProtobufCMessageDescriptor &kind, const Object &object) {
-    Message message(protobuf_c_message_unpack(&kind, nullptr, object.bytes.size(),
-                                              reinterpret_cast<const uint8_t *>(object.bytes.data())));
-    if (message && key_of(*message) == object.key) return {std::move(message), 0};
-    return {key_only(kind, object.key), TQ_MOM_E_DAMAGED};
+    bool no_memory = false;
+    Message message = unpack(kind, object.bytes, no_memory);
+    // Whoever copies the message packs and unpacks it.
+    const bool survives = message && (!may_hold_field_zero(object.bytes) || unpack(kind, pack(*message), no_memory));
+    if (survives && key_of(*message) == object.key) return {std::move(message), 0};
+    return {key_only(kind, object.key), no_memory ? TQ_MOM_E_MEMORY : TQ_MOM_E_DAMAGED};
 }
 
 bool has_field(const ProtobufCMessageDescriptor &kind, uint32_t number) {

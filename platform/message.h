@@ -39,8 +39,9 @@ struct Decoded {
     int32_t error;
 };
 
-// An object as a message. Bytes that do not unpack as the kind, or that carry another object's key, are damaged: error,
-// and a message that names the object by its key.
+// An object as a message. Bytes that do not unpack as the kind, that make a message which cannot be packed and unpacked
+// again, or that carry another object's key, are damaged: error, and a message that names the object by its key. Without
+// memory: another error, and perhaps no message.
 Decoded decode(const ProtobufCMessageDescriptor &kind, const Object &object);
 
 bool has_field(const ProtobufCMessageDescriptor &kind, uint32_t number);

@@ -22,10 +22,10 @@ Place place_of(uint32_t db, const ProtobufCMessage *message) {
 }
 
 int32_t read(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *obj_with_key, ProtobufCMessage *&object) {
-    return guarded([&] {
+    return with_client(handle, [&](Client &client) {
         const Target target(db, obj_with_key);
-        if (!client_of(handle) || !target.key) return int32_t{TQ_MOM_E_ARGUMENT};
-        return client_of(handle)->read(target.place, *target.kind, *target.key, object);
+        if (!target.key) return int32_t{TQ_MOM_E_ARGUMENT};
+        return client.read(target.place, *target.kind, *target.key, object);
     });
 }
 
@@ -41,31 +41,31 @@ bool usable_fields(const ProtobufCMessageDescriptor &kind, const uint32_t *numbe
 
 // A ready callback is owed while the connection is lost. Every database shares the client's one connection.
 int32_t tq_mom_client_connect(tq_mom_handle *handle, uint32_t, tq_mom_ready_cb ready, uintptr_t privdata) {
-    if (!client_of(handle) || !ready) return TQ_MOM_E_ARGUMENT;
-    return guarded([&] {
-        client_of(handle)->connect(ready, privdata);
+    if (!ready) return TQ_MOM_E_ARGUMENT;
+    return with_client(handle, [&](Client &client) {
+        client.connect(ready, privdata);
         return 0;
     });
 }
 
 int32_t tq_mom_client_set_reconnect_cb(tq_mom_handle *handle, uint32_t db, tq_mom_reconnect_cb reconnect, int32_t) {
-    if (!client_of(handle) || !reconnect) return TQ_MOM_E_ARGUMENT;
-    return guarded([&] {
-        client_of(handle)->set_reconnect(db, reconnect);
+    if (!reconnect) return TQ_MOM_E_ARGUMENT;
+    return with_client(handle, [&](Client &client) {
+        client.set_reconnect(db, reconnect);
         return 0;
     });
 }
 
 int32_t tq_mom_client_connect_sync(tq_mom_handle *handle, int32_t) {
-    if (!client_of(handle)) return TQ_MOM_E_ARGUMENT;
-    return guarded([&] { return client_of(handle)->wait_connected(connect_limit) ? 0 : int32_t{TQ_MOM_E_TIMEOUT}; });
+    return with_client(
+        handle, [&](Client &client) { return client.wait_connected(connect_limit) ? 0 : int32_t{TQ_MOM_E_TIMEOUT}; });
 }
 
 int32_t tq_mom_subscribe(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *tmpl, int32_t,
                          tq_mom_msg_cb callback, void *privdata) {
-    if (!client_of(handle) || !usable(tmpl) || !callback) return TQ_MOM_E_ARGUMENT;
-    return guarded([&] {
-        client_of(handle)->subscribe({place_of(db, tmpl), tmpl->descriptor, {callback, privdata}});
+    if (!usable(tmpl) || !callback) return TQ_MOM_E_ARGUMENT;
+    return with_client(handle, [&](Client &client) {
+        client.subscribe({place_of(db, tmpl), tmpl->descriptor, {callback, privdata}});
         return 0;
     });
 }
@@ -73,39 +73,38 @@ int32_t tq_mom_subscribe(tq_mom_handle *handle, uint32_t db, const ProtobufCMess
 // The first field's callback is told that the subscription stands.
 int32_t tq_mom_subscribe_field(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *key, int32_t,
                                const uint32_t *field_numbers, tq_mom_msg_cb *callbacks, void **privdata, int32_t n) {
-    if (!client_of(handle) || !usable(key) || !field_numbers || !callbacks || !privdata) return TQ_MOM_E_ARGUMENT;
+    if (!usable(key) || !field_numbers || !callbacks || !privdata) return TQ_MOM_E_ARGUMENT;
     if (n < 1 || n > field_limit) return TQ_MOM_E_ARGUMENT;
     if (!usable_fields(*key->descriptor, field_numbers, callbacks, n)) return TQ_MOM_E_ARGUMENT;
-    return guarded([&] {
+    return with_client(handle, [&](Client &client) {
         Target target(db, key);
         if (!target.key) return int32_t{TQ_MOM_E_ARGUMENT};
         Request request = {target.place, target.kind, {callbacks[0], privdata[0]}, *target.key};
         for (int32_t i = 0; i < n; i++) request.fields.push_back({field_numbers[i], {callbacks[i], privdata[i]}});
-        client_of(handle)->subscribe(std::move(request));
+        client.subscribe(std::move(request));
         return 0;
     });
 }
 
 int32_t tq_mom_scan(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *tmpl, int32_t, tq_mom_msg_cb callback,
                     void *privdata) {
-    if (!client_of(handle) || !usable(tmpl) || !callback) return TQ_MOM_E_ARGUMENT;
-    return guarded([&] {
-        client_of(handle)->scan({place_of(db, tmpl), tmpl->descriptor, {callback, privdata}});
+    if (!usable(tmpl) || !callback) return TQ_MOM_E_ARGUMENT;
+    return with_client(handle, [&](Client &client) {
+        client.scan({place_of(db, tmpl), tmpl->descriptor, {callback, privdata}});
         return 0;
     });
 }
 
 int32_t tq_mom_scan_sync(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *tmpl, int32_t,
                          tq_mom_msg_cb callback, void *privdata) {
-    if (!client_of(handle) || !usable(tmpl) || !callback) return TQ_MOM_E_ARGUMENT;
-    return guarded([&] {
-        return client_of(handle)->scan_here({place_of(db, tmpl), tmpl->descriptor, {callback, privdata}});
+    if (!usable(tmpl) || !callback) return TQ_MOM_E_ARGUMENT;
+    return with_client(handle, [&](Client &client) {
+        return client.scan_here({place_of(db, tmpl), tmpl->descriptor, {callback, privdata}});
     });
 }
 
 int32_t tq_mom_get_reconnect_scan_time(tq_mom_handle *handle, uint32_t) {
-    if (!client_of(handle)) return TQ_MOM_E_ARGUMENT;
-    return client_of(handle)->store().rescan_delay_ms();
+    return with_client(handle, [](Client &client) { return client.store().rescan_delay_ms(); });
 }
 
 result_rec *tq_mom_hgetall_sync(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *obj_with_key) {
@@ -143,18 +142,18 @@ int32_t tq_mom_tq_obj_free(ProtobufCMessage *message) {
 }
 
 int32_t tq_mom_set(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *obj, int32_t, int32_t) {
-    return guarded([&] {
+    return with_client(handle, [&](Client &client) {
         const Target target(db, obj);
-        if (!client_of(handle) || !target.key) return int32_t{TQ_MOM_E_ARGUMENT};
-        return client_of(handle)->store().write(target.place, {*target.key, pack(*obj)});
+        if (!target.key) return int32_t{TQ_MOM_E_ARGUMENT};
+        return client.store().write(target.place, {*target.key, pack(*obj)});
     });
 }
 
 int32_t tq_mom_set_many(tq_mom_handle *handle, const tq_mom_write *writes, uint32_t count, uint32_t *taken,
                         uint32_t *refused) {
     size_t number_taken = 0, first_refused = 0;
-    const int32_t code = guarded([&] {
-        if (!client_of(handle) || (count > 0 && !writes)) return int32_t{TQ_MOM_E_ARGUMENT};
+    const int32_t code = with_client(handle, [&](Client &client) {
+        if ((count > 0 && !writes)) return int32_t{TQ_MOM_E_ARGUMENT};
         std::vector<Write> all;
         all.reserve(count);
         for (; first_refused < count; first_refused++) {
@@ -163,7 +162,7 @@ int32_t tq_mom_set_many(tq_mom_handle *handle, const tq_mom_write *writes, uint3
             if (!target.key) return int32_t{TQ_MOM_E_ARGUMENT};
             all.push_back({target.place, {*target.key, pack(*obj)}});
         }
-        return client_of(handle)->store().write_many(all, number_taken, first_refused);
+        return client.store().write_many(all, number_taken, first_refused);
     });
     if (taken) *taken = static_cast<uint32_t>(number_taken);
     if (refused) *refused = static_cast<uint32_t>(first_refused);
@@ -171,19 +170,18 @@ int32_t tq_mom_set_many(tq_mom_handle *handle, const tq_mom_write *writes, uint3
 }
 
 int32_t tq_mom_del(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *obj_with_key) {
-    return guarded([&] {
+    return with_client(handle, [&](Client &client) {
         const Target target(db, obj_with_key);
-        if (!client_of(handle) || !target.key) return int32_t{TQ_MOM_E_ARGUMENT};
-        return client_of(handle)->store().erase(target.place, *target.key);
+        if (!target.key) return int32_t{TQ_MOM_E_ARGUMENT};
+        return client.store().erase(target.place, *target.key);
     });
 }
 
 int32_t tq_mom_replace(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *before,
                        const ProtobufCMessage *after) {
-    return guarded([&] {
+    return with_client(handle, [&](Client &client) {
         const Target target(db, after ? after : before), other(db, before ? before : after);
-        if (!client_of(handle) || !target.key || target.kind != other.kind || target.key != other.key)
-            return int32_t{TQ_MOM_E_ARGUMENT};
-        return client_of(handle)->replace(target, before, after);
+        if (!target.key || target.kind != other.kind || target.key != other.key) return int32_t{TQ_MOM_E_ARGUMENT};
+        return client.replace(target, before, after);
     });
 }

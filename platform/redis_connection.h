@@ -1,10 +1,13 @@
-// One connection to a Redis server: commands out, replies in. Takes no lock: its owner says who may touch it.
+// One connection to a Redis server: commands out, replies in. Its owner says who may touch it. mutex_ guards the life of the
+// descriptor, for shut() and received() come from any thread.
 #ifndef TQ_PLATFORM_REDIS_CONNECTION_H
 #define TQ_PLATFORM_REDIS_CONNECTION_H
 
 #include <hiredis.h>
 
+#include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -38,15 +41,18 @@ using Words = std::vector<std::string_view>;
 
 std::string formatted(const Words &command);
 // What presents the credentials; empty when there are none.
-std::string auth_command(const RedisUrl &url);
+std::string auth_command(const Credentials &credentials);
 
 class RedisConnection {
 public:
-    // What was wrong is told by fault(), here and below. A connection that does not block may still be on its way.
-    bool open(const RedisUrl &url, bool is_blocking);
+    // What was wrong is told by fault(), here and below. A connection that does not block may still be on its way; one that
+    // does waits for at most the limit for anything to be read or sent, and not beyond its deadline: the limit from here on,
+    // until another one is set.
+    bool open(const Address &server, std::chrono::milliseconds limit, bool is_blocking);
+    void set_deadline(std::chrono::milliseconds from_now) { deadline_ = std::chrono::steady_clock::now() + from_now; }
     bool is_open() const { return context_ != nullptr; }
-    void close() { context_.reset(); }
-    void shut();  // every read ends; the descriptor stays
+    void close();
+    void shut();  // every read ends, and every read to come; the descriptor stays
 
     int fd() const { return context_->fd; }
     const std::string &fault() const { return fault_; }
@@ -55,6 +61,7 @@ public:
     bool send();  // as much as goes
     bool all_sent() const { return out_.empty(); }
 
+    uint64_t received() const { return received_; }       // bytes, ever
     enum class Received { failed, nothing, some, much };  // much: there may be more
     Received receive();
     // Null: none is complete, or, with a fault, what came is not the server's language. A connection that does not block
@@ -66,12 +73,17 @@ private:
         void operator()(redisContext *context) const { redisFree(context); }
     };
     bool fail(const std::string &why);
+    bool may_wait();
 
     bool blocking() const { return context_->flags & REDIS_BLOCK; }
 
     RedisReplies replies_;
     bool begun_ = false;  // a reply is half read
+    std::mutex mutex_;
     std::unique_ptr<redisContext, FreeContext> context_;
+    std::chrono::milliseconds limit_{}, may_wait_{};
+    std::chrono::steady_clock::time_point deadline_;
+    std::atomic<uint64_t> received_ = 0;
     std::string out_;
     std::string fault_;
 };

@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <utility>
 
+#include "platform/sentinel.h"
+
 namespace tq {
 
 namespace {
@@ -39,6 +41,7 @@ RedisFeed::RedisFeed(const RedisUrl &url, Loop &loop, FeedOwner &owner)
       loop_(loop),
       owner_(owner),
       timer_(new_event<&RedisFeed::on_timer>(-1, 0)),
+      trouble_(url.shown),
       retry_delay_(shortest_retry) {}
 
 void RedisFeed::start_timer(milliseconds delay) {
@@ -47,20 +50,31 @@ void RedisFeed::start_timer(milliseconds delay) {
     event_add(timer_.get(), &time);
 }
 
+void RedisFeed::begin(const Address &server) {
+    server_ = server;
+    is_found_ = true;
+    start_timer(milliseconds(0));
+}
+
 void RedisFeed::connect() {
     state_ = State::connecting;
-    if (!connection_.open(url_, /*is_blocking=*/false)) return drop(connection_.fault());
+    std::string fault;
+    at_.clear();
+    if (!std::exchange(is_found_, false) && !find_master(url_, attempts_++, server_, fault)) return drop(fault);
+    if (!url_.sentinels.empty()) at_ = name_of(server_) + ": ";
+    if (!connection_.open(server_, url_.probe, /*is_blocking=*/false)) return drop(connection_.fault());
     readable_ = new_event<&RedisFeed::on_readable>(connection_.fd(), EV_READ | EV_PERSIST);
     writable_ = new_event<&RedisFeed::send>(connection_.fd(), EV_WRITE);
     event_add(readable_.get(), nullptr);
 
-    run_id_.clear();
     silent_ticks_ = 0;
-    const std::string auth = auth_command(url_);
-    auth_owed_ = !auth.empty();
+    asked_at_ = Clock::now();
+    asked_.clear();
+    const std::string auth = auth_command(url_.credentials);
+    if (!auth.empty()) asked_.push_back({Asked::credentials});
     connection_.add(auth);
-    connection_.add(formatted({"INFO", "server"}));
-    connection_.add(formatted({"ROLE"}));
+    asked_.push_back({Asked::identity});
+    connection_.add(identity_question());
     owner_.subscribe_all();
     event_add(writable_.get(), nullptr);  // it may still be on its way
     start_timer(url_.probe / ticks_of_silence);
@@ -73,9 +87,21 @@ void RedisFeed::send() {
     if (!connection_.all_sent()) event_add(writable_.get(), nullptr);
 }
 
+void RedisFeed::ask(Asked asked, const Words &command) {
+    asked_.push_back(std::move(asked));
+    connection_.add(formatted(command));
+}
+
+void RedisFeed::fence(uint64_t number) {
+    const std::string channel = "dm:fence/" + std::to_string(number);
+    ask({Asked::fence, channel, number}, {"UNSUBSCRIBE", channel});
+    if (state_ == State::connecting) silent_ticks_ = 0;  // it has answered the one before
+}
+
 bool RedisFeed::establish() {
     state_ = State::up;
-    return std::exchange(last_run_id_, run_id_) == run_id_;
+    silent_ticks_ = 0;
+    return same_content(std::exchange(last_identity_, identity_), identity_);
 }
 
 void RedisFeed::drop(const std::string &reason) {
@@ -84,9 +110,10 @@ void RedisFeed::drop(const std::string &reason) {
     readable_.reset();
     writable_.reset();
     connection_.close();
-    const milliseconds delay = std::exchange(reached_, false) ? next_delay() : shortest_retry;
+    const bool costs = std::exchange(reached_, false) || !url_.sentinels.empty();  // somebody was asked
+    const milliseconds delay = costs ? next_delay() : shortest_retry;
     start_timer(delay + milliseconds(std::uniform_int_distribution<>(0, static_cast<int>(delay.count()))(random_)));
-    say(reason);
+    trouble_.say(at_ + reason);
     owner_.lost();
 }
 
@@ -94,22 +121,16 @@ milliseconds RedisFeed::next_delay() {
     return std::exchange(retry_delay_, std::min(retry_delay_ * 2, longest_retry));
 }
 
-// Each reason once, however often it comes: until a connection has lasted for a tick.
-void RedisFeed::say(const std::string &reason) {
-    if (reason == told_) return;
-    told_ = reason;
-    std::fprintf(stderr, "tq_platform: store %s: %s\n", url_.shown.c_str(), reason.c_str());
-}
-
 void RedisFeed::on_timer() {
     if (state_ == State::waiting) return connect();
+    if (state_ == State::up && owner_.is_heard_elsewhere()) silent_ticks_ = 0;
     if (silent_ticks_++ == ticks_of_silence) return drop("no answer");
     start_timer(url_.probe / ticks_of_silence);
     if (state_ != State::up) return;
     owner_.tick();
     if (state_ != State::up) return;
     retry_delay_ = shortest_retry;
-    told_.clear();
+    trouble_.end();
 }
 
 void RedisFeed::on_readable() {
@@ -134,38 +155,43 @@ bool RedisFeed::take_replies() {
     return false;
 }
 
+// In the order of how often they come.
 void RedisFeed::take(const redisReply &reply) {
-    constexpr std::string_view run_id = "run_id:";
+    const bool is_list = reply.type == REDIS_REPLY_ARRAY && reply.elements == 3;
+    if (is_list && text_of(*reply.element[0]) == "message")
+        return owner_.heard(text_of(*reply.element[1]), text_of(*reply.element[2]));
     if (is_full(reply)) return drop(std::string(text_of(reply)));
-    if (is_error(reply)) return take_error(text_of(reply));
-    auth_owed_ = false;
-    if (reply.type == REDIS_REPLY_STATUS) return;
-    if (reply.type == REDIS_REPLY_ARRAY && reply.elements > 0) return take_list(reply);
-    const std::string_view text = text_of(reply);
-    const size_t at = text.find(run_id);
-    if (at == std::string_view::npos) return drop("the server answers something else than was asked");
-    run_id_ = text.substr(at + run_id.size(), text.find('\r', at) - at - run_id.size());
+    while (is_list && !asked_.empty() && asked_.front().what == Asked::fence &&
+           text_of(*reply.element[1]) != asked_.front().channel) {
+        asked_.pop_front();  // its answer has got lost; what it confirms waits for another connection
+    }
+    if (asked_.empty()) return drop(other_answer);
+    const Asked asked = std::move(asked_.front());
+    asked_.pop_front();
+    if (is_error(reply)) return take_error(asked, text_of(reply));
+    take_answer(asked, reply);
 }
 
-// In the order of how often they come.
-void RedisFeed::take_list(const redisReply &list) {
-    const auto at = [&](size_t i) { return i < list.elements ? text_of(*list.element[i]) : std::string_view(); };
-    const std::string_view what = at(0);
-    if (what == "message") return owner_.heard(at(1), at(2));
-    if (what == "pong") {
-        uint64_t number = 0;
-        std::from_chars(at(1).data(), at(1).data() + at(1).size(), number);
-        return owner_.answered(number);
-    }
-    if (what == "subscribe" || what == "master") return;
-    drop("the server is no master (" + std::string(what) + ")");
+void RedisFeed::take_answer(const Asked &asked, const redisReply &reply) {
+    const bool is_list = reply.type == REDIS_REPLY_ARRAY && reply.elements == 3;
+    const std::string_view word = is_list ? text_of(*reply.element[0]) : std::string_view();
+    if (asked.what == Asked::credentials && reply.type == REDIS_REPLY_STATUS) return;
+    if (asked.what == Asked::subscription && word == "subscribe" && text_of(*reply.element[1]) == asked.channel)
+        return owner_.subscribed(asked.channel, {});
+    if (asked.what == Asked::fence && word == "unsubscribe") return owner_.answered(asked.number);
+    if (asked.what != Asked::identity || reply.type != REDIS_REPLY_STRING || !parse_identity(text_of(reply), identity_))
+        return drop(other_answer);
+    if (const std::string fault = unfit(identity_); !fault.empty()) return drop(fault);
+    if (identity_.role != "master") drop("the server is no master (" + identity_.role + ")");
 }
 
 // What the server says to the credentials may quote them.
-void RedisFeed::take_error(std::string_view text) {
+void RedisFeed::take_error(const Asked &asked, std::string_view text) {
     if (text.starts_with("LOADING")) reached_ = false;
-    if (!auth_owed_) return drop(std::string(text));
-    drop("the server refuses the credentials (" + std::string(text.substr(0, text.find(' '))) + ")");
+    if (asked.what == Asked::credentials)
+        return drop("the server refuses the credentials (" + std::string(text.substr(0, text.find(' '))) + ")");
+    if (asked.what == Asked::subscription && text.starts_with("NOPERM")) return owner_.subscribed(asked.channel, text);
+    drop(std::string(text));
 }
 
 }  // namespace tq

@@ -10,40 +10,58 @@ namespace tq {
 
 namespace {
 
-constexpr size_t commands_at_a_time = 256;  // their answers wait at the server until all of them are sent
+// Their answers wait at the server until all of them are sent, and other callers until all of these are there.
+constexpr size_t commands_at_a_time = 256, bytes_at_a_time = 256 << 10;
+constexpr int longest_answer = 12;  // probe times, while it keeps coming
+constexpr int longest_silence = 5;  // fifths of a probe time
 
 }  // namespace
 
-int32_t RedisLink::open(std::string &fault) {
+int32_t RedisLink::open(const Address &server, Identity &identity, std::string &fault) {
     const std::lock_guard lock(mutex_);
     {
         const std::lock_guard posted_lock(posted_mutex_);
         posted_.clear();
-        posted_answers_ = 0;
+        posted_owed_.clear();
     }
-    owed_ = 0;
+    owed_.clear();
+    silences_ = 0;
     transactions_.clear();
     fault_.clear();
-    usable_ = connection_.open(url_, /*is_blocking=*/true);
-    const int32_t error = usable_ ? try_credentials(fault) : TQ_MOM_E_UNREACHABLE;
+    usable_ = connection_.open(server, url_.probe, /*is_blocking=*/true);
+    if (ended_) connection_.shut();
+    const int32_t error = usable_ ? ask_identity(identity, fault) : TQ_MOM_E_UNREACHABLE;
     if (!usable_) fault = connection_.fault();
     usable_ = error == 0;
     return error;
 }
 
-// Of what the server says to them only the first word is told: it may quote them.
-int32_t RedisLink::try_credentials(std::string &fault) {
-    const std::string auth = auth_command(url_);
+void RedisLink::end() {
+    ended_ = true;
+    connection_.shut();
+}
+
+// Of what the server says to the credentials only the first word is told: it may quote them.
+int32_t RedisLink::ask_identity(Identity &identity, std::string &fault) {
+    const std::string auth = auth_command(url_.credentials);
     connection_.add(auth);
-    connection_.add(formatted({"PING"}));
+    connection_.add(identity_question());
     for (int answers = auth.empty() ? 1 : 2; answers > 0; answers--) {
-        const Reply reply = answer();
+        const Reply reply = read_answer();
         if (!reply) return TQ_MOM_E_UNREACHABLE;
-        if (!is_error(*reply)) continue;
-        const std::string word(text_of(*reply).substr(0, text_of(*reply).find(' ')));
-        const bool denied = (answers == 2 && !is_full(*reply)) || word == "NOAUTH" || word == "NOPERM";
-        fault = denied ? "the server refuses the credentials (" + word + ")" : std::string(text_of(*reply));
-        return denied ? TQ_MOM_E_DENIED : TQ_MOM_E_UNREACHABLE;
+        if (is_error(*reply)) {
+            const std::string word(text_of(*reply).substr(0, text_of(*reply).find(' ')));
+            const bool denied = (answers == 2 && !is_full(*reply)) || word == "NOAUTH" || word == "NOPERM";
+            fault = denied ? "the server refuses the credentials (" + word + ")" : std::string(text_of(*reply));
+            return denied ? TQ_MOM_E_DENIED : TQ_MOM_E_UNREACHABLE;
+        }
+        if (answers > 1) continue;
+        if (reply->type != REDIS_REPLY_STRING || !parse_identity(text_of(*reply), identity)) {
+            fault = other_answer;
+            return TQ_MOM_E_UNREACHABLE;
+        }
+        fault = unfit(identity);
+        return fault.empty() ? 0 : TQ_MOM_E_REFUSED;
     }
     return 0;
 }
@@ -53,9 +71,10 @@ Reply RedisLink::call(const Words &command) {
     {
         const std::lock_guard lock(mutex_);
         if (!usable_) return nullptr;
+        const LoseWhenThrown guard{*this};
         take_posted();
         connection_.add(formatted(command));
-        while (usable_ && owed_ > 0) take_owed(answer());
+        take_all_owed();
         if (usable_) reply = answer();
     }
     send_posted();
@@ -63,40 +82,48 @@ Reply RedisLink::call(const Words &command) {
 }
 
 bool RedisLink::call_many(size_t count, const Command &command, const Take &take) {
-    bool held = true, more = true;
-    for (size_t begin = 0, end; held && more && begin < count; begin = end) {
+    bool more = true;
+    for (size_t begin = 0, end = 0; more && begin < count; begin = end) {
+        std::string bytes;
+        for (; end < count && end < begin + commands_at_a_time && bytes.size() < bytes_at_a_time; end++)
+            bytes += command(end);
+        std::vector<Reply> replies;
+        replies.reserve(end - begin);
         {
             const std::lock_guard lock(mutex_);
+            const LoseWhenThrown guard{*this};
             take_posted();
-            for (end = begin; end < count && end < begin + commands_at_a_time; end++) connection_.add(command(end));
-            while (usable_ && owed_ > 0) take_owed(answer());
-            for (size_t i = begin; held && i < end; i++) {
-                const Reply reply = usable_ ? answer() : nullptr;
-                held = reply != nullptr;
-                if (held) more &= take(i, *reply);
+            connection_.add(bytes);
+            take_all_owed();
+            while (usable_ && replies.size() < end - begin) {
+                if (Reply reply = answer()) replies.push_back(std::move(reply));
             }
         }
         send_posted();
+        for (size_t i = 0; i < replies.size(); i++) more &= take(begin + i, *replies[i]);
+        if (replies.size() < end - begin) return false;
     }
-    return held;
+    return true;
 }
 
-void RedisLink::post(const std::vector<Words> &commands) {
+void RedisLink::post(const std::vector<Words> &commands, bool is_transaction) {
     std::string bytes;
     for (const Words &command : commands) bytes += formatted(command);
     {
         const std::lock_guard lock(posted_mutex_);
+        posted_.reserve(posted_.size() + bytes.size());
+        posted_owed_.push_back({commands.size(), is_transaction});
         posted_ += bytes;
-        posted_answers_ += static_cast<int>(commands.size());
     }
     send_posted();
 }
 
-Reply RedisLink::take_transaction() {
-    Reply taken;
+RedisLink::Transaction RedisLink::take_transaction() {
+    Transaction taken;
     {
         const std::lock_guard lock(mutex_);
-        while (usable_ && transactions_.empty() && owed_ > 0) take_owed(answer());
+        const LoseWhenThrown guard{*this};
+        while (usable_ && transactions_.empty() && !owed_.empty()) take_owed(answer());
         if (!transactions_.empty()) {
             taken = std::move(transactions_.front());
             transactions_.pop_front();
@@ -106,29 +133,49 @@ Reply RedisLink::take_transaction() {
     return taken;
 }
 
+bool RedisLink::take_failed(Transaction &failed) {
+    const std::unique_lock lock(mutex_, std::try_to_lock);
+    if (!lock || transactions_.empty() || transactions_.front().fault.empty()) return false;
+    failed = std::move(transactions_.front());
+    transactions_.pop_front();
+    return true;
+}
+
+bool RedisLink::is_waiting() {
+    const std::lock_guard lock(posted_mutex_);
+    return !posted_.empty();
+}
+
 void RedisLink::take_posted() {
     const std::lock_guard lock(posted_mutex_);
     connection_.add(posted_);
-    owed_ += std::exchange(posted_answers_, 0);
     posted_.clear();
+    for (Owed &owed : posted_owed_) owed_.push_back(std::move(owed));
+    posted_owed_.clear();
 }
 
 // Whoever holds the lock looks here again when it has let go of it.
 void RedisLink::send_posted() {
-    const auto waiting = [this] {
-        const std::lock_guard lock(posted_mutex_);
-        return !posted_.empty();
-    };
-    while (waiting()) {
+    while (is_waiting()) {
         const std::unique_lock lock(mutex_, std::try_to_lock);
         if (!lock) return;
         take_posted();
+        connection_.set_deadline(url_.probe);
         if (usable_ && !connection_.send()) lose();
     }
 }
 
-// The next answer, after everything has been sent.
+void RedisLink::take_all_owed() {
+    while (usable_ && !owed_.empty()) take_owed(answer());
+}
+
+// The next answer, after everything has been sent. One that keeps coming may take its time, but not for ever.
 Reply RedisLink::answer() {
+    connection_.set_deadline(url_.probe * longest_answer);
+    return read_answer();
+}
+
+Reply RedisLink::read_answer() {
     if (!connection_.send()) return lose();
     for (;;) {
         if (Reply reply = connection_.next()) return reply;
@@ -144,19 +191,45 @@ Reply RedisLink::lose() {
 }
 
 void RedisLink::take_owed(Reply reply) {
-    owed_--;
-    if (reply && is_error(*reply)) fault_ = text_of(*reply);
-    if (reply && reply->type == REDIS_REPLY_ARRAY) transactions_.push_back(std::move(reply));
+    if (!reply) return;
+    if (owed_.empty()) {  // nobody has asked: later answers would be taken for others
+        lose();
+        fault_ = other_answer;
+        return;
+    }
+    Owed &owed = owed_.front();
+    if (is_error(*reply) && owed.fault.empty()) owed.fault = text_of(*reply);
+    for (size_t i = 0; i < reply->elements && owed.fault.empty(); i++) {
+        if (is_error(*reply->element[i])) owed.fault = text_of(*reply->element[i]);
+    }
+    if (--owed.answers > 0) return;
+    if (owed.is_transaction) {
+        transactions_.push_back({std::move(reply), std::move(owed.fault)});
+    } else if (!owed.fault.empty()) {
+        fault_ = std::move(owed.fault);
+    }
+    owed_.pop_front();
 }
 
 // What has come without a wait, be it the end of the connection.
 void RedisLink::receive_owed() {
     pollfd waiting = {connection_.fd(), POLLIN, 0};
+    connection_.set_deadline(url_.probe);
     while (usable_ && ::poll(&waiting, 1, 0) > 0) {
         if (connection_.receive() == RedisConnection::Received::failed) lose();
-        while (Reply reply = connection_.next()) take_owed(std::move(reply));
-        if (!connection_.fault().empty()) lose();
+        for (Reply reply; usable_ && (reply = connection_.next());) take_owed(std::move(reply));
+        if (usable_ && !connection_.fault().empty()) lose();
     }
+}
+
+// An answer that is owed, and nothing of it has come since the last time this was looked at.
+void RedisLink::notice_silence() {
+    const bool is_silent = !owed_.empty() && received() == received_before_;
+    received_before_ = received();
+    silences_ = is_silent ? silences_ + 1 : 0;
+    if (silences_ < longest_silence) return;
+    lose();
+    fault_ = "no answer";
 }
 
 std::string RedisLink::collect() {
@@ -164,7 +237,9 @@ std::string RedisLink::collect() {
     {
         const std::unique_lock lock(mutex_, std::try_to_lock);
         if (!lock) return {};
+        const LoseWhenThrown guard{*this};
         if (usable_) receive_owed();
+        if (usable_) notice_silence();
         fault = std::exchange(fault_, "");
         if (!usable_ && fault.empty()) fault = "the command connection is lost";
     }

@@ -5,10 +5,12 @@
 #define TQ_PLATFORM_REDIS_LINK_H
 
 #include <deque>
+#include <exception>
 #include <functional>
 #include <mutex>
 
 #include "platform/redis_connection.h"
+#include "platform/redis_identity.h"
 
 namespace tq {
 
@@ -16,10 +18,13 @@ class RedisLink {
 public:
     explicit RedisLink(const RedisUrl &url) : url_(url) {}
 
-    // Connects, and tries the credentials out. 0, TQ_MOM_E_UNREACHABLE or TQ_MOM_E_DENIED with a fault in words.
-    int32_t open(std::string &fault);
-    // Ends the calls under way, and all to come until it is opened again. On the thread that opens it.
+    // Connects, tries the credentials out and asks who the server is. 0, or TQ_MOM_E_UNREACHABLE, TQ_MOM_E_DENIED or
+    // TQ_MOM_E_REFUSED with a fault in words.
+    int32_t open(const Address &server, Identity &identity, std::string &fault);
+    // Ends the calls under way, and all to come until it is opened again.
     void shut() { connection_.shut(); }
+    // The same, for good.
+    void end();
 
     // Null: the connection is lost.
     Reply call(const Words &command);
@@ -30,18 +35,49 @@ public:
     using Take = std::function<bool(size_t number, const redisReply &answer)>;
     bool call_many(size_t count, const Command &command, const Take &take);
     // Waits for no call under way: whoever is in one sends it along.
-    void post(const std::vector<Words> &commands);
+    void post(const Words &command) { post({command}, /*is_transaction=*/false); }
+    // The last command answers for all.
+    void post_transaction(const std::vector<Words> &commands) { post(commands, /*is_transaction=*/true); }
+    struct Transaction {
+        Reply answer;       // null: the connection is lost
+        std::string fault;  // of one of its commands
+    };
     // The answer of the first posted transaction that has not been taken. Waits for it: the server must have it already.
-    // Null: there is none any more.
-    Reply take_transaction();
-    // What is wrong with the connection, or with a posted command; empty: nothing known. Does not wait.
+    Transaction take_transaction();
+    // The same, if it has come and has a fault: then nobody may be told otherwise that it was carried out. Does not wait.
+    bool take_failed(Transaction &failed);
+    // What is wrong with the connection, or with another posted command; empty: nothing known. Does not wait. To be asked
+    // five times in a probe time: what is owed must not be silent for longer.
     std::string collect();
+    // What is posted waits while a call's answer comes in. Bytes of answers, ever.
+    bool is_waiting();
+    uint64_t received() const { return connection_.received(); }
 
 private:
-    int32_t try_credentials(std::string &fault);
+    // Whoever runs out of memory half way leaves answers that are taken for those of the next call.
+    struct LoseWhenThrown {
+        RedisLink &link;
+        int before = std::uncaught_exceptions();
+        ~LoseWhenThrown() {
+            if (std::uncaught_exceptions() == before) return;
+            link.usable_ = false;
+            link.connection_.shut();
+        }
+    };
+    // Answers that nobody waits for.
+    struct Owed {
+        size_t answers;
+        bool is_transaction;
+        std::string fault = {};
+    };
+    int32_t ask_identity(Identity &identity, std::string &fault);
+    void post(const std::vector<Words> &commands, bool is_transaction);
     void take_posted();
     void send_posted();
+    void notice_silence();
+    void take_all_owed();
     Reply answer();
+    Reply read_answer();
     Reply lose();
     void take_owed(Reply reply);
     void receive_owed();
@@ -51,13 +87,16 @@ private:
     std::mutex mutex_;  // guards the connection and what follows
     RedisConnection connection_;
     bool usable_ = false;
-    int owed_ = 0;  // answers to posted commands
-    std::deque<Reply> transactions_;
+    std::deque<Owed> owed_;
+    uint64_t received_before_ = 0;
+    int silences_ = 0;
+    std::deque<Transaction> transactions_;
     std::string fault_;
+    std::atomic<bool> ended_ = false;
 
     std::mutex posted_mutex_;  // guards posted_; taken last
     std::string posted_;
-    int posted_answers_ = 0;
+    std::deque<Owed> posted_owed_;
 };
 
 }  // namespace tq

@@ -1,5 +1,6 @@
-// Replies that use their memory again. What is pushed comes a million times a second at best: hiredis' own replies, eight
-// allocations a push, would cost as much as all the rest. No lock: one connection's owner.
+// Replies in bounds. A reply that announces more elements than anything asked for can have is refused before memory is taken
+// for it. What is pushed comes a million times a second at best: hiredis' own replies, eight allocations a push, would cost
+// as much as all the rest, so a subscriber's replies use their memory again. No lock: one connection's owner.
 #ifndef TQ_PLATFORM_REDIS_REPLIES_H
 #define TQ_PLATFORM_REDIS_REPLIES_H
 
@@ -13,9 +14,10 @@ namespace tq {
 
 class RedisReplies {
 public:
-    // From now on the reader's replies are these: each is good until the next one is begun.
-    void serve(redisReader &reader);
-    void begin_next() { used_ = 0; }
+    // From now on the reader's replies are in bounds; with `kept` they are these: each is good until the next one is begun.
+    void serve(redisReader &reader, bool kept);
+    void begin_next();
+    bool exceeded() const { return exceeded_; }
 
 private:
     struct Kept {
@@ -23,14 +25,18 @@ private:
         std::string text;
         std::vector<redisReply *> elements;
     };
+    static RedisReplies &of(const redisReadTask *task) { return *static_cast<RedisReplies *>(task->privdata); }
     static void *make_string(const redisReadTask *task, char *text, size_t size);
-    static void *make_array(const redisReadTask *task, int size);
+    static void *make_array(const redisReadTask *task, size_t size);
     static void *make_integer(const redisReadTask *task, long long value);
     static void *make_nil(const redisReadTask *task);
     template <class Fill> static void *make(const redisReadTask &task, Fill fill);
+    bool within_bounds(size_t more_elements);
 
     std::deque<Kept> kept_;  // they do not move
     size_t used_ = 0;
+    size_t elements_ = 0, most_elements_ = 0;  // announced by the reply that is being read, arrays within it too
+    bool exceeded_ = false;
 };
 
 }  // namespace tq

@@ -6,19 +6,40 @@
 #include <cstdio>
 #include <utility>
 
+#include "platform/sentinel.h"
+#include "platform/text.h"
 #include "tq_dm_cache/tq_platform_bundled.h"
 
 namespace tq {
 
 namespace {
 
-constexpr int echoes_without_answer = 5;
+constexpr int echoes_without_answer = 5, most_echoes_due = 20;
 constexpr const char *no_master = "the server is no master any more";
+constexpr const char *other_content = "the server has other content than before";
 constexpr size_t page_bytes = 262144, most_at_once = 256, growth = 4;
 constexpr int32_t shortest_rescan_ms = 10, rescan_spread_ms = 500;
+constexpr std::chrono::seconds shortest_hold(1), longest_hold(60);
 
 bool hash_is_refused(const redisReply &error) {
     return text_of(error).starts_with("NOSCRIPT") || text_of(error).starts_with("NOPERM");
+}
+
+// What the whole server refuses, whatever it is asked to write.
+bool is_of_server(std::string_view word) {
+    return word == "OOM" || word == "MISCONF" || word == "READONLY" || word == "NOREPLICAS" || word == "MASTERDOWN";
+}
+
+bool is_nil(const redisReply &reply) {
+    return reply.type == REDIS_REPLY_NIL;
+}
+bool is_number(const redisReply &reply) {
+    return reply.type == REDIS_REPLY_INTEGER;
+}
+bool is_list_of_pairs(const redisReply &reply) {
+    if (reply.type != REDIS_REPLY_ARRAY || reply.elements % 2 != 0) return false;
+    return std::all_of(reply.element, reply.element + reply.elements,
+                       [](const redisReply *element) { return element->type == REDIS_REPLY_STRING; });
 }
 
 ObjectPtr object(std::string_view key, std::string_view bytes) {
@@ -40,13 +61,21 @@ std::unique_ptr<Store> RedisStore::open(const RedisUrl &url, Sink &sink, Loop &l
 
 // The feed says itself what keeps it from coming up, and never keeps silent for good.
 int32_t RedisStore::start() {
+    Address server;
     std::string fault;
-    if (const int32_t error = link_.open(fault)) {
-        std::fprintf(stderr, "tq_platform: store %s: %s\n", url_.shown.c_str(), fault.c_str());
+    const bool is_found = find_master(url_, /*attempt=*/0, server, fault);
+    if (const int32_t error = is_found ? link_.open(server, link_identity_, fault) : TQ_MOM_E_UNREACHABLE) {
+        const std::string at = is_found && !url_.sentinels.empty() ? name_of(server) + ": " : "";
+        std::fprintf(stderr, "tq_platform: store %s: %s%s\n", url_.shown.c_str(), at.c_str(), printable(fault).c_str());
         return error;
     }
-    feed_.begin();
+    feed_.begin(server);
     return started_.get_future().get() ? 0 : TQ_MOM_E_UNREACHABLE;
+}
+
+void RedisStore::end() {
+    ended_ = true;
+    link_.end();
 }
 
 bool RedisStore::up() const {
@@ -58,22 +87,28 @@ bool RedisStore::up() const {
 
 void RedisStore::follow(const Place &place, const std::string *key, const Ticket &ticket) {
     const std::lock_guard lock(mutex_);
-    const auto [channel, is_new] = channels_.try_emplace(key ? channel_of(place, *key) : hash_of(place));
-    if (is_new) to_subscribe_.push_back(channel->first);
-    Followers &followers = channel->second;
+    const std::string hash = hash_of(place);
+    const auto [found, is_new] = channels_.try_emplace(key ? channel_of(place, *key) : hash, Channel{hash});
+    auto &[name, channel] = *found;
+    if (is_new) {
+        if (!key) places_.push_back(&*found);
+        to_subscribe_.push_back(name);
+    }
+    auto &followers = channel.followers;
     if (std::find(followers.begin(), followers.end(), ticket) == followers.end()) followers.push_back(ticket);
-    if (phase_ != Phase::up) return owed_.push_back(ticket);
-    to_confirm_[++asked_] = ticket;
+    const Confirmation confirmation = {ticket, &channel};
+    if (phase_ != Phase::up) return owed_.push_back(confirmation);
+    to_confirm_[++asked_] = confirmation;
     loop_.post([this] { send_follows(); });
 }
 
-// One ping each, so that a confirmation that goes missing is that of its own subscription.
+// One fence each, so that a confirmation that goes missing is that of its own subscription.
 void RedisStore::send_follows() {
     {
         const std::lock_guard lock(mutex_);
         if (phase_ != Phase::up) return;
         subscribe_rest();
-        while (pinged_ < asked_) feed_.ping(++pinged_);
+        while (fenced_ < asked_) feed_.fence(++fenced_);
     }
     feed_.send();
 }
@@ -89,18 +124,37 @@ void RedisStore::subscribe_all() {
     const std::lock_guard lock(mutex_);
     phase_ = Phase::restoring;
     to_subscribe_ = {private_channel_};
-    for (const auto &[name, followers] : channels_) to_subscribe_.push_back(name);
+    for (auto &[name, channel] : channels_) {
+        channel.is_refused = channel.holds = false;
+        to_subscribe_.push_back(name);
+    }
     subscribe_rest();
-    feed_.ping(pinged_ = ++asked_);
+    feed_.fence(fenced_ = ++asked_);
 }
 
-void RedisStore::answered(uint64_t ping) {
+void RedisStore::subscribed(const std::string &name, std::string_view refusal) {
+    const std::string fault = "no subscription to " + name + ": " + std::string(refusal);
     {
         const std::lock_guard lock(mutex_);
-        answered_ = ping;
+        const auto found = channels_.find(name);
+        if (found != channels_.end()) {
+            Channel &channel = found->second;
+            const bool was_refused = std::exchange(channel.is_refused, !refusal.empty());
+            if (channel.is_refused) hold(channel.hash, fault);
+            if (was_refused && !is_refused(channel.hash)) release(channel.hash);
+            return;
+        }
+    }
+    if (!refusal.empty()) feed_.drop(fault);
+}
+
+void RedisStore::answered(uint64_t fence) {
+    {
+        const std::lock_guard lock(mutex_);
+        answered_ = fence;
         echoes_ = -echoes_due_;
         if (phase_ == Phase::up) {
-            confirm(ping);
+            confirm(fence);
             return ask_page();
         }
         if (phase_ == Phase::lost) return;
@@ -109,40 +163,120 @@ void RedisStore::answered(uint64_t ping) {
 }
 
 // One whose answer has been passed over is confirmed by the next connection.
-void RedisStore::confirm(uint64_t ping) {
-    while (!to_confirm_.empty() && to_confirm_.begin()->first <= ping) {
+void RedisStore::confirm(uint64_t fence) {
+    while (!to_confirm_.empty() && to_confirm_.begin()->first <= fence) {
         const auto first = to_confirm_.extract(to_confirm_.begin());
-        if (first.key() == ping) {
-            sink_.post(Confirmed{first.mapped()});
+        if (first.key() == fence) {
+            confirm(first.mapped());
         } else {
             owed_.push_back(first.mapped());
         }
     }
 }
 
+void RedisStore::confirm(const Confirmation &confirmation) {
+    const auto &[ticket, channel] = confirmation;
+    if (!channel->is_refused) return sink_.post(Confirmed{ticket});
+    held_.at(channel->hash).confirmations.push_back(confirmation);
+    sink_.post(Held{ticket, /*is_scan=*/false});
+}
+
 // The link is opened here, with a wait: this server has just answered.
 void RedisStore::establish() {
     std::string fault;
-    if (!starting_ && link_.open(fault) != 0) return feed_.drop(fault);
+    if (!starting_ && link_.open(feed_.server(), link_identity_, fault) != 0) return feed_.drop(fault);
+    if (!same_content(link_identity_, feed_.identity()))
+        return feed_.drop("the address leads to two servers, one after the other");
+    if (!is_master_still()) return feed_.drop("the sentinels name another master by now");
     if (!come_up()) return feed_.send();
     if (std::exchange(starting_, false)) started_.set_value(true);
+}
+
+// A master that was frozen answers late, and takes itself for the master until it is told otherwise.
+bool RedisStore::is_master_still() {
+    if (url_.sentinels.empty() || feed_.answered_at_once()) return true;
+    Address now = feed_.server();
+    std::string fault;
+    return !find_master(url_, /*attempt=*/0, now, fault) || now == feed_.server();
 }
 
 // False: not all that was asked for while it was away is in force yet; another answer will tell.
 bool RedisStore::come_up() {
     const std::lock_guard lock(mutex_);
     if (subscribe_rest()) {
-        feed_.ping(pinged_ = ++asked_);
+        feed_.fence(fenced_ = ++asked_);
         return false;
     }
-    const int32_t reason = feed_.establish() && !demoted_ ? 1 : 2;
+    const int32_t reason = feed_.establish() && !replaced_ ? 1 : 2;
     rescan_delay_ms_ = shortest_rescan_ms + std::uniform_int_distribution<int32_t>(0, rescan_spread_ms)(random_);
     phase_ = Phase::up;
-    demoted_ = false;
+    lost_why_ = nullptr;
+    replaced_ = false;
     connection_++;
-    refusal_.clear();
-    if (!starting_) sink_.connected(reason, std::exchange(owed_, {}));
+    std::vector<Ticket> confirmed;
+    std::vector<Confirmation> refused;
+    for (const Confirmation &owed : std::exchange(owed_, {})) {
+        if (owed.channel->is_refused) {
+            refused.push_back(owed);
+        } else {
+            confirmed.push_back(owed.ticket);
+        }
+    }
+    if (!starting_) sink_.connected(reason, std::move(confirmed));
+    for (const Confirmation &owed : refused) confirm(owed);
     return true;
+}
+
+// Holding
+
+// With the lock held, as in all that follows here. A hold lasts until all of its place is granted.
+RedisStore::Hold &RedisStore::hold(const std::string &hash, const std::string &fault) {
+    held_troubles_.try_emplace(hash, url_.shown).first->second.say(hash + " is held: " + fault);
+    const auto now = std::chrono::steady_clock::now();
+    const auto [found, is_new] = held_.try_emplace(hash, Hold{now, shortest_hold});
+    Hold &held = found->second;
+    if (!is_new) held.pause = std::min<std::chrono::milliseconds>(held.pause * 2, longest_hold);
+    held.next = now + held.pause;
+    return held;
+}
+
+bool RedisStore::is_refused(const std::string &hash) const {
+    return std::any_of(channels_.begin(), channels_.end(),
+                       [&](const auto &entry) { return entry.second.is_refused && entry.second.hash == hash; });
+}
+
+// Confirmations first: a scan must not be older than the first change that is pushed.
+void RedisStore::release(const std::string &hash) {
+    const auto found = held_.extract(hash);
+    if (!found) return;
+    if (const auto trouble = held_troubles_.extract(hash)) trouble.mapped().end();
+    for (const Confirmation &confirmation : found.mapped().confirmations) confirm(confirmation);
+    for (Scan &scan : found.mapped().scans) add_scan(std::move(scan));
+    ask_page();
+}
+
+// A scan is tried alone: the hold stays until there is a page.
+void RedisStore::try_held() {
+    const auto now = std::chrono::steady_clock::now();
+    {
+        const std::lock_guard lock(mutex_);
+        if (phase_ != Phase::up) return;
+        for (auto &[hash, held] : held_) {
+            if (now < held.next) continue;
+            held.next = now + longest_hold;  // the answer says when
+            if (is_refused(hash)) {
+                for (const auto &[name, channel] : channels_) {
+                    if (channel.is_refused && channel.hash == hash) to_subscribe_.push_back(name);
+                }
+            } else if (!held.scans.empty()) {
+                add_scan(std::move(held.scans.front()));
+                held.scans.erase(held.scans.begin());
+            }
+        }
+        subscribe_rest();
+        ask_page();
+    }
+    feed_.send();
 }
 
 // Losing
@@ -159,45 +293,78 @@ void RedisStore::lost() {
 void RedisStore::cut_off() {
     if (phase_ == Phase::up) sink_.lost();
     phase_ = Phase::lost;
-    for (const auto &[ping, ticket] : to_confirm_) owed_.push_back(ticket);
+    for (const auto &[fence, confirmation] : to_confirm_) owed_.push_back(confirmation);
+    for (const auto &[hash, held] : held_) {
+        owed_.insert(owed_.end(), held.confirmations.begin(), held.confirmations.end());
+    }
     to_confirm_.clear();
+    held_.clear();
     scans_.clear();
     page_asked_ = false;
     echoes_due_ = 0;
 }
 
 // A caller has found out before the loop has: from now on nothing of this connection is told.
-void RedisStore::lost_by_call(uint64_t connection, bool demoted) {
+void RedisStore::lost_by_call(uint64_t connection, const char *why) {
     {
         const std::lock_guard lock(mutex_);
         if (phase_ != Phase::up || connection != connection_) return;
         cut_off();
-        demoted_ |= demoted;  // it may have been found out already
+        lost_why_ = why;
     }
     loop_.post([this] { drop_cut_off(); });
 }
 
 void RedisStore::drop_cut_off() {
-    bool demoted = false;
+    const char *why = nullptr;
     {
         const std::lock_guard lock(mutex_);
-        if (phase_ != Phase::lost) return;
-        demoted = demoted_;
+        if (phase_ != Phase::lost || ended_) return;
+        why = lost_why_;
     }
     const std::string fault = link_.collect();
-    feed_.drop(demoted ? no_master : fault.empty() ? "a call has failed" : fault);
+    feed_.drop(why ? why : fault.empty() ? "a call has failed" : fault);
 }
 
-// What a server asks itself shows that both connections work, and that it is still the master.
+// While a long answer comes in, nothing can be asked, and the feed may be silent.
+bool RedisStore::is_heard_elsewhere() {
+    const bool heard = link_.received() != received_;
+    received_ = link_.received();
+    return heard && link_.is_waiting();
+}
+
 void RedisStore::tick() {
+    if (ended_) return;
     drop_cut_off();
+    ask_echo();
+    const std::string fault = link_.collect();
+    if (!fault.empty()) return feed_.drop(fault);
+    bool no_echoes = false;
+    RedisLink::Transaction failed;
     {
         const std::lock_guard lock(mutex_);
-        if (phase_ == Phase::up) echoes_due_++;
+        no_echoes = echoes_due_ > most_echoes_due;
+        if (page_asked_ && link_.take_failed(failed)) page_refused(failed.fault);
     }
-    link_.post({{"EVAL", echo_script, "0", private_channel_}});
-    const std::string fault = link_.collect();
-    if (!fault.empty()) feed_.drop(fault);
+    if (no_echoes) return feed_.drop("echoes do not come");
+    try_held();
+}
+
+// What a server asks itself shows that both connections work, that it is still the master, and that it has what it had.
+void RedisStore::ask_echo() {
+    if (link_.is_waiting()) return;
+    std::vector<std::string> hashes;
+    {
+        const std::lock_guard lock(mutex_);
+        if (phase_ != Phase::up) return;
+        echoes_due_++;
+        for (const auto *place : places_) hashes.push_back(place->first);
+    }
+    const std::string keys = std::to_string(hashes.size()), id = random_id();
+    Words words = {"EVAL", identity_script, keys};
+    words.insert(words.end(), hashes.begin(), hashes.end());
+    words.insert(words.end(), {id, private_channel_});
+    link_.post(words);
 }
 
 // Hearing
@@ -206,44 +373,52 @@ void RedisStore::heard(std::string_view channel, std::string_view bytes) {
     const char *fault = nullptr;
     bool page_is_due = false;
     if (!parse_frame(bytes, frame_)) {
-        fault = "it is damaged";
+        fault = "a damaged frame";
     } else {
         const std::lock_guard lock(mutex_);
         if (phase_ == Phase::up) fault = take(channel);
         page_is_due = phase_ == Phase::up && is_my_mark();
     }
     if (page_is_due) return deliver_page();
-    if (fault) feed_.drop("what came by " + std::string(channel) + ": " + fault);
+    if (fault) feed_.drop(channel == private_channel_ ? fault : "what came by " + std::string(channel) + ": " + fault);
 }
 
 const char *RedisStore::take(std::string_view channel) {
     const bool own = frame_.letter == 'M' || frame_.letter == 'E';
-    if (own != (channel == private_channel_)) return "it does not belong there";
+    if (own != (channel == private_channel_)) return "a frame that does not belong there";
     if (frame_.letter == 'E') return take_echo();
     if (frame_.letter == 'M') return nullptr;
-    if (const auto found = channels_.find(channel); found != channels_.end()) {
-        take_change(found->second);
-    }
+    if (const auto found = channels_.find(channel); found != channels_.end()) take_change(found->second);
     return nullptr;
 }
 
+// A hash that is there no more, though the last that was told of it was no deletion, has been removed by other means.
 const char *RedisStore::take_echo() {
     const bool owed = page_asked_ || answered_ != asked_;
     echoes_due_ = std::max(0, echoes_due_ - 1);
     echoes_ = owed ? echoes_ + 1 : -echoes_due_;
     if (echoes_ > echoes_without_answer) return "echoes, and a request has no answer";
-    if (frame_.strings[0] == "master") return nullptr;
-    demoted_ = true;
-    return no_master;
+    Identity now;
+    if (!parse_identity(frame_.strings[0], now)) return "an echo that names no server";
+    if (now.role != "master") return no_master;
+    replaced_ = !same_content(feed_.identity(), now);
+    const std::string_view there = frame_.strings[1];
+    for (size_t i = 0; i < std::min(there.size(), places_.size()); i++) {
+        if (held_.contains(places_[i]->first)) continue;
+        bool &holds = places_[i]->second.holds;
+        replaced_ |= std::exchange(holds, there[i] == '1') && !holds;
+    }
+    return replaced_ ? other_content : nullptr;
 }
 
-void RedisStore::take_change(const Followers &followers) {
+void RedisStore::take_change(Channel &channel) {
     const auto &strings = frame_.strings;
     Changed change;
     if (frame_.letter == 'D') change.before = object(strings[0], "");
     if (frame_.letter == 'C') change.before = object(strings[0], strings[2]);
     if (frame_.letter != 'D') change.after = object(strings[0], strings[1]);
-    for (const Ticket &ticket : followers) {
+    channel.holds = frame_.letter != 'D';
+    for (const Ticket &ticket : channel.followers) {
         change.ticket = ticket;
         sink_.post(change);
     }
@@ -255,8 +430,19 @@ void RedisStore::take_change(const Followers &followers) {
 void RedisStore::scan(const Place &place, const Ticket &ticket) {
     const std::lock_guard lock(mutex_);
     if (phase_ != Phase::up) return;
-    scans_.push_back({++scans_so_far_, hash_of(place), ticket});
-    ask_page();
+    const std::string hash = hash_of(place);
+    const auto held = held_.find(hash);
+    if (held == held_.end()) {
+        add_scan({0, hash, ticket});
+        return ask_page();
+    }
+    held->second.scans.push_back({0, hash, ticket});
+    sink_.post(Held{ticket, /*is_scan=*/true});
+}
+
+void RedisStore::add_scan(Scan scan) {
+    scan.number = ++scans_so_far_;
+    scans_.push_back(std::move(scan));
 }
 
 // One at a time, and none while a subscription may not be in force yet: a scan must not be older than the first change
@@ -266,10 +452,10 @@ void RedisStore::ask_page() {
     const Scan &scan = scans_.front();
     page_asked_ = true;
     echoes_ = -echoes_due_;
-    link_.post({{"MULTI"},
-                {"PUBLISH", private_channel_, mark_frame(scan.number)},
-                {"HSCAN", scan.hash, scan.cursor, "COUNT", std::to_string(scan.count)},
-                {"EXEC"}});
+    link_.post_transaction({{"MULTI"},
+                            {"EVAL", mark_script, "0", private_channel_, mark_frame(scan.number)},
+                            {"HSCAN", scan.hash, scan.cursor, "COUNT", std::to_string(scan.count)},
+                            {"EXEC"}});
 }
 
 // The mark of a scan that a lost connection has cut off may still come.
@@ -280,21 +466,45 @@ bool RedisStore::is_my_mark() const {
 // The page has its place here in the order. The server has carried out the transaction, so the answer is on its way: what
 // the feed has to tell after it waits. Not with the lock held: a caller may be before it on the link, and wants it.
 void RedisStore::deliver_page() {
-    const Reply answer = link_.take_transaction();
-    if (!answer) {
+    const RedisLink::Transaction answer = link_.take_transaction();
+    if (!answer.answer) {
         const std::string fault = link_.collect();
         return feed_.drop(fault.empty() ? "a page of a scan is missing" : fault);
     }
-    const redisReply *const page = answer->elements == 2 ? answer->element[1] : nullptr;
-    if (page && is_error(*page)) return feed_.drop(std::string(text_of(*page)));
-    if (!page || page->type != REDIS_REPLY_ARRAY || page->elements != 2 || page->element[1]->elements % 2 != 0)
-        return feed_.drop("a page of a scan means nothing");
+    const redisReply *const page = answer.answer->elements == 2 ? answer.answer->element[1] : nullptr;
+    const bool is_page = page && page->type == REDIS_REPLY_ARRAY && page->elements == 2 &&
+                         page->element[0]->type == REDIS_REPLY_STRING && is_list_of_pairs(*page->element[1]);
+    if (!is_page && answer.fault.empty()) return feed_.drop("a page of a scan means nothing");
     const std::lock_guard lock(mutex_);
-    if (phase_ == Phase::up && page_asked_) take_page(*page);
+    if (phase_ != Phase::up || !page_asked_) return;
+    if (is_page) {
+        take_page(*page);
+    } else {
+        page_refused(answer.fault);
+    }
+}
+
+// Scans of other places go on.
+void RedisStore::page_refused(const std::string &fault) {
+    const std::string hash = scans_.front().hash;
+    Hold &held = hold(hash, "a scan is refused: " + fault);
+    std::deque<Scan> others;
+    for (Scan &scan : scans_) {
+        if (scan.hash != hash) {
+            others.push_back(std::move(scan));
+            continue;
+        }
+        if (!scan.is_told) sink_.post(Held{scan.ticket, /*is_scan=*/true});
+        held.scans.push_back({0, hash, scan.ticket, /*is_told=*/true});
+    }
+    scans_ = std::move(others);
+    page_asked_ = false;
+    ask_page();
 }
 
 void RedisStore::take_page(const redisReply &reply) {
     Scan &scan = scans_.front();
+    const std::string hash = scan.hash;
     scan.cursor = text_of(*reply.element[0]);
     Page page{scan.ticket, {}, scan.cursor == "0"};
     const redisReply &list = *reply.element[1];
@@ -309,6 +519,7 @@ void RedisStore::take_page(const redisReply &reply) {
     page_asked_ = false;
     ask_page();
     sink_.post(std::move(page));
+    if (!is_refused(hash)) release(hash);
 }
 
 // Commanding
@@ -321,54 +532,73 @@ int32_t RedisStore::call(const Words &words, Reply &reply, uint64_t &connection)
     }
     reply = link_.call(words);
     if (reply) return 0;
-    lost_by_call(connection, /*demoted=*/false);
+    lost_by_call(connection, nullptr);
     return TQ_MOM_E_UNREACHABLE;
 }
 
-int32_t RedisStore::command(const Words &words, Reply &reply) {
+int32_t RedisStore::carry_out(const Command &command, Reply &reply) {
     uint64_t connection = 0;
-    if (const int32_t error = call(words, reply, connection)) return error;
-    return is_error(*reply) ? refused(text_of(*reply), connection) : 0;
+    if (const int32_t error = call(command.words, reply, connection)) return error;
+    return judge(command, *reply, connection);
 }
 
 // A script by its hash. A server that does not know it yet, or a user who may not name it so, has the text sent.
-int32_t RedisStore::run(const Script &script, Words words, Reply &reply) {
-    words.insert(words.begin(), {"EVALSHA", script.hash});
+int32_t RedisStore::run(const Script &script, const std::string &hash, Words words, IsAnswer is_answer, Reply &reply) {
+    words.insert(words.begin(), {"EVALSHA", script.hash, "1", hash});
+    Command command = {/*is_write=*/true, hash, std::move(words), is_answer};
     uint64_t connection = 0;
-    if (const int32_t error = call(words, reply, connection)) return error;
-    if (!is_error(*reply)) return 0;
-    if (!hash_is_refused(*reply)) return refused(text_of(*reply), connection);
-    words[0] = "EVAL";
-    words[1] = script.text;
-    return command(words, reply);
+    if (const int32_t error = call(command.words, reply, connection)) return error;
+    if (!is_error(*reply) || !hash_is_refused(*reply)) return judge(command, *reply, connection);
+    command.words[0] = "EVAL";
+    command.words[1] = script.text;
+    return carry_out(command, reply);
 }
 
-int32_t RedisStore::refused(std::string_view error, uint64_t connection) {
-    const std::string_view word = error.substr(0, error.find(' '));
+// An answer of another type than the request can have is no answer: the server is not what it should be.
+int32_t RedisStore::judge(const Command &command, const redisReply &reply, uint64_t connection) {
+    if (is_error(reply)) return refused(command, text_of(reply), connection);
+    if (!command.is_answer(reply)) {
+        lost_by_call(connection, other_answer);
+        return TQ_MOM_E_UNREACHABLE;
+    }
+    const std::lock_guard lock(mutex_);
+    for (auto &[about, trouble] : call_troubles_) {
+        if (about.second == command.is_write && (about.first == command.hash || is_of_server(about.first)))
+            trouble.end();
+    }
+    return 0;
+}
+
+int32_t RedisStore::refused(const Command &command, std::string_view error, uint64_t connection) {
+    const std::string word(error.substr(0, error.find(' ')));
+    const std::string text(error.substr(0, error.find(" script: ")));  // which one it was is nobody's business
     {
         const std::lock_guard lock(mutex_);
-        if (refusal_ != word) {
-            refusal_ = word;
-            std::fprintf(stderr, "tq_platform: store %s: refused: %.*s\n", url_.shown.c_str(),
-                         static_cast<int>(error.size()), error.data());
-        }
+        const auto about = std::pair(is_of_server(word) ? word : command.hash, command.is_write);
+        Trouble &trouble = call_troubles_.try_emplace(about, url_.shown).first->second;
+        trouble.say((is_of_server(word) ? "refused: " : command.hash + ": refused: ") + text);
     }
-    if (word == "READONLY") lost_by_call(connection, /*demoted=*/true);
+    if (word == "READONLY") lost_by_call(connection, no_master);
     return TQ_MOM_E_REFUSED;
 }
 
 int32_t RedisStore::read(const Place &place, const std::string &key, ObjectPtr &found) {
+    const auto is_answer = [](const redisReply &reply) {
+        return reply.type == REDIS_REPLY_STRING || reply.type == REDIS_REPLY_NIL;
+    };
+    const std::string hash = hash_of(place);
     Reply reply;
-    if (const int32_t error = command({"HGET", hash_of(place), key}, reply)) return error;
-    if (reply->type != REDIS_REPLY_STRING) return TQ_MOM_E_NOT_FOUND;
+    if (const int32_t error = carry_out({false, hash, {"HGET", hash, key}, is_answer}, reply)) return error;
+    if (reply->type == REDIS_REPLY_NIL) return TQ_MOM_E_NOT_FOUND;
     found = object(key, text_of(*reply));
     return 0;
 }
 
 int32_t RedisStore::read_all(const Place &place, std::vector<ObjectPtr> &objects) {
+    const std::string hash = hash_of(place);
     Reply reply;
-    if (const int32_t error = command({"HGETALL", hash_of(place)}, reply)) return error;
-    for (size_t i = 0; i + 1 < reply->elements; i += 2) {
+    if (const int32_t error = carry_out({false, hash, {"HGETALL", hash}, is_list_of_pairs}, reply)) return error;
+    for (size_t i = 0; i < reply->elements; i += 2) {
         objects.push_back(object(text_of(*reply->element[i]), text_of(*reply->element[i + 1])));
     }
     return 0;
@@ -376,7 +606,7 @@ int32_t RedisStore::read_all(const Place &place, std::vector<ObjectPtr> &objects
 
 int32_t RedisStore::write(const Place &place, Object object) {
     Reply reply;
-    return run(write_script, {"1", hash_of(place), object.key, object.bytes, channel_of(place, object.key)}, reply);
+    return run(write_script, hash_of(place), {object.key, object.bytes, channel_of(place, object.key)}, is_nil, reply);
 }
 
 // The first one makes the server know the script. Should it forget it on the way, the rest goes one by one.
@@ -410,12 +640,13 @@ int32_t RedisStore::write_many(const std::vector<Write> &writes, size_t &taken, 
         answered++;
         if (is_error(reply) && hash_is_refused(reply)) one_by_one = std::min(one_by_one, i + 1);
         if (one_by_one < writes.size()) return false;
-        note(i + 1, is_error(reply) ? refused(text_of(reply), connection) : 0);
+        const bool is_fine = is_nil(reply);
+        note(i + 1, is_fine ? 0 : judge({true, hash_of(writes[i + 1].place), {}, is_nil}, reply, connection));
         return code == 0;
     };
     if (!link_.call_many(writes.size() - 1, command_of, take)) {
-        lost_by_call(connection, /*demoted=*/false);
-        note(answered, TQ_MOM_E_UNREACHABLE);
+        lost_by_call(connection, nullptr);
+        note(std::min(answered, one_by_one), TQ_MOM_E_UNREACHABLE);
     }
     for (size_t i = one_by_one; code == 0 && i < writes.size(); i++) write_alone(i);
     return code;
@@ -423,20 +654,21 @@ int32_t RedisStore::write_many(const std::vector<Write> &writes, size_t &taken, 
 
 int32_t RedisStore::erase(const Place &place, const std::string &key) {
     Reply reply;
-    if (const int32_t error = run(erase_script, {"1", hash_of(place), key, channel_of(place, key)}, reply))
+    if (const int32_t error = run(erase_script, hash_of(place), {key, channel_of(place, key)}, is_number, reply))
         return error;
     return reply->integer == 1 ? 0 : TQ_MOM_E_NOT_FOUND;
 }
 
 int32_t RedisStore::replace(const Place &place, const ObjectPtr &before, const ObjectPtr &after) {
     const std::string expected = before ? "=" + before->bytes : "";
-    const std::string &key = after ? after->key : before->key;
+    const std::string &key = (after ? after : before)->key;
     const std::string hash = hash_of(place), channel = channel_of(place, key);
+    const auto is_answer = [](const redisReply &reply) { return is_nil(reply) || is_number(reply); };
     Reply reply;
-    const int32_t error = after ? run(write_script, {"1", hash, key, after->bytes, channel, expected}, reply)
-                                : run(erase_script, {"1", hash, key, channel, expected}, reply);
+    const int32_t error = after ? run(write_script, hash, {key, after->bytes, channel, expected}, is_answer, reply)
+                                : run(erase_script, hash, {key, channel, expected}, is_answer, reply);
     if (error) return error;
-    return reply->type == REDIS_REPLY_INTEGER && reply->integer == 0 ? TQ_MOM_E_CHANGED : 0;
+    return is_number(*reply) && reply->integer == 0 ? TQ_MOM_E_CHANGED : 0;
 }
 
 }  // namespace tq

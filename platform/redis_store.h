@@ -14,6 +14,7 @@
 #include "platform/redis_link.h"
 #include "platform/redis_wire.h"
 #include "platform/store.h"
+#include "platform/trouble.h"
 
 namespace tq {
 
@@ -22,6 +23,7 @@ public:
     // Connects. Null, after one line on standard error, and the loop has been stopped: see `error`.
     static std::unique_ptr<Store> open(const RedisUrl &url, Sink &sink, Loop &loop, int32_t &error);
 
+    void end() override;
     bool up() const override;
     int32_t rescan_delay_ms() const override { return rescan_delay_ms_; }
     void follow(const Place &place, const std::string *key, const Ticket &ticket) override;
@@ -34,14 +36,34 @@ public:
     int32_t replace(const Place &place, const ObjectPtr &before, const ObjectPtr &after) override;
 
 private:
-    using Followers = std::vector<Ticket>;
+    // What is subscribed to: a place, or one object of it.
+    struct Channel {
+        std::string hash;  // of the place
+        std::vector<Ticket> followers = {};
+        bool is_refused = false;
+        bool holds = false;  // a place: there is an object in it, as far as was told
+    };
+    using Channels = std::map<std::string, Channel, std::less<>>;
+    struct Confirmation {
+        Ticket ticket;
+        const Channel *channel;
+    };
     struct Scan {
         uint64_t number;
         std::string hash;
         Ticket ticket;
+        bool is_told = false;  // that it is held
         std::string cursor = "0";
         size_t count = 4;  // to ask for: few at first, since nothing is known of the objects
         size_t largest = 1;
+    };
+
+    // A place of which the server refuses a subscription or a page. It is tried again at a growing distance.
+    struct Hold {
+        std::chrono::steady_clock::time_point next;
+        std::chrono::milliseconds pause;
+        std::vector<Scan> scans = {};  // they wait, and the confirmations of what is refused
+        std::vector<Confirmation> confirmations = {};
     };
 
     enum class Phase { lost, restoring, up };
@@ -53,61 +75,88 @@ private:
     void subscribe_all() override;
     void heard(std::string_view channel, std::string_view bytes) override;
     void deliver_page();
-    void answered(uint64_t ping) override;
+    void subscribed(const std::string &name, std::string_view refusal) override;
+    void answered(uint64_t fence) override;
+    bool is_heard_elsewhere() override;
     void tick() override;
     void lost() override;
     void establish();
+    bool is_master_still();
     bool come_up();
     void send_follows();
     void drop_cut_off();
+    void ask_echo();
+    void try_held();
 
     // With the lock held.
     const char *take(std::string_view channel);  // the frame; null, or what is wrong with it
     const char *take_echo();
-    void take_change(const Followers &followers);
+    void take_change(Channel &channel);
     bool is_my_mark() const;
     void take_page(const redisReply &page);
+    void page_refused(const std::string &fault);
     bool subscribe_rest();
-    void confirm(uint64_t ping);
+    void confirm(uint64_t fence);
+    void confirm(const Confirmation &confirmation);
+    void add_scan(Scan scan);
     void ask_page();
     void cut_off();
+    Hold &hold(const std::string &hash, const std::string &fault);
+    void release(const std::string &hash);
+    bool is_refused(const std::string &hash) const;
 
     // On any thread.
+    using IsAnswer = bool (*)(const redisReply &);
+    struct Command {
+        bool is_write;
+        std::string hash;
+        Words words;
+        IsAnswer is_answer;
+    };
     int32_t call(const Words &words, Reply &reply, uint64_t &connection);
-    int32_t command(const Words &words, Reply &reply);
-    int32_t run(const Script &script, Words words, Reply &reply);
-    int32_t refused(std::string_view error, uint64_t connection);
-    void lost_by_call(uint64_t connection, bool demoted);
+    int32_t carry_out(const Command &command, Reply &reply);
+    int32_t run(const Script &script, const std::string &hash, Words words, IsAnswer is_answer, Reply &reply);
+    int32_t judge(const Command &command, const redisReply &reply, uint64_t connection);
+    int32_t refused(const Command &command, std::string_view error, uint64_t connection);
+    void lost_by_call(uint64_t connection, const char *why);
 
     const RedisUrl url_;
     Sink &sink_;
     Loop &loop_;
     const std::string private_channel_ = new_private_channel();
     RedisLink link_;
+    Identity link_identity_;  // written before the loop's thread opens the link again
     std::promise<bool> started_;
     std::atomic<int32_t> rescan_delay_ms_ = 10;
+    std::atomic<bool> ended_ = false;  // nothing is lost any more, but closed
 
     // The loop's thread only.
     RedisFeed feed_;
     Frame frame_;
     bool starting_ = true;
+    uint64_t received_ = 0;  // on the command connection, at the last tick
     std::mt19937 random_{std::random_device{}()};
 
     mutable std::mutex mutex_;  // guards what follows; taken after the client's lock, before the link's and the loop's
     Phase phase_ = Phase::lost;
-    uint64_t connection_ = 0;  // how often it has been up
-    bool demoted_ = false;     // the server was found to be no master: what it is when it is one again may differ
-    std::map<std::string, Followers, std::less<>> channels_;
+    uint64_t connection_ = 0;         // how often it has been up
+    const char *lost_why_ = nullptr;  // what a call has found out
+    bool replaced_ = false;           // the last echo was of other content
+    Channels channels_;
+    std::vector<Channels::value_type *> places_;      // of these, those of whole places, in the order they came
     std::vector<std::string> to_subscribe_;           // on this connection
-    uint64_t asked_ = 0, pinged_ = 0, answered_ = 0;  // the last ping due, sent, answered
-    std::map<uint64_t, Ticket> to_confirm_;           // by the ping whose answer confirms it
-    std::vector<Ticket> owed_;                        // confirmations that the next connection gives
+    uint64_t asked_ = 0, fenced_ = 0, answered_ = 0;  // the last fence due, sent, answered
+    std::map<uint64_t, Confirmation> to_confirm_;     // by the fence whose answer confirms it
+    std::vector<Confirmation> owed_;                  // what the next connection confirms
     std::deque<Scan> scans_;                          // the first one is under way
     uint64_t scans_so_far_ = 0;
     bool page_asked_ = false;
     int echoes_due_ = 0;  // asked for, not heard
-    int echoes_ = 0;  // heard of those that were asked for after the page or ping that is owed; below 0: still to come
-    std::string refusal_;  // the last one on standard error
+    int echoes_ = 0;  // heard of those that were asked for after the page or fence that is owed; below 0: still to come
+    std::map<std::string, Hold> held_;  // by the hash
+    std::map<std::string, Trouble> held_troubles_;
+    std::map<std::pair<std::string, bool>, Trouble>
+        call_troubles_;  // by the hash, or the server's word, and whether of writes
 };
 
 }  // namespace tq

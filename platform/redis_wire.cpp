@@ -24,11 +24,11 @@ bool take_string(std::string_view &bytes, std::string_view &string) {
 bool right_number(char letter, size_t strings) {
     switch (letter) {
         case 'S':
+        case 'E':
             return strings == 2;
         case 'C':
             return strings == 3;
         case 'D':
-        case 'E':
         case 'M':
             return strings == 1;
         default:
@@ -46,11 +46,15 @@ std::string channel_of(const Place &place, const std::string &key) {
     return hash_of(place) + "/" + key;
 }
 
-std::string new_private_channel() {
+std::string random_id() {
     std::random_device random;
     char id[33];
     std::snprintf(id, sizeof id, "%08x%08x%08x%08x", random(), random(), random(), random());
-    return std::string("dm:client:") + id;
+    return id;
+}
+
+std::string new_private_channel() {
+    return "dm:client:" + random_id();
 }
 
 std::string mark_frame(uint64_t scan) {

@@ -11,8 +11,11 @@
 //
 // A frame is a letter and strings, each behind its length as four bytes, highest first:
 //   S key value          was set                      C key value before   was replaced, to followers of fields
-//   D key                was deleted                  E role               an echo: what the server is just now
-//   M scan                                            here is the place of a scan's next page
+//   D key                was deleted                  M scan               here is the place of a scan's next page
+//   E identity hashes    an echo: what the server is just now, and a digit for each hash that was asked about, 1: it exists
+//
+// Beside the kinds there is one more hash, dm:store. Its field id is a word of chance that the first client writes: with the
+// server's own names it makes the identity of the content. Another one, and all that was read before means nothing.
 #ifndef TQ_PLATFORM_REDIS_WIRE_H
 #define TQ_PLATFORM_REDIS_WIRE_H
 
@@ -26,6 +29,7 @@ namespace tq {
 
 std::string hash_of(const Place &place);  // and its channel
 std::string channel_of(const Place &place, const std::string &key);
+std::string random_id();
 std::string new_private_channel();
 
 struct Frame {
@@ -81,10 +85,9 @@ redis.call('PUBLISH', c, m)
 return 1)",
                                         "72e8c2e618417c68c1cfc5963704cb2f0a60e224"};
 
-// ARGV: private channel.
-inline constexpr std::string_view echo_script = R"(
-local role = string.match(redis.call('INFO', 'replication'), 'role:(%a+)')
-redis.call('PUBLISH', ARGV[1], struct.pack('>c0I4c0', 'E', #role, role)))";
+// ARGV: the private channel, the frame.
+inline constexpr std::string_view mark_script =
+    "redis.set_repl(redis.REPL_NONE) redis.call('PUBLISH', ARGV[1], ARGV[2])";
 
 }  // namespace tq
 

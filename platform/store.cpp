@@ -23,7 +23,6 @@ std::unique_ptr<Store> refuse(const std::string &url, const char *why, int32_t &
 std::unique_ptr<Store> open_store(const std::string &url, Sink &sink, Loop &loop, int32_t &error) {
     const std::string mem = "mem:";
     if (url.starts_with(mem)) return std::make_unique<MemClient>(mem_store(url.substr(mem.size())), sink);
-    if (!is_redis_url(url)) return refuse(url, "give mem:, mem:NAME, redis://HOST:PORT or redis+unix:///PATH", error);
     try {
         return RedisStore::open(parse_redis_url(url), sink, loop, error);
     } catch (const std::invalid_argument &fault) {

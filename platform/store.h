@@ -5,6 +5,7 @@
 //   - follow, scan, and every change of a followed place take their turn in one order, and the sink hears in that order.
 //     So a scanned object is never older than a change told before it;
 //   - a scan ends with a Page that is the last one, unless the connection is lost first;
+//   - a subscription or a scan that the store refuses holds up its own place only, and is Held until it is granted;
 //   - what was followed survives a lost connection: it is followed again before connected() is told;
 //   - read, read_all, write, erase and replace work on any thread, the loop's included, and wait for nothing that the loop does;
 //   - the sink hears nothing after the Store's destructor has returned.
@@ -50,6 +51,12 @@ struct Confirmed {
     Ticket ticket;
 };
 
+// What was asked for is refused for now: the store asks again by itself, and the answer comes when it is given.
+struct Held {
+    Ticket ticket;
+    bool is_scan;
+};
+
 // Whoever follows a whole place may be told less of what was: no `before` of a set, only the key of a deleted object.
 struct Changed {
     Ticket ticket;
@@ -63,7 +70,7 @@ struct Page {
     bool last;
 };
 
-using Event = std::variant<Confirmed, Changed, Page>;
+using Event = std::variant<Confirmed, Held, Changed, Page>;
 
 class Sink {
 public:
@@ -77,6 +84,9 @@ public:
 class Store {
 public:
     virtual ~Store() = default;
+
+    // Every call that waits fails, now and from here on. On any thread.
+    virtual void end() = 0;
 
     virtual bool up() const = 0;
     virtual int32_t rescan_delay_ms() const = 0;

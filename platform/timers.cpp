@@ -8,6 +8,7 @@
 #include <unordered_map>
 
 #include "platform/guard.h"
+#include "platform/process.h"
 
 namespace tq {
 
@@ -57,10 +58,17 @@ struct Table {
     }
 };
 
-// Never destroyed: a loop may still run while the process ends.
+// Never destroyed: a loop may still run while the process ends. A child has no loop yet, and another table.
+std::atomic<Table *> current = nullptr;
+
 Table &table() {
-    static Table &only = *new Table;
-    return only;
+    static const bool made = [] {
+        run_in_child([] { current = new Table; });
+        current = new Table;
+        return true;
+    }();
+    static_cast<void>(made);
+    return *current;
 }
 
 }  // namespace
@@ -95,7 +103,7 @@ using namespace tq;
 // Arming a record that is armed already moves it. A delay below 0 is due at once.
 int32_t tq_thread_insert_timer(tq_thread_master *master, tq_thread_timer *timer, int32_t (*handler)(tq_thread_timer *),
                                int32_t arg, int32_t delay_ms, const char *) {
-    if (!master || !timer || !handler) return TQ_MOM_E_ARGUMENT;
+    if (!master || !timer || !handler || !master->is_of_this_process()) return TQ_MOM_E_ARGUMENT;
     return guarded([&] {
         Table &timers = table();
         const std::lock_guard lock(timers.mutex);

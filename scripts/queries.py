@@ -80,6 +80,12 @@ class Query:
         """Is 0 the answer when nothing is known, instead of -1?"""
         return self.yes_or_no or bool(re.search(r"\b0 (\(\w+\) )?when it is not", self.comment))
 
+    @property
+    def pure(self):
+        """Does it need no cache? Its comment says so, or its header's block for all that say nothing else."""
+        says = "pure conversion" in block_of(HEADERS / self.header)[1] and not re.search(r"cache|The same\.", self.comment)
+        return says or "pure conversion" in self.comment
+
 
 def read_queries():
     found = [Query(header.name, *declared) for header in sorted(HEADERS.glob("*.h")) for declared in declarations(header)]
@@ -94,7 +100,7 @@ def cpp():
     yield '#include "dmq/call.h"\n#include "tq_dm_cache/ndm.h"\n\nnamespace dmq {\n\nstatic const Query listed[] = {\n'
     for query in read_queries():
         texts = [query.name, query.header, query.prototype, query.question, query.enumeration, query.parameters]
-        flags = [str(flag).lower() for flag in (query.yes_or_no, query.zero_is_no)]
+        flags = [str(flag).lower() for flag in (query.yes_or_no, query.zero_is_no, query.pure)]
         yield f"    {{{', '.join([*map(json.dumps, texts), *flags])}, call_of({query.name})}},\n"
     yield "};\n\nconst std::span<const Query> queries = listed;\n\n}  // namespace dmq\n"
 

@@ -8,20 +8,25 @@ folder=$(mktemp -d)
 DMQ_STORE=redis+unix://$folder/store.sock
 export DMQ_STORE
 
+# What runs beside this script, with an & behind it, ends with it, even when it is killed; or does not begin any more.
+beside() { exec setpriv --pdeathsig KILL -- sh -c '[ "$PPID" = "$0" ] && exec "$@"' $$ "$@"; }
 server() {
-    redis-server --port 0 --unixsocket "$folder/store.sock" --unixsocketperm 700 --dir "$folder" --save "" \
+    beside redis-server --port 0 --unixsocket "$folder/store.sock" --unixsocketperm 700 --dir "$folder" --save "" \
         --logfile "$folder/log" > /dev/null &
     server=$!
     await "answer from the server" ask_server ping
 }
 end() {
-    kill "$watch" "$server" 2> /dev/null || true
-    wait
+    trap '' HUP INT TERM
+    for process in $watch $server; do
+        kill -9 "$process" 2> /dev/null || true
+        wait "$process" 2> /dev/null || true
+    done
     rm -rf "$folder"
 }
-watch=
+watch= server=
 trap end EXIT
-trap 'exit 1' INT TERM
+trap 'exit 1' HUP INT TERM
 
 say() { printf '\n== %s\n' "$*"; }
 run() { # run WHO COMMAND..: shows what a person at that terminal would type, and see
@@ -48,18 +53,18 @@ server
 run load load examples/chassis.json
 
 say "A second process watches cards, a third one asks"
-"$dmq" watch card_info --for 60 > "$folder/watched" 2>&1 &
+beside "$dmq" watch card_info --for 60 > "$folder/watched" 2>&1 &
 watch=$!
 await "watching process" is_followed
 run ask show devices
-run load set card_info devid=1 slotid=2 is_online=false
+run load set card_info devid=1 slotid=2 sslotid=0 is_online=false
 told 'is_online true -> false'
 run ask show cards slot=1/3
 
 say "The server saves, hears of two more changes, and dies with them"
 ask_server save | sed 's/^/redis | /'
-run load set card_info devid=2 slotid=4 config_dev_type=200 is_online=true user_slot=5
-run load delete card_info devid=2 slotid=2
+run load set card_info devid=2 slotid=4 sslotid=0 config_dev_type=200 is_online=true user_slot=5 --create
+run load delete card_info devid=2 slotid=2 sslotid=0
 told 'deleted.*devid=2 slotid=2'
 kill -9 "$server"
 wait "$server" 2> /dev/null || true
@@ -70,7 +75,7 @@ say "It comes back with what it had saved: the watching process gives up what is
 server
 told 'resynchronised'
 run ask show cards slot=2/3
-run load set card_info devid=1 slotid=2 is_online=true
+run load set card_info devid=1 slotid=2 sslotid=0 is_online=true
 told 'is_online false -> true'
 
 say "What the watching process has told"

@@ -8,13 +8,20 @@
  * Store URLs:
  *   mem:        the embedded store of this process; it lives as long as the process
  *   mem:NAME    another one, shared by every handle that gives the same name
- *   redis://[USER[:PASSWORD]@]HOST[:PORT]         a Redis server (7.0 or later), shared by every process that reaches it;
- *   redis+unix://[USER[:PASSWORD]@]/PATH          the port is 6379 unless given; %XX stands for any other character
- *   both with ?probe=MS                           how long the server may be silent, 100 to 600000, else 5000
+ *   redis://[LOGIN@]HOST[:PORT]                   a Redis server (7.0 or later), shared by every process that reaches it;
+ *   redis+unix://[LOGIN@]/PATH                    the port is 6379 unless given, the path has 107 bytes at most
+ *   redis-sentinel://[LOGIN@]HOST[:PORT],../NAME  the server that sentinels call the master NAME; their port is 26379 unless
+ *   redis-sentinel+unix://[LOGIN@]/PATH,..?name=NAME   given, a comma in a path is %2C
+ *   all with ?probe=MS                            how long the server may be silent, 100 to 600000, else 5000
  *
- * A user or password that the URL does not give is taken from the environment, TQ_STORE_USER and TQ_STORE_PASSWORD: a
- * command line and its URL can be read by other users of the machine. No message of the library shows a password. HOST is
- * looked up at every attempt to connect, on the loop's thread: an address, or a name of /etc/hosts, costs no wait.
+ * LOGIN is USER:PASSWORD, :PASSWORD, or USER: with the password in the environment; a lone word is refused, because it may
+ * be a password. %XX stands for any other character there and in a path. A user or password that the URL does not give is
+ * taken from the environment, TQ_STORE_USER and TQ_STORE_PASSWORD: a command line and its URL can be read by other users of
+ * the machine. No message of the library shows a password; a URL that does not parse is shown as its scheme, and what is
+ * not printable is escaped. HOST is looked up at every attempt to connect, on the loop's thread: an address, or a name of
+ * /etc/hosts, costs no wait.
+ * LOGIN is for the servers. What sentinels want is in TQ_SENTINEL_USER and TQ_SENTINEL_PASSWORD. They are asked in turn before
+ * every attempt to connect, on the loop's thread, which waits for the probe time when all of them are silent.
  *
  * Unless a function says otherwise: any thread may call it, and it returns 0 or a TQ_MOM_E_* code. Only
  * tq_mom_client_open() also says on standard error what was wrong.
@@ -25,9 +32,9 @@
  *     fail with TQ_MOM_E_UNREACHABLE; tq_mom_hgetall_sync() gives a record with that error.
  *   - A reconnect runs, in this order: the connection callback, owed confirmations, owed ready callbacks, the reconnect
  *     callback of every database that has one. All databases of a handle share one connection.
- *   - Damaged bytes, which do not unpack as their kind or carry another object's key, arrive as a message that has only
- *     the object's key, with TQ_MOM_E_DAMAGED as the push's `result` or the reply's `error`. Synchronous reads give no
- *     message, only the code.
+ *   - Damaged bytes, which do not unpack as their kind, cannot be packed again or carry another object's key, arrive as a
+ *     message that has only the object's key, with TQ_MOM_E_DAMAGED as the push's `result` or the reply's `error`.
+ *     Synchronous reads give no message, only the code. Without memory for a message the code is TQ_MOM_E_MEMORY.
  *   - tq_mom_subscribe_field() takes 1 to 10 fields that the kind has. The first field's callback gets the confirmation.
  *     A push goes to the callback and word of each field that changed, once to each different pair, and carries the whole
  *     object; an object that appears or is deleted changes all of its fields.
@@ -36,21 +43,33 @@
  * A client of a Redis server takes its connection for lost when
  *   - the server closes it: it ends, it restarts, or it cuts off a client that does not read what it is sent
  *     (client-output-buffer-limit);
- *   - nothing has come for the probe time, though the client asks for an echo five times in it: frozen server, cut cable;
- *   - the server is no master, or a request of the client's own or a value pushed to it is answered by an error or by
- *     bytes that mean nothing: what was missed would be missed in silence.
+ *   - nothing has come for the probe time, though the client asks for an echo five times in it: frozen server, cut cable.
+ *     A long answer that keeps coming is a sign of life, for twelve probe times; echoes must come within four;
+ *   - the server is no master, its answer is of another type than the request can have, or what it pushes means nothing:
+ *     what was missed would be missed in silence;
+ *   - it has other content than before (FLUSHALL, SWAPDB, a kind's hash removed, a time as a replica), or the two
+ *     connections of the client have reached two servers.
  * A synchronous call that waits then fails with TQ_MOM_E_UNREACHABLE; it may or may not have been carried out, and may
- * be until the client is back. The server must answer each within the probe time, tq_mom_scan_sync() of a large kind
- * too. The client tries to connect again, within 40 ms, and as often while there is no server or it is still loading;
- * a server that takes the connection and then fails it, refuses it or is no master is tried after waits of up to half
- * a second. The reason stands on standard error, once. Reason 1: the same run of the same server, master all the while; 2: any other. What the server restarted with
+ * be until the client is back. The server must begin each answer within the probe time, that of tq_mom_scan_sync() of a
+ * large kind too. Opening waits for the probe time for each of the two connections at most. The client tries to connect
+ * again within 40 ms, and as often while there is no server or it is still loading and no sentinel was asked; a server that
+ * takes the connection and then fails it, refuses it or is no master is tried after waits of up to half a second. Reason 1:
+ * the same content of the same run of the same server, master all the while; 2: any other. What the server restarted with
  * does not matter: whoever scans again after the reconnect has what it has now.
- * A write or read that the server refuses fails with TQ_MOM_E_REFUSED and one line on standard error; READONLY is also a
- * lost connection.
- * The server must not evict what it holds (maxmemory-policy noeviction, its default), and whoever writes its keys by other
- * means than this library tells nobody.
- * Redis permissions that a client needs: keys dm:*, channels dm:*, and the commands auth, eval, evalsha, exec, hget, hgetall,
- * hscan, hset, hdel, info, multi, ping, publish, pubsub, role, subscribe. Without evalsha every write sends its script.
+ * What lasts stands on standard error: a line when it begins, one a minute, one when it is over.
+ * A subscription or a scan that the server refuses (no permission, a key of another type) holds its own kind only:
+ * TQ_MOM_RESULT_HELD comes in its place, and the client asks again after 1 s, 2 s, up to a minute.
+ * A write or read that the server refuses fails with TQ_MOM_E_REFUSED; READONLY is also a lost connection. A change that
+ * its readers may not be told of is refused, and not made.
+ * The server must not evict what it holds (maxmemory-policy noeviction, its default), and be no part of a cluster
+ * (TQ_MOM_E_REFUSED). Whoever writes its keys by other means than this library tells nobody: a field that is set or
+ * deleted so is not heard of until the next scan.
+ * Redis permissions that a client needs: keys dm:*, channels dm:*, and the commands auth, eval, evalsha, exec, exists, hget,
+ * hgetall, hscan, hset, hdel, info, multi, publish, pubsub, subscribe, unsubscribe. Without evalsha every write sends its
+ * script, without exists a removed hash is not noticed, and a client that only reads needs neither hset nor hdel.
+ *
+ * A handle belongs to the process that opened it. In a child of fork() every call of it answers TQ_MOM_E_ARGUMENT, closing
+ * included, and touches neither its sockets nor its locks; a child opens a handle of its own.
  */
 
 #include "tq_platform.h"
@@ -73,17 +92,22 @@ enum {
 };
 
 /*
- * Opens a client and starts its event-loop thread. A Redis server must answer: TQ_MOM_E_UNREACHABLE, or TQ_MOM_E_DENIED when
- * it refuses the credentials.
+ * Opens a client and starts its event-loop thread. A Redis server must answer: TQ_MOM_E_UNREACHABLE, TQ_MOM_E_DENIED when
+ * it refuses the credentials, TQ_MOM_E_REFUSED when it is part of a cluster. Without descriptors, threads or memory left:
+ * TQ_MOM_E_MEMORY.
  */
 DM_API int32_t tq_mom_client_open(const char *url, tq_mom_handle **handle);
 
-/* Writes a store's URL as it may be shown: without its password. Cut off at `size`, the null byte included. */
+/*
+ * Writes a store's URL as it may be shown: without its password, and only the scheme of one that names no store. Cut off at
+ * `size`, the null byte included.
+ */
 DM_API int32_t tq_mom_url_without_secret(const char *url, char *text, uint32_t size);
 
 /*
- * Ends the loop, waits for a callback that is running, disarms its timers and frees the handle; what was still to be
- * told is dropped. Not from a callback of the handle itself: TQ_MOM_E_ARGUMENT.
+ * Ends the calls that wait, which fail, and waits until no thread is in a call of the handle; ends the loop, waits for a
+ * callback that is running, disarms its timers and frees the handle; what was still to be told is dropped. Not from a
+ * callback of the handle itself, be it of a synchronous scan: TQ_MOM_E_ARGUMENT.
  */
 DM_API int32_t tq_mom_client_close(tq_mom_handle *handle);
 

@@ -30,7 +30,8 @@ int main(int argc, char **argv) {
     const int result = run_seeds({"faults", "cycles", 10, /*at_a_time=*/1, run}, argc, argv);
     if (result == 2) return result;
     std::printf(
-        "  %ld cycles, %ld writes (%ld while cut off), %ld connections lost, back on the same server %ld times, on "
+        "  %ld cycles, %ld writes (%ld while cut off or refused), %ld connections lost, back on the same server %ld "
+        "times, on "
         "another "
         "%ld times; %ld objects in the largest row\n",
         sum.cycles, sum.writes, sum.refused_writes, sum.losses, sum.same_server, sum.other_server, sum.objects);

@@ -2,6 +2,10 @@
 // it but on changed_.
 #include "faults/world.h"
 
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <filesystem>
 #include <map>
 
 #include "tq_dm_cache/dm_cache.h"
@@ -62,13 +66,18 @@ const World::Fault World::faults[] = {
     {"hold up the reader", &World::hold_up},
     {"kill subscribers", &World::kill_subscribers},
     {"kill command connections", &World::kill_command_connections},
+    {"full disk", &World::full_disk},
+    {"slow answers", &World::slow_answers},
+    {"another master for a moment", &World::be_replica},
+    {"emptied", &World::empty},
+    {"a child", &World::have_child},
 };
 
 // The first faults strike while the cache starts.
 World::World(uint64_t seed, bool trace)
     : random_{std::mt19937_64(seed), false},
       trace_(trace),
-      server_({"--client-output-buffer-limit", "pubsub", "1mb", "0", "0"}),
+      server_({"--client-output-buffer-limit", "pubsub", "1mb", "0", "0", "--enable-protected-configs", "yes"}),
       proxy_(server_.socket() + ".proxy", server_.socket()),
       writers_random_{std::mt19937_64(seed + 1'000'000'007), false} {
     world = this;
@@ -138,10 +147,11 @@ void World::write() {
     const uint32_t db = obj_sub_list[row].db_id;
     const int32_t error =
         random.percent(30) ? tq_mom_del(writer_, db, object.get()) : tq_mom_set(writer_, db, object.get(), 0, 0);
-    if (error && error != TQ_MOM_E_UNREACHABLE && error != TQ_MOM_E_NOT_FOUND) fail("a write is answered oddly");
+    if (error && error != TQ_MOM_E_UNREACHABLE && error != TQ_MOM_E_NOT_FOUND && error != TQ_MOM_E_REFUSED)
+        fail("a write is answered oddly");
     const std::lock_guard lock(mutex_);
     writes_++;
-    totals_.refused_writes += error == TQ_MOM_E_UNREACHABLE;
+    totals_.refused_writes += error == TQ_MOM_E_UNREACHABLE || error == TQ_MOM_E_REFUSED;
     changed_.notify_all();
 }
 
@@ -199,8 +209,61 @@ bool World::wait_for_loss(int limit) {
 // As often for less than the probe time, which nobody needs to notice.
 void World::freeze() {
     server_.freeze(true);
-    wait_for_loss(random_.percent(50) ? random_.below(250) : limit_ms);
+    const bool must_notice = random_.percent(50);
+    if (!wait_for_loss(must_notice ? limit_ms : random_.below(250)) && must_notice) fail("a silence is not noticed");
     server_.freeze(false);
+}
+
+// Reading goes on; what is written meanwhile is refused.
+void World::full_disk() {
+    const std::string folder = std::filesystem::path(server_.socket()).parent_path();
+    server_.command({"CONFIG", "SET", "dir", "/proc/self", "save", "900 1"});
+    for (int i = 0; i < 200 && !server_.command({"PING"}).starts_with("MISCONF"); i++) {
+        server_.command({"BGSAVE"});
+        ::poll(nullptr, 0, 5);
+    }
+    wait_for_writes(random_.below(500));
+    server_.command({"CONFIG", "SET", "dir", folder, "save", ""});
+}
+
+void World::slow_answers() {
+    const Proxy::Bend slowly = [each = random_.below(100)](std::string &, int) {
+        ::poll(nullptr, 0, each);
+        return true;
+    };
+    const auto bend_all = [this](const Proxy::Bend &bend) {
+        for (const auto roads : {Proxy::Roads::commands, Proxy::Roads::feeds, Proxy::Roads::to_come})
+            proxy_.bend(roads, bend);
+    };
+    bend_all(slowly);
+    wait_for_writes(random_.below(2000));
+    bend_all({});
+}
+
+// Noticed while it lasts or not: the content may be another one afterwards.
+void World::be_replica() {
+    server_.command({"REPLICAOF", "127.0.0.1", "1"});
+    wait_for_writes(random_.below(100));
+    server_.command({"REPLICAOF", "NO", "ONE"});
+}
+
+void World::empty() {
+    server_.command({"FLUSHALL"});
+}
+
+void World::have_child() {
+    const Message object = card(1, 1, 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        bool refused = true;
+        for (tq_mom_handle *handle : {writer_, reader_}) {
+            refused &= tq_mom_set(handle, 1, object.get(), 0, 0) == TQ_MOM_E_ARGUMENT &&
+                       tq_mom_client_close(handle) == TQ_MOM_E_ARGUMENT;
+        }
+        _exit(refused ? 0 : 1);
+    }
+    int status = -1;
+    if (waitpid(child, &status, 0) != child || status != 0) fail("a child may use its parent's handle");
 }
 
 // What is deleted meanwhile must not stay.

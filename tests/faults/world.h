@@ -49,6 +49,11 @@ private:
     void hold_up();
     void kill_subscribers();
     void kill_command_connections();
+    void full_disk();
+    void slow_answers();
+    void be_replica();
+    void empty();
+    void have_child();
     static const Fault faults[];
 
     static int32_t on_change(tq_mom_handle *, int32_t, int32_t, ProtobufCMessage *);

@@ -67,7 +67,7 @@ Message card_of_type(int32_t slot, int32_t type) {
 
 std::string describe(const store_msg &msg) {
     const auto *object = static_cast<const ProtobufCMessage *>(msg.value);
-    if (msg.cmd == TQ_MOM_CMD_SUBSCRIBED) return "confirmed";
+    if (msg.cmd == TQ_MOM_CMD_SUBSCRIBED) return msg.result ? "refused " + std::to_string(msg.result) : "confirmed";
     if (msg.cmd == TQ_MOM_CMD_SET) return "set " + describe(object, msg.result);
     if (msg.cmd == TQ_MOM_CMD_DELETE) return "deleted " + describe(object, msg.result);
     if (msg.flag == 1) return msg.value ? "end with a value" : "end";

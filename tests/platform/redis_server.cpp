@@ -12,6 +12,7 @@
 #include <unistd.h>
 #include <filesystem>
 #include <stdexcept>
+#include <utility>
 
 namespace {
 
@@ -58,6 +59,30 @@ int unix_socket(const std::string &path, decltype(::connect) *attach) {
 
 }  // namespace
 
+int start_program(std::vector<std::string> words) {
+    std::vector<char *> arguments;
+    for (std::string &word : words) arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    const int pid = fork();
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        execvp(arguments[0], arguments.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+void end_program(int pid) {
+    ::kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+}
+
+std::string command_at(const std::string &socket, const std::vector<std::string> &words, const std::string &password) {
+    const Context context = connect(socket);
+    if (!password.empty()) run(context.get(), {"AUTH", password});
+    return run(context.get(), words);
+}
+
 RedisServer::RedisServer(const std::vector<std::string> &options) : options_(options) {
     std::string folder = std::filesystem::temp_directory_path() / "dm-redis-XXXXXX";
     if (!mkdtemp(folder.data())) throw std::runtime_error(folder);
@@ -75,15 +100,7 @@ void RedisServer::start() {
                                       "--unixsocket", socket(),      "--dir", folder_,  "--logfile",
                                       "redis.log",    "--daemonize", "no"};
     words.insert(words.end(), options_.begin(), options_.end());
-    std::vector<char *> arguments;
-    for (std::string &word : words) arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    pid_ = fork();
-    if (pid_ == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        execvp(arguments[0], arguments.data());
-        _exit(127);
-    }
+    pid_ = start_program(words);
     for (int i = 0; i < start_limit_s * 100; i++) {
         const Context context = connect(socket());
         const std::string answer = context->err ? "" : run(context.get(), {"PING"});
@@ -95,10 +112,7 @@ void RedisServer::start() {
 }
 
 void RedisServer::kill() {
-    if (pid_ == 0) return;
-    ::kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    pid_ = 0;
+    if (pid_ != 0) end_program(std::exchange(pid_, 0));
 }
 
 void RedisServer::freeze(bool frozen) {
@@ -112,13 +126,14 @@ void RedisServer::restart(bool keep) {
     start();
 }
 
-std::string RedisServer::command(const std::vector<std::string> &words, const std::string &password) const {
-    const Context context = connect(socket());
-    if (!password.empty()) run(context.get(), {"AUTH", password});
-    return run(context.get(), words);
+// Below those that the system gives to whoever connects.
+int RedisServer::listen_on_loopback() {
+    static int port = 20000 + getpid() % 10000;
+    while (command({"CONFIG", "SET", "port", std::to_string(++port)}) != "OK") continue;
+    return port;
 }
 
-Proxy::Proxy(const std::string &listen_at, const std::string &server) : path_(listen_at), server_(server) {
+Proxy::Proxy(const std::string &listen_at, const std::string &server) : path_(listen_at), servers_({server}) {
     listener_ = unix_socket(path_, ::bind);
     if (listener_ < 0 || listen(listener_, 16) != 0) throw std::runtime_error(path_);
     thread_ = std::thread([this] { accept_all(); });
@@ -142,12 +157,13 @@ void Proxy::accept_all() {
         const int client = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
         if (client < 0) return;
         const std::lock_guard lock(mutex_);
-        const int server = refusing_ ? -1 : unix_socket(server_, ::connect);
+        const int server = refusing_ ? -1 : unix_socket(servers_.front(), ::connect);
+        if (servers_.size() > 1) servers_.pop_front();
         if (server < 0) {
             ::close(client);
             continue;
         }
-        Road &road = roads_.emplace_back(Road{client, server, {}});
+        Road &road = roads_.emplace_back(Road{client, server, bend_to_come_});
         road.thread = std::thread([this, &road] { carry(road); });
     }
 }
@@ -156,27 +172,34 @@ void Proxy::carry(Road &road) {
     pollfd ends[] = {{road.client, POLLIN, 0}, {road.server, POLLIN, 0}};
     bool open = true;
     while (open && ::poll(ends, 2, -1) > 0) {
-        if (ends[0].revents) open = carry_some(road.client, road.server, false);
-        if (open && ends[1].revents) open = carry_some(road.server, road.client, true);
+        if (ends[0].revents) open = carry_some(road, false);
+        if (open && ends[1].revents) open = carry_some(road, true);
     }
     ::shutdown(road.client, SHUT_RDWR);
     ::shutdown(road.server, SHUT_RDWR);
 }
 
-// A pong is small, and comes in one piece when nothing else is under way.
-bool Proxy::carry_some(int from, int to, bool to_client) {
+// A fence's answer is small, and comes in one piece when nothing else is under way.
+bool Proxy::carry_some(Road &road, bool to_client) {
     char buffer[64 * 1024];
-    const ssize_t n = ::recv(from, buffer, sizeof buffer, 0);
+    const ssize_t n = ::recv(to_client ? road.server : road.client, buffer, sizeof buffer, 0);
     if (n <= 0) return false;
     std::string bytes(buffer, static_cast<size_t>(n));
-    const std::string pong = "*2\r\n$4\r\npong\r\n";
-    for (size_t at = 0; to_client && pongs_to_drop_ > 0 && (at = bytes.find(pong)) != std::string::npos;
-         pongs_to_drop_--) {
-        const size_t length = bytes.find("\r\n", at + pong.size());
-        bytes.erase(at, bytes.find("\r\n", length + 2) + 2 - at);
+    std::shared_ptr<const Bend> bend;
+    {
+        const std::lock_guard lock(mutex_);
+        if (!to_client && bytes.find("\r\nSUBSCRIBE\r\n") != std::string::npos) road.is_feed = true;
+        if (to_client) bend = road.bend;
+    }
+    if (bend && *bend && !(*bend)(bytes, road.client)) return false;
+    const std::string fence = "*3\r\n$11\r\nunsubscribe\r\n";
+    for (size_t at = 0; to_client && fences_to_drop_ > 0 && (at = bytes.find(fence)) != std::string::npos;
+         fences_to_drop_--) {
+        bytes.erase(at, bytes.find("\r\n", bytes.find("\r\n:", at) + 2) + 2 - at);
     }
     for (size_t sent = 0; sent < bytes.size();) {
-        const ssize_t m = ::send(to, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        const ssize_t m =
+            ::send(to_client ? road.client : road.server, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
         if (m <= 0) return false;
         sent += static_cast<size_t>(m);
     }
@@ -185,6 +208,20 @@ bool Proxy::carry_some(int from, int to, bool to_client) {
     carried_ += bytes.size();
     carried_more_.notify_all();
     return true;
+}
+
+void Proxy::bend(Roads which, Bend bend) {
+    const auto shared = std::make_shared<const Bend>(std::move(bend));
+    const std::lock_guard lock(mutex_);
+    if (which == Roads::to_come) bend_to_come_ = shared;
+    for (Road &road : roads_) {
+        if (which != Roads::to_come && road.is_feed == (which == Roads::feeds)) road.bend = shared;
+    }
+}
+
+void Proxy::lead_to(std::deque<std::string> servers) {
+    const std::lock_guard lock(mutex_);
+    servers_ = std::move(servers);
 }
 
 void Proxy::wait_for_bytes(size_t more, std::chrono::milliseconds limit) {

@@ -7,12 +7,21 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
+#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
+
+// Its process's number; it ends with the test program.
+int start_program(std::vector<std::string> words);
+void end_program(int pid);  // SIGKILL
+// One command of words at a socket; the answer as text, lists in brackets, errors too. Binary words are fine.
+std::string command_at(const std::string &socket, const std::vector<std::string> &words,
+                       const std::string &password = "");
 
 class RedisServer {
 public:
@@ -29,8 +38,10 @@ public:
     void freeze(bool frozen);  // SIGSTOP, SIGCONT
     void restart(bool keep);   // with its content, or empty
 
-    // One command of words; the answer as text, lists in brackets, errors too. Binary words are fine.
-    std::string command(const std::vector<std::string> &words, const std::string &password = "") const;
+    std::string command(const std::vector<std::string> &words, const std::string &password = "") const {
+        return command_at(socket(), words, password);
+    }
+    int listen_on_loopback();  // the port
 
 private:
     void remove_content() const;
@@ -43,6 +54,10 @@ private:
 // Between one client and its server.
 class Proxy {
 public:
+    // What happens to bytes on their way to the client: it may change them, wait, or send some itself. False ends the road.
+    using Bend = std::function<bool(std::string &bytes, int client)>;
+    enum class Roads { commands, feeds, to_come };
+
     Proxy(const std::string &listen_at, const std::string &server);
     ~Proxy();
     Proxy(const Proxy &) = delete;
@@ -50,25 +65,31 @@ public:
 
     void cut();  // ends what passes, and refuses to begin anew
     void let_in();
-    void drop_pongs(int n) { pongs_to_drop_ = n; }
+    void drop_fences(int n) { fences_to_drop_ = n; }
+    void bend(Roads which, Bend bend);
+    void lead_to(std::deque<std::string> servers);  // the roads to come, in turn; the last one stays
     void wait_for_bytes(size_t more, std::chrono::milliseconds limit);  // to the client
 
 private:
     struct Road {
         int client, server;
-        std::thread thread;
+        std::shared_ptr<const Bend> bend = {};
+        bool is_feed = false;
+        std::thread thread = {};
     };
     void accept_all();
     void carry(Road &road);
-    bool carry_some(int from, int to, bool to_client);
+    bool carry_some(Road &road, bool to_client);
 
-    const std::string path_, server_;
+    const std::string path_;
     int listener_ = -1;
-    std::atomic<int> pongs_to_drop_ = 0;
+    std::atomic<int> fences_to_drop_ = 0;
     std::mutex mutex_;  // guards what follows
     std::condition_variable carried_more_;
     size_t carried_ = 0;
     bool refusing_ = false;
+    std::deque<std::string> servers_;
+    std::shared_ptr<const Bend> bend_to_come_;
     std::list<Road> roads_;
     std::thread thread_;
 };

@@ -54,7 +54,7 @@ int32_t restart(tq_mom_handle *, int32_t keep) {
 }
 
 int32_t lose_confirmations(tq_mom_handle *handle, int32_t n) {
-    proxy_of(handle).drop_pongs(n);
+    proxy_of(handle).drop_fences(n);
     return 0;
 }
 

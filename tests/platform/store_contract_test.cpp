@@ -1,5 +1,8 @@
 // What every store promises its clients, run over each store. A test waits for a push or an end mark of its own making:
 // the store's one order says that everything before it has come.
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <future>
 
 #include "platform/recording_client.h"
@@ -278,12 +281,65 @@ TEST_P(StoreContract, CloseDropsWhatIsQueued) {
     EXPECT_EQ(reader.told(), "");
 }
 
+// A handle that is closed under a thread that works with it, or used by a child of the process: no crash, no answer that
+// belongs to somebody else.
+TEST_P(StoreContract, AHandleOutlivesItsCallsAndStaysWithItsProcess) {
+    writer.set(1, 1);
+    std::atomic<int> in_calls = 0;
+    const auto call_until_closed = [](tq_mom_handle *handle, store_msg *, void *in) {
+        EXPECT_EQ(tq_mom_client_close(handle), TQ_MOM_E_ARGUMENT);  // it would wait for itself
+        ++*static_cast<std::atomic<int> *>(in);
+        const Message key = card(1, 1, 0);
+        int32_t error = 0;
+        while (error == 0) tq_mom_tq_obj_free(tq_mom_get_sync(handle, 1, key.get(), &error));
+        EXPECT_TRUE(error == TQ_MOM_E_ARGUMENT || error == TQ_MOM_E_UNREACHABLE) << error;
+        return 0;
+    };
+    std::vector<std::thread> callers;
+    for (int i = 0; i < 4; i++) {
+        callers.emplace_back(
+            [&] { tq_mom_scan_sync(reader.handle(), 1, card(1, 0, 0).get(), 0, call_until_closed, &in_calls); });
+    }
+    while (in_calls < 4) std::this_thread::yield();
+    reader.close();
+    for (std::thread &caller : callers) caller.join();
+
+    const Message object = card_of_type(1, 2);
+    const pid_t child = fork();
+    if (child == 0) {
+        int32_t error = 0;
+        tq_thread_timer timer = {};
+        const bool refused = tq_mom_set(writer.handle(), 1, object.get(), 0, 0) == TQ_MOM_E_ARGUMENT &&
+                             !tq_mom_get_sync(writer.handle(), 1, object.get(), &error) && error == TQ_MOM_E_ARGUMENT &&
+                             tq_mom_subscribe(writer.handle(), 1, object.get(), 0, RecordingClient::on_message,
+                                              nullptr) == TQ_MOM_E_ARGUMENT &&
+                             tq_thread_insert_timer(
+                                 writer.handle()->timer_master, &timer, [](tq_thread_timer *) { return 0; }, 0, 0,
+                                 "") == TQ_MOM_E_ARGUMENT &&
+                             tq_mom_client_drain(writer.handle(), 100) == TQ_MOM_E_ARGUMENT &&
+                             tq_mom_client_close(writer.handle()) == TQ_MOM_E_ARGUMENT;
+        _exit(refused ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(writer.get(1), "1:1");
+}
+
 // A wrong URL is told in words, and nothing crashes on what is not there.
 TEST(Platform, RefusesWhatIsUnusable) {
     tq_mom_handle *none = nullptr;
     testing::internal::CaptureStderr();
     EXPECT_EQ(tq_mom_client_open("http://x", &none), TQ_MOM_E_URL);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("\"http://x\""), std::string::npos);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("\"http://...\""), std::string::npos);
+
+    // Without descriptors left there is a code, too, and no end of the process.
+    rlimit limit = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none_left = {static_cast<rlim_t>(dup(0)) + 2, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none_left), 0);
+    EXPECT_EQ(tq_mom_client_open("mem:", &none), TQ_MOM_E_MEMORY);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
 
     const RecordingClient client("mem:");
     const Message keyless("p_dev.card_info"), keyed = card(1, 1, 0);

@@ -1,0 +1,30 @@
+// A lasting trouble on standard error: one line when it begins, one a minute while it lasts, one when it ends. No lock: its
+// owner's.
+#ifndef TQ_PLATFORM_TROUBLE_H
+#define TQ_PLATFORM_TROUBLE_H
+
+#include <chrono>
+#include <string>
+
+namespace tq {
+
+class Trouble {
+public:
+    explicit Trouble(const std::string &store) : store_(store) {}
+    // It begins, or is there still. Another reason is another trouble, once there was a line for each of a few.
+    void say(const std::string &reason);
+    void end();  // if there is any
+
+private:
+    using Clock = std::chrono::steady_clock;
+    double seconds() const { return std::chrono::duration<double>(Clock::now() - begin_).count(); }
+
+    std::string store_;  // as it is shown
+    std::string reason_;
+    Clock::time_point begin_, said_;
+    int reasons_ = 0;  // told since the last minute's line
+};
+
+}  // namespace tq
+
+#endif
