@@ -3,6 +3,7 @@
 #include "dmq/call.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 
@@ -307,7 +308,7 @@ const Query &find_query(const std::string &name) {
         if (query.name == name) throw Failure(exit_usage, "call " + name + ": it takes what only a program has");
         names.emplace_back(query.name);
     }
-    throw Failure(exit_usage, "there is no query " + name + did_you_mean(name, names) + "; see dmq call --list");
+    throw Failure(exit_usage, "there is no query " + shown(name) + did_you_mean(name, names) + "; see dmq call --list");
 }
 
 }  // namespace
@@ -325,15 +326,21 @@ Exit run_call(Context &context, const Command &command) {
     if (command.list) return list_queries(command.words, command.settings.json);
     if (command.words.empty()) throw Failure(exit_usage, "call needs the name of a query; see dmq call --list");
     const Query &query = find_query(command.words[0]);
-    auto arguments = arguments_of(query);
-    read_words(query, arguments, command.words);
-    context.synchronised({}, command.settings);
-
+    const auto arguments = std::make_shared<std::vector<Argument>>(arguments_of(query));
+    read_words(query, *arguments, command.words);
     std::vector<uintptr_t> words;
-    for (const Argument &argument : arguments) words.push_back(argument.word);
-    const int64_t result = query.callable.call(query.callable.function, words.data());
-    const Json values = values_of(arguments, result);
+    for (const Argument &argument : *arguments) words.push_back(argument.word);
+    auto ask = [&query, arguments, words = std::move(words)]() mutable {
+        errno = 0;
+        const int64_t answer = query.callable.call(query.callable.function, words.data());
+        return std::pair(answer, errno == ENOMEM);
+    };
+    const auto [result, lacked_memory] =
+        query.pure ? ask()
+                   : context.synchronised({}, command.settings).ask(std::string(query.name) + " to answer", ask);
+    const Json values = values_of(*arguments, result);
     (command.settings.json ? print_json : print_values)(query, result, values);
+    if (lacked_memory) throw Failure(exit_no, std::string(query.name) + ": not enough memory");
     return answers(query, result, values) ? exit_yes : exit_no;
 }
 

@@ -72,6 +72,7 @@ struct Query {
     std::string_view parameters;  // their names, separated by blanks
     bool yes_or_no;
     bool zero_is_no;
+    bool pure;  // a conversion that needs no cache, so no store either
     Callable callable;
 };
 

@@ -4,6 +4,7 @@
 #include "dmq/gen.h"
 #include "dmq/output.h"
 #include "dmq/session.h"
+#include "dmq/store.h"
 
 namespace dmq {
 
@@ -13,27 +14,34 @@ struct Command {
     double watch_for = -1;           // seconds; negative: until it is ended
     bool background = false;
     bool list = false;
-    bool raw = false;  // show: with the columns for those who know the numbers inside
+    bool raw = false;      // show: with the columns for those who know the numbers inside
+    bool create = false;   // set: also what is not there yet
+    bool dry_run = false;  // set, delete: only tell
     GenOptions gen;
 };
-
-// Names on standard error, once, the objects that the store could not hand to the cache.
-void tell_damage(Session &session);
 
 // What the commands of one process share. The session is opened by the first command that needs it.
 class Context {
 public:
     explicit Context(const Settings &settings) : settings_(settings) {}
-    Session &open() { return session_ ? *session_ : session_.emplace(settings_); }
 
-    // With the cache equal to the store: for these kinds, or, in a shell, for all.
+    // Once a command, whose time begins.
+    Session &open(const Settings &settings) {
+        if (!session_) return session_.emplace(settings_);
+        session_->begin(settings.timeout);
+        return *session_;
+    }
+
+    // The same with the cache equal to the store: for these kinds, or, in a shell, for all. Tells on standard error what
+    // the cache lacks.
     Session &synchronised(const std::vector<Kind> &kinds, const Settings &settings) {
-        open().synchronise(in_shell ? std::vector<Kind>() : kinds, settings);
-        tell_damage(*session_);
+        open(settings).synchronise(in_shell ? std::vector<Kind>() : kinds);
+        doubtful = !is_whole(*session_);
         return *session_;
     }
 
     bool in_shell = false;
+    bool doubtful = false;  // the command answers from a cache that lacks what it should have, so the answer is no yes
 
 private:
     Settings settings_;
@@ -59,10 +67,16 @@ struct Request {
 };
 std::optional<Request> parse(const std::vector<std::string> &words, const Settings &defaults, bool in_shell);
 
+inline Exit run(Context &context, const Request &request) {
+    context.doubtful = false;
+    const Exit answer = request.run(context, request.command);
+    return answer == exit_yes && context.doubtful ? exit_no : answer;
+}
+
 // Runs it and says on standard error, behind `place`, why it failed.
-template <class Run> Exit reporting(const std::string &place, Run run) {
+template <class Work> Exit reporting(const std::string &place, Work work) {
     try {
-        return run();
+        return work();
     } catch (const Failure &failure) {
         note(place + failure.what());
         return failure.code;

@@ -13,4 +13,7 @@ struct Failure : std::runtime_error {
     Exit code;
 };
 
+// Without memory dmq says so and ends with exit_no at once, wherever it is: half an answer is none.
+[[noreturn]] void out_of_memory() noexcept;
+
 }  // namespace dmq

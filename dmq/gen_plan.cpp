@@ -2,8 +2,9 @@
 #include "dmq/gen_plan.h"
 
 #include <algorithm>
-#include <fstream>
 #include <sstream>
+
+#include "dmq/topology.h"
 
 namespace dmq {
 
@@ -60,8 +61,8 @@ void add_subcard_ports(std::vector<GenPort> &ports, int subcards) {
 
 // A line of a layout: lanes separated by commas, panel port, speed in Mb/s. The first lane names the port of the chip.
 std::vector<GenPort> layout_ports(const std::string &file) {
-    std::ifstream stream(file);
-    if (stream.peek() == EOF) throw Failure(exit_usage, "gen: cannot read " + file + ", or it is empty");
+    std::istringstream stream(read_file(file));
+    if (stream.peek() == EOF) throw Failure(exit_usage, "gen: " + file + " is empty");
     std::vector<GenPort> ports;
     std::string line;
     for (int number = 1; std::getline(stream, line); number++) {

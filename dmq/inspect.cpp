@@ -67,12 +67,14 @@ Exit run_sync(Context &context, const Command &command) {
 
 Exit run_watch(Context &context, const Command &command) {
     const auto kinds = kinds_of(command.words);
-    context.synchronised(kinds, command.settings);
+    Session &session = context.synchronised(kinds, command.settings);
     if (command.background && !context.in_shell) throw Failure(exit_usage, "watch & is for a shell of dmq");
     start_watch(kinds, command.settings.json);
     if (command.background) return exit_yes;
     wait_for_end(command.watch_for);
     stop_watch();
+    session.begin(command.settings.timeout);
+    context.doubtful = context.doubtful && !is_whole(session);
     return exit_yes;
 }
 

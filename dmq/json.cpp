@@ -2,6 +2,7 @@
 // initialiser, then each value at its offset, with the default allocator, so that protobuf-c frees it.
 #include "dmq/json.h"
 
+#include <algorithm>
 #include <cstring>
 #include <optional>
 #include <utility>
@@ -137,7 +138,7 @@ std::optional<std::string> from_hex(std::string_view text) {
 
 void *allocate(size_t size) {
     void *memory = std::calloc(1, size ? size : 1);
-    if (!memory) throw std::bad_alloc();
+    if (!memory) out_of_memory();
     return memory;
 }
 
@@ -209,6 +210,16 @@ void set_field(const ProtobufCFieldDescriptor &field, const Json &value, Protobu
     }
 }
 
+void add_differences(const Json &before, const Json &after, const std::string &path, Json &found) {
+    if (before == after) return;
+    if (!before.is_object() || !after.is_object()) {
+        found[path] = {{"old", before}, {"new", after}};
+        return;
+    }
+    for (const auto &[name, value] : after.items())
+        add_differences(before.value(name, Json()), value, path.empty() ? name : path + "." + name, found);
+}
+
 const ProtobufCFieldDescriptor &find_field(const ProtobufCMessageDescriptor &type, const std::string &name,
                                            const std::string &where) {
     if (const auto *field = protobuf_c_message_descriptor_get_field_by_name(&type, name.c_str());
@@ -246,8 +257,11 @@ std::string pack(const ProtobufCMessage &message) {
 }
 
 Message unpack(const ProtobufCMessageDescriptor &type, const std::string &bytes) {
+    // Missing memory must not look like bytes that mean nothing.
+    ProtobufCAllocator allocator = {[](void *, size_t size) { return allocate(size); },
+                                    [](void *, void *memory) { std::free(memory); }, nullptr};
     const auto *data = reinterpret_cast<const uint8_t *>(bytes.data());
-    return Message(protobuf_c_message_unpack(&type, nullptr, bytes.size(), data));
+    return Message(protobuf_c_message_unpack(&type, &allocator, bytes.size(), data));
 }
 
 Json to_json(const ProtobufCMessage &message, Fields which) {
@@ -269,6 +283,19 @@ Message from_json(const Json &object, const ProtobufCMessageDescriptor &type, co
     return message;
 }
 
+void swap_field(ProtobufCMessage &one, ProtobufCMessage &other, std::span<const std::string> path) {
+    const auto &field = find_field(*one.descriptor, path[0], "");
+    const bool repeated = field.label == PROTOBUF_C_LABEL_REPEATED;
+    if (path.size() > 1) {
+        auto *const inner = at<ProtobufCMessage *>(one, field.offset);
+        if (inner) return swap_field(*inner, *at<ProtobufCMessage *>(other, field.offset), path.subspan(1));
+    }
+    char *const place = &at<char>(one, field.offset);
+    const size_t size = repeated ? sizeof(void *) : size_of(field.type);
+    std::swap_ranges(place, place + size, &at<char>(other, field.offset));
+    if (repeated) std::swap(at<size_t>(one, field.quantifier_offset), at<size_t>(other, field.quantifier_offset));
+}
+
 std::string to_hex(const ProtobufCBinaryData &bytes) {
     static const char digit[] = "0123456789abcdef";
     std::string text;
@@ -279,8 +306,36 @@ std::string to_hex(const ProtobufCBinaryData &bytes) {
     return text;
 }
 
+Json differences(const ProtobufCMessage &before, const ProtobufCMessage &after) {
+    Json found = Json::object();
+    add_differences(to_json(before, Fields::all), to_json(after, Fields::all), "", found);
+    return found;
+}
+
+std::string change_text(const Json &change) {
+    return dump(change["old"]) + " -> " + dump(change["new"]);
+}
+
+Json read_json(const std::string &text, const std::string &where) {
+    const auto bounded = [&](int depth, Json::parse_event_t, const Json &) {
+        if (depth > deepest) refuse(where, "nested deeper than " + std::to_string(deepest));
+        return true;
+    };
+    return Json::parse(text, bounded, /*allow_exceptions=*/false);
+}
+
+// JSON leaves the control characters from U+007F on as they are; a terminal obeys them.
 std::string dump(const Json &value) {
-    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+    std::string text = value.dump(-1, ' ', false, Json::error_handler_t::replace);
+    for (size_t i = text.find_first_of("\x7F\xC2"); i != std::string::npos; i = text.find_first_of("\x7F\xC2", i + 1)) {
+        const bool wide = text[i] == '\xC2';
+        const auto code = static_cast<unsigned char>(text[i + wide]);
+        if (wide && code >= 0xA0) continue;
+        char escape[8];
+        std::snprintf(escape, sizeof escape, "\\u%04x", code);
+        text.replace(i, 1 + wide, escape);
+    }
+    return text;
 }
 
 }  // namespace dmq

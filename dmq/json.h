@@ -31,6 +31,7 @@ const ProtobufCMessage *key_of(const ProtobufCMessage &object);
 
 Message new_message(const ProtobufCMessageDescriptor &type);
 std::string pack(const ProtobufCMessage &message);
+// Null: the bytes are none of the kind's.
 Message unpack(const ProtobufCMessageDescriptor &type, const std::string &bytes);
 
 // `set`: fields that differ from their default, and every field of the key. `all`: every field, a missing sub-message as
@@ -41,8 +42,25 @@ Json to_json(const ProtobufCMessage &message, Fields which);
 // Throws a Failure that names the field below `where` and what is wrong with it.
 Message from_json(const Json &object, const ProtobufCMessageDescriptor &type, const std::string &where);
 
+// Makes two messages of a kind exchange one field, by its path from the top down.
+void swap_field(ProtobufCMessage &one, ProtobufCMessage &other, std::span<const std::string> path);
+
+// Part of a key in name only: the cache never compares it, and it is hardly ever used.
+inline bool is_never_compared(std::string_view field) {
+    return field == "t_mod";
+}
+
 // Hex digits; six bytes are a MAC address and read like one.
 std::string to_hex(const ProtobufCBinaryData &bytes);
+
+// The innermost fields that differ, as {"static_info.name": {"old": .., "new": ..}}.
+Json differences(const ProtobufCMessage &before, const ProtobufCMessage &after);
+// Of one of them: "old -> new".
+std::string change_text(const Json &change);
+
+// Text that anybody may have written, of a bounded depth. Throws a Failure when it is deeper; discarded: it is no JSON.
+constexpr int deepest = 64;
+Json read_json(const std::string &text, const std::string &where);
 
 // On one line, whatever it holds.
 std::string dump(const Json &value);

@@ -7,6 +7,7 @@
 #include <numeric>
 
 #include "dmq/failure.h"
+#include "dmq/output.h"
 #include "tq_dm_cache/dm_cache.h"
 #include "tq_dm_cache/dm_port_index.h"
 #include "tq_dm_cache/dm_schema.h"
@@ -59,6 +60,8 @@ std::vector<std::string> type_names() {
 }  // namespace
 
 std::string did_you_mean(const std::string &word, std::span<const std::string> candidates) {
+    constexpr size_t longest = 100;  // no name is; and a long word takes long
+    if (word.size() > longest) return "";
     size_t nearest = std::max<size_t>(2, word.size() / 4) + 1;
     const std::string *found = nullptr;
     for (const auto &candidate : candidates) {
@@ -95,7 +98,7 @@ Kind kind_of(const ProtobufCMessageDescriptor &type) {
 
 const ProtobufCMessageDescriptor &find_type(const std::string &name) {
     if (const auto *type = dm_schema_find_message(name.c_str()); type && name == type->name) return *type;
-    throw Failure(exit_usage, "there is no kind " + name + did_you_mean(name, type_names()));
+    throw Failure(exit_usage, "there is no kind " + shown(name) + did_you_mean(name, type_names()));
 }
 
 Kind find_kind(const std::string &name) {

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <tuple>
 
 namespace dmq {
 
@@ -45,6 +46,32 @@ std::string padded(const std::string &text, size_t wanted, bool right) {
     return right ? space + text : text + space;
 }
 
+// How many bytes the UTF-8 character at the beginning has that a terminal can print; 0: none, or it would obey it.
+size_t printable(std::string_view text) {
+    const auto byte = [&](size_t i) -> unsigned { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U; };
+    const unsigned first = byte(0);
+    if (first < 0x80) return first >= 0x20 && first != 0x7F;
+    const size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
+    if (first < 0xC2 || first > 0xF4 || (first == 0xC2 && byte(1) < 0xA0)) return 0;
+    for (size_t i = 1; i < length; i++) {
+        if ((byte(i) & 0xC0) != 0x80) return 0;
+    }
+    return length;
+}
+
+std::string escaped(std::string_view text, bool with_newlines) {
+    std::string shown;
+    while (!text.empty()) {
+        const bool kept = text[0] == '\n' && !with_newlines;
+        const size_t length = kept ? 1 : printable(text);
+        char code[8];
+        std::snprintf(code, sizeof code, "\\x%02x", static_cast<unsigned char>(text[0]));
+        shown += length ? text.substr(0, length) : code;
+        text.remove_prefix(std::max<size_t>(length, 1));
+    }
+    return shown;
+}
+
 void print_as_json(const Table &table) {
     Json records = Json::array();
     for (const auto &row : table.rows) {
@@ -72,8 +99,20 @@ void print_line(std::string_view text) {
     print(std::string(text) + "\n");
 }
 
+void out_of_memory() noexcept {
+    constexpr std::string_view text = "dmq: not enough memory\n";
+    std::ignore = write(STDERR_FILENO, text.data(), text.size());
+    std::_Exit(exit_no);
+}
+
+std::string shown(std::string_view word) {
+    constexpr size_t most = 200;
+    const std::string text = escaped(word.substr(0, most), /*with_newlines=*/true);
+    return word.size() > most ? text + "..." : text;
+}
+
 void note(std::string_view text) {
-    std::string line = "dmq: " + std::string(text) + "\n";
+    std::string line = "dmq: " + escaped(text, /*with_newlines=*/false) + "\n";
     hide_password(line);
     write_all(STDERR_FILENO, line);
 }

@@ -33,6 +33,16 @@ void kind_and_words(CLI::App &app, Command &command) {
     app.add_option("WORDS", command.words, "A kind by name or row number, then field=value..")->required();
 }
 
+void deletion(CLI::App &app, Command &command) {
+    kind_and_words(app, command);
+    app.add_flag("--dry-run", command.dry_run, "Only tell what would be done");
+}
+
+void change(CLI::App &app, Command &command) {
+    deletion(app, command);
+    app.add_flag("--create", command.create, "Also make objects that are not there yet");
+}
+
 void optional_words(CLI::App &app, Command &command) {
     app.add_option("WORDS", command.words, "A kind by name or row number, then field=value..");
 }
@@ -105,10 +115,11 @@ constexpr Verb verbs[] = {
     {"sync", "Row by row: subscribed, scanned, objects, time", "  dmq --load examples/chassis.json sync --timeout 2\n",
      kinds, run_sync, next_kind},
     {"set", "Write objects: a file, or fields of one object",
-     "  set card_info devid=1 slotid=30 is_online=false\n  set changes.json\n", kind_and_words, run_set,
-     next_assignment},
-    {"delete", "Delete one object by its key; a key field that is not named is 0",
-     "  delete card_info devid=1 slotid=3\n", kind_and_words, run_delete, next_key},
+     "  set card_info devid=1 slotid=30 sslotid=0 is_online=false\n  set changes.json --dry-run\n"
+     "  set device_info devid=3 devname=switch-3 --create    an object that is not there yet\n",
+     change, run_set, next_assignment},
+    {"delete", "Delete one object by its whole key", "  delete card_info devid=1 slotid=3 sslotid=0\n", deletion,
+     run_delete, next_key},
     {"gen", "Make a topology of any size",
      "  dmq gen > examples/chassis.json\n  dmq gen --devices 5 --cards 20 --ports 100 --subcards 0 > 10000-ports.json\n"
      "  dmq gen --devices 1 --layout examples/layouts/box-32x100g.tsv > examples/box.json\n",
@@ -136,14 +147,13 @@ void common_options(CLI::App &app, Settings &settings, bool in_shell) {
     if (!in_shell) {
         app.add_option("--store", settings.store,
                        "The store's URL: mem:, mem:NAME, redis://HOST:PORT, redis+unix:///PATH")
-            ->envname("DMQ_STORE")
-            ->capture_default_str();
+            ->envname("DMQ_STORE");
         app.add_option("--load", settings.load, "Fill the store from this file first; may be repeated")
             ->take_all()
             ->expected(1);
     }
     app.add_flag("--json", settings.json, "Answers as JSON");
-    app.add_option("--timeout", settings.timeout, "Seconds that a wait may take")
+    app.add_option("--timeout", settings.timeout, "Seconds that all waits of a command may take together")
         ->capture_default_str()
         ->check(check_seconds);
     app.add_option("--log", settings.log, "Show the library's own log from this level: 0 all, 2 failures");
@@ -154,7 +164,8 @@ void common_options(CLI::App &app, Settings &settings, bool in_shell) {
     std::vector<std::string> names;
     for (const Verb &known : verbs) names.emplace_back(known.name);
     if (in_shell && rest[0] == "shell") throw Failure(exit_usage, "a shell runs no shell");
-    throw Failure(exit_usage, "there is no command " + rest[0] + did_you_mean(rest[0], names) + "; see dmq --help");
+    throw Failure(exit_usage,
+                  "there is no command " + shown(rest[0]) + did_you_mean(rest[0], names) + "; see dmq --help");
 }
 
 }  // namespace

@@ -2,6 +2,9 @@
 #include "dmq/session.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <tuple>
 
 #include "dmq/output.h"
 #include "dmq/watch.h"
@@ -10,22 +13,36 @@ namespace dmq {
 
 namespace {
 
-Client open_store(const std::string &url) {
-    const SignalsHeld held;
+// Without what may be its secret.
+std::string shown_url(const std::string &url) {
+    std::string text(std::max<size_t>(3 * url.size() + 4, 64), '\0');  // every byte escaped, at the most
+    tq_mom_url_without_secret(url.c_str(), text.data(), static_cast<uint32_t>(text.size()));
+    text.resize(text.find('\0'));
+    return text;
+}
+
+Client open_store(const std::string &url, const std::string &shown) {
     tq_mom_handle *handle = nullptr;
     const int32_t code = tq_mom_client_open(url.c_str(), &handle);
     if (code == TQ_MOM_E_URL || code == TQ_MOM_E_ARGUMENT)
-        throw Failure(exit_usage, url + " names no store; see --store in dmq --help");
+        throw Failure(exit_usage, "the URL " + shown + " names no store; see --store in dmq --help");
     if (code == TQ_MOM_E_DENIED)
-        throw Failure(exit_unreachable, "the store " + url +
+        throw Failure(exit_unreachable, "the store " + shown +
                                             " knows no such user or password; TQ_STORE_USER and "
                                             "TQ_STORE_PASSWORD give others");
-    if (code) throw Failure(exit_unreachable, "the store " + url + " is not reachable; is its server running?");
+    if (code == TQ_MOM_E_MEMORY)
+        throw Failure(exit_no, "the store " + shown + ": not enough memory, threads or descriptors");
+    if (code == TQ_MOM_E_REFUSED) throw Failure(exit_unreachable, "the store " + shown + " is part of a cluster");
+    if (code) throw Failure(exit_unreachable, "the store " + shown + " is not reachable; is its server running?");
     return Client(handle);
 }
 
 [[noreturn]] void write_failed(int32_t code, const std::string &what) {
     if (code == TQ_MOM_E_NOT_FOUND) throw Failure(exit_no, what + ": no such object in the store");
+    if (code == TQ_MOM_E_CHANGED)
+        throw Failure(exit_no,
+                      what + ": somebody else has changed it since it was read, so it was left alone; look again");
+    if (code == TQ_MOM_E_MEMORY) throw Failure(exit_no, what + ": not enough memory");
     if (code == TQ_MOM_E_TIMEOUT) throw Failure(exit_timeout, what + ": the store did not answer in time");
     if (code == TQ_MOM_E_UNREACHABLE) throw Failure(exit_unreachable, what + ": the store is not reachable");
     throw Failure(exit_usage, what + ": the store refused it, code " + std::to_string(code));
@@ -35,26 +52,37 @@ bool is_complete_notice(const ProtobufCMessage &object) {
     return kind_of(*object.descriptor).row == DM_ROW_DP_LIB_COMPLETE && stats_of(DM_ROW_DP_LIB_COMPLETE).enabled;
 }
 
-std::string seconds(double timeout) {
-    return dump(timeout == static_cast<int>(timeout) ? Json(int(timeout)) : Json(timeout));
-}
-
 }  // namespace
 
-Session::Session(const Settings &settings) : store_(settings.store) {
+Session::Session(const Settings &settings)
+    : store_(settings.store.empty() ? "mem:" : settings.store),
+      shown_(shown_url(store_)),
+      named_(!settings.store.empty()),
+      deadline_(0) {
     std::vector<std::vector<Entry>> topologies;
     for (const auto &file : settings.load) topologies.push_back(read_topology(file));
-    writer_ = open_store(store_);
-    for (const auto &topology : topologies) write(topology, settings.timeout);
+    begin(settings.timeout);
+    writer_ = open();
+    for (auto &topology : topologies) write(std::move(topology));
+}
+
+Client Session::open() {
+    return ask("the store " + shown_ + " to be opened",
+               [url = store_, shown = shown_] { return open_store(url, shown); });
 }
 
 Session::~Session() {
     stop_watch();
 }
 
+std::string Session::store_name() const {
+    return named_ ? "the store " + shown_
+                  : "no store is named by --store or DMQ_STORE, and mem:, which lives in this process,";
+}
+
 void Session::open_reader() {
     if (reader_) return;
-    reader_ = open_store(store_);
+    reader_ = open();
     tq_mom_client_set_connection_cb(reader(), watch_connection, nullptr);
 }
 
@@ -63,76 +91,109 @@ void Session::start(const std::vector<Kind> &kinds) {
     open_reader();
     dm_cache_multi_thread_init();
     for (const Kind &kind : kinds.empty() ? cached_kinds() : kinds) dm_cache_sub_obj(kind.row, watch_change, 0);
-    if (const int32_t code = dm_cache_init(reader(), "dmq"))
-        throw Failure(exit_unreachable, "the store " + store_ + " did not connect, code " + std::to_string(code));
+    const auto [code, lacked_memory] = ask("the cache to start", [client = reader()] {
+        errno = 0;
+        const int32_t answer = dm_cache_init(client, "dmq");
+        return std::pair(answer, errno == ENOMEM);  // it may have started without a tree or two
+    });
+    if (lacked_memory) throw Failure(exit_no, "the cache: not enough memory");
+    if (code) throw Failure(exit_unreachable, "the store " + shown_ + " did not connect, code " + std::to_string(code));
     started_ = true;
 }
 
-void Session::synchronise(const std::vector<Kind> &kinds, const Settings &settings) {
+void Session::synchronise(const std::vector<Kind> &kinds) {
     start(kinds);
     Progress progress("synchronising, rows scanned");
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds(settings.timeout));
     while (true) {
         const uint32_t applied = dm_cache_applied();
-        if (applied > 0 && held_back().empty()) break;
-        if (dm_cache_wait_applied(applied, 100) == 0) continue;
+        const std::string held = held_back();
+        if (applied > 0 && held.empty()) break;
+        const int32_t left = deadline_.left();
+        if (!left) deadline_.passed("not synchronised", held.empty() ? "all rows are scanned and being applied" : held);
+        if (dm_cache_wait_applied(applied, std::min(left, 100)) == 0) continue;
         size_t enabled = 0, scanned = 0;
         for (const Kind &kind : cached_kinds()) {
             enabled += stats_of(kind.row).enabled;
             scanned += stats_of(kind.row).scanned;
         }
         progress.show(scanned, enabled);
-        if (std::chrono::steady_clock::now() >= end)
-            throw Failure(exit_timeout, "not synchronised after " + seconds(settings.timeout) + " s: " + held_back());
     }
 }
 
 static constexpr size_t objects_at_a_time = 1024;  // between two looks at the progress
 
-void Session::write(const std::vector<Entry> &entries, double timeout) {
+void Session::write(std::vector<Entry> entries) {
     const uint32_t applied = dm_cache_applied();
+    const auto kept = std::make_shared<const std::vector<Entry>>(std::move(entries));
+    const size_t all = kept->size();
     bool notice = false;
     size_t done = 0;
     Progress progress("writing objects");
-    while (done < entries.size()) {
+    while (done < all) {
+        const size_t count = std::min(all - done, objects_at_a_time);
         std::vector<tq_mom_write> group;
-        for (size_t i = done; i < entries.size() && i < done + objects_at_a_time; i++) {
-            group.push_back({entries[i].db, entries[i].object.get()});
-            notice |= is_complete_notice(*entries[i].object);
+        for (const Entry &entry : std::span(*kept).subspan(done, count)) {
+            group.push_back({entry.db, entry.object.get()});
+            notice |= is_complete_notice(*entry.object);
         }
-        uint32_t taken = 0, refused = 0;
-        if (const int32_t code =
-                tq_mom_set_many(writer(), group.data(), static_cast<uint32_t>(group.size()), &taken, &refused))
-            write_failed(code, object_name(*entries[done + std::min<size_t>(refused, group.size() - 1)].object) +
-                                   " (after " + std::to_string(done + taken) + " objects written)");
-        progress.show(done += group.size(), entries.size());
+        const auto call = [kept, client = writer(), group = std::move(group)] {
+            uint32_t taken = 0, refused = 0;
+            const int32_t code =
+                tq_mom_set_many(client, group.data(), static_cast<uint32_t>(group.size()), &taken, &refused);
+            return std::tuple(code, taken, refused);
+        };
+        const auto [code, taken, refused] =
+            ask("objects to be written, " + std::to_string(done) + " of " + std::to_string(all) + " are", call);
+        if (code)
+            write_failed(code, object_name(*(*kept)[done + std::min<size_t>(refused, count - 1)].object) + " (after " +
+                                   std::to_string(done + taken) + " objects written)");
+        progress.show(done += count, all);
     }
-    settle_edit(notice, applied, timeout);
+    settle_edit(notice, applied);
 }
 
-void Session::erase(uint32_t db, const ProtobufCMessage &object_with_key, double timeout) {
+namespace {
+
+int32_t write_edit(tq_mom_handle *client, const Edit &edit) {
+    if (!edit.damaged) return tq_mom_replace(client, edit.db, edit.before.get(), edit.after.get());
+    return edit.after ? tq_mom_set(client, edit.db, edit.after.get(), 0, 0)
+                      : tq_mom_del(client, edit.db, edit.before.get());
+}
+
+}  // namespace
+
+void Session::write(std::vector<Edit> edits) {
     const uint32_t applied = dm_cache_applied();
-    if (const int32_t code = tq_mom_del(writer(), db, &object_with_key))
-        write_failed(code, object_name(object_with_key));
-    settle_edit(is_complete_notice(object_with_key), applied, timeout);
+    bool notice = false;
+    for (size_t i = 0; i < edits.size(); i++) {
+        const auto edit = std::make_shared<const Edit>(std::move(edits[i]));
+        notice |= is_complete_notice(edit->object());
+        const std::string name = object_name(edit->object());
+        if (const int32_t code =
+                ask(name + " to be written", [edit, client = writer()] { return write_edit(client, *edit); }))
+            write_failed(code, name + (i ? " (after " + std::to_string(i) + " objects written)" : ""));
+    }
+    settle_edit(notice, applied);
 }
 
 // A change of row 1 makes the cache scan everything again.
-void Session::settle_edit(bool resynchronises, uint32_t applied, double timeout) {
+void Session::settle_edit(bool resynchronises, uint32_t applied) {
     if (!follows()) return;
-    resynchronises &&applied > 0 ? settle_applied(applied, timeout) : settle(timeout);
+    resynchronises &&applied > 0 ? settle_applied(applied) : settle();
 }
 
-void Session::settle(double timeout) {
+void Session::settle() {
     if (!started_) return;
-    if (tq_mom_client_drain(reader(), milliseconds(timeout)))
-        throw Failure(exit_timeout, "the cache was not told everything after " + seconds(timeout) + " s");
+    if (tq_mom_client_drain(reader(), deadline_.left()))
+        deadline_.passed("the cache was not told everything", "waited for the store client to deliver");
     catch_up_watch();
 }
 
-void Session::settle_applied(uint32_t applied, double timeout) {
-    if (dm_cache_wait_applied(applied, milliseconds(timeout)))
-        throw Failure(exit_timeout, "not synchronised again after " + seconds(timeout) + " s: " + held_back());
+void Session::settle_applied(uint32_t applied) {
+    if (dm_cache_wait_applied(applied, deadline_.left())) {
+        const std::string held = held_back();
+        deadline_.passed("not synchronised again", held.empty() ? "all rows are scanned and being applied" : held);
+    }
     catch_up_watch();
 }
 

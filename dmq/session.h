@@ -5,6 +5,7 @@
 
 #include <optional>
 
+#include "dmq/deadline.h"
 #include "dmq/names.h"
 #include "dmq/topology.h"
 #include "tq_dm_cache/dm_cache_status.h"
@@ -13,32 +14,51 @@
 namespace dmq {
 
 struct Settings {
-    std::string store = "mem:";
+    std::string store;  // empty: not named, which is mem:
     std::vector<std::string> load;
     bool json = false;
-    double timeout = 10;     // seconds, of every wait
+    double timeout = 10;     // seconds, of all waits of a command
     std::optional<int> log;  // both thresholds of the library
 };
 
-inline int32_t milliseconds(double seconds) {
-    return static_cast<int32_t>(seconds * 1000);
-}
-
 struct CloseClient {
-    void operator()(tq_mom_handle *handle) const { tq_mom_client_close(handle); }
+    void operator()(tq_mom_handle *handle) const {
+        if (!left_behind) tq_mom_client_close(handle);
+    }
 };
 using Client = std::unique_ptr<tq_mom_handle, CloseClient>;
 
+// One object as it was read and as it is to be.
+struct Edit {
+    uint32_t db;
+    Message before;  // null: there was none
+    Message after;   // null: it is to be deleted
+    bool damaged;    // its bytes could not be read: what is there is written over
+    const ProtobufCMessage &object() const { return after ? *after : *before; }
+};
+
 class Session {
 public:
-    // Opens the store, and puts the topologies of --load into it once all of them are verified.
+    // Opens the store, and puts the topologies of --load into it once all of them are verified: the time of the first
+    // command begins behind that reading.
     explicit Session(const Settings &settings);
     Session(const Session &) = delete;
     ~Session();
 
+    // The time of the next command begins.
+    void begin(double timeout) { deadline_ = Deadline(timeout); }
+
+    // Runs a call that may wait for the store. Throws a Failure when the command's time is over; the call may then still
+    // run, so everything that it uses belongs to it, but the clients.
+    template <class Call> auto ask(const std::string &awaited, Call call) {
+        return within(deadline_, "waited for " + awaited, std::move(call));
+    }
+
     tq_mom_handle *writer() { return writer_.get(); }
     tq_mom_handle *reader() { return reader_.get(); }
     bool embedded() const { return store_.starts_with("mem:"); }
+    // What to say of it when it is empty.
+    std::string store_name() const;
 
     // Opens the client that the cache is to have, without starting the cache.
     void open_reader();
@@ -47,7 +67,7 @@ public:
     void start(const std::vector<Kind> &kinds);
 
     // The same, and waits until it equals the store. Throws a Failure that names the row which holds it back.
-    void synchronise(const std::vector<Kind> &kinds, const Settings &settings);
+    void synchronise(const std::vector<Kind> &kinds);
 
     // The cache is up and connected: it will see what is written now.
     bool follows() const { return started_ && !cut_off_; }
@@ -55,18 +75,22 @@ public:
     bool is_cut_off() const { return cut_off_; }
 
     // Writes objects, then waits until the cache has seen them.
-    void write(const std::vector<Entry> &entries, double timeout);
-    void erase(uint32_t db, const ProtobufCMessage &object_with_key, double timeout);
+    void write(std::vector<Entry> entries);
+    // The same for changes of what was read, in order, as long as nobody else has changed it since.
+    void write(std::vector<Edit> edits);
 
     // Waits until more than `applied` applications are done, and until all is printed that they cause.
-    void settle_applied(uint32_t applied, double timeout);
+    void settle_applied(uint32_t applied);
     // The same for what the store has told already.
-    void settle(double timeout);
+    void settle();
 
 private:
-    void settle_edit(bool resynchronises, uint32_t applied, double timeout);
+    Client open();
+    void settle_edit(bool resynchronises, uint32_t applied);
 
-    std::string store_;
+    std::string store_, shown_;  // shown without its secret
+    bool named_;
+    Deadline deadline_;
     Client writer_;
     Client reader_;
     bool started_ = false;

@@ -11,6 +11,8 @@ namespace dmq {
 
 namespace {
 
+constexpr size_t longest_line = 1 << 16;
+
 // Words between blanks; single or double quotes hold blanks together.
 std::vector<std::string> split(const std::string &line) {
     std::vector<std::string> words;
@@ -50,7 +52,7 @@ Exit run_words(Shell &shell, std::vector<std::string> words) {
     auto request = parse(words, shell.settings, /*in_shell=*/true);
     if (!request) return exit_yes;
     request->command.background = background;
-    return request->run(shell.context, request->command);
+    return run(shell.context, *request);
 }
 
 Exit run_text(Shell &shell, const std::string &line) {
@@ -69,7 +71,7 @@ Exit run_text(Shell &shell, const std::string &line) {
         shell.ended = true;
         return shell.last;
     }
-    if (shell.trace) print_line(coloured(Colour::heading, "dmq> " + line));
+    if (shell.trace) print_line(coloured(Colour::heading, "dmq> " + shown(line)));
     return run_words(shell, words);
 }
 
@@ -84,18 +86,24 @@ Exit run_shell(Context &context, const Command &command) {
     std::istream &lines = from_file ? file : std::cin;
     const bool terminal = !from_file && isatty(STDIN_FILENO);
 
-    context.open();
+    context.open(command.settings);
     context.in_shell = true;
     Shell shell{context, command.settings};
     Exit failed = exit_yes;
-    std::string line;
+    std::vector<char> line(longest_line + 2);
     for (int number = 1; !shell.ended; number++) {
         if (terminal) print("dmq> ");
-        if (!std::getline(lines, line)) break;
+        lines.getline(line.data(), static_cast<std::streamsize>(line.size()));
+        const bool too_long = lines.fail() && !lines.eof();
+        if (lines.fail() && !too_long) break;
         const std::string place = terminal    ? ""
                                   : from_file ? command.words[0] + ":" + std::to_string(number) + ": "
                                               : "line " + std::to_string(number) + ": ";
-        shell.last = reporting(place, [&] { return run_text(shell, line); });
+        shell.last = reporting(place, [&] {
+            return too_long ? throw Failure(exit_usage, "longer than " + std::to_string(longest_line) + " characters")
+                            : run_text(shell, line.data());
+        });
+        if (too_long) break;
         if (!failed && shell.last > exit_no) failed = shell.last;
     }
     return failed ? failed : shell.last;

@@ -43,10 +43,12 @@ template <class Query, class... Args> Json text(Query query, Args... args) {
     return query(args..., buffer, static_cast<int32_t>(sizeof buffer)) < 0 ? Json() : Json(buffer);
 }
 
-template <class T, class Query, class... Args> auto copied(Query query, Args... args) {
-    T *copy = nullptr;
-    query(args..., &copy);
-    return std::unique_ptr<T, decltype(&ndm_port_obj_free)>(copy, ndm_port_obj_free);
+// The cached object with this key, borrowed while the table is made; null: there is none. (A query's copy may lack memory,
+// which would look like an object that is not there.)
+template <class T, class Key> const T *cached(int32_t row, const Key &key) {
+    const T *object = nullptr;
+    dm_cache_get_obj(row, &key, &object);
+    return object;
 }
 
 uint32_t node_of(int32_t dev, int32_t pslot, int32_t sub) {
@@ -102,8 +104,7 @@ Table system_table() {
 void add_device(Table &table, const ProtobufCMessage &object) {
     const auto &device = reinterpret_cast<const PDev__DeviceInfo &>(object);
     const int32_t dev = device.devid;
-    const PDev__DeviceSyncInfo *sync = nullptr;
-    dm_cache_get_obj(DM_ROW_DEVICE_SYNC_INFO, device.index, &sync);
+    const auto *sync = cached<PDev__DeviceSyncInfo>(DM_ROW_DEVICE_SYNC_INFO, *device.index);
     table.rows.push_back({dev, text(ndm_get_dev_name_by_id, dev),
                           text(ndm_get_dev_name_by_type, written(ndm_get_device_type, dev)),
                           ndm_device_is_online(dev) == 1, number(ndm_get_slot_num(dev)), ndm_get_online_lc_num(dev),
@@ -142,8 +143,10 @@ void add_card(Table &table, const ProtobufCMessage &object) {
 void add_port(Table &table, const ProtobufCMessage &object) {
     const auto &port = reinterpret_cast<const PDev__VsdPort &>(object);
     const auto &key = *port.index;
-    const auto fixed = copied<PDev__PortStatic>(ndm_get_static_port_by_lsm_key_with_subslot, key.t_dev, key.t_slot,
-                                                key.t_sslot, key.t_port, key.t_type);
+    PDev__PortIndex fixed_key = P_DEV__PORT_INDEX__INIT;
+    fixed_key.t_dev = key.t_dev, fixed_key.t_slot = key.t_slot, fixed_key.t_port = key.t_port;
+    fixed_key.t_type = key.t_type, fixed_key.t_sslot = key.t_sslot;
+    const auto *fixed = cached<PDev__PortStatic>(DM_ROW_PORT_STATIC, fixed_key);
     const int32_t lport = fixed ? fixed->static_info->lport : unknown;
     const auto objid = written<uint32_t>(ndm_get_objid_by_slot_lport, key.t_dev, port.physlot, lport);
     int32_t its_dev, its_slot, unit = unknown, cport = unknown;
@@ -166,10 +169,14 @@ void add_roles(Table &table, const ProtobufCMessage &object) {
 
 void add_chips(Table &table, const ProtobufCMessage &object) {
     const auto &card = reinterpret_cast<const PDev__CardInfo &>(object);
-    const auto fixed = copied<PDev__DmCardStattrT>(ndm_get_card_static_by_type, card.config_dev_type);
+    PDev__DmCardStattrIndex card_type = P_DEV__DM_CARD_STATTR_INDEX__INIT;
+    PDev__DmTypeIndex chip_type = P_DEV__DM_TYPE_INDEX__INIT;
+    card_type.type = card.config_dev_type;
+    const auto *fixed = cached<PDev__DmCardStattrT>(DM_ROW_DM_CARD_STATTR, card_type);
     for (size_t i = 0; fixed && i < fixed->n_chip_attr_array; i++) {
         const PDev__DmChipAttrT &chip = *fixed->chip_attr_array[i];
-        const auto type = copied<PDev__DmChipStattrT>(ndm_get_chip_stattr_by_type, chip.chip_type);
+        chip_type.type = chip.chip_type;
+        const auto *type = cached<PDev__DmChipStattrT>(DM_ROW_DM_CHIP_STATTR, chip_type);
         add(table, node_of(card.index->devid, card.index->slotid, card.index->sslotid),
             {i, type ? Json(type->name) : Json(), number(ndm_get_chip_family(chip.chip_type)), chip.port_num,
              chip.is_switch_chip != 0, card.name, chip.chip_type});
@@ -201,7 +208,8 @@ std::vector<std::string> table_names() {
 size_t find_table(const std::string &wanted) {
     const auto names = table_names();
     const auto found = std::find(names.begin(), names.end(), wanted);
-    if (found == names.end()) throw Failure(exit_usage, "show has no table " + wanted + did_you_mean(wanted, names));
+    if (found == names.end())
+        throw Failure(exit_usage, "show has no table " + shown(wanted) + did_you_mean(wanted, names));
     return static_cast<size_t>(found - names.begin());
 }
 

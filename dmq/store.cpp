@@ -2,6 +2,7 @@
 #include <charconv>
 #include <functional>
 #include <map>
+#include <utility>
 
 #include "dmq/complete.h"
 #include "dmq/words.h"
@@ -11,11 +12,11 @@ namespace dmq {
 
 namespace {
 
-// What one row holds on one side: packed objects by their packed key.
-struct Content {
-    std::map<std::string, std::string> objects;
-    std::vector<std::string> damaged;  // their names
-};
+// Bytes that were packed from an object need not be one again.
+std::string name_of(const Kind &kind, const std::string &bytes) {
+    const Message object = unpack(*kind.type, bytes);
+    return object ? object_name(*object) : std::string(kind.type->name) + " with bytes that mean nothing";
+}
 
 void take(Content &content, const ProtobufCMessage &object) {
     const ProtobufCMessage *key = key_of(object);
@@ -34,29 +35,31 @@ int32_t take_scanned(tq_mom_handle *, store_msg *msg, void *privdata) {
     return 0;
 }
 
-Content stored(Session &session, const Kind &kind) {
+Content cached(int32_t row) {
     Content content;
-    const int32_t code =
-        tq_mom_scan_sync(session.writer(), kind.db, obj_sub_list[kind.row].obj_tmpl, 0, take_scanned, &content);
-    if (code) throw Failure(exit_unreachable, "cannot scan the store, code " + std::to_string(code));
+    each_cached(row, [&](const ProtobufCMessage &object) { take(content, object); });
     return content;
 }
 
+// The store's objects that the cache has not, or that are not in `other`.
+std::vector<std::string> missing(const Kind &kind, const Content &content, const Content &other) {
+    std::vector<std::string> names;
+    for (const auto &[key, bytes] : content.objects) {
+        if (!other.objects.contains(key)) names.push_back(name_of(kind, bytes));
+    }
+    return names;
+}
+
 // One line for each object that is damaged, on one side only, or not the same on both.
-std::vector<std::string> differences(const Kind &kind, const Content &store, const Content &cache) {
+std::vector<std::string> unequal(const Kind &kind, const Content &store, const Content &cache) {
     std::vector<std::string> lines;
-    const auto tell = [&](const std::string &bytes, const char *what) {
-        const Message object = unpack(*kind.type, bytes);
-        lines.push_back(object_name(*object) + what);
-    };
     for (const auto &[key, bytes] : store.objects) {
         const auto other = cache.objects.find(key);
-        if (other == cache.objects.end()) tell(bytes, ": only in the store");
-        if (other != cache.objects.end() && other->second != bytes) tell(bytes, ": not the same in the cache");
+        if (other != cache.objects.end() && other->second != bytes)
+            lines.push_back(name_of(kind, bytes) + ": not the same in the cache");
     }
-    for (const auto &[key, bytes] : cache.objects) {
-        if (!store.objects.contains(key)) tell(bytes, ": only in the cache");
-    }
+    for (const auto &name : missing(kind, store, cache)) lines.push_back(name + ": only in the store");
+    for (const auto &name : missing(kind, cache, store)) lines.push_back(name + ": only in the cache");
     for (const auto &name : store.damaged) lines.push_back(name + ": damaged in the store");
     return lines;
 }
@@ -70,9 +73,8 @@ Exit compare(Session &session, const Command &command) {
     for (const Kind &kind : cached_kinds()) {
         if (!stats_of(kind.row).enabled) continue;
         const Content store = stored(session, kind);
-        Content cache;
-        each_cached(kind.row, [&](const ProtobufCMessage &object) { take(cache, object); });
-        const auto lines = differences(kind, store, cache);
+        const Content cache = cached(kind.row);
+        const auto lines = unequal(kind, store, cache);
         const bool same = lines.size() == store.damaged.size();
         equal = equal && same;
         auto &row = table.rows.emplace_back(std::vector<Json>{kind.row, kind.type->name, store.objects.size(),
@@ -100,7 +102,7 @@ Exit done(const char *what, const Command &command) {
 Exit disconnect(Session &session, const Command &command) {
     check(tq_mem_disconnect(session.reader()));
     session.cut_off(true);
-    session.settle(command.settings.timeout);
+    session.settle();
     return done("the cache is cut off", command);
 }
 
@@ -109,7 +111,7 @@ Exit reconnect(Session &session, const Command &command) {
     const uint32_t applied = dm_cache_applied();
     check(tq_mem_reconnect(session.reader()));
     session.cut_off(false);
-    applied ? session.settle_applied(applied, command.settings.timeout) : session.settle(command.settings.timeout);
+    applied ? session.settle_applied(applied) : session.settle();
     return done("the cache is let in again", command);
 }
 
@@ -120,7 +122,7 @@ Exit restart(Session &session, const Command &command) {
     check(tq_mem_restart(session.writer(), empty ? 0 : 1));
     session.cut_off(true);
     check(tq_mem_reconnect(session.writer()));
-    session.settle(command.settings.timeout);
+    session.settle();
     return done(empty ? "restarted empty, the cache is cut off" : "restarted with its content, the cache is cut off",
                 command);
 }
@@ -128,10 +130,10 @@ Exit restart(Session &session, const Command &command) {
 Exit damage(Session &session, const Command &command) {
     if (command.words.size() < 2) throw Failure(exit_usage, "store damage needs KIND key=value..");
     const Kind kind = find_kind(command.words[1]);
-    const Message object = object_with_key(*kind.type, {command.words.begin() + 2, command.words.end()});
+    const Message object = read_key(*kind.type, {command.words.begin() + 2, command.words.end()});
     const uint8_t bytes[] = {0xff, 0xff, 0xff};
     check(tq_mem_put_bytes(session.writer(), kind.db, object.get(), bytes, sizeof bytes));
-    if (session.follows()) session.settle(command.settings.timeout);
+    if (session.follows()) session.settle();
     return done("the object's bytes are damaged", command);
 }
 
@@ -165,16 +167,62 @@ Candidates next_action(const Asked &asked) {
     return candidates;
 }
 
-void tell_damage(Session &session) {
+Content stored(Session &session, const Kind &kind) {
+    const auto call = [client = session.writer(), kind] {
+        Content content;
+        const Message any = new_message(*kind.type);
+        const int32_t code = tq_mom_scan_sync(client, kind.db, any.get(), 0, take_scanned, &content);
+        return std::pair(code, std::move(content));
+    };
+    auto [code, content] = session.ask("all objects of " + std::string(kind.type->name), call);
+    if (code) throw Failure(exit_unreachable, "cannot scan the store, code " + std::to_string(code));
+    return std::move(content);
+}
+
+namespace {
+
+// The row's objects that the cache should have. Cut off, it need not have them.
+bool row_is_whole(Session &session, const Kind &kind, bool damaged) {
+    const uint32_t refused = stats_of(kind.row).refused;
+    if (!refused && !damaged) return true;
+    const Content store = stored(session, kind);
+    session.settle();
+    const auto names = missing(kind, store, cached(kind.row));
+    const std::string row = "row " + std::to_string(kind.row) + " " + kind.type->name;
+    if (damaged) {
+        for (const auto &name : store.damaged) note(name + ": damaged in the store, so its value is not in the cache");
+    }
+    const std::string lacks = names.empty()
+                                  ? "no object of the store now"
+                                  : std::to_string(names.size()) + " of the store's objects; the first is " + names[0];
+    if (refused || !names.empty()) note(row + " has refused " + std::to_string(refused) + " and lacks " + lacks);
+    return !refused && names.empty();
+}
+
+bool is_empty(Session &session) {
+    for (const Kind &kind : cached_kinds()) {
+        if (stats_of(kind.row).objects) return false;
+    }
+    for (const Kind &kind : cached_kinds()) {
+        const Content content = stored(session, kind);
+        if (!content.objects.empty() || !content.damaged.empty()) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool is_whole(Session &session) {
     static uint64_t told = 0;
     const uint64_t met = tq_mom_client_damaged(session.reader());
-    if (met == told) return;
-    told = met;
+    const bool damaged = met != std::exchange(told, met);
+    bool whole = true;
     for (const Kind &kind : cached_kinds()) {
-        if (!stats_of(kind.row).enabled) continue;
-        for (const auto &name : stored(session, kind).damaged)
-            note(name + ": damaged in the store, so its value is not in the cache");
+        if (!session.is_cut_off() && stats_of(kind.row).enabled) whole &= row_is_whole(session, kind, damaged);
     }
+    if (!is_empty(session)) return whole;
+    note(session.store_name() + " is empty");
+    return false;
 }
 
 Exit run_store(Context &context, const Command &command) {
@@ -182,16 +230,17 @@ Exit run_store(Context &context, const Command &command) {
     if (found == actions.end()) {
         std::vector<std::string> names;
         for (const auto &[name, action] : actions) names.push_back(name);
-        throw Failure(exit_usage, "store cannot " + command.words[0] + did_you_mean(command.words[0], names));
+        throw Failure(exit_usage, "store cannot " + shown(command.words[0]) + did_you_mean(command.words[0], names));
     }
     if (const size_t most = found->second.most_words; command.words.size() > most)
         throw Failure(exit_usage, command.words[most] + " is one word too many");
-    Session &session = context.open();
+    Session &session = context.open(command.settings);
     // Confirmations are lost before the cache starts; a comparison waits for a cache that is not cut off.
     const std::string &action = found->first;
     if (action == "lose") session.open_reader();
     if (action == "disconnect" || action == "reconnect") session.start({});
-    if (action == "compare" && !session.is_cut_off()) session.synchronise({}, command.settings);
+    if (action == "compare" && !session.is_cut_off()) session.synchronise({});
+    if (action == "compare") context.doubtful = !is_whole(session);
     return found->second.run(session, command);
 }
 

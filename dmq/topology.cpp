@@ -53,6 +53,7 @@ private:
     }
 
     bool take(int level, Event event, Json &value) {
+        if (level > deepest) refuse("nested deeper than " + std::to_string(deepest));
         if (level == level_file && event != Event::array_start && event != Event::array_end)
             refuse("a topology is an array of entries");
         if (level == level_entry && (event == Event::array_start || event == Event::value)) {
@@ -107,28 +108,32 @@ private:
     std::vector<Entry> entries_;
 };
 
-std::string read_whole(const std::string &file) {
+}  // namespace
+
+std::string read_file(const std::string &file) {
+    constexpr size_t largest = 64 << 20;  // many times what a cache can hold
     const std::unique_ptr<FILE, int (*)(FILE *)> stream(file == "-" ? fdopen(dup(0), "r") : fopen(file.c_str(), "r"),
                                                         [](FILE *f) { return f ? fclose(f) : 0; });
     if (!stream) throw Failure(exit_usage, file + ": " + std::strerror(errno));
     std::string text;
     struct stat status = {};
-    if (fstat(fileno(stream.get()), &status) == 0 && status.st_size < 1 << 28)
+    if (fstat(fileno(stream.get()), &status) == 0 && static_cast<size_t>(status.st_size) <= largest)
         text.reserve(static_cast<size_t>(status.st_size));
     char block[1 << 16];
-    while (const size_t got = fread(block, 1, sizeof block, stream.get())) text.append(block, got);
+    while (const size_t got = fread(block, 1, sizeof block, stream.get())) {
+        if (text.append(block, got).size() > largest)
+            throw Failure(exit_usage, file + ": larger than " + std::to_string(largest >> 20) + " MiB");
+    }
     if (ferror(stream.get())) throw Failure(exit_usage, file + ": " + std::strerror(errno));
     return text;
 }
-
-}  // namespace
 
 std::vector<Entry> parse_topology(const std::string &name, const std::string &text) {
     return Reader(name).read(text);
 }
 
 std::vector<Entry> read_topology(const std::string &file) {
-    return parse_topology(file, read_whole(file));
+    return parse_topology(file, read_file(file));
 }
 
 Json entry_json(uint32_t db, const ProtobufCMessage &object) {
@@ -154,7 +159,7 @@ std::string key_words(const ProtobufCMessage &object) {
     if (!key) return words;
     const Json fields = to_json(*key, Fields::all);
     for (const auto &[name, value] : fields.items()) {
-        if (name == "t_mod" && value == 0) continue;  // never compared, hardly ever used
+        if (is_never_compared(name) && value == 0) continue;
         words += (words.empty() ? "" : " ") + name + "=" + dump(value);
     }
     return words;

@@ -14,6 +14,9 @@ struct Entry {
 // "-" reads standard input. Throws a Failure that names the file, the entry (the first is 1) and the reason.
 std::vector<Entry> read_topology(const std::string &file);
 
+// A whole file, or standard input for "-", of a bounded size. Throws a Failure.
+std::string read_file(const std::string &file);
+
 // The same from memory; `name` stands for the file in messages.
 std::vector<Entry> parse_topology(const std::string &name, const std::string &text);
 

@@ -3,6 +3,7 @@
 #include "dmq/watch.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <map>
@@ -10,6 +11,7 @@
 #include <optional>
 #include <thread>
 
+#include "dmq/deadline.h"
 #include "dmq/output.h"
 #include "dmq/session.h"
 
@@ -63,17 +65,6 @@ Copies::iterator find_copy(Copies &copies, int32_t row, int32_t operation, const
     });
 }
 
-// The innermost fields that differ, as {"static_info.name": {"old": .., "new": ..}}.
-void differences(const Json &before, const Json &after, const std::string &path, Json &found) {
-    if (before == after) return;
-    if (!before.is_object() || !after.is_object()) {
-        found[path] = {{"old", before}, {"new", after}};
-        return;
-    }
-    for (const auto &[name, value] : after.items())
-        differences(before.value(name, Json()), value, path.empty() ? name : path + "." + name, found);
-}
-
 // A line about the connection as a whole: `text` for a person, the record for a program.
 void tell(const std::string &text, const Json &record) {
     if (!watch->json) return print_line(clock_time() + "  " + coloured(Colour::heading, text));
@@ -96,7 +87,7 @@ void tell_object(const char *event, Colour colour, int32_t row, const ProtobufCM
     for (const auto &[field, value] : detail.items()) {
         text += text.empty() ? ": " : ", ";
         const bool change = std::string_view(name) == "changes";
-        text += change ? field + " " + dump(value["old"]) + " -> " + dump(value["new"]) : field + "=" + dump(value);
+        text += change ? field + " " + change_text(value) : field + "=" + dump(value);
     }
     print_line(clock_time() + "  " + coloured(colour, event) + std::string(9 - std::strlen(event), ' ') +
                object_name(object) + text);
@@ -117,9 +108,13 @@ void tell_deleted(int32_t row, const ProtobufCMessage &object) {
 }
 
 void tell_changed(int32_t row, const ProtobufCMessage &before, const ProtobufCMessage &after) {
-    Json changes = Json::object();
-    differences(to_json(before, Fields::all), to_json(after, Fields::all), "", changes);
-    tell_object("changed", Colour::change, row, after, "changes", changes);
+    tell_object("changed", Colour::change, row, after, "changes", differences(before, after));
+}
+
+// What was packed from an object need not be one again: then it is shown empty.
+Message readable(const ProtobufCMessageDescriptor &type, const std::string &bytes) {
+    Message object = unpack(type, bytes);
+    return object ? std::move(object) : new_message(type);
 }
 
 void take_set(Copies &copies, int32_t row, int32_t operation, const ProtobufCMessage &object) {
@@ -128,7 +123,7 @@ void take_set(Copies &copies, int32_t row, int32_t operation, const ProtobufCMes
     if (old == copies.end()) {
         tell_added(row, object);
     } else if (old->second != now) {
-        tell_changed(row, *unpack(*object.descriptor, old->second), object);
+        tell_changed(row, *readable(*object.descriptor, old->second), object);
         copies.erase(old);
     }
     copies[key_bytes(object)] = now;
@@ -147,19 +142,11 @@ size_t take_swept(int32_t row, Copies &copies) {
             ++copy;
             continue;
         }
-        tell_deleted(row, *unpack(*obj_sub_list[row].obj_tmpl->descriptor, copy->second));
+        tell_deleted(row, *readable(*obj_sub_list[row].obj_tmpl->descriptor, copy->second));
         copy = copies.erase(copy);
         swept++;
     }
     return swept;
-}
-
-sigset_t ending_signals() {
-    sigset_t ends;
-    sigemptyset(&ends);
-    sigaddset(&ends, SIGINT);
-    sigaddset(&ends, SIGTERM);
-    return ends;
 }
 
 void follow_applications(const std::stop_token &stop, uint32_t applied) {
@@ -202,21 +189,16 @@ void catch_up_watch() {
          {{"event", "resynchronised"}, {"gone", swept}});
 }
 
-SignalsHeld::SignalsHeld() {
-    const sigset_t ends = ending_signals();
-    pthread_sigmask(SIG_BLOCK, &ends, &before_);
-}
-
-SignalsHeld::~SignalsHeld() {
-    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-}
-
 void wait_for_end(double seconds) {
     const SignalsHeld held;
     const sigset_t ends = ending_signals();
-    const auto whole = static_cast<time_t>(seconds);
-    const timespec limit = {whole, static_cast<long>((seconds - static_cast<double>(whole)) * 1e9)};
-    seconds < 0 ? sigwaitinfo(&ends, nullptr) : sigtimedwait(&ends, nullptr, &limit);
+    const Deadline end(std::max(seconds, 0.0));
+    int signal = -1;
+    do {  // stopped and continued, a wait ends early
+        const int32_t left = end.left();
+        const timespec limit = {left / 1000, left % 1000 * 1000000L};
+        signal = seconds < 0 ? sigwaitinfo(&ends, nullptr) : sigtimedwait(&ends, nullptr, &limit);
+    } while (signal < 0 && errno == EINTR);
 }
 
 int32_t watch_change(tq_mom_handle *, int32_t row, int32_t operation, ProtobufCMessage *object) {

@@ -4,8 +4,6 @@
 // application what is gone without a callback. Its state has a lock of its own, taken before the cache lock.
 #pragma once
 
-#include <signal.h>
-
 #include "dmq/names.h"
 
 namespace dmq {
@@ -19,17 +17,6 @@ void catch_up_watch();
 
 // Returns after so many seconds (never, when negative), or when SIGINT or SIGTERM asks to end.
 void wait_for_end(double seconds);
-
-// Threads that are made meanwhile do not take the signals that end a watch.
-class SignalsHeld {
-public:
-    SignalsHeld();
-    SignalsHeld(const SignalsHeld &) = delete;
-    ~SignalsHeld();
-
-private:
-    sigset_t before_;
-};
 
 // The callbacks of the session's reader.
 int32_t watch_change(tq_mom_handle *handle, int32_t row, int32_t operation, ProtobufCMessage *object);

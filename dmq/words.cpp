@@ -1,6 +1,7 @@
 // A word's text becomes JSON as its field's type suggests; then the same checks hold as for a file.
 #include "dmq/words.h"
 
+#include <algorithm>
 #include <charconv>
 
 namespace dmq {
@@ -29,14 +30,14 @@ Json value_of(const ProtobufCFieldDescriptor &field, const std::string &text) {
         const auto [end, error] = std::from_chars(text.data() + 2, text.data() + text.size(), number, 16);
         if (error == std::errc() && end == text.data() + text.size()) return number;
     }
-    const Json value = Json::parse(text, nullptr, /*allow_exceptions=*/false);
+    const Json value = read_json(text, field.name);
     return value.is_discarded() ? Json(text) : value;
 }
 
 // {index: {devid: 1}} for the path {index, devid}.
 Json nested(const Assignment &assignment) {
-    Json object = Json::object();
-    assign(object, {assignment});
+    Json object = assignment.value;
+    for (auto name = assignment.path.rbegin(); name != assignment.path.rend(); ++name) object = Json{{*name, object}};
     return object;
 }
 
@@ -75,12 +76,27 @@ std::vector<Assignment> read_words(const ProtobufCMessageDescriptor &type, const
     return assignments;
 }
 
-void assign(Json &object, const std::vector<Assignment> &assignments) {
+// The value comes in a message that has nothing else, and changes places with what was there.
+void assign(ProtobufCMessage &object, const std::vector<Assignment> &assignments) {
     for (const auto &assignment : assignments) {
-        Json *place = &object;
-        for (const auto &name : assignment.path) place = &(*place)[name];
-        *place = assignment.value;
+        const Message carrier = from_json(nested(assignment), *object.descriptor, object.descriptor->name);
+        swap_field(object, *carrier, assignment.path);
     }
+}
+
+void need_whole_key(const ProtobufCMessageDescriptor &type, const std::vector<Assignment> &assignments) {
+    const auto *key = key_field(type);
+    if (!key) return;
+    std::string missing;
+    for (const auto &field : fields_of(*sub_type(*key))) {
+        const bool named = std::any_of(assignments.begin(), assignments.end(), [&](const Assignment &one) {
+            return one.path == std::vector<std::string>{key->name, field.name};
+        });
+        if (!named && !is_never_compared(field.name))
+            missing += (missing.empty() ? "" : ", ") + std::string(field.name);
+    }
+    if (!missing.empty())
+        throw Failure(exit_usage, std::string(type.name) + ": name the object by its whole key; it lacks " + missing);
 }
 
 bool agrees(const Json &object, const std::vector<Assignment> &assignments) {
@@ -104,18 +120,20 @@ std::vector<Assignment> key_part(const ProtobufCMessageDescriptor &type, const s
     return part;
 }
 
-Message object_with_key(const ProtobufCMessageDescriptor &type, const std::vector<std::string> &words) {
+Message object_with_key(const ProtobufCMessageDescriptor &type, const std::vector<Assignment> &key) {
+    Json empty = Json::object();
+    if (const auto *field = key_field(type)) empty[field->name] = Json::object();
+    Message object = from_json(empty, type, type.name);
+    assign(*object, key);
+    return object;
+}
+
+Message read_key(const ProtobufCMessageDescriptor &type, const std::vector<std::string> &words) {
     const auto assignments = read_words(type, words);
-    const auto *key = key_field(type);
     if (key_part(type, assignments).size() < words.size())
         throw Failure(exit_usage, std::string(type.name) + ": only fields of the key name an object");
-    Json object = Json::object();
-    if (key) object[key->name] = Json::object();
-    if (key && words.empty())
-        throw Failure(exit_usage, std::string(type.name) + ": name the object by its key, such as " +
-                                      std::string(sub_type(*key)->fields[0].name) + "=1");
-    assign(object, assignments);
-    return from_json(object, type, type.name);
+    need_whole_key(type, assignments);
+    return object_with_key(type, assignments);
 }
 
 }  // namespace dmq

@@ -14,15 +14,20 @@ struct Assignment {
 // Values are verified: a name that is not there or a value of the wrong type throws a Failure.
 std::vector<Assignment> read_words(const ProtobufCMessageDescriptor &type, const std::vector<std::string> &words);
 
-// Writes the values into an object of the kind.
-void assign(Json &object, const std::vector<Assignment> &assignments);
+// Writes the values into an object of the kind. What it has beside them stays, also what no name is known for.
+void assign(ProtobufCMessage &object, const std::vector<Assignment> &assignments);
 
 // Are all these values in the object? It is one with all its fields.
 bool agrees(const Json &object, const std::vector<Assignment> &assignments);
 
-// An object with nothing but its key. Throws a Failure for a name outside the key and for a keyed kind without any name;
-// a key field that is not named is 0.
-Message object_with_key(const ProtobufCMessageDescriptor &type, const std::vector<std::string> &words);
+// An object with nothing but its key.
+Message object_with_key(const ProtobufCMessageDescriptor &type, const std::vector<Assignment> &key);
+
+// The same from words that name the whole key, and nothing else.
+Message read_key(const ProtobufCMessageDescriptor &type, const std::vector<std::string> &words);
+
+// Throws a Failure that names the fields of the key which the words lack. A t_mod may be left out: no name shows it.
+void need_whole_key(const ProtobufCMessageDescriptor &type, const std::vector<Assignment> &assignments);
 
 // What belongs to the key among the words.
 std::vector<Assignment> key_part(const ProtobufCMessageDescriptor &type, const std::vector<Assignment> &assignments);

@@ -20,6 +20,13 @@ def answer(*words):
 
 
 class Call(unittest.TestCase):
+    # A conversion needs no store; a query that reads an empty one is not to be believed.
+    def test_only_conversions_need_no_store(self):
+        for words, code in [("ndm_get_node_from_dev_slot_cpuid 2 3 1", 0), ("ndm_get_objid_by_slot_lport 1 2 280", 0),
+                            ("ndm_get_my_lslotid", 1), ("ndm_calculate_tipc_node 2 3 1", 1)]:
+            done = dmq("call", *words.split())
+            self.assertEqual((done.returncode, "is empty" in done.stderr), (code, code == 1), words)
+
     # A query that the list lacks, or that is declared but not exported, is one that nobody can ask.
     def test_every_query_is_listed_and_exported(self):
         listed = json.loads(dmq("call", "--list", "--json").stdout)
@@ -81,7 +88,7 @@ class Call(unittest.TestCase):
     def test_a_request_reaches_the_store(self):
         for node, code in [("1/30/0", 0), ("1/9/0", 1)]:
             done = dmq(*CHASSIS, "shell", lines=[f"call ndm_reset_module_by_node_causelly {node} heat dmq",
-                                                 "delete dm_lib_reset_req mod_name=dmq cause=heat action=1"])
+                                                 "delete dm_lib_reset_req mod_name=dmq cause=heat action=1 sn=0"])
             self.assertEqual((done.returncode, "no such object" in done.stderr), (code, code == 1), done)
 
 

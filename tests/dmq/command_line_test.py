@@ -49,10 +49,10 @@ class CommandLine(unittest.TestCase):
             (["get", "vsd_prot"], 2, "there is no kind vsd_prot (did you mean vsd_port?)"),
             (["get", "dm_lib_reset_req"], 2, "is not a kind that the cache holds"),
             (["get", "card_info", "slotid=x"], 2, "p_dev.card_info.index.slotid: needs a whole number"),
-            (["--store", "men:", "sync"], 2, "men: names no store"),
+            (["--store", "men:", "sync"], 2, "the URL ... names no store"),
             (["--load", "none.json", "sync"], 2, "none.json: No such file"),
             (["gen", "--ports", "250"], 2, "--ports needs 4 to 247, not 250"),
-            (["gen", "--layout", PROJECT], 2, "cannot read"),
+            (["gen", "--layout", PROJECT], 2, "Is a directory"),
             (["shell", PROJECT], 2, "cannot read"),
             (["sync", "--timeout", "nan"], 2, "needs seconds from 0 to 1000000, not nan"),
             (["store", "restart", "emtpy"], 2, "knows only the word empty"),
@@ -60,7 +60,8 @@ class CommandLine(unittest.TestCase):
             (["store", "compare", "17"], 2, "17 is one word too many"),
             (["gen", "--devices", "16", "--cards", "20"], 2, "these are 15488 ports; the cache holds 10000"),
             (["get", "card_info"], 1, ""),
-            (["delete", "card_info", "slotid=1"], 1, "p_dev.card_info devid=0 slotid=1 sslotid=0: no such object"),
+            (["delete", "card_info", "devid=0", "slotid=1", "sslotid=0"], 1,
+             "p_dev.card_info devid=0 slotid=1 sslotid=0: no such object in the store, and none of this kind"),
             (["delete", "card_info", "name=MB"], 2, "only fields of the key name an object"),
         ]:
             with self.subTest(words):
@@ -130,7 +131,7 @@ class CommandLine(unittest.TestCase):
         self.assertTrue(all(row["scanned"] for row in last))
 
     def test_damaged_bytes_are_told(self):
-        done = dmq("--load", CHASSIS, lines=["store damage card_info devid=1 slotid=1", "show cards pslot=1 --json",
+        done = dmq("--load", CHASSIS, lines=["store damage card_info devid=1 slotid=1 sslotid=0", "show cards pslot=1 --json",
                                              "store compare --json"])
         cards, compared = [json.loads(line) for line in done.stdout.split("\n") if line.startswith("[")]
         self.assertEqual([card["dev"] for card in cards], [2])
@@ -161,8 +162,8 @@ class CommandLine(unittest.TestCase):
     # query finds, a master without card, and none at all.
     def test_show_invents_nothing(self):
         done = dmq("--load", CHASSIS, "--load", "examples/newcomer.json",
-                   lines=["delete card_info devid=1 slotid=1", "delete card_info devid=1 slotid=30",
-                          "delete port_static t_dev=1 t_slot=3 t_port=1 t_type=8", "delete dp_lib_my_info",
+                   lines=["delete card_info devid=1 slotid=1 sslotid=0", "delete card_info devid=1 slotid=30 sslotid=0",
+                          "delete port_static t_dev=1 t_slot=3 t_port=1 t_type=8 t_sslot=0", "delete dp_lib_my_info",
                           "show slots slot=1/2 --json", "show slots dev=3 --json", "show ports slot=1/3 port=1 --raw --json",
                           "show system --json", "delete dp_lib_grole", "show system what=master --json"])
         slot, unknown, port, system, master = [line[0] if len(line) == 1 else {f["what"]: f["value"] for f in line}
@@ -176,8 +177,8 @@ class CommandLine(unittest.TestCase):
 
     # Programs follow changes through a pipe: one object a line, old and new, nothing that did not change.
     def test_watch(self):
-        done = dmq("--load", CHASSIS, lines=["watch card_info --json &", "set card_info devid=1 slotid=1 port_num=47",
-                                             "set card_info devid=1 slotid=1 port_num=47", "get nonsense",
+        done = dmq("--load", CHASSIS, lines=["watch card_info --json &", "set card_info devid=1 slotid=1 sslotid=0 port_num=47",
+                                             "set card_info devid=1 slotid=1 sslotid=0 port_num=47", "get nonsense",
                                              "store restart empty", "store reconnect", "watch --for 0.5", "# end"])
         told = [json.loads(line) for line in done.stdout.split("\n") if line.startswith("{")]
         self.assertEqual(told[0]["changes"], {"port_num": {"old": 48, "new": 47}})

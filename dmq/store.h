@@ -1,0 +1,22 @@
+// What a store holds, read from it directly: for the comparison with the cache, and for those who would change it.
+#pragma once
+
+#include <map>
+
+#include "dmq/session.h"
+
+namespace dmq {
+
+// What one kind holds on one side: packed objects by their packed key.
+struct Content {
+    std::map<std::string, std::string> objects;
+    std::vector<std::string> damaged;  // their names
+};
+
+Content stored(Session &session, const Kind &kind);
+
+// Has the cache what the store holds? What it lacks is named on standard error: objects that were damaged, once; rows that
+// refused objects, with the first one; and a store that is empty, which is never whole.
+bool is_whole(Session &session);
+
+}  // namespace dmq
