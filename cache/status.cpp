@@ -120,6 +120,11 @@ void status_subscribed(int32_t row) {
     rows[row].stats.subscribed = 1;
 }
 
+void status_held(int32_t row, bool held) {
+    StatusLock lock;
+    rows[row].stats.held = held;
+}
+
 void status_scan_asked(int32_t row) {
     StatusLock lock;
     rows[row].scan_asked_ms = now_ms();
@@ -172,6 +177,7 @@ int32_t dm_cache_get_stats(int32_t type, dm_cache_stats *stats, uint32_t size) {
     now_stats.enabled = obj_sub_list[type].enable;
     now_stats.subscribed = row.subscribed;
     now_stats.scanned = row.scanned;
+    now_stats.held = row.held;
     now_stats.objects = read(row.objects);
     for (const auto counter : counters) now_stats.*counter = read(row.*counter);
     now_stats.last_scan_ms = row.last_scan_ms;

@@ -18,6 +18,7 @@ void status_refused(int32_t row);
 void status_no_room(int32_t row);
 void status_objects(int32_t row, int32_t cached);
 void status_subscribed(int32_t row);
+void status_held(int32_t row, bool held);
 void status_scan_asked(int32_t row);
 void status_scanned(int32_t row, bool done);
 

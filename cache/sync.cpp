@@ -93,6 +93,11 @@ template <class Act> void for_followed_rows(const Act &act) {
         if (row_followed(obj_sub_list[row])) act(row, obj_sub_list[row]);
 }
 
+void set_held(int32_t row, bool held) {
+    g_cache_held[row] = held;
+    status_held(row, held);
+}
+
 void set_scan_done(int32_t row, bool done) {
     g_cache_scan_done[row] = done;
     status_scanned(row, done);
@@ -186,7 +191,7 @@ void dm_cache_mom_update_scan_over_list(store_msg *msg, int32_t row) {
     if (!scan_counts(row)) return;
     set_scan_done(row, true);
     if (g_cache_held[row]) {
-        g_cache_held[row] = 0;
+        set_held(row, false);
         if (state() == State::live) sweep_row(row);
     }
     if (!every_followed_row(g_cache_scan_done) || g_cache_all_scan_done) return;
@@ -228,7 +233,7 @@ void dm_cache_mom_process_cache(tq_mom_handle *handle) {
 
 // The last row that the others waited for may be this one.
 void hold_row(tq_mom_handle *handle, int32_t row) {
-    g_cache_held[row] = 1;
+    set_held(row, true);
     if (!g_cache_all_sub_done) return dm_cache_mom_start_scan();
     if (!every_followed_row(g_cache_scan_done) || g_cache_all_scan_done) return;
     DM_LOG(notice, "all key scan done. \n");
@@ -245,7 +250,8 @@ bool is_held(const tq_mom_handle *handle, const store_msg *msg, intptr_t row) {
 void reset_machine() {
     for (int32_t row = 0; row < obj_sub_list_max; ++row) {
         drop_pending(row);
-        g_cache_sub_asked[row] = g_cache_sub_done[row] = g_cache_scan_done[row] = g_cache_held[row] = 0;
+        g_cache_sub_asked[row] = g_cache_sub_done[row] = g_cache_scan_done[row] = 0;
+        set_held(row, false);
         scans_are_cut_off(row);
     }
     g_cache_all_sub_done = g_cache_all_scan_done = 0;
@@ -303,7 +309,7 @@ int32_t dm_cache_tq_mom_subscribe_callback(tq_mom_handle *handle, store_msg *msg
     if (msg->cmd != TQ_MOM_CMD_SUBSCRIBED) return 0;
 
     const auto row = static_cast<int32_t>(word);
-    g_cache_held[row] = 0;
+    set_held(row, false);
     gather_again(row);
     const int32_t delay = tq_mom_get_reconnect_scan_time(handle, obj_sub_list[row].db_id);
     cancel_rescan(row);
@@ -320,7 +326,7 @@ int32_t dm_cache_tq_mom_subscribe(uint32_t db) {
         if (entry.db_id != db) return;
         scans_are_cut_off(row);
         set_scan_done(row, false);
-        g_cache_held[row] = 0;
+        set_held(row, false);
         g_cache_all_scan_done = 0;
         if (!g_cache_sub_asked[row] && !g_cache_sub_done[row]) follow_row(row, caller);
         ret = subscribe_row(row, dm_cache_tq_mom_subscribe_callback, caller);

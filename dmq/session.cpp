@@ -203,7 +203,7 @@ std::string held_back() {
     bool subscribing = false;
     for (const Kind &kind : cached_kinds()) {
         const dm_cache_stats stats = stats_of(kind.row);
-        if (!stats.enabled) continue;
+        if (!stats.enabled || stats.held) continue;  // the others go on without one that is held
         enabled++;
         const bool unconfirmed = !stats.subscribed;
         if (!unconfirmed && (stats.scanned || subscribing)) continue;

@@ -183,12 +183,17 @@ namespace {
 
 // The row's objects that the cache should have. Cut off, it need not have them.
 bool row_is_whole(Session &session, const Kind &kind, bool damaged) {
-    const uint32_t refused = stats_of(kind.row).refused;
+    const dm_cache_stats stats = stats_of(kind.row);
+    const uint32_t refused = stats.refused;
+    const std::string row = "row " + std::to_string(kind.row) + " " + kind.type->name;
+    if (stats.held) {
+        note(row + " is held: the store refuses to give it for now");
+        return false;
+    }
     if (!refused && !damaged) return true;
     const Content store = stored(session, kind);
     session.settle();
     const auto names = missing(kind, store, cached(kind.row));
-    const std::string row = "row " + std::to_string(kind.row) + " " + kind.type->name;
     if (damaged) {
         for (const auto &name : store.damaged) note(name + ": damaged in the store, so its value is not in the cache");
     }

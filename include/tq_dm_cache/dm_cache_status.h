@@ -28,11 +28,11 @@ typedef struct dm_cache_stats {
     uint8_t enabled;
     uint8_t subscribed; /* its subscription is confirmed */
     uint8_t scanned;    /* its scan has ended since the last resynchronisation or reconnect */
-    uint8_t reserved;
-    uint32_t objects; /* cached now */
-    uint32_t sets;    /* sets applied, replaced objects included */
-    uint32_t deletes; /* deletes applied */
-    uint32_t swept;   /* objects removed because a scan no longer returned them */
+    uint8_t held;       /* the store refuses its subscription or scan for now; the other rows go on without it */
+    uint32_t objects;   /* cached now */
+    uint32_t sets;      /* sets applied, replaced objects included */
+    uint32_t deletes;   /* deletes applied */
+    uint32_t swept;     /* objects removed because a scan no longer returned them */
     uint32_t refused; /* sets and deletes that did not change the cache: damaged, of another kind, no key, list full, no
                          memory, never stored, not cached; and what queries have read and could not cache */
     uint32_t last_scan_ms; /* from the request of its last finished scan to the scan's end */

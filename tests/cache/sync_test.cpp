@@ -343,6 +343,12 @@ TEST(Sync, GoesOnWithoutARowThatIsHeld) {
     receive_end(32);
     EXPECT_EQ(g_cache_proc_done, 1);
     EXPECT_EQ(cached(32), 1);
+    const auto is_held = [] {
+        dm_cache_stats stats{};
+        dm_cache_get_stats(17, &stats, sizeof stats);
+        return stats.held;
+    };
+    EXPECT_EQ(is_held(), 1);
     platform.calls.clear();
     EXPECT_EQ(receive_value(17, SUBSCRIBED, nullptr), 0);  // granted: the scan that was asked for comes, and no other
     receive(17, REPLY, card(1, 1, 0));
@@ -350,6 +356,7 @@ TEST(Sync, GoesOnWithoutARowThatIsHeld) {
     receive_end(17);
     EXPECT_EQ(platform.calls, Strings{});
     EXPECT_EQ(cached(17), 2);
+    EXPECT_EQ(is_held(), 0);
 
     // Held again after a lost connection, by its subscription and then by its scan: what is cached stays, until a scan says
     // what is gone.
