@@ -71,9 +71,9 @@ void RedisFeed::connect() {
     asked_at_ = Clock::now();
     asked_.clear();
     const std::string auth = auth_command(url_.credentials);
-    if (!auth.empty()) asked_.push_back({Asked::credentials});
+    if (!auth.empty()) asked_.push_back({What::credentials});
     connection_.add(auth);
-    asked_.push_back({Asked::identity});
+    asked_.push_back({What::identity});
     connection_.add(identity_question());
     owner_.subscribe_all();
     event_add(writable_.get(), nullptr);  // it may still be on its way
@@ -94,7 +94,7 @@ void RedisFeed::ask(Asked asked, const Words &command) {
 
 void RedisFeed::fence(uint64_t number) {
     const std::string channel = "dm:fence/" + std::to_string(number);
-    ask({Asked::fence, channel, number}, {"UNSUBSCRIBE", channel});
+    ask({What::fence, channel, number}, {"UNSUBSCRIBE", channel});
     if (state_ == State::connecting) silent_ticks_ = 0;  // it has answered the one before
 }
 
@@ -161,7 +161,7 @@ void RedisFeed::take(const redisReply &reply) {
     if (is_list && text_of(*reply.element[0]) == "message")
         return owner_.heard(text_of(*reply.element[1]), text_of(*reply.element[2]));
     if (is_full(reply)) return drop(std::string(text_of(reply)));
-    while (is_list && !asked_.empty() && asked_.front().what == Asked::fence &&
+    while (is_list && !asked_.empty() && asked_.front().what == What::fence &&
            text_of(*reply.element[1]) != asked_.front().channel) {
         asked_.pop_front();  // its answer has got lost; what it confirms waits for another connection
     }
@@ -175,11 +175,11 @@ void RedisFeed::take(const redisReply &reply) {
 void RedisFeed::take_answer(const Asked &asked, const redisReply &reply) {
     const bool is_list = reply.type == REDIS_REPLY_ARRAY && reply.elements == 3;
     const std::string_view word = is_list ? text_of(*reply.element[0]) : std::string_view();
-    if (asked.what == Asked::credentials && reply.type == REDIS_REPLY_STATUS) return;
-    if (asked.what == Asked::subscription && word == "subscribe" && text_of(*reply.element[1]) == asked.channel)
+    if (asked.what == What::credentials && reply.type == REDIS_REPLY_STATUS) return;
+    if (asked.what == What::subscription && word == "subscribe" && text_of(*reply.element[1]) == asked.channel)
         return owner_.subscribed(asked.channel, {});
-    if (asked.what == Asked::fence && word == "unsubscribe") return owner_.answered(asked.number);
-    if (asked.what != Asked::identity || reply.type != REDIS_REPLY_STRING || !parse_identity(text_of(reply), identity_))
+    if (asked.what == What::fence && word == "unsubscribe") return owner_.answered(asked.number);
+    if (asked.what != What::identity || reply.type != REDIS_REPLY_STRING || !parse_identity(text_of(reply), identity_))
         return drop(other_answer);
     if (const std::string fault = unfit(identity_); !fault.empty()) return drop(fault);
     if (identity_.role != "master") drop("the server is no master (" + identity_.role + ")");
@@ -188,9 +188,9 @@ void RedisFeed::take_answer(const Asked &asked, const redisReply &reply) {
 // What the server says to the credentials may quote them.
 void RedisFeed::take_error(const Asked &asked, std::string_view text) {
     if (text.starts_with("LOADING")) reached_ = false;
-    if (asked.what == Asked::credentials)
+    if (asked.what == What::credentials)
         return drop("the server refuses the credentials (" + std::string(text.substr(0, text.find(' '))) + ")");
-    if (asked.what == Asked::subscription && text.starts_with("NOPERM")) return owner_.subscribed(asked.channel, text);
+    if (asked.what == What::subscription && text.starts_with("NOPERM")) return owner_.subscribed(asked.channel, text);
     drop(std::string(text));
 }
 

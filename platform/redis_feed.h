@@ -46,7 +46,7 @@ public:
     RedisFeed(const RedisUrl &url, Loop &loop, FeedOwner &owner);
 
     void begin(const Address &server);  // later it finds the server itself
-    void subscribe(const std::string &channel) { ask({Asked::subscription, channel}, {"SUBSCRIBE", channel}); }
+    void subscribe(const std::string &channel) { ask({What::subscription, channel}, {"SUBSCRIBE", channel}); }
     void fence(uint64_t number);
     void send();
 
@@ -61,8 +61,9 @@ public:
 private:
     enum class State { waiting, connecting, up };
     using EventPtr = std::unique_ptr<event, FreeEvent>;
+    enum class What { credentials, identity, subscription, fence };
     struct Asked {
-        enum { credentials, identity, subscription, fence } what;
+        What what;
         std::string channel = {};
         uint64_t number = 0;
     };
