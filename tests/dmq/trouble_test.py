@@ -128,9 +128,10 @@ class Waits(unittest.TestCase):
             file.flush()
             done = dmq("--timeout", "100", "--load", file.name, lines=["sync --timeout 0.005"] * 400)
         reasons = re.findall(r"not synchronised after 0.005 s: (.*)", done.stderr)
-        self.assertGreater(len(reasons), 2)
         self.assertNotIn("", reasons)
-        self.assertIn("all rows are scanned and being applied", reasons)
+        if not SLOW:
+            self.assertGreater(len(reasons), 2)
+            self.assertIn("all rows are scanned and being applied", reasons)
         begin = time.monotonic()
         done = dmq(*CHASSIS, lines=["store lose 1", "sync --timeout 1.1"])
         self.assertEqual((done.returncode, "after 1.1 s: row 1" in done.stderr), (4, True))
@@ -139,12 +140,13 @@ class Waits(unittest.TestCase):
     # A person who stops a watch and goes on with it is not to lose what happens then.
     def test_a_watch_that_was_stopped(self):
         with start(*CHASSIS, "watch") as run:
+            pause = 2 if SLOW else 0.4
             for _ in range(3):
-                time.sleep(0.3)
+                time.sleep(pause)
                 run.send_signal(signal.SIGSTOP)
                 os.waitid(os.P_PID, run.pid, os.WSTOPPED)
                 run.send_signal(signal.SIGCONT)
-            time.sleep(0.3)
+            time.sleep(pause)
             self.assertIsNone(run.poll())
             run.send_signal(signal.SIGINT)
             self.assertEqual(run.wait(), 0)
