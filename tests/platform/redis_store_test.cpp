@@ -1,8 +1,6 @@
 // What only a store on a server can suffer: credentials, silence, nonsense, limits, another role. Each test has a server of
 // its own and waits for what its client is told.
-#include <unistd.h>
 #include <cstdlib>
-#include <filesystem>
 #include <future>
 #include <sstream>
 
@@ -205,32 +203,6 @@ TEST_F(RedisStore, RefusedWritesAndAnotherRoleAreTold) {
         EXPECT_NE(testing::internal::GetCapturedStderr().find("no master any more"), std::string::npos);
         reader.told();
     }
-}
-
-// When a main board dies, its processes go on with what the other one has: no more, no less.
-TEST_F(RedisStore, AReplicaTakesOverWithWhatItHas) {
-    const RedisServer standby;
-    const int port = server.listen_on_loopback();
-    server.command({"CONFIG", "SET", "repl-diskless-sync-delay", "0"});
-    standby.command({"REPLICAOF", "127.0.0.1", std::to_string(port)});
-    const std::string address = server.socket() + ".address";
-    std::filesystem::create_symlink(server.socket(), address);
-    RecordingClient reader("redis+unix://" + address);
-    follow(reader);
-    reader.set(1, 1);
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (standby.command({"EXISTS", hash}) != "1") ASSERT_LT(std::chrono::steady_clock::now(), limit);
-
-    standby.command({"REPLICAOF", "NO", "ONE"});
-    reader.set(2, 2);  // does not reach the other board any more
-    ASSERT_TRUE(reader.wait("sub: set 2:2"));
-    reader.told();
-    server.kill();
-    std::filesystem::remove(address);
-    std::filesystem::create_symlink(standby.socket(), address);
-    ASSERT_TRUE(reader.wait("reconnect 3 2"));
-    EXPECT_EQ(scanned(reader), "s: has 1:1, s: end");
-    testing::internal::GetCapturedStderr();
 }
 
 // A reader that stops for a while is cut off by the server. It must find out, and have everything afterwards.
