@@ -17,7 +17,7 @@ namespace {
 constexpr int echoes_without_answer = 5, most_echoes_due = 20;
 constexpr const char *no_master = "the server is no master any more";
 constexpr const char *other_content = "the server has other content than before";
-constexpr size_t page_bytes = 262144, most_at_once = 256, growth = 4;
+constexpr size_t page_bytes = 262144, most_at_once = 256, growth = 4, regrowth = 16;
 constexpr int32_t shortest_rescan_ms = 10, rescan_spread_ms = 500;
 constexpr std::chrono::seconds shortest_hold(1), longest_hold(60);
 
@@ -299,6 +299,7 @@ void RedisStore::cut_off() {
     }
     to_confirm_.clear();
     held_.clear();
+    if (page_asked_) most_at_once_ = std::max(scans_.front().count / growth, size_t{1});
     scans_.clear();
     page_asked_ = false;
     echoes_due_ = 0;
@@ -442,6 +443,7 @@ void RedisStore::scan(const Place &place, const Ticket &ticket) {
 
 void RedisStore::add_scan(Scan scan) {
     scan.number = ++scans_so_far_;
+    scan.count = std::min(scan.count, most_at_once_);
     scans_.push_back(std::move(scan));
 }
 
@@ -514,8 +516,11 @@ void RedisStore::take_page(const redisReply &reply) {
         scan.largest = std::max(scan.largest, key.size() + bytes.size());
         page.objects.push_back(object(key, bytes));
     }
-    scan.count = std::clamp(page_bytes / scan.largest, size_t{1}, std::min(growth * scan.count, most_at_once));
-    if (page.last) scans_.pop_front();
+    scan.count = std::clamp(page_bytes / scan.largest, size_t{1}, std::min(growth * scan.count, most_at_once_));
+    if (page.last) {
+        scans_.pop_front();
+        most_at_once_ = std::min(most_at_once_ + regrowth, most_at_once);
+    }
     page_asked_ = false;
     ask_page();
     sink_.post(std::move(page));
