@@ -12,6 +12,7 @@
 #include <ctime>
 
 #include "base/rows.h"
+#include "port_index/trees.h"
 #include "tq_dm_cache/dm_cache_status.h"
 
 namespace dm {
@@ -180,6 +181,7 @@ int32_t dm_cache_get_stats(int32_t type, dm_cache_stats *stats, uint32_t size) {
     now_stats.held = row.held;
     now_stats.objects = read(row.objects);
     for (const auto counter : counters) now_stats.*counter = read(row.*counter);
+    now_stats.refused += keys_without_memory(type);
     now_stats.last_scan_ms = row.last_scan_ms;
     std::memcpy(stats, &now_stats, size < sizeof now_stats ? size : sizeof now_stats);
     return 0;

@@ -9,6 +9,9 @@
 static constexpr char log_tag[] = "dm_cache_port_obj";
 
 namespace dm {
+
+uint32_t key_records_missing = 0;
+
 namespace {
 
 using Keys = int64_t[NDM_CACHE_TREES];
@@ -18,6 +21,7 @@ int32_t set_keys(dm_cache_list_node *node, const Keys &keys, ProtobufCMessage *s
     if (!node->key) node->key = static_cast<ndm_cache_key *>(calloc(1, sizeof(ndm_cache_key)));
     if (!node->key) {
         DM_LOG_AS(caller, failure, "malloc fail.\n");
+        ++key_records_missing;
         return -1;
     }
     std::memcpy(node->key->key, keys, sizeof keys);

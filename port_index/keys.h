@@ -47,6 +47,9 @@ struct IndexPlan {
 };
 IndexPlan plan_of(Index index);
 
+// How often a builder has got no memory for a key record. Under the cache lock.
+extern uint32_t key_records_missing;
+
 // The two kinds of port key name the same place, which is what a port and its static port have in common.
 template <class Key> bool same_place(const Key &a, const PDev__PortIndex &b) {
     return a.t_dev == b.t_dev && a.t_slot == b.t_slot && a.t_sslot == b.t_sslot && a.t_port == b.t_port &&

@@ -34,19 +34,29 @@ int32_t set_up(obj_sub_entry *row, int32_t number) {
     return 0;
 }
 
-// Whether an element of a row has ever found a key taken since the row's trees were empty. While none has, every element is
-// the one that its keys find.
-bool refused[DM_ROW_COUNT];
+// What a row's trees could not take.
+struct Refused {
+    bool some;           // since the trees were empty. While nothing was, every element is the one that its keys find
+    uint32_t no_memory;  // since the process began
+} refused[DM_ROW_COUNT];
 
 // Null for a row of a client's own table.
-bool *refused_in(const obj_sub_entry &row) {
+Refused *refused_in(const obj_sub_entry &row) {
     const auto at = reinterpret_cast<uintptr_t>(&row) - reinterpret_cast<uintptr_t>(obj_sub_list);
     return at < sizeof obj_sub_list ? &refused[at / sizeof row] : nullptr;
 }
 
+void note_no_memory(const obj_sub_entry &row) {
+    if (Refused *by_row = refused_in(row)) __atomic_fetch_add(&by_row->no_memory, 1, __ATOMIC_RELAXED);
+}
+
+bool some_refused(const obj_sub_entry &row) {
+    const Refused *by_row = refused_in(row);
+    return !by_row || by_row->some;
+}
+
 bool finds(const obj_sub_entry &row, int32_t tree, int64_t key, const dm_cache_list_node *node) DM_REQUIRES_LOCK {
-    const bool *some_refused = refused_in(row);
-    return (some_refused && !*some_refused) || dm_rbtree_find_node(&row.port_tree->root[tree], key) == node;
+    return !some_refused(row) || dm_rbtree_find_node(&row.port_tree->root[tree], key) == node;
 }
 
 void forget_keys(dm_cache_list_node *node) {
@@ -64,9 +74,18 @@ void leave_own_places(ndm_cache_tree *set, dm_cache_list_node *node) DM_REQUIRES
     forget_keys(node);
 }
 
+bool make_keys(const obj_sub_entry &row, dm_cache_list_node *node) DM_REQUIRES_LOCK {
+    const uint32_t missing = key_records_missing;
+    const int32_t result = row.port_tree->gen_key(node);
+    if (key_records_missing != missing) note_no_memory(row);
+    return result == 0 && node->key;
+}
+
 void enter_tree(const obj_sub_entry &row, int32_t tree, dm_cache_list_node *node) DM_REQUIRES_LOCK {
-    if (dm_rbtree_insert_node(&row.port_tree->root[tree], node->key->key[tree], node) == 0) return;
-    if (bool *some_refused = refused_in(row)) *some_refused = true;
+    const int32_t result = dm_rbtree_insert_node(&row.port_tree->root[tree], node->key->key[tree], node);
+    if (result == 0) return;
+    if (Refused *by_row = refused_in(row)) by_row->some = true;
+    if (result < 0) note_no_memory(row);
     DM_LOG_AS((Caller{"ndm_cache_tree_add_node"}), failure, "add cache tree node fail.\n");
 }
 
@@ -101,7 +120,7 @@ int32_t index_element(const obj_sub_entry &row, dm_cache_list_node *node) {
     ndm_cache_tree *set = row.port_tree;
     if (!set) return 0;
     leave_own_places(set, node);
-    if (set->gen_key(node) != 0 || !node->key) return -1;
+    if (!make_keys(row, node)) return -1;
     for (int32_t i = 0; i < set->tree_num; ++i) enter_tree(row, i, node);
     return 0;
 }
@@ -118,7 +137,7 @@ int32_t move_element(const obj_sub_entry &row, dm_cache_list_node *node) {
     if (!set || !node->key) return index_element(row, node);
     int64_t old[NDM_CACHE_TREES];
     std::memcpy(old, node->key->key, sizeof old);
-    const bool made = set->gen_key(node) == 0 && node->key;
+    const bool made = make_keys(row, node);
     bool stays[NDM_CACHE_TREES] = {};
     for (int32_t i = 0; i < set->tree_num; ++i) {
         stays[i] = made && node->key->key[i] == old[i] && finds(row, i, old[i], node);
@@ -134,8 +153,11 @@ int32_t move_element(const obj_sub_entry &row, dm_cache_list_node *node) {
 }
 
 void refresh_element(const obj_sub_entry &row, dm_cache_list_node *node) {
-    const bool *some_refused = refused_in(row);
-    if (row.port_tree && (!node->key || !some_refused || *some_refused)) move_element(row, node);
+    if (row.port_tree && (!node->key || some_refused(row))) move_element(row, node);
+}
+
+uint32_t keys_without_memory(int32_t row) {
+    return __atomic_load_n(&refused[row].no_memory, __ATOMIC_RELAXED);
 }
 
 void index_ports_at(const PDev__PortIndex &place) {
@@ -164,7 +186,7 @@ void free_index_set(obj_sub_entry *row) {
     ndm_cache_tree *set = row->port_tree;
     if (!set) return;
     for (rbtree_root *root : set->root) destroy_rbtree(root);
-    if (bool *some_refused = refused_in(*row)) *some_refused = false;
+    if (Refused *by_row = refused_in(*row)) by_row->some = false;
     free(set);
     row->port_tree = nullptr;
 }

@@ -25,6 +25,10 @@ void index_ports_at(const PDev__PortIndex &place) DM_REQUIRES_LOCK;
 void unindex_ports_at(const PDev__PortIndex &place) DM_REQUIRES_LOCK;
 void move_ports_at(const PDev__PortIndex &place) DM_REQUIRES_LOCK;
 
+// How many keys of a row's elements have got no memory: those elements are cached, and not found by those keys. Any thread,
+// no lock.
+uint32_t keys_without_memory(int32_t row);
+
 // Frees a row's index set with all its nodes; the elements stay.
 void free_index_set(obj_sub_entry *row) DM_REQUIRES_LOCK;
 

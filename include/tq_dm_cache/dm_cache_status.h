@@ -34,7 +34,8 @@ typedef struct dm_cache_stats {
     uint32_t deletes;   /* deletes applied */
     uint32_t swept;     /* objects removed because a scan no longer returned them */
     uint32_t refused; /* sets and deletes that did not change the cache: damaged, of another kind, no key, list full, no
-                         memory, never stored, not cached; and what queries have read and could not cache */
+                         memory, never stored, not cached; what queries have read and could not cache; and keys of
+                         cached objects that got no memory: a look-up by such a key does not find its object */
     uint32_t last_scan_ms; /* from the request of its last finished scan to the scan's end */
 } dm_cache_stats;
 

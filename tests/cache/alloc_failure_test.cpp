@@ -252,12 +252,13 @@ TEST_F(OutOfMemory, IndexedPorts) {
 // A lost push or reply is one object out of date, never a crash, a leak, or a machine that stands still.
 TEST_F(OutOfMemory, MessagesOfTheStore) {
     const Message completion = complete();
-    const auto in_cache_or_refused = [] {
+    const auto in_cache_or_refused = [&] {
         int32_t all = 0;
         for (const int32_t row : {7, 17, 30}) {
             dm_cache_stats stats{};
             dm_cache_get_stats(row, &stats, sizeof stats);
-            all += cached(row) + static_cast<int32_t>(stats.refused);
+            const int32_t found = row == 30 && cached(7) ? in_trees(30, port) : cached(row);
+            all += found + static_cast<int32_t>(stats.refused);
         }
         return all;
     };
