@@ -20,7 +20,9 @@ const std::map<std::string, Candidates> option_values = {
     {"--store",
      {{"mem:", "the embedded store of this process"},
       {"redis://", "a Redis server, by host and port"},
-      {"redis+unix:///", "a Redis server, by its unix socket"}}},
+      {"redis+unix:///", "a Redis server, by its unix socket"},
+      {"redis-sentinel://", "the master of that name: HOST:PORT,../NAME of the sentinels"},
+      {"redis-sentinel+unix:///", "the same by the sentinels' unix sockets"}}},
     {"--log", {{"0", "all"}, {"1", "notable events"}, {"2", "failures"}}},
 };
 

@@ -146,7 +146,8 @@ public:
 void common_options(CLI::App &app, Settings &settings, bool in_shell) {
     if (!in_shell) {
         app.add_option("--store", settings.store,
-                       "The store's URL: mem:, mem:NAME, redis://HOST:PORT, redis+unix:///PATH")
+                       "The store's URL: mem:, mem:NAME, redis://HOST:PORT, redis+unix:///PATH, "
+                       "redis-sentinel://HOST:PORT,../NAME")
             ->envname("DMQ_STORE");
         app.add_option("--load", settings.load, "Fill the store from this file first; may be repeated")
             ->take_all()

@@ -153,7 +153,7 @@ private:
     bool page_asked_ = false;
     size_t most_at_once_ = 256;  // to ask for in a page. Fewer after a connection was lost with one under way: a server
                                  // that cuts off whoever asks for so much would do it again, and again
-    int echoes_due_ = 0;  // asked for, not heard
+    int echoes_due_ = 0;         // asked for, not heard
     int echoes_ = 0;  // heard of those that were asked for after the page or fence that is owed; below 0: still to come
     std::map<std::string, Hold> held_;  // by the hash
     std::map<std::string, Trouble> held_troubles_;
