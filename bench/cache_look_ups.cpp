@@ -3,7 +3,7 @@
 
 #include "bench/bare_subscriber.h"
 #include "bench/cache.h"
-#include "platform/redis_server.h"
+#include "tests/platform/redis_server.h"
 #include "tq_dm_cache/ndm.h"
 
 namespace bench {

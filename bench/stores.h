@@ -5,7 +5,7 @@
 
 #include "bench/table.h"
 #include "bench/world.h"
-#include "platform/redis_server.h"
+#include "tests/platform/redis_server.h"
 
 namespace bench {
 

@@ -35,7 +35,7 @@ def included_folder(source, header, rows):
     """The folder that a quoted header belongs to, None for one that is not in the tree."""
     if header.startswith("tq_dm_cache/"):
         return "include/tq_dm_cache"  # the generated headers are public too
-    for base in (ROOT, ROOT / "include", ROOT / "tests", (ROOT / source).parent):
+    for base in (ROOT, ROOT / "include", (ROOT / source).parent):
         if (base / header).is_file():
             return folder_of((base / header).resolve().relative_to(ROOT).as_posix(), rows)
     return None

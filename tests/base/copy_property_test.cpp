@@ -2,8 +2,8 @@
 // messages are the same when they pack to the same bytes. Allocations of the library are counted and fail on demand.
 #include "base/message.h"
 #include "base/plan.h"
-#include "support/log_capture.h"
-#include "support/messages.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/messages.h"
 
 #include "tq_dm_cache/dm_cache.h"
 #include "tq_dm_cache/dm_schema.h"

@@ -1,5 +1,5 @@
 // The bounded lists: order, limit, replacement in place. What goes wrong here is lost or found twice in every query.
-#include "support/messages.h"
+#include "tests/support/messages.h"
 
 #include "tq_dm_cache/dm_list.h"
 #include "tq_dm_cache/p_dev.pb-c.h"

@@ -1,5 +1,5 @@
 // The cache lock: without it a reader's borrowed message is freed under its hands.
-#include "support/messages.h"
+#include "tests/support/messages.h"
 
 #include "base/lock.h"
 

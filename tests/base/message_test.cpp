@@ -1,6 +1,6 @@
 // Deep copies: what the cache keeps and what a query hands out must not hang on to anybody else's memory.
-#include "support/log_capture.h"
-#include "support/messages.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/messages.h"
 
 #include "tq_dm_cache/dm_cache.h"
 #include "tq_dm_cache/p_dev.pb-c.h"

@@ -1,5 +1,5 @@
 // The tree under every port index. A fault here loses ports for ever, or walks freed memory.
-#include "support/log_capture.h"
+#include "tests/support/log_capture.h"
 
 #include "tq_dm_cache/dm_rbtree.h"
 

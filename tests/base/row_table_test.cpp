@@ -1,6 +1,6 @@
 // Look-ups by key against a walk, over rows that live through everything that a process does to them. An answer that a walk
 // would not give is another port's, a freed object's, or a port that seems not to be there.
-#include "support/live_cache.h"
+#include "tests/support/live_cache.h"
 
 #include "base/row_table.h"
 #include "cache/row_update.h"

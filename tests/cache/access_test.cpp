@@ -1,6 +1,6 @@
 // Reading and storing cached objects: what every query stands on.
-#include "support/live_cache.h"
-#include "support/log_capture.h"
+#include "tests/support/live_cache.h"
+#include "tests/support/log_capture.h"
 
 #include "tq_dm_cache/dm_port_index.h"
 #include "tq_dm_cache/p_dev.pb-c.h"

@@ -1,7 +1,7 @@
 // Memory runs out. Each allocation of each operation fails in turn: the answer is one that the header names, nothing is
 // lost or leaked, and the same call succeeds as soon as there is memory again. The program's own malloc counts and fails;
 // C++'s new stays apart, so that only the library and protobuf-c are counted. Plain builds only; one thread.
-#include "support/live_cache.h"
+#include "tests/support/live_cache.h"
 
 #include "tq_dm_cache/dm_cache_status.h"
 #include "tq_dm_cache/dm_port_index.h"

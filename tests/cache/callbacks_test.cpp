@@ -1,6 +1,6 @@
 // Registration of change callbacks.
-#include "support/live_cache.h"
-#include "support/log_capture.h"
+#include "tests/support/live_cache.h"
+#include "tests/support/log_capture.h"
 
 #include <gtest/gtest.h>
 

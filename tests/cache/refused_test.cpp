@@ -1,6 +1,6 @@
 // Objects that arrive and do not end in the cache. Each is one device, card or port that a query answers wrongly about: the
 // counters must say so whatever became of it, and no message of a store may be taken for what it is not.
-#include "support/live_cache.h"
+#include "tests/support/live_cache.h"
 
 #include "tq_dm_cache/dm_cache_status.h"
 #include "tq_dm_cache/p_dev.pb-c.h"

@@ -1,6 +1,6 @@
 // Start-up: what a process gets from one call, and what is left when the call fails half way.
-#include "support/live_cache.h"
-#include "support/log_capture.h"
+#include "tests/support/live_cache.h"
+#include "tests/support/log_capture.h"
 
 #include "tq_dm_cache/dm_cache_status.h"
 #include "tq_dm_cache/dm_port_index.h"

@@ -1,5 +1,5 @@
 // Waiting and counting: how a client learns that its picture is complete, and which kind holds it back.
-#include "support/live_cache.h"
+#include "tests/support/live_cache.h"
 
 #include "tq_dm_cache/dm_cache_status.h"
 

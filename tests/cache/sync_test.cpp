@@ -1,7 +1,7 @@
 // Synchronisation with the store, step by step. A wrong step leaves a client with a picture of devices that is not true,
 // and nothing that tells it so.
-#include "support/live_cache.h"
-#include "support/log_capture.h"
+#include "tests/support/live_cache.h"
+#include "tests/support/log_capture.h"
 
 #include "tq_dm_cache/dm_cache_status.h"
 #include "tq_dm_cache/p_dev.pb-c.h"

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "faults/world.h"
+#include "tests/faults/world.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // What happens to a server, its reader and its writer. mutex_ guards what the threads tell each other; nothing waits under
 // it but on changed_.
-#include "faults/world.h"
+#include "tests/faults/world.h"
 
 #include <poll.h>
 #include <sys/wait.h>

@@ -7,9 +7,9 @@
 #include <condition_variable>
 #include <thread>
 
-#include "platform/redis_server.h"
-#include "simulation/objects.h"
-#include "support/seeds.h"
+#include "tests/platform/redis_server.h"
+#include "tests/simulation/objects.h"
+#include "tests/support/seeds.h"
 #include "tq_dm_cache/tq_platform_bundled.h"
 
 // What was done, counted.

@@ -1,6 +1,6 @@
 // Stored bytes that no reader could hand on. What is not called damaged where it is read is gone without a word where it is
 // copied.
-#include "support/messages.h"
+#include "tests/support/messages.h"
 
 #include "tq_dm_cache/tq_platform.h"
 #include "tq_dm_cache/tq_platform_bundled.h"

@@ -1,5 +1,5 @@
 // A client that writes down what it is told. mutex_ guards the lines and the words.
-#include "platform/recording_client.h"
+#include "tests/platform/recording_client.h"
 
 #include <algorithm>
 #include <atomic>

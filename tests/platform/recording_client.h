@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "support/messages.h"
+#include "tests/support/messages.h"
 #include "tq_dm_cache/tq_platform_bundled.h"
 
 struct Faults {

@@ -1,6 +1,6 @@
 // A Redis server of the tests' own, and proxies before it. Descriptors are shut down by whoever cuts, and closed by the
 // proxy's destructor only.
-#include "platform/redis_server.h"
+#include "tests/platform/redis_server.h"
 
 #include <hiredis.h>
 #include <poll.h>

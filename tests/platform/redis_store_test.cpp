@@ -4,9 +4,9 @@
 #include <future>
 #include <sstream>
 
-#include "platform/recording_client.h"
-#include "platform/redis_server.h"
 #include "platform/redis_wire.h"
+#include "tests/platform/recording_client.h"
+#include "tests/platform/redis_server.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <filesystem>
 #include <future>
 
-#include "platform/recording_client.h"
-#include "platform/redis_server.h"
+#include "tests/platform/recording_client.h"
+#include "tests/platform/redis_server.h"
 
 namespace {
 

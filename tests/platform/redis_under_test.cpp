@@ -2,9 +2,9 @@
 // off while the others go on. mutex guards who has which proxy.
 #include <map>
 
-#include "platform/recording_client.h"
-#include "platform/redis_server.h"
 #include "platform/redis_wire.h"
+#include "tests/platform/recording_client.h"
+#include "tests/platform/redis_server.h"
 
 namespace {
 

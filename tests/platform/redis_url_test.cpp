@@ -2,8 +2,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "platform/recording_client.h"
-#include "platform/redis_server.h"
+#include "tests/platform/recording_client.h"
+#include "tests/platform/redis_server.h"
 
 namespace {
 

@@ -11,8 +11,8 @@
 #include <fstream>
 #include <sstream>
 
-#include "platform/recording_client.h"
-#include "platform/redis_server.h"
+#include "tests/platform/recording_client.h"
+#include "tests/platform/redis_server.h"
 
 namespace {
 

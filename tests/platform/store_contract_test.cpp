@@ -5,7 +5,7 @@
 #include <unistd.h>
 #include <future>
 
-#include "platform/recording_client.h"
+#include "tests/platform/recording_client.h"
 
 namespace {
 

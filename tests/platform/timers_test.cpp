@@ -3,7 +3,7 @@
 #include <cstring>
 #include <future>
 
-#include "platform/recording_client.h"
+#include "tests/platform/recording_client.h"
 
 namespace {
 

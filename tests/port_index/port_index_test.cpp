@@ -1,6 +1,6 @@
 // The indexes over ports and attributes. A wrong key finds another port or none; a stale one reads freed memory.
-#include "support/live_cache.h"
-#include "support/log_capture.h"
+#include "tests/support/live_cache.h"
+#include "tests/support/log_capture.h"
 
 #include "tq_dm_cache/dm_port_index.h"
 #include "tq_dm_cache/p_dev.pb-c.h"

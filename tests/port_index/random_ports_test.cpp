@@ -1,7 +1,7 @@
 // The trees against their rules, played by a model that knows no short cut: a port that is set leaves all its trees and
 // enters them again; when a static port changes, all ports at its place leave, and enter in the order of their list. Ports
 // that share keys are many here: which of them a key finds depends on every step.
-#include "support/live_cache.h"
+#include "tests/support/live_cache.h"
 
 #include "tq_dm_cache/dm_port_index.h"
 #include "tq_dm_cache/p_dev.pb-c.h"

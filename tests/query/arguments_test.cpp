@@ -1,5 +1,5 @@
 // What queries answer to null pointers: none may end the process.
-#include "query/topology.h"
+#include "tests/query/topology.h"
 
 class Arguments : public Topology {};
 

@@ -1,5 +1,5 @@
 // What sits in a slot, whose a port is and what it can do, and which chips a card has.
-#include "query/topology.h"
+#include "tests/query/topology.h"
 
 class CardPorts : public Topology {};
 

@@ -1,6 +1,6 @@
 // Every query asked by several threads while the store's changes arrive: an answer mixed of two moments sends a client to
 // a device that never was, and a lock that is missing or held too long ends or stops the process.
-#include "support/live_cache.h"
+#include "tests/support/live_cache.h"
 
 #include "tq_dm_cache/dm_port_index.h"
 #include "tq_dm_cache/dm_schema.h"

@@ -1,5 +1,5 @@
 // Numbers that name cards and ports. One bit off, and a query answers for another card.
-#include "query/topology.h"
+#include "tests/query/topology.h"
 
 class Identifiers : public Topology {};
 

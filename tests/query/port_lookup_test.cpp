@@ -1,5 +1,5 @@
 // Ports by what is known of them. What is handed out must be the right one, and the caller's own.
-#include "query/topology.h"
+#include "tests/query/topology.h"
 
 namespace {
 

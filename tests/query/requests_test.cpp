@@ -1,5 +1,5 @@
 // What queries ask of the store besides reads: subscriptions of a client's own, and the reset of a card.
-#include "query/topology.h"
+#include "tests/query/topology.h"
 
 class Requests : public Topology {};
 

@@ -1,6 +1,6 @@
 // Who leads, what is there, and what is fixed about it.
 #include "base/message.h"
-#include "query/topology.h"
+#include "tests/query/topology.h"
 
 #include <malloc.h>
 

@@ -1,5 +1,5 @@
 // From the slot that an operator types to the card, and back, and how slots and cards are called.
-#include "query/topology.h"
+#include "tests/query/topology.h"
 
 class Slots : public Topology {};
 

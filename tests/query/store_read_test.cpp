@@ -1,7 +1,7 @@
 // Reads of the store for what the cache lacks. One under the cache lock stops every thread of the process; one that is
 // cached although the cache has moved on brings back what is gone.
 #include "query/ndm_port.h"
-#include "query/topology.h"
+#include "tests/query/topology.h"
 #include "tq_dm_cache/dm_cache_status.h"
 
 #include <future>

@@ -1,5 +1,5 @@
 // Describes the unit message by message, as the device manager would.
-#include "query/topology.h"
+#include "tests/query/topology.h"
 
 #include <cstdlib>
 #include <regex>

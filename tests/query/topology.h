@@ -5,8 +5,8 @@
 // 3, where this process runs, and in 4, a sub-card in 3/1 and a card without description in 5. Device 2 is a box with a
 // sub-card, devices 3 and 4 are badly described. The store is empty.
 
-#include "support/live_cache.h"
-#include "support/log_capture.h"
+#include "tests/support/live_cache.h"
+#include "tests/support/log_capture.h"
 
 #include "tq_dm_cache/ndm.h"
 #include "tq_dm_cache/p_dev.pb-c.h"

@@ -1,5 +1,5 @@
 // What must hold.
-#include "simulation/check.h"
+#include "tests/simulation/check.h"
 
 #include <algorithm>
 

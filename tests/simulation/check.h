@@ -3,7 +3,7 @@
 
 // What must hold. Each check ends the run as failed when it does not.
 
-#include "simulation/world.h"
+#include "tests/simulation/world.h"
 
 // During a change callback: the client's own picture fits the change, and so does the cache.
 void check_change(World &world, int32_t row, int32_t operation, ProtobufCMessage *message);

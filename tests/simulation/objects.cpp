@@ -1,5 +1,5 @@
 // Random objects of any row, made through the descriptors.
-#include "simulation/objects.h"
+#include "tests/simulation/objects.h"
 
 #include "tq_dm_cache/dm_cache.h"
 

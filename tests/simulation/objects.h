@@ -6,7 +6,7 @@
 
 #include <random>
 
-#include "support/messages.h"
+#include "tests/support/messages.h"
 
 struct Random {
     std::mt19937_64 engine;

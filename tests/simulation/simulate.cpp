@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <thread>
 
-#include "simulation/world.h"
+#include "tests/simulation/world.h"
 
 namespace {
 

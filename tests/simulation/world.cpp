@@ -1,11 +1,11 @@
 // The simulated store and its connection.
-#include "simulation/world.h"
+#include "tests/simulation/world.h"
 
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 
-#include "simulation/check.h"
+#include "tests/simulation/check.h"
 #include "tq_dm_cache/dm_cache_status.h"
 #include "tq_dm_cache/dm_cache_sync.h"
 

@@ -13,9 +13,9 @@
 #include <map>
 #include <set>
 
-#include "simulation/objects.h"
-#include "support/scripted_platform.h"
-#include "support/seeds.h"
+#include "tests/simulation/objects.h"
+#include "tests/support/scripted_platform.h"
+#include "tests/support/seeds.h"
 #include "tq_dm_cache/dm_types.h"
 
 struct Place {

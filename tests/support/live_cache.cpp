@@ -1,5 +1,5 @@
 // Feeds the cache through its public entry points only.
-#include "support/live_cache.h"
+#include "tests/support/live_cache.h"
 
 #include <utility>
 

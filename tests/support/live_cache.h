@@ -3,8 +3,8 @@
 
 // A cache over the scripted platform: started with a few rows, and fed message by message as the store client would.
 
-#include "support/messages.h"
-#include "support/scripted_platform.h"
+#include "tests/support/messages.h"
+#include "tests/support/scripted_platform.h"
 
 #include "tq_dm_cache/dm_cache.h"
 #include "tq_dm_cache/dm_cache_sync.h"

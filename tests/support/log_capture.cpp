@@ -1,5 +1,5 @@
 // Catches standard output in an anonymous file in memory.
-#include "support/log_capture.h"
+#include "tests/support/log_capture.h"
 
 #include "tq_dm_cache/dm_cache.h"
 

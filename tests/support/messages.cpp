@@ -1,5 +1,5 @@
 // Messages for tests. Fields are found through the descriptors, so every kind is made by the same code.
-#include "support/messages.h"
+#include "tests/support/messages.h"
 
 #include "tq_dm_cache/dm_schema.h"
 

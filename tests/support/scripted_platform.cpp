@@ -1,5 +1,5 @@
 // The scripted platform: the platform's functions write down, look up the answer, and hand out copies.
-#include "support/scripted_platform.h"
+#include "tests/support/scripted_platform.h"
 
 #include <algorithm>
 #include <mutex>

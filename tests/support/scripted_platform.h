@@ -5,7 +5,7 @@
 // delivers when the test calls. Timers run by hand, in virtual time. One thread at a time, except for synchronous reads
 // and writes of objects, which any thread may make meanwhile.
 
-#include "support/messages.h"
+#include "tests/support/messages.h"
 
 #include "tq_dm_cache/tq_platform.h"
 

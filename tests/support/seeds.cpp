@@ -1,5 +1,5 @@
 // Runs seeds in processes of their own. One thread.
-#include "support/seeds.h"
+#include "tests/support/seeds.h"
 
 #include <sys/wait.h>
 #include <unistd.h>
