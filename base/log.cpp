@@ -8,11 +8,9 @@ int32_t g_ndm_lib_dbg_lvl = 3;
 
 namespace dm {
 
-bool logs(Level level) {
-    return __atomic_load_n(&g_dm_cache_level, __ATOMIC_RELAXED) <= level;
-}
-bool logs(LibLevel level) {
-    return __atomic_load_n(&g_ndm_lib_dbg_lvl, __ATOMIC_RELAXED) <= level;
+bool LogTag::admits(Level level) const {
+    const int32_t &word = threshold == Threshold::cache ? g_dm_cache_level : g_ndm_lib_dbg_lvl;
+    return __atomic_load_n(&word, __ATOMIC_RELAXED) <= level;
 }
 
 }  // namespace dm

@@ -6,7 +6,7 @@
 #include "base/log.h"
 #include "base/plan.h"
 
-static constexpr char log_tag[] = "dm_cache";
+static constexpr dm::LogTag log_tag{"dm_cache"};
 
 namespace dm {
 namespace {

@@ -9,7 +9,7 @@
 #include "cache/startup.h"
 #include "cache/status.h"
 
-static constexpr char log_tag[] = "dm_cache";
+static constexpr dm::LogTag log_tag{"dm_cache"};
 
 namespace dm {
 namespace {

@@ -11,18 +11,15 @@ inline void *row_word(int32_t row) {
     return reinterpret_cast<void *>(static_cast<intptr_t>(row));
 }
 
-// The message sets or deletes an object; the end mark of a scan does not, and what is read by request is not for the cache.
-bool brings_change(const store_msg &msg);
-
 // 0, or the code of a change that was refused: no callback runs then. `stored` is another owner of the object, if the cache
 // may keep the object as it is; else the cache makes a copy.
-int32_t dm_cache_handle_setmsg(tq_mom_handle *handle, int32_t row, ProtobufCMessage *obj, StoredMessage stored = {});
-int32_t dm_cache_handle_delmsg(tq_mom_handle *handle, int32_t row, ProtobufCMessage *obj);
+int32_t apply_set(tq_mom_handle *handle, int32_t row, ProtobufCMessage *obj, StoredMessage stored = {});
+int32_t apply_delete(tq_mom_handle *handle, int32_t row, ProtobufCMessage *obj);
 
 // A queued message.
-int32_t dm_cache_process_msg(tq_mom_handle *handle, int32_t row, int32_t cmd, StoredMessage obj);
+void apply_queued(tq_mom_handle *handle, int32_t row, int32_t cmd, StoredMessage obj);
 
 // A message as the store sent it.
-int32_t dm_cache_update_obj(tq_mom_handle *handle, store_msg *msg, void *privdata);
+int32_t apply_live(tq_mom_handle *handle, store_msg *msg, void *privdata);
 
 }  // namespace dm

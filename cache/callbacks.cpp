@@ -7,7 +7,7 @@
 #include "base/log.h"
 #include "base/rows.h"
 
-static constexpr char log_tag[] = "dm_cache";
+static constexpr dm::LogTag log_tag{"dm_cache"};
 
 namespace dm {
 namespace {
@@ -28,10 +28,10 @@ void *shown(dm_cache_change_cb func) {
 
 }  // namespace
 
-int32_t dm_cache_user_cb_call(tq_mom_handle *handle, int32_t type, int32_t operation, ProtobufCMessage *message) {
+int32_t call_callbacks(tq_mom_handle *handle, int32_t type, int32_t operation, ProtobufCMessage *message) {
     for (const dm_cache_change_cb func : obj_sub_list[type].func) {
         if (!func) break;
-        DM_LOG(trace, "notify update obj[%d][%p].\n", type, shown(func));
+        DM_LOG_AS(Caller{"dm_cache_user_cb_call"}, trace, "notify update obj[%d][%p].\n", type, shown(func));
         func(handle, type, operation, message);
     }
     return 0;

@@ -6,6 +6,6 @@
 namespace dm {
 
 // Runs a row's callbacks in order of registration. Always 0.
-int32_t dm_cache_user_cb_call(tq_mom_handle *handle, int32_t type, int32_t operation, ProtobufCMessage *message);
+int32_t call_callbacks(tq_mom_handle *handle, int32_t type, int32_t operation, ProtobufCMessage *message);
 
 }  // namespace dm

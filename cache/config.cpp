@@ -8,7 +8,7 @@
 #include "base/log.h"
 #include "tq_dm_cache/dm_cache.h"
 
-static constexpr char log_tag[] = "dm_cache";
+static constexpr dm::LogTag log_tag{"dm_cache"};
 static constexpr char cfg_path[] = "/data/.orca/vsd/0/dev/cache.cfg";
 static constexpr char cap_path[] = "/etc/cfg/cap/dev_cap/default/g/capacity_cap.xml";
 static constexpr char cap_chassis_num[] = "g_capacity_spec/high_availablility/CAP_VSU_CHASSIS_NUM";

@@ -6,12 +6,13 @@
 
 #include "base/lock.h"
 #include "base/rows.h"
+#include "base/store_message.h"
 #include "cache/apply.h"
 #include "cache/row_update.h"
 #include "cache/status.h"
 #include "tq_dm_cache/dm_cache_sync.h"
 
-static constexpr char log_tag[] = "dm_cache";
+static constexpr dm::LogTag log_tag{"dm_cache"};
 
 namespace dm {
 
@@ -58,7 +59,7 @@ template <class Wanted, class Take> void take_items(const Wanted &wanted, const 
 }
 
 void apply_item(tq_mom_handle *handle, const OwnedItem &item) {
-    dm_cache_process_msg(handle, item->row, item->cmd, StoredMessage(std::exchange(item->obj, nullptr)));
+    apply_queued(handle, item->row, item->cmd, StoredMessage(std::exchange(item->obj, nullptr)));
 }
 
 // A copy of an object to gather, or a share of the cached one that is equal to it.
@@ -73,7 +74,7 @@ int32_t keep(int32_t row, const ProtobufCMessage *obj, StoredMessage &kept) {
 
 }  // namespace
 
-void dm_cache_process_order(tq_mom_handle *handle, int32_t proc_order) {
+void apply_class(tq_mom_handle *handle, int32_t proc_order) {
     take_items(
         [=](const pending_item &item) {
             return item.row != DM_ROW_DP_LIB_COMPLETE && obj_sub_list[item.row].proc_order == proc_order;
@@ -81,23 +82,12 @@ void dm_cache_process_order(tq_mom_handle *handle, int32_t proc_order) {
         [=](const OwnedItem &item) { apply_item(handle, item); });
 }
 
-void dm_cache_process_rest(tq_mom_handle *handle) {
+void apply_rest(tq_mom_handle *handle) {
     take_items([](const pending_item &) { return true; }, [=](const OwnedItem &item) { apply_item(handle, item); });
 }
 
 void drop_pending(int32_t row) {
     take_items([=](const pending_item &item) { return item.row == row; }, [](const OwnedItem &) {});
-}
-
-bool carries_record(int32_t cmd) {
-    return cmd == TQ_MOM_CMD_REPLY || cmd == TQ_MOM_CMD_REPLY_HASH || cmd == TQ_MOM_CMD_REPLY_GET;
-}
-
-ProtobufCMessage *object_of_record(const result_rec *record, Caller caller) {
-    if (record->error == 0 && record->obj) return record->obj;
-    DM_LOG_AS(caller, failure, "invalid value[%p, %d, %p].\n", static_cast<const void *>(record), record->error,
-              static_cast<void *>(record->obj));
-    return nullptr;
 }
 
 }  // namespace dm
@@ -111,9 +101,7 @@ int32_t queue_object(const store_msg *msg, int32_t row, Caller caller) {
     if (!item) return -1;
     item->row = row;
     item->cmd = msg->cmd;
-    const ProtobufCMessage *obj = carries_record(msg->cmd)
-                                      ? object_of_record(static_cast<const result_rec *>(msg->value), caller)
-                                      : static_cast<const ProtobufCMessage *>(msg->value);
+    const ProtobufCMessage *obj = carried_object(*msg, carries_record(msg->cmd), log_tag, caller);
     if (!obj) return -1;
     StoredMessage kept;
     if (const int32_t ret = keep(row, obj, kept); ret != 0) {

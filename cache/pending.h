@@ -19,16 +19,10 @@ extern dm_list_head g_cache_pending_list;
 extern uint32_t g_cache_pending_num;
 
 // Applies the items of one class and frees them; then all that is left, in order of arrival.
-void dm_cache_process_order(tq_mom_handle *handle, int32_t proc_order);
-void dm_cache_process_rest(tq_mom_handle *handle);
+void apply_class(tq_mom_handle *handle, int32_t proc_order);
+void apply_rest(tq_mom_handle *handle);
 
 // Frees what waits for a row.
 void drop_pending(int32_t row);
-
-// The value of a message with this command is a record that carries the object, not the object itself.
-bool carries_record(int32_t cmd);
-
-// The object of a one-object reply; null, logged for the caller, when the reply carries an error or no object.
-ProtobufCMessage *object_of_record(const result_rec *record, Caller caller = Caller{});
 
 }  // namespace dm

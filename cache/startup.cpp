@@ -15,7 +15,7 @@
 #include "cache/sync.h"
 #include "tq_dm_cache/dm_port_index.h"
 
-static constexpr char log_tag[] = "dm_cache";
+static constexpr dm::LogTag log_tag{"dm_cache"};
 
 int32_t self_thread = -1;
 tq_mom_handle *g_dm_global = nullptr;
@@ -74,7 +74,7 @@ int32_t dm_cache_db_conn(void *, uintptr_t db) {
 
 int32_t dm_cache_reconnect_cb(void *, uint32_t db, int32_t reason, void *) {
     if (reason == 1 || reason == 2) __atomic_store_n(&g_dm_db_connect_reason, reason + 1, __ATOMIC_RELAXED);
-    dm_cache_tq_mom_subscribe(db);
+    subscribe_again(db);
     return 0;
 }
 

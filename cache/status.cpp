@@ -11,7 +11,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "base/rows.h"
+#include "base/clock.h"
+#include "cache/row_sync.h"
 #include "port_index/trees.h"
 #include "tq_dm_cache/dm_cache_status.h"
 
@@ -19,8 +20,7 @@ namespace dm {
 namespace {
 
 struct RowStatus {
-    dm_cache_stats stats;
-    int64_t scan_asked_ms;
+    uint32_t objects, sets, deletes, swept, refused;
     uint32_t no_room;       // objects refused because the row was full
     uint32_t no_room_told;  // how many of them a line has told of
 };
@@ -39,19 +39,8 @@ public:
     StatusLock &operator=(const StatusLock &) = delete;
 };
 
-timespec now() {
-    timespec time;
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return time;
-}
-
-int64_t now_ms() {
-    const timespec time = now();
-    return int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1000000;
-}
-
 timespec deadline_in(int32_t timeout_ms) {
-    timespec time = now();
+    timespec time = monotonic_now();
     time.tv_sec += timeout_ms / 1000;
     time.tv_nsec += (timeout_ms % 1000) * 1000000L;
     if (time.tv_nsec >= 1000000000L) {
@@ -61,13 +50,7 @@ timespec deadline_in(int32_t timeout_ms) {
     return time;
 }
 
-// A counter is read while others count.
-uint32_t read(const uint32_t &word) {
-    return __atomic_load_n(&word, __ATOMIC_RELAXED);
-}
-
-constexpr uint32_t dm_cache_stats::*counters[] = {&dm_cache_stats::sets, &dm_cache_stats::deletes,
-                                                  &dm_cache_stats::swept, &dm_cache_stats::refused};
+constexpr uint32_t RowStatus::*counters[] = {&RowStatus::sets, &RowStatus::deletes, &RowStatus::swept};
 
 void count(uint32_t &word, uint32_t n) {
     __atomic_fetch_add(&word, n, __ATOMIC_RELAXED);
@@ -77,8 +60,8 @@ void count(uint32_t &word, uint32_t n) {
 // threshold that a process starts with the log is silent, and objects are being lost.
 void tell_of_no_room(int32_t row) {
     RowStatus &status = rows[row];
-    const uint32_t now_refused = read(status.no_room);
-    uint32_t told = read(status.no_room_told);
+    const uint32_t now_refused = load(status.no_room);
+    uint32_t told = load(status.no_room_told);
     if (now_refused < (told == 0 ? 1 : 2 * told)) return;
     if (!__atomic_compare_exchange_n(&status.no_room_told, &told, now_refused, false, __ATOMIC_RELAXED,
                                      __ATOMIC_RELAXED))
@@ -100,12 +83,12 @@ template <class Holds> int32_t wait_until(const Holds &holds, int32_t timeout_ms
 }  // namespace
 
 void status_count(int32_t row, Count what, uint32_t n) {
-    count(rows[row].stats.*counters[static_cast<size_t>(what)], n);
+    count(rows[row].*counters[static_cast<size_t>(what)], n);
 }
 
 void status_refused(int32_t row) {
-    count(rows[row].stats.refused, 1);
-    if (read(rows[row].no_room) != read(rows[row].no_room_told)) tell_of_no_room(row);
+    count(rows[row].refused, 1);
+    if (load(rows[row].no_room) != load(rows[row].no_room_told)) tell_of_no_room(row);
 }
 
 void status_no_room(int32_t row) {
@@ -113,36 +96,12 @@ void status_no_room(int32_t row) {
 }
 
 void status_objects(int32_t row, int32_t cached) {
-    __atomic_store_n(&rows[row].stats.objects, static_cast<uint32_t>(cached), __ATOMIC_RELAXED);
-}
-
-void status_subscribed(int32_t row) {
-    StatusLock lock;
-    rows[row].stats.subscribed = 1;
-}
-
-void status_held(int32_t row, bool held) {
-    StatusLock lock;
-    rows[row].stats.held = held;
-}
-
-void status_scan_asked(int32_t row) {
-    StatusLock lock;
-    rows[row].scan_asked_ms = now_ms();
-}
-
-void status_scanned(int32_t row, bool done) {
-    StatusLock lock;
-    RowStatus &status = rows[row];
-    status.stats.scanned = done ? 1 : 0;
-    if (done && status.scan_asked_ms != 0)
-        status.stats.last_scan_ms = static_cast<uint32_t>(now_ms() - status.scan_asked_ms);
+    store(rows[row].objects, static_cast<uint32_t>(cached));
 }
 
 void status_restarted() {
     StatusLock lock;
     synced = false;
-    for (RowStatus &row : rows) row.stats.subscribed = row.stats.scanned = 0;
 }
 
 void status_applied() {
@@ -172,17 +131,19 @@ int32_t dm_cache_wait_applied(uint32_t than, int32_t timeout_ms) {
 int32_t dm_cache_get_stats(int32_t type, dm_cache_stats *stats, uint32_t size) {
     if (!row_in_range(type) || !stats) return -1;
     std::memset(stats, 0, size);
-    StatusLock lock;
-    const dm_cache_stats &row = rows[type].stats;
+    const RowSync &sync = row_sync[type];
+    const RowStatus &row = rows[type];
     dm_cache_stats now_stats{};
     now_stats.enabled = obj_sub_list[type].enable;
-    now_stats.subscribed = row.subscribed;
-    now_stats.scanned = row.scanned;
-    now_stats.held = row.held;
-    now_stats.objects = read(row.objects);
-    for (const auto counter : counters) now_stats.*counter = read(row.*counter);
-    now_stats.refused += keys_without_memory(type);
-    now_stats.last_scan_ms = row.last_scan_ms;
+    now_stats.subscribed = load(sync.confirmed);
+    now_stats.scanned = load(sync.scanned);
+    now_stats.held = load(sync.held);
+    now_stats.objects = load(row.objects);
+    now_stats.sets = load(row.sets);
+    now_stats.deletes = load(row.deletes);
+    now_stats.swept = load(row.swept);
+    now_stats.refused = load(row.refused) + keys_without_memory(type);
+    now_stats.last_scan_ms = load(sync.last_scan_ms);
     std::memcpy(stats, &now_stats, size < sizeof now_stats ? size : sizeof now_stats);
     return 0;
 }

@@ -17,10 +17,6 @@ void status_refused(int32_t row);
 // A row has no room for an object: status_refused() is to tell of it.
 void status_no_room(int32_t row);
 void status_objects(int32_t row, int32_t cached);
-void status_subscribed(int32_t row);
-void status_held(int32_t row, bool held);
-void status_scan_asked(int32_t row);
-void status_scanned(int32_t row, bool done);
 
 // The machine begins again, after a start that failed.
 void status_restarted();

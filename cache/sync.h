@@ -7,7 +7,7 @@ namespace dm {
 
 // Subscribes the rows of a database again after it was lost; each is scanned again some time after its confirmation. The
 // last answer of the store, -1 when no row belongs to the database.
-int32_t dm_cache_tq_mom_subscribe(uint32_t db);
+int32_t subscribe_again(uint32_t db);
 
 // For another start after one that failed: disarms what waits for its timer, and has the machine begin again with the next
 // database that is ready. On the starting thread.

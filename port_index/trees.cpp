@@ -5,7 +5,7 @@
 #include "base/log.h"
 #include "base/row_table.h"
 
-static constexpr char log_tag[] = "dm_cache_port_obj";
+static constexpr dm::LogTag log_tag{"dm_cache_port_obj"};
 
 namespace dm {
 namespace {

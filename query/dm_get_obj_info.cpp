@@ -2,7 +2,7 @@
 #include "query/shapes.h"
 #include "tq_dm_cache/ndm/statics.h"
 
-static constexpr char log_tag[] = "dm_get_obj_info";
+static constexpr dm::LogTag log_tag{"dm_get_obj_info", dm::Threshold::library};
 
 using namespace dm;
 
@@ -24,7 +24,7 @@ int32_t ndm_get_my_device_type(int32_t *type) {
 
 int32_t ndm_get_device_type(int32_t devid, int32_t *type) {
     if (!type) {
-        DM_LOG(lib_error, "invalid param.\r\n");
+        DM_LOG(failure, "invalid param.\r\n");
         return -1;
     }
     return put_cached_field(&PDev__DeviceInfo::config_dev_type, type, device_key(devid));

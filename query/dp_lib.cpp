@@ -2,7 +2,7 @@
 #include "query/shapes.h"
 #include "tq_dm_cache/ndm.h"
 
-static constexpr char log_tag[] = "dp_lib";
+static constexpr dm::LogTag log_tag{"dp_lib", dm::Threshold::library};
 
 namespace dm {
 namespace {
@@ -12,7 +12,7 @@ int32_t chassis_slot(const PDev__DeviceStaticInfo &type, int32_t user_slot, Call
     if (user_slot > 21 && user_slot < 32) return user_slot;
     if (type.min_slot <= user_slot && user_slot <= type.max_slot)
         return entry_or_none(numbers(type.slot_index, type.n_slot_index), user_slot);
-    DM_LOG_AS(caller, lib_error, "invalid userslot: %d. min %d, max %d\n", user_slot, type.min_slot, type.max_slot);
+    DM_LOG_AS(caller, failure, "invalid userslot: %d. min %d, max %d\n", user_slot, type.min_slot, type.max_slot);
     return -1;
 }
 
@@ -25,16 +25,16 @@ int32_t put_sub_slot(int32_t devid, int32_t slot, int32_t wanted, int32_t *psslo
     }
     const auto *card = cached<PDev__CardInfo>(card_key(devid, slot, 0));
     if (!card) {
-        DM_LOG_AS(caller, lib_error, "fail to get card info!\n");
+        DM_LOG_AS(caller, failure, "fail to get card info!\n");
         return -1;
     }
     if (!card->static_info) {
-        DM_LOG_AS(caller, lib_error, "fail to get card static info!\n");
+        DM_LOG_AS(caller, failure, "fail to get card static info!\n");
         return -1;
     }
     const int32_t sub_num = card->static_info->sub_slot_num;
     if (wanted > sub_num) {
-        DM_LOG_AS(caller, lib_error, "sslot is inexistent! usslot[%d] sub_num[%d].\n", wanted, sub_num);
+        DM_LOG_AS(caller, failure, "sslot is inexistent! usslot[%d] sub_num[%d].\n", wanted, sub_num);
         return -1;
     }
     *psslot = wanted;
@@ -42,9 +42,9 @@ int32_t put_sub_slot(int32_t devid, int32_t slot, int32_t wanted, int32_t *psslo
 }
 
 int32_t ndm_get_dev_type_by_devno(int32_t devid, int32_t *device_type) {
-    DM_LOG(lib_debug, "devno = %d\n", devid);
+    DM_LOG(trace, "devno = %d\n", devid);
     const int32_t ret = devid == 0 ? ndm_get_my_device_type(device_type) : ndm_get_device_type(devid, device_type);
-    if (ret == 0) DM_LOG(lib_debug, "dev_type = %d\n", *device_type);
+    if (ret == 0) DM_LOG(trace, "dev_type = %d\n", *device_type);
     return ret;
 }
 
@@ -53,7 +53,7 @@ int32_t ndm_get_slot_range_from_device_type(int32_t device_type, int32_t *min, i
     const auto *type = cached<PDev__DeviceStaticInfo>(device_type_key(device_type));
     if (!type) return -1;
     if (!type->slot_index) {
-        DM_LOG(lib_error, "device stasic info is not in cache.\r\n");
+        DM_LOG(failure, "device stasic info is not in cache.\r\n");
         return -1;
     }
     *min = 32;
@@ -71,11 +71,11 @@ int32_t slot_range(int32_t devid, int32_t *min, int32_t *max, Caller caller = Ca
     SharedCacheLock lock;
     int32_t device_type;
     if (ndm_get_dev_type_by_devno(devid, &device_type) != 0) {
-        DM_LOG_AS(caller, lib_error, "fail to get device type\n");
+        DM_LOG_AS(caller, failure, "fail to get device type\n");
         return -1;
     }
     if (ndm_get_slot_range_from_device_type(device_type, min, max) != 0) {
-        DM_LOG_AS(caller, lib_error, "fail to get slot range\n");
+        DM_LOG_AS(caller, failure, "fail to get slot range\n");
         return -1;
     }
     return 0;
@@ -83,7 +83,7 @@ int32_t slot_range(int32_t devid, int32_t *min, int32_t *max, Caller caller = Ca
 
 int32_t put_slot_bound(int32_t devid, int32_t *out, bool highest, Caller caller = Caller{}) {
     if (!out) {
-        DM_LOG_AS(caller, lib_error, "invalid parameter\n");
+        DM_LOG_AS(caller, failure, "invalid parameter\n");
         return -1;
     }
     int32_t min;
@@ -94,14 +94,14 @@ int32_t put_slot_bound(int32_t devid, int32_t *out, bool highest, Caller caller 
 }
 
 int32_t ndm_get_card_name_by_slot_prefunc(int32_t devid, int32_t user_slot, int32_t *slot, int32_t *sslot) {
-    DM_LOG(lib_debug, "dev:%d user_slot:%d \n", devid, user_slot);
+    DM_LOG(trace, "dev:%d user_slot:%d \n", devid, user_slot);
     uint32_t node;
     if (ndm_get_node_from_userslot(devid, user_slot, &node) != 0) {
-        DM_LOG(lib_warning, "get node fail.!\n");
+        DM_LOG(notice, "get node fail.!\n");
         return -1;
     }
     if (phy_type(node) != phy_card) {
-        DM_LOG(lib_warning, "cannot startup attribute is not phy card type phy id!\n");
+        DM_LOG(notice, "cannot startup attribute is not phy card type phy id!\n");
         return -1;
     }
     int32_t node_devid;
@@ -113,7 +113,7 @@ int32_t ndm_get_card_name_by_slot_prefunc(int32_t devid, int32_t user_slot, int3
 int32_t put_leader(PDev__CardInfoIndex *PDev__DpLibGrole::*leader, int32_t *devid, int32_t *slot,
                    Caller caller = Caller{}) {
     if (!devid || !slot) {
-        DM_LOG_AS(caller, lib_error, "param error!\n");
+        DM_LOG_AS(caller, failure, "param error!\n");
         return -1;
     }
     SharedCacheLock lock;
@@ -141,21 +141,20 @@ using namespace dm;
 
 int32_t ndm_get_physlot_by_userslot(int32_t devid, int32_t user_slot, int32_t, int32_t *pslot, int32_t *psslot) {
     if (!pslot || !psslot) {
-        DM_LOG(lib_error, "pslot[%p] or psslot[%p] is null!\n", static_cast<void *>(pslot),
-               static_cast<void *>(psslot));
+        DM_LOG(failure, "pslot[%p] or psslot[%p] is null!\n", static_cast<void *>(pslot), static_cast<void *>(psslot));
         return -1;
     }
     SharedCacheLock lock;
     const auto *device = cached<PDev__DeviceInfo>(device_key(devid));
     if (!device) {
-        DM_LOG(lib_error, "fail to get phy slot!\n");
+        DM_LOG(failure, "fail to get phy slot!\n");
         return -1;
     }
     if (!device->static_info) return -1;
     const bool box = device->static_info->is_box;
     *pslot = box ? main_board_slot : chassis_slot(*device->static_info, user_slot);
     if (*pslot < 0) {
-        DM_LOG(lib_error, "invalid physlot = %d!\n", *pslot);
+        DM_LOG(failure, "invalid physlot = %d!\n", *pslot);
         return -1;
     }
     return put_sub_slot(devid, *pslot, box ? user_slot : 0, psslot);
@@ -188,14 +187,14 @@ int32_t ndm_get_card_name_by_slot(int32_t devid, int32_t user_slot, int32_t, cha
 
 int32_t ndm_get_dev_name_by_id(int32_t devid, char *name, int32_t len) {
     if (!name || len < 32) {
-        DM_LOG(lib_warning, "invalid param(name: %p, len:%d)\r\n", static_cast<void *>(name), len);
+        DM_LOG(notice, "invalid param(name: %p, len:%d)\r\n", static_cast<void *>(name), len);
         return -1;
     }
     SharedCacheLock lock;
     const auto *device = cached<PDev__DeviceInfo>(device_key(devid));
     if (!device) return -1;
     fill_text(name, len, device->devname);
-    DM_LOG(lib_debug, "succ to get dev name:%s, dev_id:%d\r\n", name, devid);
+    DM_LOG(trace, "succ to get dev name:%s, dev_id:%d\r\n", name, devid);
     return 0;
 }
 
@@ -239,7 +238,7 @@ uint32_t ndm_get_master_node(void) {
 
 int32_t ndm_get_slaver_node(uint32_t *node) {
     if (!node) {
-        DM_LOG(lib_error, "param error!\n");
+        DM_LOG(failure, "param error!\n");
         return -1;
     }
     int32_t devid;
@@ -267,7 +266,7 @@ int32_t ndm_dev_is_box_switch(int32_t devid) {
     SharedCacheLock lock;
     const auto *device = cached<PDev__DeviceInfo>(device_key(devid));
     if (!device) {
-        DM_LOG(lib_error, "get device info fail.\r\n");
+        DM_LOG(failure, "get device info fail.\r\n");
         return 0;
     }
     const PDev__DeviceStaticInfo *type = device->static_info;
@@ -277,7 +276,7 @@ int32_t ndm_dev_is_box_switch(int32_t devid) {
 
 int32_t ndm_local_is_online(int32_t slot, int32_t sslot) {
     if (!valid_slot(slot)) {
-        DM_LOG(lib_warning, "param error slot = %d!\n", slot);
+        DM_LOG(notice, "param error slot = %d!\n", slot);
         return 0;
     }
     return yes(cached_field(&PDev__LocalCardInfo::ldp_online, local_card_key(slot, sslot)));

@@ -4,7 +4,7 @@
 #include "query/shapes.h"
 #include "tq_dm_cache/ndm.h"
 
-static constexpr char log_tag[] = "ndm_dp";
+static constexpr dm::LogTag log_tag{"ndm_dp", dm::Threshold::library};
 
 namespace dm {
 namespace {
@@ -13,20 +13,19 @@ namespace {
 template <class T, class Field, class Key>
 int32_t logged_yes(Field T::*field, const Key &key, Caller caller = Caller{}) {
     const auto value = cached_field(field, key);
-    if (!value) DM_LOG_AS(caller, lib_warning, "get cache fail.\r\n");
+    if (!value) DM_LOG_AS(caller, notice, "get cache fail.\r\n");
     return yes(value);
 }
 
 // One field through an out-value; a null pointer and a missing object are logged for the caller.
 template <class T, class Key = NoKey>
-int32_t logged_field(int32_t T::*field, int32_t *out, LibLevel null_level, const Key &key = {},
-                     Caller caller = Caller{}) {
+int32_t logged_field(int32_t T::*field, int32_t *out, Level null_level, const Key &key = {}, Caller caller = Caller{}) {
     if (!out) {
         DM_LOG_AS(caller, null_level, "invalid param.\r\n");
         return -1;
     }
     if (put_cached_field(field, out, key) == 0) return 0;
-    DM_LOG_AS(caller, lib_warning, "get cache fail.\r\n");
+    DM_LOG_AS(caller, notice, "get cache fail.\r\n");
     return -1;
 }
 
@@ -49,7 +48,7 @@ int32_t online_cards() DM_REQUIRES_SHARED {
 using namespace dm;
 
 int32_t ndm_get_userslot_from_node(uint32_t node, int32_t *user_slot) {
-    return logged_field(&PDev__CardInfo::user_slot, user_slot, lib_error, card_key(card_of(node)));
+    return logged_field(&PDev__CardInfo::user_slot, user_slot, failure, card_key(card_of(node)));
 }
 
 int32_t ndm_get_userslot_from_boardname(const char *name) {
@@ -65,18 +64,18 @@ int32_t ndm_indep_get_userslot_from_boardname(const char *name) {
 
 int32_t ndm_get_my_user_slot(void) {
     const auto slot = cached_field(&PDev__DpLibMyChssInfo::user_slotid);
-    if (!slot) DM_LOG(lib_warning, "get cache fail.\r\n");
+    if (!slot) DM_LOG(notice, "get cache fail.\r\n");
     return slot.value_or(-1);
 }
 
 int32_t ndm_get_my_phy_slot(int32_t *slot) {
-    return logged_field(&PDev__DpLibMyInfo::slotid, slot, lib_warning);
+    return logged_field(&PDev__DpLibMyInfo::slotid, slot, notice);
 }
 
 int32_t ndm_get_port_host_userslot_from_userslot(int32_t user_slot) {
     int32_t card_type;
     if (ndm_get_my_card_type(&card_type) != 0) {
-        DM_LOG(lib_error, "get card type fail.\r\n");
+        DM_LOG(failure, "get card type fail.\r\n");
         return -1;
     }
     return card_type == 1 ? 0 : user_slot;
@@ -84,7 +83,7 @@ int32_t ndm_get_port_host_userslot_from_userslot(int32_t user_slot) {
 
 int32_t ndm_get_my_role(void) {
     const auto role = cached_field(&PDev__DpLibGrole::my_grole);
-    if (!role) DM_LOG(lib_warning, "get cache fail.\r\n");
+    if (!role) DM_LOG(notice, "get cache fail.\r\n");
     return role.value_or(P_DEV__DM_ROLE_E__DM_ROLE_NONE);
 }
 
@@ -107,7 +106,7 @@ int32_t ndm_is_mboard(uint32_t node) {
 
 int32_t ndm_get_online_node_bmp_gms(uint32_t **nodes, int32_t *count) {
     if (!nodes || !count) {
-        DM_LOG(lib_error, "invalid param.\r\n");
+        DM_LOG(failure, "invalid param.\r\n");
         return -1;
     }
     SharedCacheLock lock;
@@ -115,7 +114,7 @@ int32_t ndm_get_online_node_bmp_gms(uint32_t **nodes, int32_t *count) {
     // Not every malloc answers 0 bytes with a pointer, and no card online is no failure.
     auto *made = static_cast<uint32_t *>(malloc(static_cast<size_t>(std::max(n, 1)) * sizeof(uint32_t)));
     if (!made) {
-        DM_LOG(lib_error, "malloc fail.\r\n");
+        DM_LOG(failure, "malloc fail.\r\n");
         return -1;
     }
     *nodes = made;
@@ -158,7 +157,7 @@ int32_t ndm_get_card_type_by_lslotid(int32_t slot) {
     SharedCacheLock lock;
     const auto *card = cached<PDev__LocalCardInfo>(local_card_key(slot, 0));
     if (!card) {
-        DM_LOG(lib_warning, "get cache fail. slot[%d].\r\n", slot);
+        DM_LOG(notice, "get cache fail. slot[%d].\r\n", slot);
         return -1;
     }
     return card->ldp_online ? card->card_type : -1;
@@ -168,7 +167,7 @@ int32_t ndm_card_sup_subslot(int32_t devid, int32_t slot) {
     SharedCacheLock lock;
     const auto *card = cached<PDev__CardInfo>(card_key(devid, slot, 0));
     if (!card) {
-        DM_LOG(lib_warning, "get cache fail. devid[%d] slot[%d].\r\n", devid, slot);
+        DM_LOG(notice, "get cache fail. devid[%d] slot[%d].\r\n", devid, slot);
         return 0;
     }
     return card->static_info && card->static_info->sub_slot_num >= 1 ? 1 : 0;
@@ -176,13 +175,13 @@ int32_t ndm_card_sup_subslot(int32_t devid, int32_t slot) {
 
 int32_t ndm_get_dev_name_by_type(int32_t device_type, char *buf, int32_t len) {
     if (!buf) {
-        DM_LOG(lib_error, "invalid param.\r\n");
+        DM_LOG(failure, "invalid param.\r\n");
         return -1;
     }
     if (len < 1) return -1;
     const bool found = read_cached<PDev__DeviceStaticInfo>(
         device_type_key(device_type), [=](const PDev__DeviceStaticInfo &type) { put_text(buf, len, type.name); });
     if (found) return 0;
-    DM_LOG(lib_warning, "get cache fail.\r\n");
+    DM_LOG(notice, "get cache fail.\r\n");
     return -1;
 }

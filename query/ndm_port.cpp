@@ -2,12 +2,13 @@
 // is held around reads of the cache, never around a read of the store.
 #include "query/ndm_port.h"
 
+#include "base/store_message.h"
 #include "cache/status.h"
 #include "tq_dm_cache/dm_port_index.h"
 #include "tq_dm_cache/ndm/card_ports.h"
 #include "tq_dm_cache/ndm/port_lookup.h"
 
-static constexpr char log_tag[] = "ndm_port";
+static constexpr dm::LogTag log_tag{"ndm_port"};
 
 namespace dm {
 namespace {
@@ -143,29 +144,8 @@ int32_t _ndm_get_vsdid_by_objid(uint32_t objid, int32_t *vsdid, uint8_t rt) {
 
 }  // namespace
 
-namespace {
-
-// The object that a scan's message carries; null, logged for the caller, when there is none that can be used.
-const ProtobufCMessage *carried_object(const store_msg &msg, Caller caller) {
-    if (msg.cmd == TQ_MOM_CMD_SET) {
-        if (!msg.value) DM_LOG_AS(caller, failure, "msg value is NULL\r\n");
-        return static_cast<const ProtobufCMessage *>(msg.value);
-    }
-    const auto *record = static_cast<const result_rec *>(msg.value);
-    if (!record) {
-        DM_LOG_AS(caller, failure, "invalid value[%p].\n", msg.value);
-        return nullptr;
-    }
-    if (record->error == 0 && record->obj) return record->obj;
-    DM_LOG_AS(caller, failure, "invalid value[%p, %d, %p].\n", msg.value, record->error,
-              static_cast<void *>(record->obj));
-    return nullptr;
-}
-
-}  // namespace
-
 const ProtobufCMessage *scanned_object(const store_msg &msg, int32_t row, Caller caller) {
-    const ProtobufCMessage *obj = carried_object(msg, caller);
+    const ProtobufCMessage *obj = carried_object(msg, msg.cmd != TQ_MOM_CMD_SET, log_tag, caller);
     if (obj && is_kind(obj, kind_of_row(row)->descriptor)) return obj;
     if (msg.value || msg.flag != 1) status_refused(row);
     return nullptr;

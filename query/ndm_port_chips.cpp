@@ -7,7 +7,7 @@
 #include "tq_dm_cache/ndm/port_lookup.h"
 #include "tq_dm_cache/ndm/statics.h"
 
-static constexpr char log_tag[] = "ndm_port";
+static constexpr dm::LogTag log_tag{"ndm_port"};
 
 namespace dm {
 namespace {
@@ -179,9 +179,7 @@ int32_t _ndm_get_my_card_type_rt(int32_t *card_type, uint8_t rt) {
     if (!read) return -1;
     *card_type = (*read).card_type;
     read.cache();
-    if (read.release() == 0) return 0;
-    DM_LOG(lib_error, "free res fail.\r\n");
-    return -1;
+    return read.give_back();
 }
 
 int32_t _ndm_get_my_card_obj_rt(void *card, uint8_t rt) {

@@ -5,7 +5,7 @@
 #include "tq_dm_cache/ndm/records.h"
 #include "tq_dm_cache/ndm/roles.h"
 
-static constexpr char log_tag[] = "ndm_port";
+static constexpr dm::LogTag log_tag{"ndm_port"};
 
 namespace dm {
 namespace {

@@ -4,7 +4,7 @@
 #include "tq_dm_cache/ndm/requests.h"
 #include "tq_dm_cache/ndm/virtual_switch.h"
 
-static constexpr char log_tag[] = "ndm_vsu";
+static constexpr dm::LogTag log_tag{"ndm_vsu", dm::Threshold::library};
 
 namespace dm {
 namespace {
@@ -60,7 +60,7 @@ int32_t ndm_lib_subcribe(ndm_lib_sub_info *req) {
 int32_t ndm_lib_subcribe_com(tq_mom_handle *handle, store_msg *msg, void *request) {
     auto *req = static_cast<ndm_lib_sub_info *>(request);
     if (!req || !msg) {
-        DM_LOG(lib_error, "invalid param.\n");
+        DM_LOG(failure, "invalid param.\n");
         return -1;
     }
     if (msg->cmd == TQ_MOM_CMD_SUBSCRIBED) {

@@ -3,7 +3,7 @@
 
 #include "cache/status.h"
 
-static constexpr char log_tag[] = "ndm_port";
+static constexpr dm::LogTag log_tag{"ndm_port", dm::Threshold::library};
 
 namespace dm {
 namespace {
@@ -42,12 +42,18 @@ StoreReply::StoreReply(int32_t row, uint32_t db, const ProtobufCMessage *key, Re
     }
     if (error == 0 && obj_ && is_kind(obj_, kind_of_row(row)->descriptor)) return;
     if (obj_) status_refused(row);
-    DM_LOG_AS(caller, lib_error, "unexpected, error:%d!\r\n", error);
-    if (release() != 0) DM_LOG_AS(caller, lib_error, "free res fail.\r\n");
+    DM_LOG_AS(caller, failure, "unexpected, error:%d!\r\n", error);
+    give_back(caller);
 }
 
 StoreReply::~StoreReply() {
     release();
+}
+
+int32_t StoreReply::give_back(Caller caller) {
+    if (release() == 0) return 0;
+    DM_LOG_AS(caller, failure, "free res fail.\r\n");
+    return -1;
 }
 
 int32_t StoreReply::release() {

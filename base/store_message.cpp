@@ -1,0 +1,22 @@
+// The value of a store message, checked. No lock.
+#include "base/store_message.h"
+
+namespace dm {
+
+ProtobufCMessage *carried_object(const store_msg &msg, bool in_record, const LogTag &log_tag, Caller caller) {
+    if (!in_record) {
+        if (!msg.value) DM_LOG_AS(caller, failure, "msg value is NULL\r\n");
+        return static_cast<ProtobufCMessage *>(msg.value);
+    }
+    const auto *record = static_cast<const result_rec *>(msg.value);
+    if (!record) {
+        DM_LOG_AS(caller, failure, "invalid value[%p].\n", msg.value);
+        return nullptr;
+    }
+    if (record->error == 0 && record->obj) return record->obj;
+    DM_LOG_AS(caller, failure, "invalid value[%p, %d, %p].\n", msg.value, record->error,
+              static_cast<void *>(record->obj));
+    return nullptr;
+}
+
+}  // namespace dm

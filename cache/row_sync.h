@@ -1,0 +1,34 @@
+// How far the synchronisation of each row has come. cache/sync.cpp writes it, on the store client's callback thread and on
+// a timer's; cache/status.cpp reads it for whoever asks. So the words are atomic, and each is right by itself. No lock.
+#pragma once
+
+#include "base/rows.h"
+#include "tq_dm_cache/tq_platform.h"
+
+namespace dm {
+
+struct RowSync {
+    uint8_t followed;   // the store has taken the subscription that brings pushes
+    uint8_t confirmed;  // and said so
+    uint8_t scanned;    // since it was last due
+    uint8_t held;       // the store refuses its subscription or scan for now
+
+    // Scans are numbered as they are asked for, and end in that order. What one up to `stale` brings is older than what the
+    // row gathers now: its end does not count.
+    uint32_t asked, ended, stale;
+    uint32_t asked_ms;      // when the last one was asked for
+    uint32_t last_scan_ms;  // how long the last one took that has ended
+
+    tq_thread_timer rescan;  // the timer's own
+};
+
+extern RowSync row_sync[DM_ROW_COUNT];
+
+template <class Word> Word load(const Word &word) {
+    return __atomic_load_n(&word, __ATOMIC_ACQUIRE);
+}
+template <class Word> void store(Word &word, Word value) {
+    __atomic_store_n(&word, value, __ATOMIC_RELEASE);
+}
+
+}  // namespace dm
