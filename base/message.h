@@ -1,4 +1,4 @@
-// Messages: who owns a copy, where a message keeps its key. Needs no lock of its own: whoever hands a cached message in
+// Messages: who owns a copy, where a message keeps its key. Takes no lock: who hands a cached message in
 // holds the cache lock.
 #pragma once
 

@@ -1,5 +1,6 @@
 // The hash tables of the rows. A slot carries the key itself in one word, where it fits, so that a look-up reads one place
-// in the table and then the element that it answers with. Under the cache lock.
+// in the table and then the element that it answers with. The caller holds the cache
+// lock.
 #include "base/row_table.h"
 
 #include <iterator>

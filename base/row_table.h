@@ -3,7 +3,7 @@
 // insertion. A row with few elements, one whose links a client has changed by hand, or one that gets no memory has no table,
 // and walks.
 //
-// Under the cache lock. Look-ups change nothing, so that they may share it; the table is made where elements are appended.
+// The caller holds the cache lock, for a look-up its shared side; the table is made where elements are appended.
 #pragma once
 
 #include "base/list.h"

@@ -1,5 +1,5 @@
 // The object type table: which kind each row holds, as one table of constants, and the exported rows made from it.
-// Nothing here takes a lock: rows are set up at start-up; what changes their lists holds the cache lock.
+// Takes no lock: rows are set up at start-up; whoever changes their lists holds the cache lock.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-// The value of a store message, checked. No lock.
+// The value of a store message, checked. Takes no lock.
 #include "base/store_message.h"
 
 namespace dm {

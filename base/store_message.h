@@ -1,4 +1,4 @@
-// What a message of the store carries: the one place that looks into a store_msg's value. No lock.
+// What a message of the store carries: the one place that looks into a store_msg's value. Takes no lock.
 #pragma once
 
 #include "base/log.h"

@@ -1,4 +1,4 @@
-// Caching of what a query has read from the store.
+// Caching of what a query has read from the store. Takes the cache lock.
 #pragma once
 
 #include "tq_dm_cache/dm_cache.h"

@@ -1,4 +1,5 @@
 // Sets and deletes of the store, applied. What is refused is logged, counted and dropped: the machine goes on.
+// Takes the cache lock for each change; callbacks run without it.
 #include "cache/apply.h"
 
 #include "base/log.h"

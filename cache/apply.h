@@ -1,5 +1,5 @@
 // Changes of the store applied to the cache, followed by the row's callbacks: one at a time when live, item by item when
-// a queue is applied. On the store client's thread; the cache lock is taken for the change and released before callbacks.
+// a queue is applied. On the store client's thread. Takes the cache lock for the change; callbacks run without it.
 #pragma once
 
 #include "base/message.h"

@@ -1,4 +1,4 @@
-// Registration of kinds and their change callbacks. No lock: clients register before start-up.
+// Registration of kinds and their change callbacks. Takes no lock: clients register before start-up.
 #include "cache/callbacks.h"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
-// Change callbacks, as the synchronisation runs them: on the store client's thread, without the cache lock.
+// Change callbacks, as the synchronisation runs them: on the store client's thread, and the
+// caller does not hold the cache lock.
 #pragma once
 
 #include "tq_dm_cache/dm_cache.h"

@@ -1,4 +1,4 @@
-// The configuration file and the capability file, read once at start-up. No lock.
+// The configuration file and the capability file, read once at start-up. Takes no lock.
 #include "cache/config.h"
 
 #include <cstdio>

@@ -1,5 +1,5 @@
 // The pending queue. What it gathers is stored messages, which the cache keeps as they are when the queue is applied. An
-// object that the cache holds already is not copied at all.
+// object that the cache holds already is not copied at all. Takes the cache lock to look for it; the queue itself has none.
 #include "cache/pending.h"
 
 #include <utility>

@@ -1,5 +1,5 @@
 // The pending queue: what scans and pushes bring while objects are being gathered, in order of arrival, until the whole
-// picture is applied. Only the store client's callback thread touches it; no lock.
+// picture is applied. Only the store client's callback thread touches it; takes no lock.
 #pragma once
 
 #include "base/list.h"

@@ -1,5 +1,5 @@
 // How far the synchronisation of each row has come. cache/sync.cpp writes it, on the store client's callback thread and on
-// a timer's; cache/status.cpp reads it for whoever asks. So the words are atomic, and each is right by itself. No lock.
+// a timer's; cache/status.cpp reads it for whoever asks. So the words are atomic, and each is right by itself. Takes no lock.
 #pragma once
 
 #include "base/rows.h"

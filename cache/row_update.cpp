@@ -1,5 +1,5 @@
 // Store, replace, remove and sweep. The live path, the application of a scan, dm_cache_set_obj and the reads that cache
-// what they find all come through here. Under the cache lock.
+// what they find all come through here. The caller holds the cache lock.
 #include "cache/row_update.h"
 
 #include "base/row_table.h"

@@ -1,5 +1,5 @@
 // The one place where a row changes: list, trees and key records together, and the ports that depend on a static port
-// with it. Under the cache lock.
+// with it. The caller holds the cache lock.
 #pragma once
 
 #include "base/list.h"

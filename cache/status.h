@@ -1,5 +1,5 @@
-// What the synchronisation tells the counters of dm_cache_status.h. Under a lock of its own, never waits: may be called
-// under the cache lock.
+// What the synchronisation tells the counters of dm_cache_status.h. Takes a lock of its own, never waits: the caller may
+// hold the cache lock.
 #pragma once
 
 #include <cstdint>

@@ -24,7 +24,7 @@
 // application may then come before the rescan has ended, and what the rescan still brings is applied live.
 //
 // Everything here runs on the store client's callback thread, rescans on the timer's, which owns nothing but its timer
-// record and the numbers of its row's scans. The state and the queue take no lock; lists are changed under the cache lock.
+// record and the numbers of its row's scans. The state and the queue have no lock; takes the cache lock to change a list.
 #include "cache/sync.h"
 
 #include "base/clock.h"

@@ -1,5 +1,5 @@
 // Key records: one builder for each index, and the list of static ports that the builders of global and VSD ports need.
-// Under the cache lock; the search of static ports is exported and its caller holds the lock.
+// The caller holds the cache lock.
 #include "port_index/keys.h"
 
 #include "base/list.h"
@@ -56,7 +56,10 @@ int32_t ndm_local_port_gen_key(dm_cache_list_node *node) {
         DM_LOG(failure, "param invalid.\n");
         return -1;
     }
-    return set_keys(node, {unit_cport_key(obj->index->unit, obj->index->cport), obj->static_info->lport}, nullptr);
+    Keys keys{};
+    keys[by_unit_cport] = unit_cport_key(obj->index->unit, obj->index->cport);
+    keys[by_lport] = obj->static_info->lport;
+    return set_keys(node, keys, nullptr);
 }
 
 int32_t ndm_global_port_gen_key(dm_cache_list_node *node) DM_REQUIRES_LOCK {
@@ -67,11 +70,12 @@ int32_t ndm_global_port_gen_key(dm_cache_list_node *node) DM_REQUIRES_LOCK {
 
     const PDev__VsdPortIndex &idx = *obj->index;
     const PDev__DmPortAttrT &attr = *static_port->static_info;
-    return set_keys(node,
-                    {ifx_key(idx.t_vsdid, obj->ifx), dm_phyid_key(obj->dev, obj->physlot, attr.unit, attr.port),
-                     ss_phyid_key(obj->dev, obj->physlot, attr.lport),
-                     lsm_key(idx.t_sslot, idx.t_type, obj->dev, obj->slot, idx.t_port)},
-                    &static_port->base);
+    Keys keys{};
+    keys[by_ifx] = ifx_key(idx.t_vsdid, obj->ifx);
+    keys[by_dm_phyid] = dm_phyid_key(obj->dev, obj->physlot, attr.unit, attr.port);
+    keys[by_ss_phyid] = ss_phyid_key(obj->dev, obj->physlot, attr.lport);
+    keys[by_lsm] = lsm_key(idx.t_sslot, idx.t_type, obj->dev, obj->slot, idx.t_port);
+    return set_keys(node, keys, &static_port->base);
 }
 
 int32_t ndm_vsd_port_gen_key(dm_cache_list_node *node) DM_REQUIRES_LOCK {
@@ -81,11 +85,12 @@ int32_t ndm_vsd_port_gen_key(dm_cache_list_node *node) DM_REQUIRES_LOCK {
     if (!static_port) return -1;
 
     const PDev__DmPortAttrT &attr = *static_port->static_info;
-    return set_keys(node,
-                    {obj->ifx, dm_phyid_key(obj->dev, obj->physlot, attr.unit, attr.port),
-                     ss_phyid_key(obj->dev, obj->physlot, attr.lport),
-                     lsm_key(obj->index->t_sslot, number(attr.type), obj->dev, obj->slot, attr.user_port)},
-                    &static_port->base);
+    Keys keys{};
+    keys[by_ifx] = obj->ifx;
+    keys[by_dm_phyid] = dm_phyid_key(obj->dev, obj->physlot, attr.unit, attr.port);
+    keys[by_ss_phyid] = ss_phyid_key(obj->dev, obj->physlot, attr.lport);
+    keys[by_lsm] = lsm_key(obj->index->t_sslot, number(attr.type), obj->dev, obj->slot, attr.user_port);
+    return set_keys(node, keys, &static_port->base);
 }
 
 int32_t ndm_card_static_gen_key(dm_cache_list_node *node) {
@@ -103,15 +108,15 @@ int32_t ndm_chip_static_gen_key(dm_cache_list_node *node) {
 IndexPlan plan_of(Index index) {
     switch (index) {
         case Index::local_port:
-            return {2, ndm_local_port_gen_key};
+            return {local_trees, ndm_local_port_gen_key};
         case Index::global_port:
-            return {4, ndm_global_port_gen_key};
+            return {port_trees, ndm_global_port_gen_key};
         case Index::vsd_port:
-            return {4, ndm_vsd_port_gen_key};
+            return {port_trees, ndm_vsd_port_gen_key};
         case Index::card_type:
-            return {1, ndm_card_static_gen_key};
+            return {type_trees, ndm_card_static_gen_key};
         case Index::chip_type:
-            return {1, ndm_chip_static_gen_key};
+            return {type_trees, ndm_chip_static_gen_key};
         default:
             return {0, nullptr};
     }

@@ -1,5 +1,5 @@
 // The keys of the secondary indexes: how each is composed, and the builders that make an element's key record. Lookups
-// compose theirs with the same functions. Under the cache lock.
+// compose theirs with the same functions. The caller holds the cache lock.
 #pragma once
 
 #include <cstdint>
@@ -39,6 +39,11 @@ constexpr int64_t lsm_key(int64_t sslot, int64_t type, int64_t dev, int64_t slot
     const int64_t packed = widened(bits(type, 24) | bits(dev, 16) | bits(slot, 8) | bits(port, 0));
     return static_cast<int64_t>(static_cast<uint64_t>(sslot) << 32) | packed;
 }
+
+// The trees of a port's index, of a local port's, and of a type's.
+enum PortTree : int32_t { by_ifx, by_dm_phyid, by_ss_phyid, by_lsm, port_trees };
+enum LocalTree : int32_t { by_unit_cport, by_lport, local_trees };
+enum TypeTree : int32_t { by_type, type_trees };
 
 // The trees of an index and the builder of its key records.
 struct IndexPlan {

@@ -1,4 +1,4 @@
-// Ports and static attributes by their index keys: one tree search and a copy. Logs nothing. Each takes the cache lock from
+// Ports and static attributes by their index keys: one tree search and a copy. Logs nothing. Takes the cache lock, from
 // the search until the copy is made.
 #include "port_index/lookups.h"
 

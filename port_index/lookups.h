@@ -1,14 +1,10 @@
-// Borrowed look-ups over the trees, for queries that read an object where it lies. Under the cache lock.
+// Borrowed look-ups over the trees, for queries that read an object where it lies.
+// The caller holds the cache lock.
 #pragma once
 
 #include "port_index/keys.h"
 
 namespace dm {
-
-// The trees of a row, in the order of their keys.
-enum PortTree : int32_t { by_ifx = 0, by_dm_phyid = 1, by_ss_phyid = 2, by_lsm = 3 };
-enum LocalTree : int32_t { by_unit_cport = 0, by_lport = 1 };
-enum TypeTree : int32_t { by_type = 0 };
 
 // The element with a key in one tree of a row; null when there is none.
 dm_cache_list_node *find_indexed(int32_t row, int32_t tree, int64_t key) DM_REQUIRES_SHARED;

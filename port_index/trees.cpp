@@ -1,4 +1,5 @@
-// The set-up of the seven rows of ports and static attributes, and their trees. Under the cache lock, but for set-up.
+// The set-up of the seven rows of ports and static attributes, and their trees. The caller
+// holds the cache lock, but for set-up.
 #include "port_index/trees.h"
 
 #include "base/list.h"

@@ -1,4 +1,4 @@
-// The trees of a row, kept in step with its list element by element. Under the cache lock.
+// The trees of a row, kept in step with its list element by element. The caller holds the cache lock.
 #pragma once
 
 #include "port_index/keys.h"

@@ -1,4 +1,4 @@
-// Types of this card, of devices and of cards. Under the cache lock.
+// Answers ndm/statics.h: types of this card, of devices and of cards. Takes the cache lock.
 #include "query/shapes.h"
 #include "tq_dm_cache/ndm/statics.h"
 

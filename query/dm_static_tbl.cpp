@@ -1,4 +1,4 @@
-// How many chips a card type has. Under the cache lock.
+// Answers ndm/statics.h: how many chips a card type has. Takes the cache lock.
 #include "query/shapes.h"
 #include "tq_dm_cache/ndm/statics.h"
 

@@ -1,6 +1,9 @@
-// Physical slots of user slots, names of cards and devices, master and slave, local identity. Under the cache lock.
+// Answers ndm/roles.h, slots.h and statics.h: physical slots of user slots, names of cards and devices, master and slave,
+// local identity. Takes the cache lock.
 #include "query/shapes.h"
-#include "tq_dm_cache/ndm.h"
+#include "tq_dm_cache/ndm/roles.h"
+#include "tq_dm_cache/ndm/slots.h"
+#include "tq_dm_cache/ndm/statics.h"
 
 static constexpr dm::LogTag log_tag{"dp_lib", dm::Threshold::library};
 

@@ -1,5 +1,5 @@
 // The numbers that name cards and ports, built and taken apart, and the keys made of their components. Pure arithmetic: no
-// object is read, no lock.
+// object is read. Takes no lock.
 #pragma once
 
 #include <cstdint>

@@ -1,8 +1,13 @@
-// Identifiers and what they lead to, slot ranges of device types, the system's MAC address, the reset request. Reads the
-// cache under its lock; the reset request, which writes the store, holds none.
+// Answers ndm/identifiers.h, requests.h, roles.h, slots.h and statics.h: identifiers and what they lead to, slot ranges of
+// device types, the system's MAC address, the reset request. Takes the cache lock to read the cache, and not to write the
+// reset request to the store.
 #include "port_index/lookups.h"
 #include "query/shapes.h"
-#include "tq_dm_cache/ndm.h"
+#include "tq_dm_cache/ndm/identifiers.h"
+#include "tq_dm_cache/ndm/requests.h"
+#include "tq_dm_cache/ndm/roles.h"
+#include "tq_dm_cache/ndm/slots.h"
+#include "tq_dm_cache/ndm/statics.h"
 
 static constexpr dm::LogTag log_tag{"ndm_cache_mom_interface", dm::Threshold::library};
 

@@ -1,8 +1,11 @@
-// What is there and online, this card's slots and role, names by type. Under the cache lock.
+// Answers ndm/roles.h, slots.h and statics.h: what is there and online, this card's slots and role, names by type. Takes
+// the cache lock.
 #include <algorithm>
 
 #include "query/shapes.h"
-#include "tq_dm_cache/ndm.h"
+#include "tq_dm_cache/ndm/roles.h"
+#include "tq_dm_cache/ndm/slots.h"
+#include "tq_dm_cache/ndm/statics.h"
 
 static constexpr dm::LogTag log_tag{"ndm_dp", dm::Threshold::library};
 

@@ -1,5 +1,5 @@
-// Card types of slots, port identifiers, the ports of a card and which sub-card owns them, the VSD of a port. The cache lock
-// is held around reads of the cache, never around a read of the store.
+// Answers ndm/card_ports.h: card types of slots, port identifiers, the ports of a card and which sub-card owns them, the
+// VSD of a port. Takes the cache lock for each read of the cache, and holds it for none of the store.
 #include "query/ndm_port.h"
 
 #include "base/store_message.h"

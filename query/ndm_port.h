@@ -1,5 +1,5 @@
 // What the files of the port module share: card descriptions and port attributes, from the cache or, when asked, from the
-// store. None takes the cache lock beyond its own reads of the cache; with rt 1 none may be called under it.
+// store. Takes the cache lock for each read of the cache; with rt 1 the caller does not hold it.
 #pragma once
 
 #include "port_index/lookups.h"

@@ -1,5 +1,6 @@
-// This card: its type, its description, its ports and chips; chip families and power over Ethernet. Public forms hold the
-// cache lock; underscore forms hold it around reads of the cache, never around a read of the store.
+// Answers ndm/chips.h: this card: its type, its description, its ports and chips; chip families and power over Ethernet.
+// Takes the cache lock: public forms for all they do, underscore forms for each read of the cache and for none of the
+// store.
 #include <algorithm>
 
 #include "query/ndm_port.h"

@@ -1,5 +1,5 @@
-// Single facts of device records. Public forms hold the cache lock, forms in _rt none beyond a read of the cache; no read
-// of the store is cached.
+// Answers ndm/records.h: single facts of device records. Takes the cache lock: forms in _rt for a read of the cache only.
+// No read of the store is cached.
 #include "query/store_read.h"
 #include "tq_dm_cache/ndm/port_lookup.h"
 #include "tq_dm_cache/ndm/records.h"

@@ -1,4 +1,4 @@
-// The layer-3 MAC address of a VSD. Under the cache lock.
+// Answers ndm/virtual_switch.h: the layer-3 MAC address of a VSD. Takes the cache lock.
 #include "query/shapes.h"
 #include "tq_dm_cache/ndm/virtual_switch.h"
 

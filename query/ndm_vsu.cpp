@@ -1,5 +1,5 @@
-// Virtual switching: is this a unit of several chassis, which cards link them; and subscriptions of a client's own. The
-// former under the cache lock, the latter without it.
+// Answers ndm/requests.h and virtual_switch.h: virtual switching: is this a unit of several chassis, which cards link them;
+// and subscriptions of a client's own. Takes the cache lock for the former.
 #include "query/shapes.h"
 #include "tq_dm_cache/ndm/requests.h"
 #include "tq_dm_cache/ndm/virtual_switch.h"

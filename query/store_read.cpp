@@ -1,4 +1,4 @@
-// The calls of the store behind the fallback reads. Never under the cache lock.
+// The calls of the store behind the fallback reads. The caller does not hold the cache lock.
 #include "query/store_read.h"
 
 #include "cache/status.h"

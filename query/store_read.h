@@ -1,5 +1,5 @@
-// Reads of the store for objects that the cache lacks. They wait for a round trip, so none may run under the cache lock:
-// the analysis refuses it within a function. Each logs its own failure in the name of the query, and releases its reply.
+// Reads of the store for objects that the cache lacks. They wait for a round trip, so the caller does not hold the
+// cache lock: the analysis refuses it within a function. Each logs its own failure in the name of the query, and releases its reply.
 #pragma once
 
 #include <utility>

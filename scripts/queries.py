@@ -113,7 +113,15 @@ def block_of(header):
     return title.rstrip("."), "\n".join(body).strip()
 
 
+def files_of_queries():
+    """{query: the file that answers it}"""
+    sources = [path for folder in ("query", "port_index") for path in sorted((ROOT / folder).glob("*.cpp"))]
+    return {name: path.relative_to(ROOT).as_posix() for path in sources
+            for name in re.findall(r"^[\w:]+ \**(_?ndm_\w+|dm_\w+)\(", path.read_text(), re.MULTILINE)}
+
+
 def document():
+    files = files_of_queries()
     groups = [(header, *block_of(header)) for header in sorted(HEADERS.glob("*.h"))]
     yield "# Queries\n\nEvery question that a client can ask, by the header that declares it; `ndm.h` includes them all. Made of the\n"
     yield "headers by `make docs`. `dmq call FUNCTION ARGS` asks any of them from a command line.\n\n"
@@ -129,6 +137,8 @@ def document():
             yield f"\n### {alike[0].question}\n\n```c\n{prototypes}```\n"
             if alike[0].rest:
                 yield "\n" + textwrap.fill(alike[0].rest, 120, break_on_hyphens=False) + "\n"
+            answered_in = dict.fromkeys(files[query.name] for query in alike)
+            yield "\nIn " + " and ".join(f"`{file}`" for file in answered_in) + ".\n"
 
 
 def main():
