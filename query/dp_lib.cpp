@@ -1,6 +1,7 @@
 // Answers ndm/roles.h, slots.h and statics.h: physical slots of user slots, names of cards and devices, master and slave,
 // local identity. Takes the cache lock.
 #include "query/shapes.h"
+#include "tq_dm_cache/ndm/identifiers.h"
 #include "tq_dm_cache/ndm/roles.h"
 #include "tq_dm_cache/ndm/slots.h"
 #include "tq_dm_cache/ndm/statics.h"

@@ -8,6 +8,7 @@
 #include "tq_dm_cache/ndm/roles.h"
 #include "tq_dm_cache/ndm/slots.h"
 #include "tq_dm_cache/ndm/statics.h"
+#include "tq_dm_cache/ndm/virtual_switch.h"
 
 static constexpr dm::LogTag log_tag{"ndm_cache_mom_interface", dm::Threshold::library};
 
