@@ -57,6 +57,7 @@ public:
     void drop(const std::string &reason);
     // What the server said of itself on this connection.
     const Identity &identity() const { return identity_; }
+    void adopt(const Identity &now) { last_identity_ = identity_ = now; }
 
 private:
     enum class State { waiting, connecting, up };

@@ -403,6 +403,7 @@ const char *RedisStore::take_echo() {
     if (!parse_identity(frame_.strings[0], now)) return "an echo that names no server";
     if (now.role != "master") return no_master;
     replaced_ = !same_content(feed_.identity(), now);
+    if (feed_.identity().content_id.empty()) feed_.adopt(now);
     const std::string_view there = frame_.strings[1];
     for (size_t i = 0; i < std::min(there.size(), places_.size()); i++) {
         if (held_.contains(places_[i]->first)) continue;

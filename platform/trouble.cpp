@@ -1,6 +1,7 @@
 // A lasting trouble on standard error. No lock.
 #include "platform/trouble.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "platform/text.h"
@@ -10,31 +11,39 @@ namespace tq {
 namespace {
 
 constexpr std::chrono::minutes pause(1);
-constexpr int most_reasons = 8;  // of a trouble that gives another one each time
+constexpr int most_lines = 4;  // of a trouble that comes and goes, or gives another reason each time; then one a minute
 
 }  // namespace
 
 void Trouble::say(const std::string &reason) {
     const auto now = Clock::now();
-    const bool is_new = reason_.empty(), is_due = now - said_ >= pause;
-    if (is_new) begin_ = now;
-    if (is_new || is_due) reasons_ = 0;
-    if (!is_due && (reason == reason_ || reasons_ == most_reasons)) return;
+    const bool begins = reason_.empty(), is_due = now - said_ >= pause;
+    if (begins) {
+        begin_ = now;
+        is_told_ = false;
+    }
+    if (is_due) lines_ = now - heard_ >= pause ? 0 : std::min(lines_, most_lines - 1);
+    heard_ = now;
+    const bool is_other = begins || reason != reason_;
     reason_ = reason;
-    reasons_++;
+    if (lines_ >= most_lines || (!is_due && !is_other)) return;
+    lines_++;
     said_ = now;
     const std::string shown = printable(reason);
-    if (is_new || !is_due) {
+    if (begins || !is_due) {
         std::fprintf(stderr, "tq_platform: store %s: %s\n", store_.c_str(), shown.c_str());
     } else {
         std::fprintf(stderr, "tq_platform: store %s: for %.0f s now: %s\n", store_.c_str(), seconds(), shown.c_str());
     }
+    is_told_ = true;
 }
 
 void Trouble::end() {
     if (reason_.empty()) return;
-    std::fprintf(stderr, "tq_platform: store %s: over after %.1f s: %s\n", store_.c_str(), seconds(),
-                 printable(reason_).c_str());
+    if (is_told_) {
+        std::fprintf(stderr, "tq_platform: store %s: over after %.1f s: %s\n", store_.c_str(), seconds(),
+                     printable(reason_).c_str());
+    }
     reason_.clear();
 }
 

@@ -1,5 +1,5 @@
-// A lasting trouble on standard error: one line when it begins, one a minute while it lasts, one when it ends. No lock: its
-// owner's.
+// A lasting trouble on standard error: one line when it begins, one a minute while it lasts, one when it ends; one that
+// comes and goes is not told each time. No lock: its owner's.
 #ifndef TQ_PLATFORM_TROUBLE_H
 #define TQ_PLATFORM_TROUBLE_H
 
@@ -19,10 +19,11 @@ private:
     using Clock = std::chrono::steady_clock;
     double seconds() const { return std::chrono::duration<double>(Clock::now() - begin_).count(); }
 
-    std::string store_;  // as it is shown
-    std::string reason_;
-    Clock::time_point begin_, said_;
-    int reasons_ = 0;  // told since the last minute's line
+    std::string store_;   // as it is shown
+    std::string reason_;  // empty: there is none
+    Clock::time_point begin_, heard_, said_;
+    int lines_ = 0;  // since the last minute without any
+    bool is_told_ = false;
 };
 
 }  // namespace tq

@@ -49,6 +49,9 @@ protected:
 // A client that takes other content for the old one keeps what is gone, for good.
 TEST_F(ServerInTrouble, OtherContentIsToldWithReason2) {
     const RedisServer other;
+    server.command({"ACL", "SETUSER", "reads", "on", "nopass", "+@all", "-hset", "-hdel", "~dm:*", "&dm:*"});
+    RecordingClient reads("redis+unix://reads:any@" + server.socket() + "?probe=300");  // and came before any content
+    follow(reads);
     RecordingClient writer(server.url());
     const struct {
         const char *what;
@@ -58,6 +61,7 @@ TEST_F(ServerInTrouble, OtherContentIsToldWithReason2) {
         {"emptied", {{"FLUSHALL"}}, false},
         {"swapped", {{"SWAPDB", "0", "1"}}, false},
         {"one kind is removed", {{"DEL", hash}}, false},
+        {"replaced by other content", {{"HSET", "dm:store", "id", "another"}}, false},
         {"demoted and promoted again", {{"REPLICAOF", "127.0.0.1", "1"}, {"REPLICAOF", "NO", "ONE"}}, false},
         {"emptied while the client is away", {{"FLUSHALL"}}, true},
     };
@@ -71,11 +75,14 @@ TEST_F(ServerInTrouble, OtherContentIsToldWithReason2) {
         pass(milliseconds(130));  // an echo sees that it is there
         if (row.while_cut_off) proxy.cut();
         for (const auto &command : row.commands)
-            EXPECT_EQ(server.command(command).substr(0, 3),
-                      row.commands.size() == 1 && command[0] == "DEL" ? "1" : "OK");
+            EXPECT_EQ(server.command(command).substr(0, 3), command[0] == "DEL"    ? "1"
+                                                            : command[0] == "HSET" ? "0"
+                                                                                   : "OK");
         if (row.while_cut_off) proxy.let_in();
         EXPECT_TRUE(reader.wait("reconnect 3 2"));
+        EXPECT_TRUE(reads.wait("reconnect 3 2"));
         reader.told();
+        reads.told();
     }
 
     // Nor is the first replica of a server another content.
@@ -85,6 +92,20 @@ TEST_F(ServerInTrouble, OtherContentIsToldWithReason2) {
     while (other.command({"EXISTS", "dm:store"}) != "1") ASSERT_LT(Clock::now(), limit);
     pass(milliseconds(200));
     EXPECT_EQ(reader.told(), "");
+}
+
+// Whoever is refused every other call is not told each time.
+TEST_F(ServerInTrouble, WhatComesAndGoesIsNotAFlood) {
+    RecordingClient writer(server.url());
+    for (int i = 0; i < 50; i++) {
+        server.command({"CONFIG", "SET", "maxmemory", "1"});
+        EXPECT_EQ(set(writer, 1, i), TQ_MOM_E_REFUSED);
+        server.command({"CONFIG", "SET", "maxmemory", "0"});
+        EXPECT_EQ(set(writer, 1, i), 0);
+    }
+    const std::string lines = said();
+    EXPECT_NE(lines.find(": over after "), std::string::npos);
+    EXPECT_LT(std::count(lines.begin(), lines.end(), '\n'), 10) << lines;
 }
 
 // A full disk is no reason to be blind: whoever reads goes on, and whoever writes is told.
@@ -254,8 +275,6 @@ TEST_F(ServerInTrouble, NonsenseIsNotBelieved) {
             return false;
         };
     };
-    RecordingClient reader(url(200));
-    follow(reader);
     const struct {
         Proxy::Roads road;
         Proxy::Bend bend;
@@ -275,16 +294,19 @@ TEST_F(ServerInTrouble, NonsenseIsNotBelieved) {
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.words + " " + std::to_string(&row - rows));
+        RecordingClient reader(url(200));
+        follow(reader);
         proxy.bend(row.road, row.bend);
         if (row.road == Proxy::Roads::commands) {
             EXPECT_EQ(reader.get(1), "nothing error -4");
         }
         EXPECT_TRUE(reader.wait("reconnect 3 1"));
-        reader.told();
         const std::string lines = said();
         EXPECT_NE(lines.find(row.words), std::string::npos) << lines;
-        pass(milliseconds(90));
     }
+
+    RecordingClient reader(url(200));
+    follow(reader);
 
     // Opened, called and closed with a byte now and then.
     proxy.bend(Proxy::Roads::commands, instead("$100000000\r\n", milliseconds(20)));
