@@ -1,7 +1,7 @@
 // What writes the store: load, set, delete. Files are verified whole first. A set or delete of what is there compares: it
 // writes nothing over a change that it has not read.
+#include <unistd.h>
 #include <algorithm>
-#include <filesystem>
 #include <tuple>
 
 #include "dmq/command.h"
@@ -18,7 +18,7 @@ void warn_of_short_life(Context &context, const Session &session) {
 }
 
 bool names_a_file(const std::vector<std::string> &words) {
-    return words.size() == 1 && (words[0] == "-" || words[0].ends_with(".json") || std::filesystem::exists(words[0]));
+    return words.size() == 1 && (words[0] == "-" || words[0].ends_with(".json") || access(words[0].c_str(), F_OK) == 0);
 }
 
 // How far apart two keys are: how many fields differ, then by how much.
@@ -143,6 +143,7 @@ Exit run_set(Context &context, const Command &command) {
     }
     const Kind kind = find_kind(command.words[0]);
     const auto assignments = read_words(*kind.type, {command.words.begin() + 1, command.words.end()});
+    refuse_twice(assignments);
     need_whole_key(*kind.type, assignments);
     Session &session = context.open(command.settings);
     std::vector<Entry> one;

@@ -239,6 +239,16 @@ const ProtobufCFieldDescriptor *key_field(const ProtobufCMessageDescriptor &type
     return nullptr;
 }
 
+void need_whole_key(const ProtobufCMessageDescriptor &type, const Json &key) {
+    std::string missing;
+    for (const auto &field : fields_of(*static_cast<const ProtobufCMessageDescriptor *>(key_field(type)->descriptor))) {
+        if (key.contains(field.name) || is_never_compared(field.name)) continue;
+        missing += (missing.empty() ? "" : ", ") + std::string(field.name);
+    }
+    if (!missing.empty())
+        throw Failure(exit_usage, std::string(type.name) + ": name the object by its whole key; it lacks " + missing);
+}
+
 const ProtobufCMessage *key_of(const ProtobufCMessage &object) {
     const auto *field = key_field(*object.descriptor);
     return field ? at<const ProtobufCMessage *>(object, field->offset) : nullptr;

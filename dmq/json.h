@@ -50,6 +50,9 @@ inline bool is_never_compared(std::string_view field) {
     return field == "t_mod";
 }
 
+// Throws a Failure that names the fields which an object's key lacks. A field that is never compared may be left out.
+void need_whole_key(const ProtobufCMessageDescriptor &type, const Json &key);
+
 // Hex digits; six bytes are a MAC address and read like one.
 std::string to_hex(const ProtobufCBinaryData &bytes);
 

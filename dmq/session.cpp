@@ -45,7 +45,8 @@ Client open_store(const std::string &url, const std::string &shown) {
     if (code == TQ_MOM_E_MEMORY) throw Failure(exit_no, what + ": not enough memory");
     if (code == TQ_MOM_E_TIMEOUT) throw Failure(exit_timeout, what + ": the store did not answer in time");
     if (code == TQ_MOM_E_UNREACHABLE) throw Failure(exit_unreachable, what + ": the store is not reachable");
-    throw Failure(exit_usage, what + ": the store refused it, code " + std::to_string(code));
+    throw Failure(code == TQ_MOM_E_REFUSED ? exit_no : exit_usage,
+                  what + ": the store refused it, code " + std::to_string(code));
 }
 
 bool is_complete_notice(const ProtobufCMessage &object) {
@@ -101,6 +102,17 @@ void Session::start(const std::vector<Kind> &kinds) {
     started_ = true;
 }
 
+// Nothing is applied while the store refuses every row.
+static std::string without_hold_back() {
+    std::string refused;
+    for (const Kind &kind : cached_kinds()) {
+        const dm_cache_stats stats = stats_of(kind.row);
+        if (stats.enabled && !stats.held) return "all rows are scanned and being applied";
+        if (stats.enabled && refused.empty()) refused = "row " + std::to_string(kind.row) + " " + kind.type->name;
+    }
+    return "the store refuses " + refused + ", and no other row is followed";
+}
+
 void Session::synchronise(const std::vector<Kind> &kinds) {
     start(kinds);
     Progress progress("synchronising, rows scanned");
@@ -109,7 +121,7 @@ void Session::synchronise(const std::vector<Kind> &kinds) {
         const std::string held = held_back();
         if (applied > 0 && held.empty()) break;
         const int32_t left = deadline_.left();
-        if (!left) deadline_.passed("not synchronised", held.empty() ? "all rows are scanned and being applied" : held);
+        if (!left) deadline_.passed("not synchronised", held.empty() ? without_hold_back() : held);
         if (dm_cache_wait_applied(applied, std::min(left, 100)) == 0) continue;
         size_t enabled = 0, scanned = 0;
         for (const Kind &kind : cached_kinds()) {
@@ -192,7 +204,7 @@ void Session::settle() {
 void Session::settle_applied(uint32_t applied) {
     if (dm_cache_wait_applied(applied, deadline_.left())) {
         const std::string held = held_back();
-        deadline_.passed("not synchronised again", held.empty() ? "all rows are scanned and being applied" : held);
+        deadline_.passed("not synchronised again", held.empty() ? without_hold_back() : held);
     }
     catch_up_watch();
 }

@@ -81,8 +81,8 @@ Exit run_shell(Context &context, const Command &command) {
     std::ifstream file;
     const bool from_file = !command.words.empty() && command.words[0] != "-";
     if (from_file) file.open(command.words[0]);
-    file.peek();  // a folder opens, and cannot be read
-    if (from_file && file.bad()) throw Failure(exit_usage, "cannot read " + command.words[0]);
+    if (from_file && file) file.peek();  // a folder opens, and cannot be read
+    if (from_file && (!file.is_open() || file.bad())) throw Failure(exit_usage, "cannot read " + command.words[0]);
     std::istream &lines = from_file ? file : std::cin;
     const bool terminal = !from_file && isatty(STDIN_FILENO);
 

@@ -27,6 +27,7 @@ int32_t take_scanned(tq_mom_handle *, store_msg *msg, void *privdata) {
     auto &content = *static_cast<Content *>(privdata);
     const auto *record = static_cast<const result_rec *>(msg->value);
     if (!record || !record->obj) return 0;
+    if (record->error == TQ_MOM_E_MEMORY) out_of_memory();
     if (msg->result || record->error) {
         content.damaged.push_back(object_name(*record->obj));
     } else {

@@ -88,7 +88,10 @@ private:
         if (!kind.is_string()) refuse("kind needs a name, not " + dump(kind));
         const auto *type = located([&] { return &find_type(kind.get<std::string>()); });
         const Json &object = member(entry, "object");
-        keep(db.get<uint32_t>(), located([&] { return from_json(object, *type, type->name); }));
+        Message message = located([&] { return from_json(object, *type, type->name); });
+        if (const auto *key = key_field(*type); key && object.contains(key->name))
+            located([&] { need_whole_key(*type, object[key->name]); });
+        keep(db.get<uint32_t>(), std::move(message));
     }
 
     void keep(uint32_t db, Message message) {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <set>
 
 namespace dmq {
 
@@ -87,16 +88,16 @@ void assign(ProtobufCMessage &object, const std::vector<Assignment> &assignments
 void need_whole_key(const ProtobufCMessageDescriptor &type, const std::vector<Assignment> &assignments) {
     const auto *key = key_field(type);
     if (!key) return;
-    std::string missing;
-    for (const auto &field : fields_of(*sub_type(*key))) {
-        const bool named = std::any_of(assignments.begin(), assignments.end(), [&](const Assignment &one) {
-            return one.path == std::vector<std::string>{key->name, field.name};
-        });
-        if (!named && !is_never_compared(field.name))
-            missing += (missing.empty() ? "" : ", ") + std::string(field.name);
-    }
-    if (!missing.empty())
-        throw Failure(exit_usage, std::string(type.name) + ": name the object by its whole key; it lacks " + missing);
+    Json named = Json::object();
+    for (const Assignment &one : assignments)
+        if (one.path.size() == 2 && one.path[0] == key->name) named[one.path[1]] = true;
+    need_whole_key(type, named);
+}
+
+void refuse_twice(const std::vector<Assignment> &assignments) {
+    std::set<std::vector<std::string>> paths;
+    for (const Assignment &one : assignments)
+        if (!paths.insert(one.path).second) throw Failure(exit_usage, one.path.back() + " is given twice");
 }
 
 bool agrees(const Json &object, const std::vector<Assignment> &assignments) {
@@ -132,6 +133,7 @@ Message read_key(const ProtobufCMessageDescriptor &type, const std::vector<std::
     const auto assignments = read_words(type, words);
     if (key_part(type, assignments).size() < words.size())
         throw Failure(exit_usage, std::string(type.name) + ": only fields of the key name an object");
+    refuse_twice(assignments);
     need_whole_key(type, assignments);
     return object_with_key(type, assignments);
 }

@@ -26,8 +26,11 @@ Message object_with_key(const ProtobufCMessageDescriptor &type, const std::vecto
 // The same from words that name the whole key, and nothing else.
 Message read_key(const ProtobufCMessageDescriptor &type, const std::vector<std::string> &words);
 
-// Throws a Failure that names the fields of the key which the words lack. A t_mod may be left out: no name shows it.
+// Of the words: see json.h.
 void need_whole_key(const ProtobufCMessageDescriptor &type, const std::vector<Assignment> &assignments);
+
+// Throws a Failure that names the field which two words give.
+void refuse_twice(const std::vector<Assignment> &assignments);
 
 // What belongs to the key among the words.
 std::vector<Assignment> key_part(const ProtobufCMessageDescriptor &type, const std::vector<Assignment> &assignments);

@@ -89,7 +89,7 @@ std::string refusal(const std::string &text) {
 // A refusal that does not say where and why sends a person through a file of ten thousand lines; one that is missing puts
 // half a truth into the store. The first entry is good, the second is not.
 TEST(Topology, RefusesWithFileEntryAndReason) {
-    const std::string good = "[" + entry(R"({"index": {"slotid": 1}})") + ",";
+    const std::string good = "[" + entry(R"({"index": {"devid": 1, "slotid": 1, "sslotid": 0}})") + ",";
     const struct {
         const char *entry;
         const char *reason;
@@ -101,7 +101,8 @@ TEST(Topology, RefusesWithFileEntryAndReason) {
         {R"({"db": 1, "kind": "p_dev.card_infos", "object": {}})",
          "there is no kind p_dev.card_infos (did you mean p_dev.card_info?)"},
         {R"({"db": 1, "kind": "p_dev.card_info", "objects": {}})", "an entry has db, kind and object, not \"objects\""},
-        {R"({"db": 1, "kind": "p_dev.card_info", "object": {"index": {"slotid": 1}}})",
+        {R"({"db": 1, "kind": "p_dev.card_info", "object": {"index": {"slotid": 1}}})", "it lacks devid, sslotid"},
+        {R"({"db": 1, "kind": "p_dev.card_info", "object": {"index": {"devid": 1, "slotid": 1, "sslotid": 0}}})",
          "p_dev.card_info: the same db, kind and index as entry 1"},
         {R"({"db": 1, "kind": "p_dev.card_info", "object": {"name": "x"}})",
          "p_dev.card_info: has no index, the key of its kind"},

@@ -40,6 +40,7 @@ class Writes(unittest.TestCase):
         for command, code, told in [
             ("set vsd_port t_dev=1 t_slot=2 t_port=7 link_state=0", 2, "whole key; it lacks t_vsdid, t_type, t_sslot"),
             ("set card_info index={} is_online=false", 2, "it lacks devid, slotid, sslotid"),
+            ("set card_info devid=1 devid=2 slotid=2 sslotid=0 name=x", 2, "devid is given twice"),
             ("delete card_info devid=1 slotid=2", 2, "whole key; it lacks sslotid"),
             ("store damage card_info devid=1 slotid=2", 2, "whole key; it lacks sslotid"),
             (f"set vsd_port {no_type} link_state=0", 1, f"no such object in the store, the nearest: {PORT};"),
@@ -173,6 +174,7 @@ class Input(unittest.TestCase):
                 ([], ["get card_info slotid=" + deep], "line 1: slotid: nested deeper"), ([], ["get x" + deep * 2], "line 1: longer than"),
                 (["get", deep], None, "there is no kind [[["), (["load", "/dev/zero"], None, "/dev/zero: larger than 64 MiB"),
                 (["shell", "/dev/zero"], None, "/dev/zero:1: longer than"), (["gen", "--layout", "/dev/zero"], None, "larger than"),
+                (["set", deep], None, "there is no kind [[["), (["shell", "/none"], None, "cannot read /none"),
             ]:
                 done = dmq(*words, lines=lines)
                 self.assertEqual((done.returncode, said in done.stderr), (2, True), done.stderr[-300:])
