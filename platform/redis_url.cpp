@@ -131,7 +131,8 @@ Address host_and_port(std::string_view text, int default_port) {
     if (bracketed) text.remove_prefix(1);
     if (server.host.empty() || server.host.front() == '.') refuse("a host is missing");
     for (const char c : server.host) {
-        if (letters.find(c) == std::string_view::npos && host_signs.find(c) == std::string_view::npos)
+        const bool is_sign = bracketed && host_signs.find(c) != std::string_view::npos;
+        if (letters.find(c) == std::string_view::npos && !is_sign)
             refuse("a host has a character that no host has");
     }
     server.port = default_port;
@@ -145,6 +146,8 @@ Address host_and_port(std::string_view text, int default_port) {
 Address socket_at(std::string_view path) {
     if (path.size() < 2 || path.front() != '/')
         refuse("the path of a socket begins with a slash, the first one's with a third");
+    // Credentials behind a slash too many would be shown with it.
+    if (path.find('@') != std::string_view::npos) refuse("an @ in the path of a socket is %40");
     Address server;
     server.socket = decoded(path);
     if (server.socket.size() > longest_socket) refuse("the path of a socket is longer than 107 bytes");

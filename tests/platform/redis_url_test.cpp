@@ -53,6 +53,8 @@ TEST(RedisUrl, IsShownWithoutItsSecretAndSaysWhatIsWrong) {
         {"redis+unix://:s3cr/x", TQ_MOM_E_URL, "redis+unix://...", "third slash"},
         {"redis+unix://:s3/cr@/x", TQ_MOM_E_URL, "redis+unix://...", "third slash"},
         {"redis+unix://:s3cr@", TQ_MOM_E_URL, "redis+unix://...", "begins with a slash"},
+        {"redis://tom%3As3cr%40127.0.0.1", TQ_MOM_E_URL, "redis://...", "no host has"},
+        {"redis+unix:///:s3cr@/x", TQ_MOM_E_URL, "redis+unix://...", "is %40"},
         {"rediss://:s3cr@127.0.0.1:1", TQ_MOM_E_URL, "rediss://...", "there is no TLS here"},
         {"redis:/:s3cr@127.0.0.1", TQ_MOM_E_URL, "...", "give mem:"},
         {"Redis://:s3cr@127.0.0.1", TQ_MOM_E_URL, "Redis://...", "give mem:"},
