@@ -25,7 +25,7 @@ int32_t RedisLink::open(const Address &server, Identity &identity, std::string &
         posted_owed_.clear();
     }
     owed_.clear();
-    silences_ = 0;
+    silences_ = waits_ = 0;
     transactions_.clear();
     fault_.clear();
     usable_ = connection_.open(server, url_.probe, /*is_blocking=*/true);
@@ -202,6 +202,7 @@ void RedisLink::take_owed(Reply reply) {
     for (size_t i = 0; i < reply->elements && owed.fault.empty(); i++) {
         if (is_error(*reply->element[i])) owed.fault = text_of(*reply->element[i]);
     }
+    answers_++;
     if (--owed.answers > 0) return;
     if (owed.is_transaction) {
         transactions_.push_back({std::move(reply), std::move(owed.fault)});
@@ -222,12 +223,15 @@ void RedisLink::receive_owed() {
     }
 }
 
-// An answer that is owed, and nothing of it has come since the last time this was looked at.
+// An answer that is owed, and nothing of it has come since the last time this was looked at; or it has been coming for as
+// long as a call waits for one.
 void RedisLink::notice_silence() {
     const bool is_silent = !owed_.empty() && received() == received_before_;
     received_before_ = received();
     silences_ = is_silent ? silences_ + 1 : 0;
-    if (silences_ < longest_silence) return;
+    waits_ = owed_.empty() || answers_ != answers_before_ ? 0 : waits_ + 1;
+    answers_before_ = answers_;
+    if (silences_ < longest_silence && waits_ < longest_silence * longest_answer) return;
     lose();
     fault_ = "no answer";
 }

@@ -308,6 +308,13 @@ TEST_F(ServerInTrouble, NonsenseIsNotBelieved) {
     RecordingClient reader(url(200));
     follow(reader);
 
+    // Nobody calls, and an answer that nobody waits for does not end.
+    proxy.bend(Proxy::Roads::commands, [begun = false](std::string &answer, int) mutable {
+        answer = std::exchange(begun, true) ? "x" : "$100000000\r\n";
+        return true;
+    });
+    EXPECT_TRUE(reader.wait("reconnect 3 1"));
+
     // Opened, called and closed with a byte now and then.
     proxy.bend(Proxy::Roads::commands, instead("$100000000\r\n", milliseconds(20)));
     const Message key = card(1, 1, 0);
