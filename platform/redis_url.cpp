@@ -132,8 +132,7 @@ Address host_and_port(std::string_view text, int default_port) {
     if (server.host.empty() || server.host.front() == '.') refuse("a host is missing");
     for (const char c : server.host) {
         const bool is_sign = bracketed && host_signs.find(c) != std::string_view::npos;
-        if (letters.find(c) == std::string_view::npos && !is_sign)
-            refuse("a host has a character that no host has");
+        if (letters.find(c) == std::string_view::npos && !is_sign) refuse("a host has a character that no host has");
     }
     server.port = default_port;
     if (text.empty()) return server;

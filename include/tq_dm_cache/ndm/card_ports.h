@@ -27,35 +27,37 @@ extern "C" {
  */
 DM_API int32_t ndm_get_card_type_by_slot(int32_t devid, int32_t slot, int32_t sslot, int32_t *card_type, uint8_t rt);
 
-/* Which identifier has a port? A pure conversion: looks at no card, takes no lock. lport is 0..288; -1 also for a null
- * objid. */
+/*
+ * What is the identifier of a port? A pure conversion: looks at no card, takes no lock. lport is 0..288; -1 also for a
+ * null objid.
+ */
 DM_API int32_t ndm_get_objid_by_slot_lport(int32_t devid, int32_t slot, int32_t lport, uint32_t *objid);
 
-/* Which type has a port (p_intf.intftype_e)? A port of a sub-card answers from the sub-card's own description. */
+/* What is the type of a port (p_intf.intftype_e)? A port of a sub-card answers from the sub-card's own description. */
 DM_API int32_t ndm_get_port_type(uint32_t objid, int32_t *port_type);
 
 /* Which sub-slot owns a logical port? The sub-slot itself, 0 for the card's own port, or -1. */
 DM_API int32_t ndm_get_sslot_by_lport(int32_t devid, int32_t slot, int32_t lport);
 
-/* Which is the highest logical port of a card's sub-slot? -1 is left in *max_lport when it has none. */
+/* What is the highest logical port of a card's sub-slot? -1 is left in *max_lport when it has none. */
 DM_API int32_t ndm_get_max_lport_by_slot(int32_t devid, int32_t slot, int32_t sslot, int32_t *max_lport);
 
-/* Which is the lowest logical port of a card's sub-slot? -1 is left in *min_lport when it has none. */
+/* What is the lowest logical port of a card's sub-slot? -1 is left in *min_lport when it has none. */
 DM_API int32_t ndm_get_min_lport_by_slot(int32_t devid, int32_t slot, int32_t sslot, int32_t *min_lport);
 
-/* Which is the highest of a card's own ports? */
+/* What is the highest of a card's own ports? */
 DM_API int32_t ndm_get_max_port_num(int32_t devid, int32_t slot, int32_t *max_lport);
 
-/* Which is the lowest of a card's own ports? */
+/* What is the lowest of a card's own ports? */
 DM_API int32_t ndm_get_min_port_num(int32_t devid, int32_t slot, int32_t *min_lport);
 
-/* To which VSD does a port belong? */
+/* Which VSD does a port belong to? */
 DM_API int32_t ndm_get_vsdid_by_objid(uint32_t objid, int32_t *vsdid);
 
 /*
- * To which VSD does a port belong, with the store's help? When the port is not cached the store is scanned for it, and
- * the ports of its card that the scan finds are cached with their static ports, except where the cache has changed
- * since: -1 can mean that, too. Blocks: do not hold the cache lock.
+ * Which VSD does a port belong to, asking the store if need be? When the port is not cached the store is scanned for
+ * it, and the ports of its card that the scan finds are cached with their static ports, except where the cache has
+ * changed since: -1 can mean that, too. Blocks: do not hold the cache lock.
  */
 DM_API int32_t ndm_get_vsdid_by_objid_rt(uint32_t objid, int32_t *vsdid);
 

@@ -22,20 +22,24 @@
 extern "C" {
 #endif
 
-/* Which type has this card? Any rt but 0 counts as 1. -1 also when the store's reply could not be released;
+/* What is the type of this card? Any rt but 0 counts as 1. -1 also when the store's reply could not be released;
  * *card_type is then written all the same. */
 DM_API int32_t _ndm_get_my_card_type_rt(int32_t *card_type, uint8_t rt);
 
-/* Which static attributes has this card? `card` receives a copy of the p_dev.dm_card_stattr_t, to be released with
- * ndm_port_obj_free(), or null. The card's own type is read from the store for any rt but 0. */
+/*
+ * What are the static attributes of this card? `card` receives a copy of the p_dev.dm_card_stattr_t, to be released
+ * with ndm_port_obj_free(), or null. The card's own type is read from the store for any rt but 0.
+ */
 DM_API int32_t _ndm_get_my_card_obj_rt(void *card, uint8_t rt);
 
-/* How many logical ports has this card? */
+/* How many logical ports does this card have? */
 DM_API int32_t _ndm_get_my_lport_num(uint8_t rt);
 DM_API int32_t ndm_get_my_lport_num(void);
 
-/* How many logical ports has a sub-slot of this card? Only sub-slot 0 is known. 0 also when the number is not cached:
- * *lport_num is then -1. */
+/*
+ * How many logical ports does a sub-slot of this card have? Only sub-slot 0 is known. 0 also when the number is not
+ * cached: *lport_num is then -1.
+ */
 DM_API int32_t ndm_get_my_lport_num_by_sub_slot(int32_t sub_slot, int32_t *lport_num);
 
 /*
@@ -44,15 +48,15 @@ DM_API int32_t ndm_get_my_lport_num_by_sub_slot(int32_t sub_slot, int32_t *lport
  */
 DM_API int32_t ndm_get_my_card_multi_lport(int32_t *lports, int32_t *num);
 
-/* Which chips has this card? Answers how many it has and an array of their types. */
+/* Which chips are on this card? Answers how many it has and an array of their types. */
 DM_API int32_t _ndm_get_my_lchips(int32_t **chips, uint8_t rt);
 DM_API int32_t ndm_get_my_lchips(int32_t **chips);
 
-/* Which chips has a card type? An array of their types, and their number. */
+/* Which chips are on a card of a type? An array of their types, and their number. */
 DM_API int32_t _ndm_get_chip_type_by_card_type(int32_t card_type, int32_t **chip_types, int32_t *num, uint8_t rt);
 DM_API int32_t ndm_get_chip_type_by_card_type(int32_t card_type, int32_t **chip_types, int32_t *num);
 
-/* To which family belongs a chip type? */
+/* Which family does a chip type belong to? */
 DM_API int32_t _ndm_get_chip_family(int32_t chip_type, uint8_t rt);
 DM_API int32_t ndm_get_chip_family(int32_t chip_type);
 

@@ -19,13 +19,13 @@
 extern "C" {
 #endif
 
-/* Which node number has a card? Bits: 3 << 26 | devid << 18 | cpuid << 15 | slot << 8. */
+/* What is the node number of a card? Bits: 3 << 26 | devid << 18 | cpuid << 15 | slot << 8. */
 DM_API int32_t ndm_get_node_from_dev_slot_cpuid(int32_t devid, int32_t slot, int32_t cpuid, uint32_t *node);
 
 /* Which card does a node number name? */
 DM_API int32_t ndm_get_dev_slot_cpuid_from_node(uint32_t node, int32_t *devid, int32_t *slot, int32_t *cpuid);
 
-/* In which device and slot is a node? The same without the sub-slot. */
+/* Which device and slot is a node in? The same without the sub-slot. */
 DM_API int32_t ndm_get_dev_slot_from_node(uint32_t node, int32_t *devid, int32_t *slot);
 
 /* Which card does a node number in a signed word name? It must be above 0. `reserved` must not be null; it is left
@@ -33,32 +33,36 @@ DM_API int32_t ndm_get_dev_slot_from_node(uint32_t node, int32_t *devid, int32_t
 DM_API int32_t ndm_get_id_from_phy_card_type(int32_t node, int32_t *devid, int32_t *slot, int32_t *sslot,
                                              int32_t *reserved);
 
-/* Which dcm address has a node? Refused: a devid outside 1..16, a slot above 31, a sub-slot above 5. */
+/* What is the dcm address of a node? Refused: a devid outside 1..16, a slot above 31, a sub-slot above 5. */
 DM_API int32_t ndm_get_dcm_addr_from_node(uint32_t node, uint32_t *dcm_addr);
 
-/* Which node has a dcm address? Bits 31..16 are ignored. Refused: a devid outside 1..16, a sub-slot above 5. */
+/*
+ * Which node does a dcm address belong to? Bits 31..16 are ignored. Refused: a devid outside 1..16, a sub-slot above 5.
+ */
 DM_API int32_t ndm_get_node_from_dcm_addr(uint32_t dcm_addr, uint32_t *node);
 
-/* Which dcm address has this card? Asks the cache for its node number, under the cache lock. */
+/* What is the dcm address of this card? Asks the cache for its node number, under the cache lock. */
 DM_API int32_t ndm_get_my_dcm_addr(uint32_t *dcm_addr);
 
 /*
- * Which TIPC node number has a CPU? A box counts 5 a device, a chassis 160 a device and 5 a slot; which of the two this
- * is, the cache knows (unknown: a chassis). Always answers. Takes the cache lock for the node type.
+ * What is the TIPC node number of a CPU? A box counts 5 a device, a chassis 160 a device and 5 a slot; which of the two
+ * this is, the cache knows (unknown: a chassis). Always answers. Takes the cache lock for the node type.
  */
 DM_API int32_t ndm_calculate_tipc_node(int32_t devid, int32_t slot, int32_t cpuid);
 
 /*
- * On which chip and chip port sits a port? `phyid` is a port's identifier, and any other is refused. devid and slot are
+ * Which chip and chip port is a port on? `phyid` is a port's identifier, and any other is refused. devid and slot are
  * written even when the card is not cached; unit and port only when the card's type lists the logical port, and the
  * answer is 0 even when it does not. Answers from the cache, under the cache lock.
  */
 DM_API int32_t ndm_get_id_from_phyid(uint32_t phyid, int32_t *devid, int32_t *slot, int32_t *unit, int32_t *port);
 
-/* Which interface index has a port of this VSD? The index itself, or -1. Answers from the cache, under its lock. */
+/*
+ * What is the interface index of a port of this VSD? The index itself, or -1. Answers from the cache, under its lock.
+ */
 DM_API int32_t ndm_get_ifx_by_objid(uint32_t objid);
 
-/* Which interface index has a global port? The same. */
+/* What is the interface index of a global port? The same. */
 DM_API int32_t ndm_get_global_ifx_by_objid(uint32_t objid);
 
 #ifdef __cplusplus

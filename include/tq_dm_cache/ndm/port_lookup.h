@@ -63,10 +63,10 @@ DM_API int32_t ndm_get_vsd_port_by_lsm_key_with_subslot(int32_t dev, int32_t slo
 /* Which port of this VSD has a type (p_intf.intftype_e) and user port in a slot? The same with sub-slot 0. */
 DM_API int32_t ndm_get_vsd_port_by_lsm_key(int32_t dev, int32_t slot, int32_t port, int32_t type, void *out);
 
-/* Which static port has the global port with an interface index in a VSD? */
+/* What is the static port of the global port with an interface index in a VSD? */
 DM_API int32_t ndm_get_static_port_by_ifx(int32_t vsdid, int32_t ifx, void *out);
 
-/* Which static port has the port of this VSD with an interface index? */
+/* What is the static port of the port of this VSD with an interface index? */
 DM_API int32_t ndm_get_static_port_by_ifx_in_vsd(int32_t ifx, void *out);
 
 /* Which static port sits on a port of a chip? Asks the global ports, then those of this VSD. */
@@ -83,17 +83,19 @@ DM_API int32_t ndm_get_static_port_by_lsm_key_with_subslot(int32_t dev, int32_t 
 /* Which static port has a type (p_intf.intftype_e) and number in a slot? The same with sub-slot 0. */
 DM_API int32_t ndm_get_static_port_by_lsm_key(int32_t dev, int32_t slot, int32_t port, int32_t type, void *out);
 
-/* Which static attributes (p_dev.dm_card_stattr_t) has a card type? */
+/* What are the static attributes of a card type (p_dev.dm_card_stattr_t)? */
 DM_API int32_t ndm_get_card_static_by_type(int32_t card_type, void *out);
 
-/* Which static attributes (p_dev.dm_chip_stattr_t) has a chip type? */
+/* What are the static attributes of a chip type (p_dev.dm_chip_stattr_t)? */
 DM_API int32_t ndm_get_chip_stattr_by_type(int32_t chip_type, void *out);
 
-/* Which global ports has a chip? Fills `ports`, an array with room for 256 pointers, with copies of those of its ports
- * 0..255 that are there, and `count` with their number; 0 also when there are none. One lock hold for all. */
+/*
+ * Which global ports are on a chip? Fills `ports`, an array with room for 256 pointers, with copies of those of its
+ * ports 0..255 that are there, and `count` with their number; 0 also when there are none. One lock hold for all.
+ */
 DM_API int32_t ndm_get_global_port_in_chip(int32_t dev, int32_t physlot, int32_t unit, void *ports, int32_t *count);
 
-/* Which static ports has a chip? The same. */
+/* Which static ports are on a chip? The same. */
 DM_API int32_t ndm_get_static_port_in_chip(int32_t dev, int32_t physlot, int32_t unit, void *ports, int32_t *count);
 
 /* Releases a message handed out as a copy. Null is accepted. Takes no lock. */

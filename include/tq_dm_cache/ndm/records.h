@@ -19,7 +19,7 @@
 extern "C" {
 #endif
 
-/* How is the type of this device called? len is 32 or more; cut to len - 1 characters, always terminated. Asks for the
+/* What is the name of this device's type? len is 32 or more; cut to len - 1 characters, always terminated. Asks for the
  * type and for its name one after the other. */
 DM_API int32_t ndm_get_my_device_name(char *name, int32_t len);
 
@@ -27,7 +27,7 @@ DM_API int32_t ndm_get_my_device_name(char *name, int32_t len);
 DM_API int32_t ndm_get_my_local_master_node(int32_t *node);
 DM_API int32_t ndm_get_my_local_master_node_rt(int32_t *node);
 
-/* How many usable slots has a device? */
+/* How many usable slots does a device have? */
 DM_API int32_t ndm_get_slot_num(int32_t devid);
 DM_API int32_t ndm_get_slot_num_rt(int32_t devid);
 
@@ -39,7 +39,7 @@ DM_API int32_t ndm_indep_get_master_node_rt(void);
 DM_API int32_t ndm_indep_get_slave_node(void);
 DM_API int32_t ndm_indep_get_slave_node_rt(void);
 
-/* Which type of node is a card of a type (p_dev.dm_node_type_e)? */
+/* What type of node is a card of a type (p_dev.dm_node_type_e)? */
 DM_API int32_t ndm_get_node_type_from_card_type(int32_t card_type);
 
 #ifdef __cplusplus

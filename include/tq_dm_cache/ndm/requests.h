@@ -32,8 +32,10 @@ typedef struct ndm_lib_sub_info {
  * or field_num is not 0..10. Its objects are scanned once the subscription is confirmed. */
 DM_API int32_t ndm_lib_subcribe(ndm_lib_sub_info *req);
 
-/* What the store calls for a subscribed request, on its own thread; a client has no need to. -1 for a null request; the
- * answer of the scan for a confirmation; else 0. */
+/*
+ * What the store calls for a subscribed request, on its own thread; a client does not need to. -1 for a null request;
+ * the answer of the scan for a confirmation; else 0.
+ */
 DM_API int32_t ndm_lib_subcribe_com(tq_mom_handle *handle, store_msg *msg, void *req);
 
 /*

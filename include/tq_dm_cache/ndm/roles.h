@@ -18,22 +18,22 @@
 extern "C" {
 #endif
 
-/* In which physical slot does this process run? */
+/* Which physical slot does this process run in? */
 DM_API int32_t ndm_get_my_lslotid(void);
 
-/* On which device does this process run? */
+/* Which device does this process run on? */
 DM_API int32_t ndm_get_my_devid(void);
 
-/* Which role has this card in the whole unit (p_dev.dm_role_e)? */
+/* What is the role of this card in the whole unit (p_dev.dm_role_e)? */
 DM_API int32_t ndm_get_my_dev_grole(void);
 
-/* Which role has this card within its device (p_dev.dm_role_e)? */
+/* What is the role of this card within its device (p_dev.dm_role_e)? */
 DM_API int32_t ndm_get_my_dev_lrole(void);
 
-/* Which role has this card in the whole unit (p_dev.dm_role_e)? 0 (none) when it is not cached. */
+/* What is the role of this card in the whole unit (p_dev.dm_role_e)? 0 (none) when it is not cached. */
 DM_API int32_t ndm_get_my_role(void);
 
-/* On which device and in which slot does the store say that this process runs? Always -1: nothing is read from it. */
+/* Which device and slot does the store say that this process runs in? Always -1: nothing is read from it. */
 DM_API int32_t ndm_get_my_devid_rt(void);
 DM_API int32_t ndm_get_my_lslotid_rt(void);
 
@@ -49,7 +49,7 @@ DM_API uint32_t ndm_get_master_node(void);
 /* Which node is the slave of the whole unit? Its sub-slot is taken as 0. 0, or -1 and nothing written. */
 DM_API int32_t ndm_get_slaver_node(uint32_t *node);
 
-/* Which role has the card of a node (p_dev.dm_role_e)? Its sub-slot is not compared. */
+/* What is the role of a node's card (p_dev.dm_role_e)? Its sub-slot is not compared. */
 DM_API int32_t ndm_get_role_by_node(uint32_t node);
 
 /* Is a main board the master of its device? slot is 30, 31, or 0 on a box; any other is a no. */
@@ -73,7 +73,7 @@ DM_API int32_t ndm_is_mboard(uint32_t node);
 /* Is a device a box? */
 DM_API int32_t ndm_dev_is_box_switch(int32_t devid);
 
-/* Which type of node is a card (p_dev.dm_node_type_e)? 0 when it is not known. */
+/* What type of node is a card (p_dev.dm_node_type_e)? 0 when it is not known. */
 DM_API int32_t ndm_get_node_type(uint32_t node);
 
 /* Which cards are online? 0 with a new array of their node numbers, which the caller frees with free(), and their
@@ -86,10 +86,10 @@ DM_API int32_t ndm_get_online_lc_num(int32_t devid);
 /* How many devices are known, online or not? */
 DM_API int32_t ndm_get_device_num(void);
 
-/* Which is the smallest device id known? */
+/* What is the smallest device id known? */
 DM_API int32_t ndm_get_min_devid(void);
 
-/* Which is the largest device id known? */
+/* What is the largest device id known? */
 DM_API int32_t ndm_get_max_devid(void);
 
 #ifdef __cplusplus

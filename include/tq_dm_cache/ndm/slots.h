@@ -32,10 +32,10 @@ DM_API int32_t ndm_get_physlot_by_userslot(int32_t devid, int32_t user_slot, int
 /* Which physical slot is a user slot? The same without the sub-slot. */
 DM_API int32_t ndm_get_physlot_by_devid_userslot(int32_t devid, int32_t user_slot, int32_t *pslot);
 
-/* Which node number has the card in a user slot? The table is asked for 22..31 too. */
+/* What is the node number of the card in a user slot? The table is asked for 22..31 too. */
 DM_API int32_t ndm_get_node_from_userslot(int32_t devid, int32_t user_slot, uint32_t *node);
 
-/* In which user slot sits a node? */
+/* Which user slot is a node in? */
 DM_API int32_t ndm_get_userslot_from_node(uint32_t node, int32_t *user_slot);
 
 /* Which user slot does a board name mean? "M1", "M2", "FE1".."FE8", "0"; the slot itself, or -1. Takes no lock. */
@@ -44,17 +44,19 @@ DM_API int32_t ndm_get_userslot_from_boardname(const char *name);
 /* Which user slot does a board name mean? The same. */
 DM_API int32_t ndm_indep_get_userslot_from_boardname(const char *name);
 
-/* In which user slot does this process run? The slot itself, or -1. */
+/* Which user slot does this process run in? The slot itself, or -1. */
 DM_API int32_t ndm_get_my_user_slot(void);
 
-/* In which physical slot does this process run? */
+/* Which physical slot does this process run in? */
 DM_API int32_t ndm_get_my_phy_slot(int32_t *slot);
 
-/* Under which user slot do a card's ports count? 0 when this card is of type 1, else user_slot itself; -1 when this
- * card's type is not known. */
+/*
+ * Which user slot do a card's ports count as part of? 0 when this card is of type 1, else user_slot itself; -1 when
+ * this card's type is not known.
+ */
 DM_API int32_t ndm_get_port_host_userslot_from_userslot(int32_t user_slot);
 
-/* Which user slots has a device type? 0..6 on a box. */
+/* Which user slots does a device type have? 0..6 on a box. */
 DM_API int32_t ndm_get_user_slot_range_from_device_type(int32_t device_type, int32_t *min, int32_t *max);
 
 /* Which slots of a device type are for line cards? */
@@ -66,20 +68,20 @@ DM_API int32_t ndm_get_fe_slot_range_from_device_type(int32_t device_type, int32
 /* Which slots of a device are for fabric cards? Outside a virtual unit the local device answers, whatever devid is. */
 DM_API int32_t ndm_get_fe_slot_range_by_dev_id(int32_t devid, int32_t *min, int32_t *max);
 
-/* Which is the highest physical slot of a device? devid 0: the local device. Answers 0 when its table marks every slot
+/* What is the highest physical slot of a device? devid 0: the local device. Answers 0 when its table marks every slot
  * unused; a short table is read to its end. */
 DM_API int32_t ndm_get_max_slot_num(int32_t devid, int32_t *max);
 
-/* Which is the lowest physical slot of a device? 32 when its table marks every slot unused. */
+/* What is the lowest physical slot of a device? 32 when its table marks every slot unused. */
 DM_API int32_t ndm_get_min_slot_num(int32_t devid, int32_t *min);
 
-/* How does an operator call a slot? "Slot 3", "Slot M1", "Slot FE2"; "Slot 1/3" in a virtual unit. Cut to len - 1
+/* What is an operator's name for a slot? "Slot 3", "Slot M1", "Slot FE2"; "Slot 1/3" in a virtual unit. Cut to len - 1
  * characters and always terminated. sub_slot is only logged. */
 DM_API int32_t ndm_get_user_slot_name(int32_t devid, int32_t user_slot, int32_t sub_slot, char *name, int32_t len);
 
 /*
- * How is the card in a user slot called? Answers the length of the whole name, of which len - 1 characters are written;
- * with len 0 nothing is written. -1 as above, and for a negative len.
+ * What is the name of the card in a user slot? Answers the length of the whole name, of which len - 1 characters are
+ * written; with len 0 nothing is written. -1 as above, and for a negative len.
  */
 DM_API int32_t ndm_get_card_name_by_slot(int32_t devid, int32_t user_slot, int32_t reserved, char *name, int32_t len);
 

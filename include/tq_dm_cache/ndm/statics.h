@@ -21,50 +21,52 @@
 extern "C" {
 #endif
 
-/* Which type has this card? */
+/* What is the type of this card? */
 DM_API int32_t ndm_get_my_card_type(int32_t *type);
 
-/* Which type of node is this card (p_dev.dm_node_type_e)? 0 when it is not known. */
+/* What type of node is this card (p_dev.dm_node_type_e)? 0 when it is not known. */
 DM_API int32_t ndm_get_my_node_type(void);
 
-/* Which node number has this card? 0xFFFFFFFF when it is not known. */
+/* What is the node number of this card? 0xFFFFFFFF when it is not known. */
 DM_API uint32_t ndm_get_my_node(void);
 
-/* Which type has this device? */
+/* What is the type of this device? */
 DM_API int32_t ndm_get_my_device_type(int32_t *type);
 
-/* Which type has a device? */
+/* What is the type of a device? */
 DM_API int32_t ndm_get_device_type(int32_t devid, int32_t *type);
 
-/* Which type has a card? */
+/* What is the type of a card? */
 DM_API int32_t ndm_get_dev_phy_type(int32_t devid, int32_t slot, int32_t sslot);
 
-/* How many CPUs has the card of a node? */
+/* How many CPUs does the card of a node have? */
 DM_API int32_t ndm_get_cpu_num(uint32_t node);
 
-/* How many switching chips has a card type? */
+/* How many switching chips does a card of a type have? */
 DM_API int32_t ndm_get_card_switch_chip_num(int32_t card_type);
 
-/* How many chips has a card type? */
+/* How many chips does a card of a type have? */
 DM_API int32_t ndm_get_total_chip_num_by_card_type(int32_t card_type);
 
-/* Which type has the card in a slot of this chassis? -1 also while it is not online. */
+/* What is the type of the card in a slot of this chassis? -1 also while it is not online. */
 DM_API int32_t ndm_get_card_type_by_lslotid(int32_t slot);
 
 /* Does a card take sub-cards? 1 yes, 0 no or not known. */
 DM_API int32_t ndm_card_sup_subslot(int32_t devid, int32_t slot);
 
-/* Which serial number has a device? */
+/* What is the serial number of a device? */
 DM_API int32_t ndm_get_device_sn(int32_t devid, char *serial, int32_t len);
 
-/* How is a device called? len is 32 or more. */
+/* What is the name of a device? len is 32 or more. */
 DM_API int32_t ndm_get_dev_name_by_id(int32_t devid, char *name, int32_t len);
 
-/* How is a device type called? */
+/* What is the name of a device type? */
 DM_API int32_t ndm_get_dev_name_by_type(int32_t device_type, char *name, int32_t len);
 
-/* Which layer-3 MAC address has the system? Writes the first len bytes of it, len 6 or more; -1 also when fewer are
- * known. */
+/*
+ * What is the layer-3 MAC address of the system? Writes the first len bytes of it, len 6 or more; -1 also when fewer
+ * are known.
+ */
 DM_API int32_t ndm_get_system_l3_mac(uint8_t *mac, int32_t len);
 
 #ifdef __cplusplus

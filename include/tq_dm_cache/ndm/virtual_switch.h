@@ -25,8 +25,10 @@ DM_API int32_t ndm_is_vsl_card(int32_t devid, int32_t slot);
  * Reads only what it is given, takes no lock. */
 DM_API int32_t ndm_vsl_cmp_ap(const void *port, const int32_t *vsl_ap);
 
-/* Which layer-3 MAC address has a VSD? Only VSD 0 can be asked for. 0 and 6 bytes in `mac`, whose room `len` is 6 or
- * more; -1 when it is not cached or an argument is refused. */
+/*
+ * What is the layer-3 MAC address of a VSD? Only VSD 0 can be asked for. 0 and 6 bytes in `mac`, whose room `len` is 6
+ * or more; -1 when it is not cached or an argument is refused.
+ */
 DM_API int32_t ndm_get_vsd_l3mac(int32_t vsdid, uint8_t *mac, int32_t len);
 
 #ifdef __cplusplus
