@@ -116,7 +116,7 @@ bool merge(Step &last, const Step &next) {
 // Appends the steps of one sort behind `end`, which moves; false when a field has none or there is no room.
 bool append_steps(const ProtobufCMessageDescriptor *descriptor, bool plain, Step *&end) {
     Step *const first = end;
-    for (unsigned i = 0; i < descriptor->n_fields; i++) {
+    for (unsigned i = 0; i < descriptor->n_fields; ++i) {
         const std::optional<Step> step = step_of(descriptor->fields[i]);
         if (!step) return false;
         if ((step->part == Part::plain) != plain) continue;
@@ -146,7 +146,7 @@ void make_plans() {
     const ProtobufCMessageDescriptor *const *const messages = dm_schema_messages(&count);
     for (bool grown = true; grown;) {
         grown = false;
-        for (uint32_t i = 0; i < count; i++)
+        for (uint32_t i = 0; i < count; ++i)
             if (slot_of(messages[i]) == 0) grown |= add_plan(messages[i]);
     }
 }

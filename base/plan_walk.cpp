@@ -88,34 +88,6 @@ bool measure_part(Step step, const ProtobufCMessage *message, Extent &extent) {
     }
 }
 
-}  // namespace
-
-bool measure(const Plan &plan, const ProtobufCMessage *message, Extent &extent) {
-    if (message->descriptor != plan.descriptor || message->n_unknown_fields != 0) return false;
-    if (!grow(extent.structures, aligned(plan.descriptor->sizeof_message))) return false;
-    for (const Step step : visited(plan))
-        if (!measure_part(step, message, extent)) return false;
-    return true;
-}
-
-void *Memory::piece(size_t size) {
-    void *const memory = failed_ ? nullptr : malloc(size);
-    failed_ = !memory;
-    return memory;
-}
-
-void *Memory::structure(size_t size) {
-    if (!structures_) return piece(size);
-    return std::exchange(structures_, structures_ + aligned(size));
-}
-
-void *Memory::text(size_t size) {
-    if (!structures_) return piece(size);
-    return std::exchange(texts_, texts_ + size);
-}
-
-namespace {
-
 template <class T> T *copied(void *memory, const T *from, size_t size) {
     return static_cast<T *>(memory ? std::memcpy(memory, from, size) : nullptr);
 }
@@ -144,7 +116,7 @@ void copy_part(Step step, ProtobufCMessage *message, Memory &memory) {
             return;
         case Part::booleans: {
             auto *const booleans = &at<protobuf_c_boolean>(message, step.offset);
-            for (uint16_t i = 0; i < step.extent; i++) booleans[i] = booleans[i] != 0;
+            for (uint16_t i = 0; i < step.extent; ++i) booleans[i] = booleans[i] != 0;
             return;
         }
         case Part::float_4:
@@ -181,19 +153,6 @@ void copy_part(Step step, ProtobufCMessage *message, Memory &memory) {
     }
 }
 
-}  // namespace
-
-ProtobufCMessage *copy_by_plan(const Plan &plan, const ProtobufCMessage *message, Memory &memory) {
-    const size_t size = plan.descriptor->sizeof_message;
-    auto *const copy = copied(memory.structure(size), message, size);
-    if (!copy) return nullptr;
-    copy->unknown_fields = nullptr;
-    for (const Step step : visited(plan)) copy_part(step, copy, memory);
-    return copy;
-}
-
-namespace {
-
 Comparison known(bool same) {
     return same ? Comparison::same : Comparison::different;
 }
@@ -203,7 +162,7 @@ template <class Bits, class T> bool same_number(T a, T b) {
 }
 
 bool same_booleans(const protobuf_c_boolean *a, const protobuf_c_boolean *b, uint16_t count) {
-    for (uint16_t i = 0; i < count; i++)
+    for (uint16_t i = 0; i < count; ++i)
         if (!a[i] != !b[i]) return false;
     return true;
 }
@@ -223,14 +182,14 @@ Comparison compare_inner(Step step, const ProtobufCMessage *a, const ProtobufCMe
 
 Comparison compare_strings(std::span<char *> a, std::span<char *> b) {
     if (a.size() != b.size()) return Comparison::different;
-    for (size_t i = 0; i < a.size(); i++)
+    for (size_t i = 0; i < a.size(); ++i)
         if (!same_string(a[i], b[i])) return Comparison::different;
     return Comparison::same;
 }
 
 Comparison compare_messages(Step step, std::span<ProtobufCMessage *> a, std::span<ProtobufCMessage *> b) {
     Comparison so_far = known(a.size() == b.size());
-    for (size_t i = 0; i < a.size() && so_far == Comparison::same; i++) so_far = compare_inner(step, a[i], b[i]);
+    for (size_t i = 0; i < a.size() && so_far == Comparison::same; ++i) so_far = compare_inner(step, a[i], b[i]);
     return so_far;
 }
 
@@ -272,10 +231,43 @@ bool covers(const Plan &plan, const ProtobufCMessage *message) {
 
 }  // namespace
 
+bool measure(const Plan &plan, const ProtobufCMessage *message, Extent &extent) {
+    if (message->descriptor != plan.descriptor || message->n_unknown_fields != 0) return false;
+    if (!grow(extent.structures, aligned(plan.descriptor->sizeof_message))) return false;
+    for (const Step step : visited(plan))
+        if (!measure_part(step, message, extent)) return false;
+    return true;
+}
+
+void *Memory::piece(size_t size) {
+    void *const memory = failed_ ? nullptr : malloc(size);
+    failed_ = !memory;
+    return memory;
+}
+
+void *Memory::structure(size_t size) {
+    if (!structures_) return piece(size);
+    return std::exchange(structures_, structures_ + aligned(size));
+}
+
+void *Memory::text(size_t size) {
+    if (!structures_) return piece(size);
+    return std::exchange(texts_, texts_ + size);
+}
+
+ProtobufCMessage *copy_by_plan(const Plan &plan, const ProtobufCMessage *message, Memory &memory) {
+    const size_t size = plan.descriptor->sizeof_message;
+    auto *const copy = copied(memory.structure(size), message, size);
+    if (!copy) return nullptr;
+    copy->unknown_fields = nullptr;
+    for (const Step step : visited(plan)) copy_part(step, copy, memory);
+    return copy;
+}
+
 Comparison compare(const Plan &plan, const ProtobufCMessage *a, const ProtobufCMessage *b) {
     if (!covers(plan, a) || !covers(plan, b)) return Comparison::not_covered;
     Comparison so_far = Comparison::same;
-    for (const Step *step = plan.plain; step != plan.end && so_far == Comparison::same; step++)
+    for (const Step *step = plan.plain; step != plan.end && so_far == Comparison::same; ++step)
         so_far = compare_part(*step, a, b);
     return so_far;
 }

@@ -1,11 +1,25 @@
 // The hash tables of the rows. A slot carries the key itself in one word, where it fits, so that a look-up reads one place
-// in the table and then the element that it answers with. The caller holds the cache
-// lock.
+// in the table and then the element that it answers with. The caller holds the cache lock.
 #include "base/row_table.h"
 
 #include <iterator>
 
 namespace dm {
+
+struct Slot {
+    uint64_t tag;
+    dm_cache_list_node *node;  // null: free
+};
+
+// Linear probing, nothing but elements in the way: what leaves has the rest of its run moved up, so that elements of one
+// place keep the order in which they came.
+struct RowTable {
+    Slot *slots;  // null: the row walks
+    unsigned bits;
+    unsigned owners;  // the kind's key_owners; 0: the whole key counts as the place
+    const Kind *kind;
+};
+
 namespace {
 
 // A key in one word: the place in the low bits, the owner above it. Where a part does not fit into its bits it is cut or
@@ -25,24 +39,6 @@ constexpr unsigned fewest_bits = 4, most_bits = 20;
 // As many owners at one place make the table one of whole keys, so that no look-up walks past all of them; who asks for all
 // elements at a place then walks the row.
 constexpr unsigned most_at_place = 256;
-
-struct Slot {
-    uint64_t tag;
-    dm_cache_list_node *node;  // null: free
-};
-
-}  // namespace
-
-// Linear probing, nothing but elements in the way: what leaves has the rest of its run moved up, so that elements of one
-// place keep the order in which they came.
-struct RowTable {
-    Slot *slots;  // null: the row walks
-    unsigned bits;
-    unsigned owners;  // the kind's key_owners; 0: the whole key counts as the place
-    const Kind *kind;
-};
-
-namespace {
 
 dm_cache_list lists[DM_ROW_COUNT];
 RowTable tables[DM_ROW_COUNT];

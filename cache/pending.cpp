@@ -72,6 +72,23 @@ int32_t keep(int32_t row, const ProtobufCMessage *obj, StoredMessage &kept) {
     return store_copy(obj, obj->descriptor, kept);
 }
 
+int32_t queue_object(const store_msg *msg, int32_t row, Caller caller) {
+    OwnedItem item(static_cast<pending_item *>(calloc(1, sizeof(pending_item))));
+    if (!item) return -1;
+    item->row = row;
+    item->cmd = msg->cmd;
+    const ProtobufCMessage *obj = carried_object(*msg, carries_record(msg->cmd), log_tag, caller);
+    if (!obj) return -1;
+    StoredMessage kept;
+    if (const int32_t ret = keep(row, obj, kept); ret != 0) {
+        DM_LOG_AS(caller, failure, "dm_cache_copy_obj failed ! ret %d\r\n", ret);
+        return -2;
+    }
+    item->obj = kept.release();
+    dm_list_add_tail_no_limit(&item.release()->link, &g_cache_pending_list, &g_cache_pending_num);
+    return 0;
+}
+
 }  // namespace
 
 void apply_class(tq_mom_handle *handle, int32_t proc_order) {
@@ -93,27 +110,6 @@ void drop_pending(int32_t row) {
 }  // namespace dm
 
 using namespace dm;
-
-namespace {
-
-int32_t queue_object(const store_msg *msg, int32_t row, Caller caller) {
-    OwnedItem item(static_cast<pending_item *>(calloc(1, sizeof(pending_item))));
-    if (!item) return -1;
-    item->row = row;
-    item->cmd = msg->cmd;
-    const ProtobufCMessage *obj = carried_object(*msg, carries_record(msg->cmd), log_tag, caller);
-    if (!obj) return -1;
-    StoredMessage kept;
-    if (const int32_t ret = keep(row, obj, kept); ret != 0) {
-        DM_LOG_AS(caller, failure, "dm_cache_copy_obj failed ! ret %d\r\n", ret);
-        return -2;
-    }
-    item->obj = kept.release();
-    dm_list_add_tail_no_limit(&item.release()->link, &g_cache_pending_list, &g_cache_pending_num);
-    return 0;
-}
-
-}  // namespace
 
 int32_t dm_cache_mom_cache(store_msg *msg, int32_t row) {
     if (!msg) return -1;

@@ -89,6 +89,13 @@ int32_t store_held(int32_t type, const ProtobufCMessage *obj) DM_REQUIRES_LOCK {
     return put_message(type, node, std::move(message));
 }
 
+bool overtaken(int32_t type, const ProtobufCMessage *obj, uint64_t since) DM_REQUIRES_LOCK {
+    if (since == never_overtaken) return false;
+    if (last_removal[type] > since) return true;
+    const dm_cache_list_node *node = find(type, obj);
+    return node && static_cast<uint32_t>(changes) - node->changed < changes - since;
+}
+
 }  // namespace
 
 int32_t store_object(int32_t type, const ProtobufCMessage *obj) {
@@ -112,17 +119,6 @@ StoredMessage cached_equal(int32_t type, const ProtobufCMessage *obj) {
 uint64_t change_mark() {
     return changes;
 }
-
-namespace {
-
-bool overtaken(int32_t type, const ProtobufCMessage *obj, uint64_t since) DM_REQUIRES_LOCK {
-    if (since == never_overtaken) return false;
-    if (last_removal[type] > since) return true;
-    const dm_cache_list_node *node = find(type, obj);
-    return node && static_cast<uint32_t>(changes) - node->changed < changes - since;
-}
-
-}  // namespace
 
 int32_t offer_object(int32_t type, const ProtobufCMessage *obj, uint64_t since) {
     if (obj_sub_list[type].flag & DM_CACHE_NO_STORE) return kept_out;

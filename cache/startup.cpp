@@ -144,7 +144,11 @@ int32_t dm_cache_init(tq_mom_handle *handle, const char *name) {
     if (dm_get_cap_value() != 0) DM_LOG(failure, "dm_cache_init: get cap value failed.\n");
     keep_name(name);
     dm_cache_read_cfg();
-    table_is_set_up() ? set_up_table_again() : set_up_table();
+    if (table_is_set_up()) {
+        set_up_table_again();
+    } else {
+        set_up_table();
+    }
     g_dm_global = handle;
     if (const int32_t ret = connect_databases(handle, name)) return ret;
     dm_cache_log_subobj_to_file();

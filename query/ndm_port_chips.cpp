@@ -143,6 +143,19 @@ int32_t _ndm_get_hpoe_support_by_objid(uint32_t objid, uint8_t *support, uint8_t
     return 0;
 }
 
+// The answer that the description of this card's type gives.
+template <class Answer> int32_t answer_from_my_card(uint8_t rt, const Answer &answer) {
+    const Caller caller{"_ndm_get_my_card_obj_rt"};
+    int32_t card_type;
+    if (_ndm_get_my_card_type_rt(&card_type, rt) != 0) {
+        DM_LOG_AS(caller, notice, "ndm_get_my_card_type fail\n");
+        return -1;
+    }
+    if (answer_from_card(card_type, rt, answer) == 0) return 0;
+    DM_LOG_AS(caller, notice, "ndm_get_card_obj_by_type %d fail\n", card_type);
+    return -1;
+}
+
 }  // namespace
 
 int32_t _ndm_get_my_card_multi_lport(int32_t *lports, int32_t *num, uint8_t rt) {
@@ -203,23 +216,6 @@ int32_t _ndm_get_my_card_obj_rt(void *card, uint8_t rt) {
     put(card, found);
     return 0;
 }
-
-namespace {
-
-// The answer that the description of this card's type gives.
-template <class Answer> int32_t answer_from_my_card(uint8_t rt, const Answer &answer) {
-    const Caller caller{"_ndm_get_my_card_obj_rt"};
-    int32_t card_type;
-    if (_ndm_get_my_card_type_rt(&card_type, rt) != 0) {
-        DM_LOG_AS(caller, notice, "ndm_get_my_card_type fail\n");
-        return -1;
-    }
-    if (answer_from_card(card_type, rt, answer) == 0) return 0;
-    DM_LOG_AS(caller, notice, "ndm_get_card_obj_by_type %d fail\n", card_type);
-    return -1;
-}
-
-}  // namespace
 
 int32_t _ndm_get_my_lport_num(uint8_t rt) {
     if (const auto ports = cached_field(&PDev__LocalPortInfo::lport_num)) return *ports;
