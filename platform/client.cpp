@@ -28,9 +28,10 @@ store_msg new_msg(const Request &request, int32_t cmd) {
 // its fields.
 std::vector<Listener> affected(const Request &request, const Changed &event) {
     std::vector<Listener> listeners;
-    for (const Field &field : request.fields) {
-        if (event.before && event.after && !field_differs(event.before->bytes, event.after->bytes, field.number))
+    for (const FollowedField &field : request.fields) {
+        if (event.before && event.after && !field_differs(event.before->bytes, event.after->bytes, field.number)) {
             continue;
+        }
         if (std::find(listeners.begin(), listeners.end(), field.listener) == listeners.end()) {
             listeners.push_back(field.listener);
         }
@@ -64,7 +65,7 @@ bool Call::is_in(const Client &client) {
 
 bool Client::enter() {
     const std::lock_guard lock(calls_mutex_);
-    if (!closing_) calls_++;
+    if (!closing_) ++calls_;
     return !closing_;
 }
 
@@ -103,7 +104,7 @@ std::unique_ptr<Client> Client::open(const char *url, int32_t &error) {
 }
 
 Client::~Client() {
-    epoch_++;  // ends a scan that is being delivered
+    ++epoch_;  // ends a scan that is being delivered
     loop_.stop();
 }
 
@@ -163,7 +164,7 @@ int32_t Client::scan_here(const Request &request) {
 }
 
 int32_t Client::read(const Place &place, const ProtobufCMessageDescriptor &kind, const std::string &key,
-                     ProtobufCMessage *&object) {
+                     ProtobufCMessage *&message) {
     ObjectPtr found;
     if (const int32_t error = store_->read(place, key, found)) return error;
     Decoded decoded = decode(kind, *found);
@@ -171,7 +172,7 @@ int32_t Client::read(const Place &place, const ProtobufCMessageDescriptor &kind,
         damaged_ += decoded.error == TQ_MOM_E_DAMAGED;
         return decoded.error;
     }
-    object = decoded.message.release();
+    message = decoded.message.release();
     return 0;
 }
 
@@ -180,8 +181,9 @@ int32_t Client::read(const Place &place, const ProtobufCMessageDescriptor &kind,
 int32_t Client::replace(const Target &target, const ProtobufCMessage *before, const ProtobufCMessage *after) {
     ObjectPtr stored;
     if (before) {
-        if (const int32_t error = store_->read(target.place, *target.key, stored))
+        if (const int32_t error = store_->read(target.place, *target.key, stored)) {
             return error == TQ_MOM_E_NOT_FOUND ? TQ_MOM_E_CHANGED : error;
+        }
         const Decoded decoded = decode(*target.kind, *stored);
         if (decoded.error == TQ_MOM_E_MEMORY) return decoded.error;
         if (decoded.error || pack(*decoded.message) != pack(*before)) return TQ_MOM_E_CHANGED;
@@ -197,7 +199,7 @@ void Client::post(Event event) {
 }
 
 void Client::lost() {
-    epoch_++;
+    ++epoch_;
     loop_.post([this] {
         up_ = false;
         tell_connection(0);
@@ -247,7 +249,7 @@ void Client::deliver(const Page &event, uint64_t epoch) {
 void Client::push(const Request &request, const Listener &listener, const Changed &event) {
     const Decoded decoded =
         event.after ? decode(*request.kind, *event.after) : Decoded{key_only(*request.kind, event.before->key), 0};
-    if (decoded.error == TQ_MOM_E_DAMAGED) damaged_++;
+    if (decoded.error == TQ_MOM_E_DAMAGED) ++damaged_;
     store_msg msg = new_msg(request, event.after ? TQ_MOM_CMD_SET : TQ_MOM_CMD_DELETE);
     msg.value = decoded.message.get();
     msg.result = decoded.error;
@@ -257,7 +259,7 @@ void Client::push(const Request &request, const Listener &listener, const Change
 // One object of a scan, on the thread that runs it.
 void Client::reply(const Request &request, const Object &object) {
     const Decoded decoded = decode(*request.kind, object);
-    if (decoded.error == TQ_MOM_E_DAMAGED) damaged_++;
+    if (decoded.error == TQ_MOM_E_DAMAGED) ++damaged_;
     result_rec record = {decoded.message.get(), {}, decoded.error};
     store_msg msg = new_msg(request, TQ_MOM_CMD_REPLY);
     msg.value = &record;

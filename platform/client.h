@@ -24,18 +24,18 @@ struct Listener {
     bool operator==(const Listener &) const = default;
 };
 
-struct Field {
+struct FollowedField {
     uint32_t number;
     Listener listener;
-    bool operator==(const Field &) const = default;
+    bool operator==(const FollowedField &) const = default;
 };
 
 struct Request {
     Place place;
     const ProtobufCMessageDescriptor *kind;
-    Listener listener;               // of a field subscription: who is told that it stands
-    std::string key = {};            // of the one object whose fields are followed
-    std::vector<Field> fields = {};  // empty: whole objects are followed
+    Listener listener;                       // of a field subscription: who is told that it stands
+    std::string key = {};                    // of the one object whose fields are followed
+    std::vector<FollowedField> fields = {};  // empty: whole objects are followed
 };
 
 class Client final : private Sink {
@@ -65,7 +65,7 @@ public:
     void scan(Request request);
     int32_t scan_here(const Request &request);
     int32_t read(const Place &place, const ProtobufCMessageDescriptor &kind, const std::string &key,
-                 ProtobufCMessage *&object);
+                 ProtobufCMessage *&message);
     int32_t replace(const Target &target, const ProtobufCMessage *before, const ProtobufCMessage *after);
 
 private:

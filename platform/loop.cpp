@@ -43,8 +43,8 @@ void run_guarded(const Task &task) {
 void want_descriptors() {
     std::array<int, descriptors_of_a_base> taken;
     size_t n = 0;
-    while (n < taken.size() && (taken[n] = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0) n++;
-    for (size_t i = 0; i < n; i++) ::close(taken[i]);
+    while (n < taken.size() && (taken[n] = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0) ++n;
+    for (size_t i = 0; i < n; ++i) ::close(taken[i]);
     if (n < taken.size()) throw std::system_error(EMFILE, std::generic_category());
 }
 

@@ -15,10 +15,12 @@
 
 struct event;
 struct event_base;
+struct tq_thread_master;
 
 namespace tq {
 
 using Clock = std::chrono::steady_clock;
+using Loop = tq_thread_master;
 using Task = std::function<void()>;
 
 struct FreeEvent {
@@ -28,7 +30,8 @@ struct FreeEvent {
 
 }  // namespace tq
 
-// The loop is what the public headers hand around as a timer master.
+// The loop is what the public headers hand around as a timer master. Any thread may post, ask for a wake-up, or drain; the
+// rest is the owner's. What is posted runs in that order, and no task or timer runs beside another.
 struct tq_thread_master {
 public:
     tq_thread_master();
@@ -64,9 +67,5 @@ private:
     const uint32_t process_ = tq::this_process();
     std::thread thread_;
 };
-
-namespace tq {
-using Loop = tq_thread_master;
-}
 
 #endif

@@ -22,8 +22,8 @@ struct Follower {
     Ticket ticket;
 };
 
-// One kind's objects, in the order in which they first came, and who follows them.
-struct Kind {
+// What lies at one place: its objects, in the order in which they first came, and who follows them.
+struct Content {
     std::list<ObjectPtr> objects;
     std::unordered_map<std::string, std::list<ObjectPtr>::iterator> by_key;
     std::vector<Follower> followers;
@@ -35,51 +35,51 @@ class MemStore {
 public:
     mutable std::mutex mutex;
     uint64_t instance = 1;
-    std::map<Place, Kind> kinds;
+    std::map<Place, Content> contents;
     std::vector<MemClient *> clients;
 
-    void put(Kind &kind, ObjectPtr object);
-    bool remove(Kind &kind, const std::string &key);
-    void cut_off(MemClient &client);
+    void put(Content &content, ObjectPtr object);
+    bool remove(Content &content, const std::string &key);
+    void lose(MemClient &client);
 
 private:
-    void tell(const Kind &kind, const ObjectPtr &before, const ObjectPtr &after);
+    void tell(const Content &content, const ObjectPtr &before, const ObjectPtr &after);
 };
 
-void MemStore::tell(const Kind &kind, const ObjectPtr &before, const ObjectPtr &after) {
-    for (const Follower &follower : kind.followers) {
+void MemStore::tell(const Content &content, const ObjectPtr &before, const ObjectPtr &after) {
+    for (const Follower &follower : content.followers) {
         if (follower.client->up_) follower.client->sink_.post(Changed{follower.ticket, before, after});
     }
 }
 
 // A replaced object keeps its place in the order.
-void MemStore::put(Kind &kind, ObjectPtr object) {
-    const auto found = kind.by_key.find(object->key);
-    if (found != kind.by_key.end()) {
+void MemStore::put(Content &content, ObjectPtr object) {
+    const auto found = content.by_key.find(object->key);
+    if (found != content.by_key.end()) {
         const ObjectPtr before = std::exchange(*found->second, object);
-        return tell(kind, before, object);
+        return tell(content, before, object);
     }
-    kind.objects.push_back(object);
+    content.objects.push_back(object);
     try {
-        kind.by_key.emplace(object->key, std::prev(kind.objects.end()));
+        content.by_key.emplace(object->key, std::prev(content.objects.end()));
     } catch (...) {
-        kind.objects.pop_back();
+        content.objects.pop_back();
         throw;
     }
-    tell(kind, nullptr, object);
+    tell(content, nullptr, object);
 }
 
-bool MemStore::remove(Kind &kind, const std::string &key) {
-    const auto found = kind.by_key.find(key);
-    if (found == kind.by_key.end()) return false;
+bool MemStore::remove(Content &content, const std::string &key) {
+    const auto found = content.by_key.find(key);
+    if (found == content.by_key.end()) return false;
     const ObjectPtr before = *found->second;
-    kind.objects.erase(found->second);
-    kind.by_key.erase(found);
-    tell(kind, before, nullptr);
+    content.objects.erase(found->second);
+    content.by_key.erase(found);
+    tell(content, before, nullptr);
     return true;
 }
 
-void MemStore::cut_off(MemClient &client) {
+void MemStore::lose(MemClient &client) {
     if (!client.up_) return;
     client.up_ = false;
     client.sink_.lost();
@@ -94,8 +94,8 @@ MemClient::MemClient(MemStore &store, Sink &sink) : store_(store), sink_(sink) {
 MemClient::~MemClient() {
     const std::lock_guard lock(store_.mutex);
     std::erase(store_.clients, this);
-    for (auto &[place, kind] : store_.kinds) {
-        std::erase_if(kind.followers, [this](const Follower &follower) { return follower.client == this; });
+    for (auto &[place, content] : store_.contents) {
+        std::erase_if(content.followers, [this](const Follower &follower) { return follower.client == this; });
     }
 }
 
@@ -106,7 +106,7 @@ bool MemClient::up() const {
 
 void MemClient::follow(const Place &place, const std::string *, const Ticket &ticket) {
     const std::lock_guard lock(store_.mutex);
-    auto &followers = store_.kinds[place].followers;
+    auto &followers = store_.contents[place].followers;
     if (std::none_of(followers.begin(), followers.end(), [&](const Follower &f) { return f.ticket == ticket; })) {
         followers.push_back({this, ticket});
     }
@@ -119,16 +119,16 @@ void MemClient::follow(const Place &place, const std::string *, const Ticket &ti
 void MemClient::scan(const Place &place, const Ticket &ticket) {
     const std::lock_guard lock(store_.mutex);
     if (!up_) return;
-    const Kind &kind = store_.kinds[place];
-    sink_.post(Page{ticket, {kind.objects.begin(), kind.objects.end()}, true});
+    const Content &content = store_.contents[place];
+    sink_.post(Page{ticket, {content.objects.begin(), content.objects.end()}, true});
 }
 
 int32_t MemClient::read(const Place &place, const std::string &key, ObjectPtr &object) {
     const std::lock_guard lock(store_.mutex);
     if (!up_) return TQ_MOM_E_UNREACHABLE;
-    const Kind &kind = store_.kinds[place];
-    const auto found = kind.by_key.find(key);
-    if (found == kind.by_key.end()) return TQ_MOM_E_NOT_FOUND;
+    const Content &content = store_.contents[place];
+    const auto found = content.by_key.find(key);
+    if (found == content.by_key.end()) return TQ_MOM_E_NOT_FOUND;
     object = *found->second;
     return 0;
 }
@@ -136,8 +136,8 @@ int32_t MemClient::read(const Place &place, const std::string &key, ObjectPtr &o
 int32_t MemClient::read_all(const Place &place, std::vector<ObjectPtr> &objects) {
     const std::lock_guard lock(store_.mutex);
     if (!up_) return TQ_MOM_E_UNREACHABLE;
-    const Kind &kind = store_.kinds[place];
-    objects.assign(kind.objects.begin(), kind.objects.end());
+    const Content &content = store_.contents[place];
+    objects.assign(content.objects.begin(), content.objects.end());
     return 0;
 }
 
@@ -145,7 +145,7 @@ int32_t MemClient::write(const Place &place, Object object) {
     auto shared = std::make_shared<const Object>(std::move(object));
     const std::lock_guard lock(store_.mutex);
     if (!up_) return TQ_MOM_E_UNREACHABLE;
-    store_.put(store_.kinds[place], std::move(shared));
+    store_.put(store_.contents[place], std::move(shared));
     return 0;
 }
 
@@ -157,7 +157,7 @@ int32_t MemClient::write_many(const std::vector<Write> &writes, size_t &taken, s
             refused = taken;
             return error;
         }
-        taken++;
+        ++taken;
     }
     return 0;
 }
@@ -165,29 +165,29 @@ int32_t MemClient::write_many(const std::vector<Write> &writes, size_t &taken, s
 int32_t MemClient::erase(const Place &place, const std::string &key) {
     const std::lock_guard lock(store_.mutex);
     if (!up_) return TQ_MOM_E_UNREACHABLE;
-    return store_.remove(store_.kinds[place], key) ? 0 : TQ_MOM_E_NOT_FOUND;
+    return store_.remove(store_.contents[place], key) ? 0 : TQ_MOM_E_NOT_FOUND;
 }
 
 int32_t MemClient::replace(const Place &place, const ObjectPtr &before, const ObjectPtr &after) {
     const std::lock_guard lock(store_.mutex);
     if (!up_) return TQ_MOM_E_UNREACHABLE;
-    Kind &kind = store_.kinds[place];
+    Content &content = store_.contents[place];
     const std::string &key = (after ? after : before)->key;
-    const auto found = kind.by_key.find(key);
-    const bool is_there = found != kind.by_key.end();
+    const auto found = content.by_key.find(key);
+    const bool is_there = found != content.by_key.end();
     if (is_there != (before != nullptr)) return TQ_MOM_E_CHANGED;
     if (is_there && (*found->second)->bytes != before->bytes) return TQ_MOM_E_CHANGED;
     if (after) {
-        store_.put(kind, after);
+        store_.put(content, after);
     } else {
-        store_.remove(kind, key);
+        store_.remove(content, key);
     }
     return 0;
 }
 
 int32_t MemClient::disconnect() {
     const std::lock_guard lock(store_.mutex);
-    store_.cut_off(*this);
+    store_.lose(*this);
     return 0;
 }
 
@@ -203,12 +203,12 @@ int32_t MemClient::reconnect() {
 
 int32_t MemClient::restart(bool keep) {
     const std::lock_guard lock(store_.mutex);
-    store_.instance++;
-    for (MemClient *client : store_.clients) store_.cut_off(*client);
+    ++store_.instance;
+    for (MemClient *client : store_.clients) store_.lose(*client);
     if (keep) return 0;
-    for (auto &[place, kind] : store_.kinds) {
-        kind.by_key.clear();
-        kind.objects.clear();
+    for (auto &[place, content] : store_.contents) {
+        content.by_key.clear();
+        content.objects.clear();
     }
     return 0;
 }

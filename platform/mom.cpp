@@ -21,17 +21,17 @@ Place place_of(uint32_t db, const ProtobufCMessage *message) {
     return {db, message->descriptor->name};
 }
 
-int32_t read(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *obj_with_key, ProtobufCMessage *&object) {
+int32_t read(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *obj_with_key, ProtobufCMessage *&message) {
     return with_client(handle, [&](Client &client) {
         const Target target(db, obj_with_key);
         if (!target.key) return int32_t{TQ_MOM_E_ARGUMENT};
-        return client.read(target.place, *target.kind, *target.key, object);
+        return client.read(target.place, *target.kind, *target.key, message);
     });
 }
 
 bool usable_fields(const ProtobufCMessageDescriptor &kind, const uint32_t *numbers, const tq_mom_msg_cb *callbacks,
                    int32_t n) {
-    for (int32_t i = 0; i < n; i++) {
+    for (int32_t i = 0; i < n; ++i) {
         if (!callbacks[i] || !has_field(kind, numbers[i])) return false;
     }
     return true;
@@ -80,7 +80,7 @@ int32_t tq_mom_subscribe_field(tq_mom_handle *handle, uint32_t db, const Protobu
         Target target(db, key);
         if (!target.key) return int32_t{TQ_MOM_E_ARGUMENT};
         Request request = {target.place, target.kind, {callbacks[0], privdata[0]}, *target.key};
-        for (int32_t i = 0; i < n; i++) request.fields.push_back({field_numbers[i], {callbacks[i], privdata[i]}});
+        for (int32_t i = 0; i < n; ++i) request.fields.push_back({field_numbers[i], {callbacks[i], privdata[i]}});
         client.subscribe(std::move(request));
         return 0;
     });
@@ -108,25 +108,25 @@ int32_t tq_mom_get_reconnect_scan_time(tq_mom_handle *handle, uint32_t) {
 }
 
 result_rec *tq_mom_hgetall_sync(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *obj_with_key) {
-    ProtobufCMessage *object = nullptr;
-    const int32_t error = read(handle, db, obj_with_key, object);
+    ProtobufCMessage *message = nullptr;
+    const int32_t error = read(handle, db, obj_with_key, message);
     if (error == TQ_MOM_E_ARGUMENT || error == TQ_MOM_E_MEMORY) return nullptr;
     auto *record = static_cast<result_rec *>(std::calloc(1, sizeof(result_rec)));
     if (!record) {
-        tq::FreeMessage()(object);
+        tq::FreeMessage()(message);
         return nullptr;
     }
-    record->obj = object;
+    record->obj = message;
     record->error = error;
     return record;
 }
 
 ProtobufCMessage *tq_mom_get_sync(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *obj_with_key,
                                   int32_t *error) {
-    ProtobufCMessage *object = nullptr;
-    const int32_t code = read(handle, db, obj_with_key, object);
+    ProtobufCMessage *message = nullptr;
+    const int32_t code = read(handle, db, obj_with_key, message);
     if (error) *error = code;
-    return object;
+    return message;
 }
 
 int32_t tq_mom_hash_res_free(result_rec *record) {
@@ -156,7 +156,7 @@ int32_t tq_mom_set_many(tq_mom_handle *handle, const tq_mom_write *writes, uint3
         if ((count > 0 && !writes)) return int32_t{TQ_MOM_E_ARGUMENT};
         std::vector<Write> all;
         all.reserve(count);
-        for (; first_refused < count; first_refused++) {
+        for (; first_refused < count; ++first_refused) {
             const auto &[db, obj] = writes[first_refused];
             const Target target(db, obj);
             if (!target.key) return int32_t{TQ_MOM_E_ARGUMENT};

@@ -14,7 +14,7 @@ std::atomic<uint32_t> forks = 0;
 }  // namespace
 
 uint32_t this_process() {
-    static const bool counted = (run_in_child([] { forks++; }), true);
+    static const bool counted = (run_in_child([] { ++forks; }), true);
     static_cast<void>(counted);
     return forks;
 }

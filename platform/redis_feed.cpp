@@ -28,7 +28,7 @@ template <void (RedisFeed::*act)()> RedisFeed::EventPtr RedisFeed::new_event(int
         try {
             (feed.*act)();
         } catch (const std::exception &error) {
-            feed.drop(error.what());
+            feed.lose(error.what());
         }
     };
     EventPtr made(event_new(loop_.base(), fd, what, run, this));
@@ -60,9 +60,9 @@ void RedisFeed::connect() {
     state_ = State::connecting;
     std::string fault;
     at_.clear();
-    if (!std::exchange(is_found_, false) && !find_master(url_, attempts_++, server_, fault)) return drop(fault);
+    if (!std::exchange(is_found_, false) && !find_master(url_, attempts_++, server_, fault)) return lose(fault);
     if (!url_.sentinels.empty()) at_ = name_of(server_) + ": ";
-    if (!connection_.open(server_, url_.probe, /*is_blocking=*/false)) return drop(connection_.fault());
+    if (!connection_.open(server_, url_.probe, /*is_blocking=*/false)) return lose(connection_.fault());
     readable_ = new_event<&RedisFeed::on_readable>(connection_.fd(), EV_READ | EV_PERSIST);
     writable_ = new_event<&RedisFeed::send>(connection_.fd(), EV_WRITE);
     event_add(readable_.get(), nullptr);
@@ -82,7 +82,7 @@ void RedisFeed::connect() {
 
 void RedisFeed::send() {
     if (state_ == State::waiting) return;
-    if (!connection_.send()) return drop(connection_.fault());
+    if (!connection_.send()) return lose(connection_.fault());
     reached_ = true;
     if (!connection_.all_sent()) event_add(writable_.get(), nullptr);
 }
@@ -104,7 +104,7 @@ bool RedisFeed::establish() {
     return same_content(std::exchange(last_identity_, identity_), identity_);
 }
 
-void RedisFeed::drop(const std::string &reason) {
+void RedisFeed::lose(const std::string &reason) {
     if (state_ == State::waiting) return;
     state_ = State::waiting;
     readable_.reset();
@@ -124,7 +124,7 @@ milliseconds RedisFeed::next_delay() {
 void RedisFeed::on_timer() {
     if (state_ == State::waiting) return connect();
     if (state_ == State::up && owner_.is_heard_elsewhere()) silent_ticks_ = 0;
-    if (silent_ticks_++ == ticks_of_silence) return drop("no answer");
+    if (silent_ticks_++ == ticks_of_silence) return lose("no answer");
     start_timer(url_.probe / ticks_of_silence);
     if (state_ != State::up) return;
     owner_.tick();
@@ -135,9 +135,9 @@ void RedisFeed::on_timer() {
 
 void RedisFeed::on_readable() {
     auto received = RedisConnection::Received::much;
-    for (int i = 0; i < reads_at_a_time && received == RedisConnection::Received::much; i++) {
+    for (int i = 0; i < reads_at_a_time && received == RedisConnection::Received::much; ++i) {
         received = connection_.receive();
-        if (received == RedisConnection::Received::failed) return drop(connection_.fault());
+        if (received == RedisConnection::Received::failed) return lose(connection_.fault());
         if (received == RedisConnection::Received::nothing) return;
         if (state_ == State::up) silent_ticks_ = 0;  // one that trickles must not hold up an attempt to connect
         if (!take_replies()) return;
@@ -151,21 +151,22 @@ bool RedisFeed::take_replies() {
         if (state_ == State::waiting) return false;
     }
     if (connection_.fault().empty()) return true;
-    drop(connection_.fault());
+    lose(connection_.fault());
     return false;
 }
 
 // In the order of how often they come.
 void RedisFeed::take(const redisReply &reply) {
     const bool is_list = reply.type == REDIS_REPLY_ARRAY && reply.elements == 3;
-    if (is_list && text_of(*reply.element[0]) == "message")
+    if (is_list && text_of(*reply.element[0]) == "message") {
         return owner_.heard(text_of(*reply.element[1]), text_of(*reply.element[2]));
-    if (is_full(reply)) return drop(std::string(text_of(reply)));
+    }
+    if (is_full(reply)) return lose(std::string(text_of(reply)));
     while (is_list && !asked_.empty() && asked_.front().what == What::fence &&
            text_of(*reply.element[1]) != asked_.front().channel) {
         asked_.pop_front();  // its answer has got lost; what it confirms waits for another connection
     }
-    if (asked_.empty()) return drop(other_answer);
+    if (asked_.empty()) return lose(other_answer);
     const Asked asked = std::move(asked_.front());
     asked_.pop_front();
     if (is_error(reply)) return take_error(asked, text_of(reply));
@@ -176,22 +177,26 @@ void RedisFeed::take_answer(const Asked &asked, const redisReply &reply) {
     const bool is_list = reply.type == REDIS_REPLY_ARRAY && reply.elements == 3;
     const std::string_view word = is_list ? text_of(*reply.element[0]) : std::string_view();
     if (asked.what == What::credentials && reply.type == REDIS_REPLY_STATUS) return;
-    if (asked.what == What::subscription && word == "subscribe" && text_of(*reply.element[1]) == asked.channel)
+    if (asked.what == What::subscription && word == "subscribe" && text_of(*reply.element[1]) == asked.channel) {
         return owner_.subscribed(asked.channel, {});
+    }
     if (asked.what == What::fence && word == "unsubscribe") return owner_.answered(asked.number);
-    if (asked.what != What::identity || reply.type != REDIS_REPLY_STRING || !parse_identity(text_of(reply), identity_))
-        return drop(other_answer);
-    if (const std::string fault = unfit(identity_); !fault.empty()) return drop(fault);
-    if (identity_.role != "master") drop("the server is no master (" + identity_.role + ")");
+    if (asked.what != What::identity || reply.type != REDIS_REPLY_STRING ||
+        !parse_identity(text_of(reply), identity_)) {
+        return lose(other_answer);
+    }
+    if (const std::string fault = unfit(identity_); !fault.empty()) return lose(fault);
+    if (identity_.role != "master") lose("the server is no master (" + identity_.role + ")");
 }
 
 // What the server says to the credentials may quote them.
 void RedisFeed::take_error(const Asked &asked, std::string_view text) {
     if (text.starts_with("LOADING")) reached_ = false;
-    if (asked.what == What::credentials)
-        return drop("the server refuses the credentials (" + std::string(text.substr(0, text.find(' '))) + ")");
+    if (asked.what == What::credentials) {
+        return lose("the server refuses the credentials (" + std::string(text.substr(0, text.find(' '))) + ")");
+    }
     if (asked.what == What::subscription && text.starts_with("NOPERM")) return owner_.subscribed(asked.channel, text);
-    drop(std::string(text));
+    lose(std::string(text));
 }
 
 }  // namespace tq

@@ -6,12 +6,12 @@
 //                first, with a wait
 //   connecting   credentials, a question for the server's identity, and what is to be followed are sent in one go; an error,
 //                a server that is not the master, or silence: back to waiting
-//   up           the answer to a fence behind all that has come. Silence, an error, the end of the connection, or drop():
+//   up           the answer to a fence behind all that has come. Silence, an error, the end of the connection, or lose():
 //                back to waiting
 //
-// A fence is an UNSUBSCRIBE from a channel that nobody subscribes to: its answer has its place among what is pushed, and a
+// A fence is an UNSUBSCRIBE from a channel that nobody subscribes to: its answer takes its turn among what is pushed, and a
 // server that takes no writes, as with a full disk, gives it all the same. Answers come in the order of what was sent, so
-// one that is refused is known by its place.
+// one that is refused is known by its position.
 //
 // A server that is silent while it is asked something every tick is lost after ticks_of_silence. They are counted, not
 // measured: when the loop's own thread was held up by a callback, what came meanwhile is read before the next tick.
@@ -52,9 +52,11 @@ public:
 
     // Everything followed is subscribed to: it is up. Whether it has the same content as the last time, but for changes.
     bool establish();
+    bool is_up() const { return state_ == State::up; }
     const Address &server() const { return server_; }  // of the last attempt
     bool answered_at_once() const { return Clock::now() - asked_at_ < url_.probe / 5; }
-    void drop(const std::string &reason);
+    // Ends the connection, and goes for the next one. Its owner is told at once.
+    void lose(const std::string &reason);
     // What the server said of itself on this connection.
     const Identity &identity() const { return identity_; }
     void adopt(const Identity &now) { last_identity_ = identity_ = now; }

@@ -85,8 +85,9 @@ bool RedisLink::call_many(size_t count, const Command &command, const Take &take
     bool more = true;
     for (size_t begin = 0, end = 0; more && begin < count; begin = end) {
         std::string bytes;
-        for (; end < count && end < begin + commands_at_a_time && bytes.size() < bytes_at_a_time; end++)
+        for (; end < count && end < begin + commands_at_a_time && bytes.size() < bytes_at_a_time; ++end) {
             bytes += command(end);
+        }
         std::vector<Reply> replies;
         replies.reserve(end - begin);
         {
@@ -100,7 +101,7 @@ bool RedisLink::call_many(size_t count, const Command &command, const Take &take
             }
         }
         send_posted();
-        for (size_t i = 0; i < replies.size(); i++) more &= take(begin + i, *replies[i]);
+        for (size_t i = 0; i < replies.size(); ++i) more &= take(begin + i, *replies[i]);
         if (replies.size() < end - begin) return false;
     }
     return true;
@@ -199,7 +200,7 @@ void RedisLink::take_owed(Reply reply) {
     }
     Owed &owed = owed_.front();
     if (is_error(*reply) && owed.fault.empty()) owed.fault = text_of(*reply);
-    for (size_t i = 0; i < reply->elements && owed.fault.empty(); i++) {
+    for (size_t i = 0; i < reply->elements && owed.fault.empty(); ++i) {
         if (is_error(*reply->element[i])) owed.fault = text_of(*reply->element[i]);
     }
     answers_++;

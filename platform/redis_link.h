@@ -23,8 +23,9 @@ public:
     int32_t open(const Address &server, Identity &identity, std::string &fault);
     // Ends the calls under way, and all to come until it is opened again.
     void shut() { connection_.shut(); }
-    // The same, for good.
+    // The same, for good: what fails from then on is no trouble of the server's.
     void end();
+    bool has_ended() const { return ended_; }
 
     // Null: the connection is lost.
     Reply call(const Words &command);

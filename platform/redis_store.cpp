@@ -1,5 +1,5 @@
 // A store on a Redis server. mutex_ guards who follows what, what is owed and what is under way; the sink and the link
-// are told under it, the feed's own news never is: the feed may answer at once with a loss.
+// are told under it. The feed is told of a loss without it, for the feed answers with lost() at once.
 #include "platform/redis_store.h"
 
 #include <algorithm>
@@ -14,12 +14,11 @@ namespace tq {
 
 namespace {
 
-constexpr int echoes_without_answer = 5, most_echoes_due = 20;
+constexpr uint64_t echoes_without_answer = 5, most_echoes_due = 20;
 constexpr const char *no_master = "the server is no master any more";
 constexpr const char *other_content = "the server has other content than before";
 constexpr size_t page_bytes = 262144, most_at_once = 256, growth = 4, regrowth = 16;
 constexpr int32_t shortest_rescan_ms = 10, rescan_spread_ms = 500;
-constexpr std::chrono::seconds shortest_hold(1), longest_hold(60);
 
 bool hash_is_refused(const redisReply &error) {
     return text_of(error).starts_with("NOSCRIPT") || text_of(error).starts_with("NOPERM");
@@ -42,14 +41,14 @@ bool is_list_of_pairs(const redisReply &reply) {
                        [](const redisReply *element) { return element->type == REDIS_REPLY_STRING; });
 }
 
-ObjectPtr object(std::string_view key, std::string_view bytes) {
+ObjectPtr new_object(std::string_view key, std::string_view bytes) {
     return std::make_shared<const Object>(Object{std::string(key), std::string(bytes)});
 }
 
 }  // namespace
 
 RedisStore::RedisStore(const RedisUrl &url, Sink &sink, Loop &loop)
-    : url_(url), sink_(sink), loop_(loop), link_(url_), feed_(url_, loop, *this) {}
+    : url_(url), sink_(sink), loop_(loop), link_(url_), feed_(url_, loop, *this), holds_(url_.shown) {}
 
 std::unique_ptr<Store> RedisStore::open(const RedisUrl &url, Sink &sink, Loop &loop, int32_t &error) {
     std::unique_ptr<RedisStore> store(new RedisStore(url, sink, loop));
@@ -74,13 +73,12 @@ int32_t RedisStore::start() {
 }
 
 void RedisStore::end() {
-    ended_ = true;
     link_.end();
 }
 
 bool RedisStore::up() const {
     const std::lock_guard lock(mutex_);
-    return phase_ == Phase::up;
+    return up_;
 }
 
 // Following
@@ -97,8 +95,8 @@ void RedisStore::follow(const Place &place, const std::string *key, const Ticket
     auto &followers = channel.followers;
     if (std::find(followers.begin(), followers.end(), ticket) == followers.end()) followers.push_back(ticket);
     const Confirmation confirmation = {ticket, &channel};
-    if (phase_ != Phase::up) return owed_.push_back(confirmation);
-    to_confirm_[++asked_] = confirmation;
+    if (!up_) return owed_.push_back(confirmation);
+    to_confirm_[++fence_due_] = confirmation;
     loop_.post([this] { send_follows(); });
 }
 
@@ -106,9 +104,9 @@ void RedisStore::follow(const Place &place, const std::string *key, const Ticket
 void RedisStore::send_follows() {
     {
         const std::lock_guard lock(mutex_);
-        if (phase_ != Phase::up) return;
+        if (!up_) return;
         subscribe_rest();
-        while (fenced_ < asked_) feed_.fence(++fenced_);
+        while (fence_sent_ < fence_due_) feed_.fence(++fence_sent_);
     }
     feed_.send();
 }
@@ -122,14 +120,13 @@ bool RedisStore::subscribe_rest() {
 
 void RedisStore::subscribe_all() {
     const std::lock_guard lock(mutex_);
-    phase_ = Phase::restoring;
     to_subscribe_ = {private_channel_};
     for (auto &[name, channel] : channels_) {
-        channel.is_refused = channel.holds = false;
+        channel.is_refused = channel.has_objects = false;
         to_subscribe_.push_back(name);
     }
     subscribe_rest();
-    feed_.fence(fenced_ = ++asked_);
+    feed_.fence(fence_sent_ = ++fence_due_);
 }
 
 void RedisStore::subscribed(const std::string &name, std::string_view refusal) {
@@ -140,26 +137,25 @@ void RedisStore::subscribed(const std::string &name, std::string_view refusal) {
         if (found != channels_.end()) {
             Channel &channel = found->second;
             const bool was_refused = std::exchange(channel.is_refused, !refusal.empty());
-            if (channel.is_refused) hold(channel.hash, fault);
+            if (channel.is_refused) holds_.refuse(channel.hash, fault);
             if (was_refused && !is_refused(channel.hash)) release(channel.hash);
             return;
         }
     }
-    if (!refusal.empty()) feed_.drop(fault);
+    if (!refusal.empty()) feed_.lose(fault);
 }
 
 void RedisStore::answered(uint64_t fence) {
     {
         const std::lock_guard lock(mutex_);
-        answered_ = fence;
-        echoes_ = -echoes_due_;
-        if (phase_ == Phase::up) {
+        fence_answered_ = fence;
+        echo_before_ = echo_asked_;
+        if (up_) {
             confirm(fence);
             return ask_page();
         }
-        if (phase_ == Phase::lost) return;
     }
-    establish();
+    if (!feed_.is_up()) establish();  // else a call has lost it already
 }
 
 // One whose answer has been passed over is confirmed by the next connection.
@@ -177,17 +173,18 @@ void RedisStore::confirm(uint64_t fence) {
 void RedisStore::confirm(const Confirmation &confirmation) {
     const auto &[ticket, channel] = confirmation;
     if (!channel->is_refused) return sink_.post(Confirmed{ticket});
-    held_.at(channel->hash).confirmations.push_back(confirmation);
+    holds_.find(channel->hash)->confirmations.push_back(confirmation);
     sink_.post(Held{ticket, /*is_scan=*/false});
 }
 
 // The link is opened here, with a wait: this server has just answered.
 void RedisStore::establish() {
     std::string fault;
-    if (!starting_ && link_.open(feed_.server(), link_identity_, fault) != 0) return feed_.drop(fault);
-    if (!same_content(link_identity_, feed_.identity()))
-        return feed_.drop("the address leads to two servers, one after the other");
-    if (!is_master_still()) return feed_.drop("the sentinels name another master by now");
+    if (!starting_ && link_.open(feed_.server(), link_identity_, fault) != 0) return feed_.lose(fault);
+    if (!same_content(link_identity_, feed_.identity())) {
+        return feed_.lose("the address leads to two servers, one after the other");
+    }
+    if (!is_master_still()) return feed_.lose("the sentinels name another master by now");
     if (!come_up()) return feed_.send();
     if (std::exchange(starting_, false)) started_.set_value(true);
 }
@@ -204,15 +201,15 @@ bool RedisStore::is_master_still() {
 bool RedisStore::come_up() {
     const std::lock_guard lock(mutex_);
     if (subscribe_rest()) {
-        feed_.fence(fenced_ = ++asked_);
+        feed_.fence(fence_sent_ = ++fence_due_);
         return false;
     }
     const int32_t reason = feed_.establish() && !replaced_ ? 1 : 2;
     rescan_delay_ms_ = shortest_rescan_ms + std::uniform_int_distribution<int32_t>(0, rescan_spread_ms)(random_);
-    phase_ = Phase::up;
+    up_ = true;
     lost_why_ = nullptr;
     replaced_ = false;
-    connection_++;
+    ++connection_;
     std::vector<Ticket> confirmed;
     std::vector<Confirmation> refused;
     for (const Confirmation &owed : std::exchange(owed_, {})) {
@@ -229,17 +226,6 @@ bool RedisStore::come_up() {
 
 // Holding
 
-// With the lock held, as in all that follows here. A hold lasts until all of its place is granted.
-RedisStore::Hold &RedisStore::hold(const std::string &hash, const std::string &fault) {
-    held_troubles_.try_emplace(hash, url_.shown).first->second.say(hash + " is held: " + fault);
-    const auto now = std::chrono::steady_clock::now();
-    const auto [found, is_new] = held_.try_emplace(hash, Hold{now, shortest_hold});
-    Hold &held = found->second;
-    if (!is_new) held.pause = std::min<std::chrono::milliseconds>(held.pause * 2, longest_hold);
-    held.next = now + held.pause;
-    return held;
-}
-
 bool RedisStore::is_refused(const std::string &hash) const {
     return std::any_of(channels_.begin(), channels_.end(),
                        [&](const auto &entry) { return entry.second.is_refused && entry.second.hash == hash; });
@@ -247,30 +233,26 @@ bool RedisStore::is_refused(const std::string &hash) const {
 
 // Confirmations first: a scan must not be older than the first change that is pushed.
 void RedisStore::release(const std::string &hash) {
-    const auto found = held_.extract(hash);
-    if (!found) return;
-    if (const auto trouble = held_troubles_.extract(hash)) trouble.mapped().end();
-    for (const Confirmation &confirmation : found.mapped().confirmations) confirm(confirmation);
-    for (Scan &scan : found.mapped().scans) add_scan(std::move(scan));
+    Hold released = holds_.release(hash);
+    for (const Confirmation &confirmation : released.confirmations) confirm(confirmation);
+    for (Ticket &ticket : released.scans) add_scan({hash, std::move(ticket), /*is_told=*/true});
     ask_page();
 }
 
 // A scan is tried alone: the hold stays until there is a page.
 void RedisStore::try_held() {
-    const auto now = std::chrono::steady_clock::now();
     {
         const std::lock_guard lock(mutex_);
-        if (phase_ != Phase::up) return;
-        for (auto &[hash, held] : held_) {
-            if (now < held.next) continue;
-            held.next = now + longest_hold;  // the answer says when
+        if (!up_) return;
+        for (const std::string &hash : holds_.take_due(Clock::now())) {
+            auto &scans = holds_.find(hash)->scans;
             if (is_refused(hash)) {
                 for (const auto &[name, channel] : channels_) {
                     if (channel.is_refused && channel.hash == hash) to_subscribe_.push_back(name);
                 }
-            } else if (!held.scans.empty()) {
-                add_scan(std::move(held.scans.front()));
-                held.scans.erase(held.scans.begin());
+            } else if (!scans.empty()) {
+                add_scan({hash, std::move(scans.front()), /*is_told=*/true});
+                scans.erase(scans.begin());
             }
         }
         subscribe_rest();
@@ -284,47 +266,44 @@ void RedisStore::try_held() {
 void RedisStore::lost() {
     {
         const std::lock_guard lock(mutex_);
-        cut_off();
+        lose();
     }
     link_.shut();
     if (std::exchange(starting_, false)) started_.set_value(false);
 }
 
-void RedisStore::cut_off() {
-    if (phase_ == Phase::up) sink_.lost();
-    phase_ = Phase::lost;
+void RedisStore::lose() {
+    if (std::exchange(up_, false)) sink_.lost();
     for (const auto &[fence, confirmation] : to_confirm_) owed_.push_back(confirmation);
-    for (const auto &[hash, held] : held_) {
-        owed_.insert(owed_.end(), held.confirmations.begin(), held.confirmations.end());
-    }
     to_confirm_.clear();
-    held_.clear();
+    for (Confirmation &confirmation : holds_.lose()) owed_.push_back(std::move(confirmation));
     if (page_asked_) most_at_once_ = std::max(scans_.front().count / growth, size_t{1});
     scans_.clear();
     page_asked_ = false;
-    echoes_due_ = 0;
+    echo_heard_ = echo_asked_;
 }
 
-// A caller has found out before the loop has: from now on nothing of this connection is told.
-void RedisStore::lost_by_call(uint64_t connection, const char *why) {
+// A caller has found out before the loop has. A call of an earlier connection says nothing of this one.
+void RedisStore::lose(uint64_t connection, const char *why) {
     {
         const std::lock_guard lock(mutex_);
-        if (phase_ != Phase::up || connection != connection_) return;
-        cut_off();
+        if (!up_ || connection != connection_) return;
+        lose();
         lost_why_ = why;
     }
-    loop_.post([this] { drop_cut_off(); });
+    loop_.post([this] { lose_feed(); });
 }
 
-void RedisStore::drop_cut_off() {
+// The loop's part of what a call has lost.
+void RedisStore::lose_feed() {
     const char *why = nullptr;
     {
         const std::lock_guard lock(mutex_);
-        if (phase_ != Phase::lost || ended_) return;
+        if (up_ || !feed_.is_up() || link_.has_ended()) return;
         why = lost_why_;
     }
     const std::string fault = link_.collect();
-    feed_.drop(why ? why : fault.empty() ? "a call has failed" : fault);
+    feed_.lose(why ? why : fault.empty() ? "a call has failed" : fault);
 }
 
 // While a long answer comes in, nothing can be asked, and the feed may be silent.
@@ -335,19 +314,19 @@ bool RedisStore::is_heard_elsewhere() {
 }
 
 void RedisStore::tick() {
-    if (ended_) return;
-    drop_cut_off();
+    if (link_.has_ended()) return;
+    lose_feed();
     ask_echo();
     const std::string fault = link_.collect();
-    if (!fault.empty()) return feed_.drop(fault);
+    if (!fault.empty()) return feed_.lose(fault);
     bool no_echoes = false;
     RedisLink::Transaction failed;
     {
         const std::lock_guard lock(mutex_);
-        no_echoes = echoes_due_ > most_echoes_due;
+        no_echoes = echo_asked_ > echo_heard_ + most_echoes_due;
         if (page_asked_ && link_.take_failed(failed)) page_refused(failed.fault);
     }
-    if (no_echoes) return feed_.drop("echoes do not come");
+    if (no_echoes) return feed_.lose("echoes do not come");
     try_held();
 }
 
@@ -357,8 +336,8 @@ void RedisStore::ask_echo() {
     std::vector<std::string> hashes;
     {
         const std::lock_guard lock(mutex_);
-        if (phase_ != Phase::up) return;
-        echoes_due_++;
+        if (!up_) return;
+        ++echo_asked_;
         for (const auto *place : places_) hashes.push_back(place->first);
     }
     const std::string keys = std::to_string(hashes.size()), id = random_id();
@@ -377,11 +356,11 @@ void RedisStore::heard(std::string_view channel, std::string_view bytes) {
         fault = "a damaged frame";
     } else {
         const std::lock_guard lock(mutex_);
-        if (phase_ == Phase::up) fault = take(channel);
-        page_is_due = phase_ == Phase::up && is_my_mark();
+        if (up_) fault = take(channel);
+        page_is_due = up_ && is_my_mark();
     }
     if (page_is_due) return deliver_page();
-    if (fault) feed_.drop(channel == private_channel_ ? fault : "what came by " + std::string(channel) + ": " + fault);
+    if (fault) feed_.lose(channel == private_channel_ ? fault : "what came by " + std::string(channel) + ": " + fault);
 }
 
 const char *RedisStore::take(std::string_view channel) {
@@ -395,20 +374,19 @@ const char *RedisStore::take(std::string_view channel) {
 
 // A hash that is there no more, though the last that was told of it was no deletion, has been removed by other means.
 const char *RedisStore::take_echo() {
-    const bool owed = page_asked_ || answered_ != asked_;
-    echoes_due_ = std::max(0, echoes_due_ - 1);
-    echoes_ = owed ? echoes_ + 1 : -echoes_due_;
-    if (echoes_ > echoes_without_answer) return "echoes, and a request has no answer";
+    echo_heard_ = std::min(echo_heard_ + 1, echo_asked_);
+    if (!page_asked_ && fence_answered_ == fence_due_) echo_before_ = echo_asked_;
+    if (echo_heard_ > echo_before_ + echoes_without_answer) return "echoes, and a request has no answer";
     Identity now;
     if (!parse_identity(frame_.strings[0], now)) return "an echo that names no server";
     if (now.role != "master") return no_master;
     replaced_ = !same_content(feed_.identity(), now);
     if (feed_.identity().content_id.empty()) feed_.adopt(now);
     const std::string_view there = frame_.strings[1];
-    for (size_t i = 0; i < std::min(there.size(), places_.size()); i++) {
-        if (held_.contains(places_[i]->first)) continue;
-        bool &holds = places_[i]->second.holds;
-        replaced_ |= std::exchange(holds, there[i] == '1') && !holds;
+    for (size_t i = 0; i < std::min(there.size(), places_.size()); ++i) {
+        if (holds_.find(places_[i]->first)) continue;
+        bool &has_objects = places_[i]->second.has_objects;
+        replaced_ |= std::exchange(has_objects, there[i] == '1') && !has_objects;
     }
     return replaced_ ? other_content : nullptr;
 }
@@ -416,10 +394,10 @@ const char *RedisStore::take_echo() {
 void RedisStore::take_change(Channel &channel) {
     const auto &strings = frame_.strings;
     Changed change;
-    if (frame_.letter == 'D') change.before = object(strings[0], "");
-    if (frame_.letter == 'C') change.before = object(strings[0], strings[2]);
-    if (frame_.letter != 'D') change.after = object(strings[0], strings[1]);
-    channel.holds = frame_.letter != 'D';
+    if (frame_.letter == 'D') change.before = new_object(strings[0], "");
+    if (frame_.letter == 'C') change.before = new_object(strings[0], strings[2]);
+    if (frame_.letter != 'D') change.after = new_object(strings[0], strings[1]);
+    channel.has_objects = frame_.letter != 'D';
     for (const Ticket &ticket : channel.followers) {
         change.ticket = ticket;
         sink_.post(change);
@@ -431,19 +409,18 @@ void RedisStore::take_change(Channel &channel) {
 // The first page is asked for here, if it can be: before anything that this thread asks for later.
 void RedisStore::scan(const Place &place, const Ticket &ticket) {
     const std::lock_guard lock(mutex_);
-    if (phase_ != Phase::up) return;
+    if (!up_) return;
     const std::string hash = hash_of(place);
-    const auto held = held_.find(hash);
-    if (held == held_.end()) {
-        add_scan({0, hash, ticket});
-        return ask_page();
+    if (Hold *hold = holds_.find(hash)) {
+        hold->scans.push_back(ticket);
+        return sink_.post(Held{ticket, /*is_scan=*/true});
     }
-    held->second.scans.push_back({0, hash, ticket});
-    sink_.post(Held{ticket, /*is_scan=*/true});
+    add_scan({hash, ticket});
+    ask_page();
 }
 
 void RedisStore::add_scan(Scan scan) {
-    scan.number = ++scans_so_far_;
+    scan.number = ++last_scan_;
     scan.count = std::min(scan.count, most_at_once_);
     scans_.push_back(std::move(scan));
 }
@@ -451,10 +428,10 @@ void RedisStore::add_scan(Scan scan) {
 // One at a time, and none while a subscription may not be in force yet: a scan must not be older than the first change
 // that is pushed.
 void RedisStore::ask_page() {
-    if (scans_.empty() || page_asked_ || answered_ != asked_) return;
+    if (scans_.empty() || page_asked_ || fence_answered_ != fence_due_) return;
     const Scan &scan = scans_.front();
     page_asked_ = true;
-    echoes_ = -echoes_due_;
+    echo_before_ = echo_asked_;
     link_.post_transaction({{"MULTI"},
                             {"EVAL", mark_script, "0", private_channel_, mark_frame(scan.number)},
                             {"HSCAN", scan.hash, scan.cursor, "COUNT", std::to_string(scan.count)},
@@ -466,20 +443,20 @@ bool RedisStore::is_my_mark() const {
     return frame_.letter == 'M' && page_asked_ && frame_.strings[0] == std::to_string(scans_.front().number);
 }
 
-// The page has its place here in the order. The server has carried out the transaction, so the answer is on its way: what
+// Here in the order the page belongs. The server has carried out the transaction, so the answer is on its way: what
 // the feed has to tell after it waits. Not with the lock held: a caller may be before it on the link, and wants it.
 void RedisStore::deliver_page() {
     const RedisLink::Transaction answer = link_.take_transaction();
     if (!answer.answer) {
         const std::string fault = link_.collect();
-        return feed_.drop(fault.empty() ? "a page of a scan is missing" : fault);
+        return feed_.lose(fault.empty() ? "a page of a scan is missing" : fault);
     }
     const redisReply *const page = answer.answer->elements == 2 ? answer.answer->element[1] : nullptr;
     const bool is_page = page && page->type == REDIS_REPLY_ARRAY && page->elements == 2 &&
                          page->element[0]->type == REDIS_REPLY_STRING && is_list_of_pairs(*page->element[1]);
-    if (!is_page && answer.fault.empty()) return feed_.drop("a page of a scan means nothing");
+    if (!is_page && answer.fault.empty()) return feed_.lose("a page of a scan means nothing");
     const std::lock_guard lock(mutex_);
-    if (phase_ != Phase::up || !page_asked_) return;
+    if (!up_ || !page_asked_) return;
     if (is_page) {
         take_page(*page);
     } else {
@@ -490,7 +467,7 @@ void RedisStore::deliver_page() {
 // Scans of other places go on.
 void RedisStore::page_refused(const std::string &fault) {
     const std::string hash = scans_.front().hash;
-    Hold &held = hold(hash, "a scan is refused: " + fault);
+    Hold &hold = holds_.refuse(hash, "a scan is refused: " + fault);
     std::deque<Scan> others;
     for (Scan &scan : scans_) {
         if (scan.hash != hash) {
@@ -498,7 +475,7 @@ void RedisStore::page_refused(const std::string &fault) {
             continue;
         }
         if (!scan.is_told) sink_.post(Held{scan.ticket, /*is_scan=*/true});
-        held.scans.push_back({0, hash, scan.ticket, /*is_told=*/true});
+        hold.scans.push_back(std::move(scan.ticket));
     }
     scans_ = std::move(others);
     page_asked_ = false;
@@ -515,7 +492,7 @@ void RedisStore::take_page(const redisReply &reply) {
     for (size_t i = 0; i < list.elements; i += 2) {
         const std::string_view key = text_of(*list.element[i]), bytes = text_of(*list.element[i + 1]);
         scan.largest = std::max(scan.largest, key.size() + bytes.size());
-        page.objects.push_back(object(key, bytes));
+        page.objects.push_back(new_object(key, bytes));
     }
     scan.count = std::clamp(page_bytes / scan.largest, size_t{1}, std::min(growth * scan.count, most_at_once_));
     if (page.last) {
@@ -533,12 +510,12 @@ void RedisStore::take_page(const redisReply &reply) {
 int32_t RedisStore::call(const Words &words, Reply &reply, uint64_t &connection) {
     {
         const std::lock_guard lock(mutex_);
-        if (phase_ != Phase::up) return TQ_MOM_E_UNREACHABLE;
+        if (!up_) return TQ_MOM_E_UNREACHABLE;
         connection = connection_;
     }
     reply = link_.call(words);
     if (reply) return 0;
-    lost_by_call(connection, nullptr);
+    lose(connection, nullptr);
     return TQ_MOM_E_UNREACHABLE;
 }
 
@@ -564,13 +541,14 @@ int32_t RedisStore::run(const Script &script, const std::string &hash, Words wor
 int32_t RedisStore::judge(const Command &command, const redisReply &reply, uint64_t connection) {
     if (is_error(reply)) return refused(command, text_of(reply), connection);
     if (!command.is_answer(reply)) {
-        lost_by_call(connection, other_answer);
+        lose(connection, other_answer);
         return TQ_MOM_E_UNREACHABLE;
     }
     const std::lock_guard lock(mutex_);
     for (auto &[about, trouble] : call_troubles_) {
-        if (about.second == command.is_write && (about.first == command.hash || is_of_server(about.first)))
+        if (about.second == command.is_write && (about.first == command.hash || is_of_server(about.first))) {
             trouble.end();
+        }
     }
     return 0;
 }
@@ -584,7 +562,7 @@ int32_t RedisStore::refused(const Command &command, std::string_view error, uint
         Trouble &trouble = call_troubles_.try_emplace(about, url_.shown).first->second;
         trouble.say((is_of_server(word) ? "refused: " : command.hash + ": refused: ") + text);
     }
-    if (word == "READONLY") lost_by_call(connection, no_master);
+    if (word == "READONLY") lose(connection, no_master);
     return TQ_MOM_E_REFUSED;
 }
 
@@ -596,7 +574,7 @@ int32_t RedisStore::read(const Place &place, const std::string &key, ObjectPtr &
     Reply reply;
     if (const int32_t error = carry_out({false, hash, {"HGET", hash, key}, is_answer}, reply)) return error;
     if (reply->type == REDIS_REPLY_NIL) return TQ_MOM_E_NOT_FOUND;
-    found = object(key, text_of(*reply));
+    found = new_object(key, text_of(*reply));
     return 0;
 }
 
@@ -605,7 +583,7 @@ int32_t RedisStore::read_all(const Place &place, std::vector<ObjectPtr> &objects
     Reply reply;
     if (const int32_t error = carry_out({false, hash, {"HGETALL", hash}, is_list_of_pairs}, reply)) return error;
     for (size_t i = 0; i < reply->elements; i += 2) {
-        objects.push_back(object(text_of(*reply->element[i]), text_of(*reply->element[i + 1])));
+        objects.push_back(new_object(text_of(*reply->element[i]), text_of(*reply->element[i + 1])));
     }
     return 0;
 }
@@ -621,7 +599,7 @@ int32_t RedisStore::write_many(const std::vector<Write> &writes, size_t &taken, 
     refused_at = writes.size();
     int32_t code = 0;
     const auto note = [&](size_t i, int32_t error) {
-        if (error == 0) taken++;
+        if (error == 0) ++taken;
         if (error == 0 || i > refused_at) return;
         refused_at = i;
         code = error;
@@ -643,7 +621,7 @@ int32_t RedisStore::write_many(const std::vector<Write> &writes, size_t &taken, 
                           channel_of(place, object.key)});
     };
     const auto take = [&](size_t i, const redisReply &reply) {
-        answered++;
+        ++answered;
         if (is_error(reply) && hash_is_refused(reply)) one_by_one = std::min(one_by_one, i + 1);
         if (one_by_one < writes.size()) return false;
         const bool is_fine = is_nil(reply);
@@ -651,17 +629,18 @@ int32_t RedisStore::write_many(const std::vector<Write> &writes, size_t &taken, 
         return code == 0;
     };
     if (!link_.call_many(writes.size() - 1, command_of, take)) {
-        lost_by_call(connection, nullptr);
+        lose(connection, nullptr);
         note(std::min(answered, one_by_one), TQ_MOM_E_UNREACHABLE);
     }
-    for (size_t i = one_by_one; code == 0 && i < writes.size(); i++) write_alone(i);
+    for (size_t i = one_by_one; code == 0 && i < writes.size(); ++i) write_alone(i);
     return code;
 }
 
 int32_t RedisStore::erase(const Place &place, const std::string &key) {
     Reply reply;
-    if (const int32_t error = run(erase_script, hash_of(place), {key, channel_of(place, key)}, is_number, reply))
+    if (const int32_t error = run(erase_script, hash_of(place), {key, channel_of(place, key)}, is_number, reply)) {
         return error;
+    }
     return reply->integer == 1 ? 0 : TQ_MOM_E_NOT_FOUND;
 }
 

@@ -1,5 +1,13 @@
 // A store on a Redis server, shared by every process that reaches it. One object is one client: it hears on one
 // connection (the feed) and commands on another (the link).
+//
+// up_ alone says whether the store is there for its client. It becomes true in come_up(), on the loop's thread, once the
+// feed's server has answered on both connections and all that is followed is in force. It becomes false in lose(), on
+// whichever thread notices first: from then on nothing of that connection is told, though the feed itself, which is the
+// loop's, may end a moment later.
+//
+// Fences, scans and echoes have numbers that only grow: what is owed is what was asked for beyond what was answered, and a
+// late answer is known by its number.
 #ifndef TQ_PLATFORM_REDIS_STORE_H
 #define TQ_PLATFORM_REDIS_STORE_H
 
@@ -11,6 +19,7 @@
 #include <random>
 
 #include "platform/redis_feed.h"
+#include "platform/redis_holds.h"
 #include "platform/redis_link.h"
 #include "platform/redis_wire.h"
 #include "platform/store.h"
@@ -36,37 +45,17 @@ public:
     int32_t replace(const Place &place, const ObjectPtr &before, const ObjectPtr &after) override;
 
 private:
-    // What is subscribed to: a place, or one object of it.
-    struct Channel {
-        std::string hash;  // of the place
-        std::vector<Ticket> followers = {};
-        bool is_refused = false;
-        bool holds = false;  // a place: there is an object in it, as far as was told
-    };
     using Channels = std::map<std::string, Channel, std::less<>>;
-    struct Confirmation {
-        Ticket ticket;
-        const Channel *channel;
-    };
+    // One that is asked for page by page.
     struct Scan {
-        uint64_t number;
         std::string hash;
         Ticket ticket;
         bool is_told = false;  // that it is held
+        uint64_t number = 0;
         std::string cursor = "0";
         size_t count = 4;  // to ask for: few at first, since nothing is known of the objects
         size_t largest = 1;
     };
-
-    // A place of which the server refuses a subscription or a page. It is tried again at a growing distance.
-    struct Hold {
-        std::chrono::steady_clock::time_point next;
-        std::chrono::milliseconds pause;
-        std::vector<Scan> scans = {};  // they wait, and the confirmations of what is refused
-        std::vector<Confirmation> confirmations = {};
-    };
-
-    enum class Phase { lost, restoring, up };
 
     RedisStore(const RedisUrl &url, Sink &sink, Loop &loop);
     int32_t start();
@@ -84,7 +73,7 @@ private:
     bool is_master_still();
     bool come_up();
     void send_follows();
-    void drop_cut_off();
+    void lose_feed();
     void ask_echo();
     void try_held();
 
@@ -100,8 +89,7 @@ private:
     void confirm(const Confirmation &confirmation);
     void add_scan(Scan scan);
     void ask_page();
-    void cut_off();
-    Hold &hold(const std::string &hash, const std::string &fault);
+    void lose();
     void release(const std::string &hash);
     bool is_refused(const std::string &hash) const;
 
@@ -118,7 +106,7 @@ private:
     int32_t run(const Script &script, const std::string &hash, Words words, IsAnswer is_answer, Reply &reply);
     int32_t judge(const Command &command, const redisReply &reply, uint64_t connection);
     int32_t refused(const Command &command, std::string_view error, uint64_t connection);
-    void lost_by_call(uint64_t connection, const char *why);
+    void lose(uint64_t connection, const char *why);
 
     const RedisUrl url_;
     Sink &sink_;
@@ -128,7 +116,6 @@ private:
     Identity link_identity_;  // written before the loop's thread opens the link again
     std::promise<bool> started_;
     std::atomic<int32_t> rescan_delay_ms_ = 10;
-    std::atomic<bool> ended_ = false;  // nothing is lost any more, but closed
 
     // The loop's thread only.
     RedisFeed feed_;
@@ -138,27 +125,26 @@ private:
     std::mt19937 random_{std::random_device{}()};
 
     mutable std::mutex mutex_;  // guards what follows; taken after the client's lock, before the link's and the loop's
-    Phase phase_ = Phase::lost;
+    bool up_ = false;
     uint64_t connection_ = 0;         // how often it has been up
     const char *lost_why_ = nullptr;  // what a call has found out
     bool replaced_ = false;           // the last echo was of other content
     Channels channels_;
-    std::vector<Channels::value_type *> places_;      // of these, those of whole places, in the order they came
-    std::vector<std::string> to_subscribe_;           // on this connection
-    uint64_t asked_ = 0, fenced_ = 0, answered_ = 0;  // the last fence due, sent, answered
-    std::map<uint64_t, Confirmation> to_confirm_;     // by the fence whose answer confirms it
-    std::vector<Confirmation> owed_;                  // what the next connection confirms
-    std::deque<Scan> scans_;                          // the first one is under way
-    uint64_t scans_so_far_ = 0;
+    std::vector<Channels::value_type *> places_;                    // of these, in the order they came
+    std::vector<std::string> to_subscribe_;                         // on this connection
+    uint64_t fence_due_ = 0, fence_sent_ = 0, fence_answered_ = 0;  // the last one's number
+    std::map<uint64_t, Confirmation> to_confirm_;                   // by the fence whose answer confirms it
+    std::vector<Confirmation> owed_;                                // what the next connection confirms
+    std::deque<Scan> scans_;                                        // the first one is under way
+    uint64_t last_scan_ = 0;
     bool page_asked_ = false;
     size_t most_at_once_ = 256;  // to ask for in a page. Fewer after a connection was lost with one under way: a server
                                  // that cuts off whoever asks for so much would do it again, and again
-    int echoes_due_ = 0;         // asked for, not heard
-    int echoes_ = 0;  // heard of those that were asked for after the page or fence that is owed; below 0: still to come
-    std::map<std::string, Hold> held_;  // by the hash
-    std::map<std::string, Trouble> held_troubles_;
-    std::map<std::pair<std::string, bool>, Trouble>
-        call_troubles_;  // by the hash, or the server's word, and whether of writes
+    uint64_t echo_asked_ = 0, echo_heard_ = 0;  // the last one's number
+    uint64_t echo_before_ = 0;                  // the last one that was asked for before the page or fence that is owed
+    RedisHolds holds_;
+    // By the hash, or the server's word, and whether of writes.
+    std::map<std::pair<std::string, bool>, Trouble> call_troubles_;
 };
 
 }  // namespace tq

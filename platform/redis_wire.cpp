@@ -13,7 +13,7 @@ constexpr size_t length_size = 4;
 bool take_string(std::string_view &bytes, std::string_view &string) {
     if (bytes.size() < length_size) return false;
     size_t length = 0;
-    for (size_t i = 0; i < length_size; i++) length = length << 8 | static_cast<uint8_t>(bytes[i]);
+    for (size_t i = 0; i < length_size; ++i) length = length << 8 | static_cast<uint8_t>(bytes[i]);
     bytes.remove_prefix(length_size);
     if (length > bytes.size()) return false;
     string = bytes.substr(0, length);

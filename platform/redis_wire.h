@@ -1,20 +1,20 @@
 // What a store on a Redis server looks like there: names of keys and channels, the scripts that the server runs, and the
 // frames that they publish. No state, no lock.
 //
-// A kind of a database is one hash: field the packed key, value the packed object. The channel of the same name tells
-// every change, and one channel an object tells those who follow its fields. What a client asked for itself (marks of its
+// A kind of a database is one hash: the packed objects by their packed keys. The channel of the same name tells every
+// change, and one channel an object tells those who follow fields of it. What a client asked for itself (marks of its
 // scans, echoes) comes by its private channel. A script and a transaction run alone, so what they read, write and publish
 // is one moment in the one order that the server gives to all its subscribers.
 //
 // A page of a scan is a transaction on the command connection: a mark by the private channel, and HSCAN. The mark says
-// where in the order the page, which is the transaction's answer, has its place.
+// where in the order the page belongs, which is the transaction's answer.
 //
 // A frame is a letter and strings, each behind its length as four bytes, highest first:
 //   S key value          was set                      C key value before   was replaced, to followers of fields
-//   D key                was deleted                  M scan               here is the place of a scan's next page
+//   D key                was deleted                  M scan               here a scan's next page belongs
 //   E identity hashes    an echo: what the server is just now, and a digit for each hash that was asked about, 1: it exists
 //
-// Beside the kinds there is one more hash, dm:store. Its field id is a word of chance that the first client writes: with the
+// Beside the kinds there is one more hash, dm:store. Under `id` it has a word of chance that the first client writes: with the
 // server's own names it makes the identity of the content. Another one, and all that was read before means nothing.
 #ifndef TQ_PLATFORM_REDIS_WIRE_H
 #define TQ_PLATFORM_REDIS_WIRE_H

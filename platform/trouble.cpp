@@ -27,7 +27,7 @@ void Trouble::say(const std::string &reason) {
     const bool is_other = begins || reason != reason_;
     reason_ = reason;
     if (lines_ >= most_lines || (!is_due && !is_other)) return;
-    lines_++;
+    ++lines_;
     said_ = now;
     const std::string shown = printable(reason);
     if (begins || !is_due) {

@@ -1,9 +1,14 @@
 // A client that writes down what it is told. mutex_ guards the lines and the words.
 #include "tests/platform/recording_client.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
 #include <algorithm>
 #include <atomic>
+#include <sstream>
 
+#include "tests/platform/redis_server.h"
 #include "tq_dm_cache/p_dev.pb-c.h"
 
 namespace {
@@ -61,6 +66,19 @@ std::string sorted(Lines lines) {
     return join(lines);
 }
 
+std::map<int, int> picture(const std::string &told) {
+    std::map<int, int> types;
+    std::istringstream lines(told);
+    for (std::string line; std::getline(lines, line, ',');) {
+        const size_t colon = line.rfind(':'), blank = line.rfind(' ', colon);
+        if (colon == std::string::npos || blank == std::string::npos) continue;
+        const int slot = std::atoi(line.c_str() + blank), type = std::atoi(line.c_str() + colon + 1);
+        if (line.find("has ") != std::string::npos || line.find("set ") != std::string::npos) types[slot] = type;
+        if (line.find("deleted ") != std::string::npos) types.erase(slot);
+    }
+    return types;
+}
+
 Message card_of_type(int32_t slot, int32_t type) {
     return card(1, slot, 0).set("config_dev_type", type);
 }
@@ -73,6 +91,32 @@ std::string describe(const store_msg &msg) {
     if (msg.flag == 1) return msg.value ? "end with a value" : "end";
     const auto *record = static_cast<const result_rec *>(msg.value);
     return "has " + describe(record->obj, record->error);
+}
+
+StandardError::StandardError() : before_(fcntl(2, F_DUPFD_CLOEXEC, 3)), file_(memfd_create("said", MFD_CLOEXEC)) {
+    dup2(file_, 2);
+}
+
+StandardError::~StandardError() {
+    dup2(before_, 2);
+    ::close(before_);
+    ::close(file_);
+}
+
+std::string StandardError::peek() const {
+    std::string text(static_cast<size_t>(lseek(file_, 0, SEEK_END) - taken_), '\0');
+    EXPECT_EQ(pread(file_, text.data(), text.size(), taken_), static_cast<ssize_t>(text.size()));
+    return text;
+}
+
+std::string StandardError::take() {
+    const std::string text = peek();
+    taken_ += static_cast<off_t>(text.size());
+    return text;
+}
+
+bool StandardError::wait(const std::string &words) const {
+    return wait_until([&] { return peek().find(words) != std::string::npos; });
 }
 
 RecordingClient::RecordingClient(const std::string &url) {
@@ -93,6 +137,11 @@ RecordingClient::Word *RecordingClient::word(const std::string &name) {
 
 void RecordingClient::subscribe(const std::string &name) {
     EXPECT_EQ(tq_mom_subscribe(handle_, 1, card(1, 0, 0).get(), 0, on_message, word(name)), 0);
+}
+
+bool RecordingClient::follow(const std::string &name) {
+    subscribe(name);
+    return wait(name + ": confirmed");
 }
 
 void RecordingClient::scan(const std::string &name) {
@@ -158,7 +207,7 @@ bool RecordingClient::wait(const std::string &line) {
     return more_.wait_for(lock, limit, [&] { return std::find(lines_.begin(), lines_.end(), line) != lines_.end(); });
 }
 
-std::string RecordingClient::told() {
+Lines RecordingClient::lines() {
     const std::lock_guard lock(mutex_);
-    return join(std::exchange(lines_, {}));
+    return std::exchange(lines_, {});
 }

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <map>
@@ -42,6 +43,8 @@ std::string store_name(const testing::TestParamInfo<StoreUnderTest> &store);
 using Lines = std::vector<std::string>;
 std::string join(const Lines &lines);
 std::string sorted(Lines lines);
+// Type by slot, of whoever applies what has been told in that order.
+std::map<int, int> picture(const std::string &told);
 
 class RecordingClient {
 public:
@@ -61,6 +64,7 @@ public:
 
     // They take the store's answer for granted; what it has to tell comes as lines.
     void subscribe(const std::string &name);
+    bool follow(const std::string &name);  // and it is confirmed
     void scan(const std::string &name);
     void follow_connection();  // and the reconnects of databases 1 and 3
     void set(int32_t slot, int32_t type, uint32_t db = 1);
@@ -71,7 +75,8 @@ public:
 
     void note(const std::string &line);
     bool wait(const std::string &line);  // for one that is not told yet
-    std::string told();                  // what was written down since the last time
+    Lines lines();                       // what was written down since the last time
+    std::string told() { return join(lines()); }
 
     static int32_t on_message(tq_mom_handle *handle, store_msg *msg, void *word);
     static int32_t on_ready(void *reserved, uintptr_t word);
@@ -82,6 +87,23 @@ private:
     std::condition_variable more_;
     std::map<std::string, Word> words_;
     Lines lines_;
+};
+
+// What goes to standard error, as long as this lives.
+class StandardError {
+public:
+    StandardError();
+    ~StandardError();
+    StandardError(const StandardError &) = delete;
+    StandardError &operator=(const StandardError &) = delete;
+
+    std::string peek() const;
+    std::string take();  // since the last time
+    bool wait(const std::string &words) const;
+
+private:
+    int before_, file_;
+    off_t taken_ = 0;
 };
 
 Message card_of_type(int32_t slot, int32_t type);

@@ -133,6 +133,12 @@ int RedisServer::listen_on_loopback() {
     return port;
 }
 
+long RedisServer::calls_of(const std::string &name) const {
+    const std::string info = command({"INFO", "commandstats"}), before = "cmdstat_" + name + ":calls=";
+    const size_t at = info.find(before);
+    return at == std::string::npos ? 0 : std::stol(info.substr(at + before.size()));
+}
+
 Proxy::Proxy(const std::string &listen_at, const std::string &server) : path_(listen_at), servers_({server}) {
     listener_ = unix_socket(path_, ::bind);
     if (listener_ < 0 || listen(listener_, 16) != 0) throw std::runtime_error(path_);
@@ -169,9 +175,13 @@ void Proxy::accept_all() {
 }
 
 void Proxy::carry(Road &road) {
-    pollfd ends[] = {{road.client, POLLIN, 0}, {road.server, POLLIN, 0}};
-    bool open = true;
-    while (open && ::poll(ends, 2, -1) > 0) {
+    for (bool open = true; open;) {
+        pollfd ends[] = {{road.client, POLLIN, 0}, {road.server, POLLIN, 0}};
+        {
+            const std::lock_guard lock(mutex_);
+            for (int way : {0, 1}) ends[way].fd = road.held_up[way] ? -1 : ends[way].fd;
+        }
+        if (::poll(ends, 2, 5) <= 0) continue;
         if (ends[0].revents) open = carry_some(road, false);
         if (open && ends[1].revents) open = carry_some(road, true);
     }
@@ -182,12 +192,14 @@ void Proxy::carry(Road &road) {
 // A fence's answer is small, and comes in one piece when nothing else is under way.
 bool Proxy::carry_some(Road &road, bool to_client) {
     char buffer[64 * 1024];
-    const ssize_t n = ::recv(to_client ? road.server : road.client, buffer, sizeof buffer, 0);
-    if (n <= 0) return false;
-    std::string bytes(buffer, static_cast<size_t>(n));
+    std::string bytes;
     std::shared_ptr<const Bend> bend;
     {
         const std::lock_guard lock(mutex_);
+        if (road.held_up[to_client]) return true;
+        const ssize_t n = ::recv(to_client ? road.server : road.client, buffer, sizeof buffer, 0);
+        if (n <= 0) return false;
+        bytes.assign(buffer, static_cast<size_t>(n));
         if (!to_client && bytes.find("\r\nSUBSCRIBE\r\n") != std::string::npos) road.is_feed = true;
         if (to_client) bend = road.bend;
     }
@@ -219,6 +231,18 @@ void Proxy::bend(Roads which, Bend bend) {
     }
 }
 
+void Proxy::hold_up(Roads which, Way way) {
+    const std::lock_guard lock(mutex_);
+    for (Road &road : roads_) {
+        if (road.is_feed == (which == Roads::feeds)) road.held_up[way == Way::back] = true;
+    }
+}
+
+void Proxy::go_on() {
+    const std::lock_guard lock(mutex_);
+    for (Road &road : roads_) road.held_up[0] = road.held_up[1] = false;
+}
+
 void Proxy::lead_to(std::deque<std::string> servers) {
     const std::lock_guard lock(mutex_);
     servers_ = std::move(servers);
@@ -233,7 +257,8 @@ void Proxy::wait_for_bytes(size_t more, std::chrono::milliseconds limit) {
 void Proxy::cut() {
     const std::lock_guard lock(mutex_);
     refusing_ = true;
-    for (const Road &road : roads_) {
+    for (Road &road : roads_) {
+        road.held_up[0] = road.held_up[1] = false;
         ::shutdown(road.client, SHUT_RDWR);
         ::shutdown(road.server, SHUT_RDWR);
     }

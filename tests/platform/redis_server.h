@@ -16,6 +16,16 @@
 #include <thread>
 #include <vector>
 
+// Until it is so; false after a long while.
+template <class Done> bool wait_until(Done done) {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > limit) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
 // Its process's number; it ends with the test program.
 int start_program(std::vector<std::string> words);
 void end_program(int pid);  // SIGKILL
@@ -42,6 +52,7 @@ public:
         return command_at(socket(), words, password);
     }
     int listen_on_loopback();  // the port
+    long calls_of(const std::string &command) const;
 
 private:
     void remove_content() const;
@@ -57,6 +68,7 @@ public:
     // What happens to bytes on their way to the client: it may change them, wait, or send some itself. False ends the road.
     using Bend = std::function<bool(std::string &bytes, int client)>;
     enum class Roads { commands, feeds, to_come };
+    enum class Way { there, back };
 
     Proxy(const std::string &listen_at, const std::string &server);
     ~Proxy();
@@ -67,6 +79,8 @@ public:
     void let_in();
     void drop_fences(int n) { fences_to_drop_ = n; }
     void bend(Roads which, Bend bend);
+    void hold_up(Roads which, Way way);  // what comes waits, until all go on
+    void go_on();
     void lead_to(std::deque<std::string> servers);  // the roads to come, in turn; the last one stays
     void wait_for_bytes(size_t more, std::chrono::milliseconds limit);  // to the client
 
@@ -75,6 +89,7 @@ private:
         int client, server;
         std::shared_ptr<const Bend> bend = {};
         bool is_feed = false;
+        bool held_up[2] = {};  // there, back
         std::thread thread = {};
     };
     void accept_all();

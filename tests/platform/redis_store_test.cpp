@@ -1,5 +1,5 @@
-// What only a store on a server can suffer: credentials, silence, nonsense, limits, another role. Each test has a server of
-// its own and waits for what its client is told.
+// What only a store on a server has: credentials, permissions, limits, pages, writes in bulk. Each test has a server of its
+// own and waits for what its client is told.
 #include <cstdlib>
 #include <future>
 #include <sstream>
@@ -16,28 +16,10 @@ class RedisStore : public testing::Test {
 protected:
     RedisServer server;
     const std::string url = server.url() + "?probe=1500";
+    StandardError log;
 
     static int32_t set(RecordingClient &client, const Message &object) {
         return tq_mom_set(client.handle(), 1, object.get(), 0, 0);
-    }
-
-    // The reader was told of a loss and a reconnect, and of nothing else; it hears and scans again.
-    void expect_back(RecordingClient &reader, const std::string &reason, const std::string &error_line) {
-        EXPECT_TRUE(reader.wait("reconnect 3 " + reason));
-        EXPECT_EQ(reader.told(), "lost, connected " + reason + ", reconnect 1 " + reason + ", reconnect 3 " + reason);
-        const std::string said = testing::internal::GetCapturedStderr();
-        EXPECT_NE(said.find(error_line), std::string::npos) << said;
-        EXPECT_EQ(lines_of(said), 1) << said;
-        reader.set(30, 7);
-        EXPECT_TRUE(reader.wait("sub: set 30:7"));
-        EXPECT_NE(scanned(reader).find("s: has 30:7"), std::string::npos);
-    }
-
-    // But for those that tell the end of a trouble, some time after it.
-    static long lines_of(const std::string &said) {
-        long lines = std::count(said.begin(), said.end(), '\n');
-        for (size_t at = 0; (at = said.find(": over after ", at)) != std::string::npos; at++) lines--;
-        return lines;
     }
 
     static std::string scanned(RecordingClient &reader) {
@@ -47,19 +29,10 @@ protected:
         return reader.told();
     }
 
-    // Before it follows.
-    static void hold_up_at_first_set(RecordingClient &reader, std::promise<void> &go_on) {
-        reader.word("sub")->then = [&, held = false](const store_msg &msg) mutable {
-            if (msg.cmd == TQ_MOM_CMD_SET && !std::exchange(held, true)) go_on.get_future().wait();
-        };
-    }
-
     static void follow(RecordingClient &reader) {
         reader.follow_connection();
-        reader.subscribe("sub");
-        ASSERT_TRUE(reader.wait("sub: confirmed"));
+        ASSERT_TRUE(reader.follow("sub"));
         EXPECT_EQ(reader.told(), "connected 0, sub: confirmed");
-        testing::internal::CaptureStderr();
     }
 };
 
@@ -79,9 +52,8 @@ TEST_F(RedisStore, RefusedOrWrongIsOneClearMessageWithoutTheSecret) {
     };
     tq_mom_handle *handle = nullptr;
     for (const auto &row : rows) {
-        testing::internal::CaptureStderr();
         EXPECT_EQ(tq_mom_client_open(row.url.c_str(), &handle), row.code) << row.url;
-        const std::string said = testing::internal::GetCapturedStderr();
+        const std::string said = log.take();
         EXPECT_NE(said.find(row.words), std::string::npos) << said;
         EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
         EXPECT_EQ(said.find("s3cr"), std::string::npos) << said;
@@ -96,10 +68,12 @@ TEST_F(RedisStore, RefusedOrWrongIsOneClearMessageWithoutTheSecret) {
     server.command({"CONFIG", "SET", "requirepass", "another"}, secret);
     server.command({"CLIENT", "KILL", "TYPE", "pubsub"}, "another");
     ASSERT_TRUE(reader.wait("lost"));
-    while (server.command({"ACL", "LOG", "1"}, "another") == "[]") std::this_thread::yield();  // it has tried again
+    ASSERT_TRUE(wait_until([&] {
+        return server.command({"ACL", "LOG", "1"}, "another") != "[]";
+    }));  // it has tried again
     server.command({"CONFIG", "SET", "requirepass", secret}, "another");
     EXPECT_TRUE(reader.wait("reconnect 3 1"));
-    const std::string said = testing::internal::GetCapturedStderr();
+    const std::string said = log.take();
     EXPECT_NE(said.find("refuses the credentials (WRONGPASS)"), std::string::npos) << said;
     EXPECT_EQ(said.find("s3cr"), std::string::npos) << said;
     EXPECT_LT(std::count(said.begin(), said.end(), '\n'), 8) << said;
@@ -135,74 +109,7 @@ TEST_F(RedisStore, TheStatedPermissionsSuffice) {
     EXPECT_EQ(set(client, card_of_type(1, 1)), TQ_MOM_E_REFUSED);
     server.command({"ACL", "SETUSER", "dm", "-info"});  // what an echo needs: it is missed
     EXPECT_TRUE(client.wait("lost"));
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("can't run this command"), std::string::npos);
-}
-
-// A server that hangs while its connections stand would leave a process with an old picture, and its callers hanging.
-TEST_F(RedisStore, AFrozenServerIsFound) {
-    RecordingClient reader(server.url() + "?probe=500");
-    follow(reader);
-    server.freeze(true);
-    EXPECT_EQ(set(reader, card_of_type(1, 1)), TQ_MOM_E_UNREACHABLE);
-    EXPECT_TRUE(reader.wait("lost"));
-    EXPECT_EQ(set(reader, card_of_type(1, 1)), TQ_MOM_E_UNREACHABLE);
-    reader.scan("void");
-    server.freeze(false);
-    expect_back(reader, "1", "no answer");
-
-    // A callback that holds up the loop for longer than that is no silence of the server's.
-    std::promise<void> go_on;
-    hold_up_at_first_set(reader, go_on);
-    follow(reader);
-    reader.set(2, 2);
-    ASSERT_TRUE(reader.wait("sub: set 2:2"));
-    EXPECT_EQ(tq_mom_client_drain(reader.handle(), 700), TQ_MOM_E_TIMEOUT);
-    go_on.set_value();
-    EXPECT_EQ(tq_mom_client_drain(reader.handle(), 20000), 0);
-    EXPECT_EQ(reader.told(), "sub: set 2:2");
-    EXPECT_EQ(lines_of(testing::internal::GetCapturedStderr()), 0);
-}
-
-// What cannot be understood may have been a change: passing over it would leave the reader wrong for good.
-TEST_F(RedisStore, NonsenseIsALostConnection) {
-    RecordingClient reader(url);
-    follow(reader);
-    server.command({"PUBLISH", hash, "S\x01"});
-    expect_back(reader, "1", "what came by " + hash + ": a damaged frame");
-
-    server.command({"SET", "dm:1:p_dev.dp_lib_complete", "no hash"});
-    const Message complete_object = complete();
-    EXPECT_EQ(tq_mom_scan_sync(reader.handle(), 1, complete_object.get(), 0, RecordingClient::on_message, nullptr),
-              TQ_MOM_E_REFUSED);
-    EXPECT_EQ(reader.told(), "");
-}
-
-// An overloaded or replaced server must say so to those who write, once, and a former master must not be believed.
-TEST_F(RedisStore, RefusedWritesAndAnotherRoleAreTold) {
-    RecordingClient reader(url);
-    follow(reader);
-    server.command({"CONFIG", "SET", "maxmemory", "1"});
-    for (int i = 0; i < 3; i++) EXPECT_EQ(set(reader, card_of_type(1, 1)), TQ_MOM_E_REFUSED);
-    EXPECT_EQ(reader.get(1), "nothing error -5");
-    server.command({"CONFIG", "SET", "maxmemory", "0"});
-    reader.set(1, 2);
-    ASSERT_TRUE(reader.wait("sub: set 1:2"));
-    const std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(lines_of(said), 1) << said;
-    reader.told();
-
-    for (const bool by_write : {true, false}) {
-        follow(reader);
-        server.command({"REPLICAOF", "127.0.0.1", "1"});
-        if (by_write) {
-            EXPECT_EQ(set(reader, card_of_type(1, 1)), TQ_MOM_E_REFUSED);
-        }
-        EXPECT_TRUE(reader.wait("lost"));
-        server.command({"REPLICAOF", "NO", "ONE"});
-        EXPECT_TRUE(reader.wait("reconnect 3 2"));
-        EXPECT_NE(testing::internal::GetCapturedStderr().find("no master any more"), std::string::npos);
-        reader.told();
-    }
+    EXPECT_NE(log.take().find("can't run this command"), std::string::npos);
 }
 
 // A reader that stops for a while is cut off by the server. It must find out, and have everything afterwards.
@@ -210,12 +117,14 @@ TEST_F(RedisStore, ASlowReaderIsCutOffAndCatchesUp) {
     server.command({"CONFIG", "SET", "client-output-buffer-limit", "pubsub 1mb 0 0"});
     RecordingClient reader(url), writer(url);
     std::promise<void> go_on;
-    hold_up_at_first_set(reader, go_on);
+    reader.word("sub")->then = [&, held = false](const store_msg &msg) mutable {
+        if (msg.cmd == TQ_MOM_CMD_SET && !std::exchange(held, true)) go_on.get_future().wait();
+    };
     follow(reader);
     const auto readers = [&] {
         return server.command({"EVAL", "return redis.call('PUBSUB', 'NUMSUB', '" + hash + "')[2]", "0"});
     };
-    for (int i = 0; readers() == "1"; i++) {
+    for (int i = 0; readers() == "1"; ++i) {
         EXPECT_EQ(set(writer, card_of_type(i % 16, i).set("name", std::string(50'000, 'n'))), 0);
     }
     writer.del(3);
@@ -225,14 +134,14 @@ TEST_F(RedisStore, ASlowReaderIsCutOffAndCatchesUp) {
     for (const std::string &line : writer.scan_sync())
         EXPECT_NE(told.find("s: " + line + ","), std::string::npos) << line;
     EXPECT_EQ(told.find("s: has 3:"), std::string::npos);  // deleted while the reader was away
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("closed the connection"), std::string::npos);
+    EXPECT_NE(log.take().find("closed the connection"), std::string::npos);
 }
 
 // A page above a server's limit for a client cuts off whoever scans. So would one that came by the subscriber's connection,
 // whose limit is the smaller one. Whoever was cut off asks for less, or would be cut off for ever.
 TEST_F(RedisStore, PagesOfABigKindStaySmallAndCarryEverything) {
     RecordingClient reader(url);
-    for (int i = 0; i < 1000; i++) {
+    for (int i = 0; i < 1000; ++i) {
         ASSERT_EQ(set(reader, card_of_type(i, i).set("name", std::string(5000, 'n'))), 0);
     }
     follow(reader);
@@ -244,12 +153,12 @@ TEST_F(RedisStore, PagesOfABigKindStaySmallAndCarryEverything) {
         }
         const std::string told = scanned(reader);
         EXPECT_EQ(told.find("lost"), std::string::npos);
-        for (int i = 0; i < 1000; i++) {
+        for (int i = 0; i < 1000; ++i) {
             const std::string line = "s: has " + std::to_string(i) + ":" + std::to_string(i) + ",";
             EXPECT_NE(told.find(line), std::string::npos) << line;
         }
     }
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("closed the connection"), std::string::npos);
+    EXPECT_NE(log.take().find("closed the connection"), std::string::npos);
 }
 
 // A change between a page's moment and its delivery comes after the page, one from before it comes before: a page that is
@@ -258,14 +167,13 @@ TEST_F(RedisStore, PagesOfABigKindStaySmallAndCarryEverything) {
 TEST_F(RedisStore, APageHasItsPlaceAmongTheChanges) {
     server.command({"CONFIG", "SET", "hash-max-listpack-entries", "0"});
     RecordingClient writer(url);
-    for (int i = 0; i < 300; i++) writer.set(i, 1);
+    for (int i = 0; i < 300; ++i) writer.set(i, 1);
     for (int round = 0; round < 20; round++) {
         RecordingClient reader(url);
-        reader.subscribe("sub");
-        ASSERT_TRUE(reader.wait("sub: confirmed"));
+        ASSERT_TRUE(reader.follow("sub"));
         std::atomic<bool> stop = false;
         std::thread changes([&] {
-            for (int i = 0; !stop; i++) {
+            for (int i = 0; !stop; ++i) {
                 writer.set(i % 300, 2 + i);
                 tq_mom_del(writer.handle(), 1, card(1, (i + 7) % 300, 0).get());
                 writer.set(300 + i % 50, i);
@@ -279,20 +187,7 @@ TEST_F(RedisStore, APageHasItsPlaceAmongTheChanges) {
         ASSERT_TRUE(reader.wait("sub: set 999:1"));
 
         // What was told last of each object is what the store has.
-        std::map<int, std::string> last;
-        std::istringstream told(reader.told());
-        for (std::string line; std::getline(told, line, ',');) {
-            const size_t has = line.find(" has "), set_at = line.find(" set "), deleted = line.find(" deleted ");
-            const size_t at =
-                std::min({has == std::string::npos ? has : has + 5, set_at == std::string::npos ? set_at : set_at + 5,
-                          deleted == std::string::npos ? deleted : deleted + 9});
-            if (at == std::string::npos) continue;
-            last[std::stoi(line.substr(at))] = deleted == std::string::npos ? line.substr(at) : "";
-        }
-        std::erase_if(last, [](const auto &entry) { return entry.second.empty(); });
-        std::map<int, std::string> stored;
-        for (const std::string &line : writer.scan_sync()) stored[std::stoi(line.substr(4))] = line.substr(4);
-        EXPECT_EQ(last, stored);
+        EXPECT_EQ(picture(reader.told()), picture(join(writer.scan_sync())));
     }
 }
 
@@ -302,7 +197,7 @@ TEST_F(RedisStore, SetsManyAndSaysWhichWasRefused) {
     follow(client);
     std::vector<Message> cards;
     std::vector<tq_mom_write> writes;
-    for (int i = 0; i < 1000; i++) cards.push_back(card_of_type(i, i));
+    for (int i = 0; i < 1000; ++i) cards.push_back(card_of_type(i, i));
     for (const Message &card : cards) writes.push_back({1, card.get()});
     uint32_t taken = 0, refused = 0;
     const auto set_all = [&] {
@@ -338,7 +233,6 @@ TEST_F(RedisStore, SetsManyAndSaysWhichWasRefused) {
     EXPECT_EQ(refused, 1u);
     EXPECT_EQ(tq_mom_set_many(client.handle(), nullptr, 1, nullptr, nullptr), TQ_MOM_E_ARGUMENT);
     EXPECT_EQ(tq_mom_set_many(client.handle(), nullptr, 0, &taken, nullptr), 0);
-    testing::internal::GetCapturedStderr();
 }
 
 }  // namespace
