@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 
 #include "dmq/complete.h"
@@ -14,91 +13,96 @@ namespace dmq {
 
 namespace {
 
-// What dmq does with an argument: asks for it, passes a number of its own, or passes a place and shows what the query has
-// written there. What stands in the places from `array` on is handed out by the query and released here.
-enum class Role { number, text, zero, room, scratch, out, chars, bytes, list, count, array, object, objects };
+struct Argument;
 
 constexpr int32_t numbers_room = 512;
 constexpr size_t word_size = sizeof(void *);
 
-constexpr struct Rule {
+Json number_there(const Argument &argument, size_t i);
+Json number_handed_out(const Argument &argument, size_t i);
+Json object_handed_out(const Argument &argument, size_t i);
+Json text_there(const Argument &argument, size_t i);
+Json bytes_there(const Argument &argument, size_t i);
+
+// How many elements the query wrote.
+enum class Count { one, list, array };  // a list has memory here for all of them, so an empty one is one too
+
+// What dmq does with an argument: asks for it, passes a number of its own, or passes memory and shows what the query
+// writes there.
+constexpr struct Use {
     Pass pass;
-    std::string_view name;  // empty: any other
-    Role role;
-    size_t size;  // of its place
-} rules[] = {
-    {Pass::s32, "len", Role::room, 0},
-    {Pass::s32, "reserved", Role::zero, 0},
-    {Pass::s32, "", Role::number, 0},
-    {Pass::u32, "", Role::number, 0},
-    {Pass::u8, "", Role::number, 0},
-    {Pass::text, "", Role::text, 0},
-    {Pass::s32_out, "reserved", Role::scratch, word_size},
-    {Pass::s32_out, "lports", Role::list, numbers_room * sizeof(int32_t)},
-    {Pass::s32_out, "num", Role::count, word_size},
-    {Pass::s32_out, "count", Role::count, word_size},
-    {Pass::s32_out, "", Role::out, word_size},
-    {Pass::u32_out, "", Role::out, word_size},
-    {Pass::u8_out, "mac", Role::bytes, 6},
-    {Pass::u8_out, "", Role::out, word_size},
-    {Pass::text_out, "", Role::chars, 1024},
-    {Pass::s32_array, "", Role::array, word_size},
-    {Pass::u32_array, "", Role::array, word_size},
-    {Pass::object, "ports", Role::objects, 256 * word_size},
-    {Pass::object, "", Role::object, word_size},
+    std::string_view name;                         // empty: any other
+    bool asked = false;                            // of the person
+    size_t size = 0;                               // of the memory
+    Json (*shown)(const Argument &, size_t) = {};  // an element that the query wrote; null: not shown
+    Count count = Count::one;
+    void (*release)(void *) = {};  // what the query hands out, an address a word
+} uses[] = {
+    {Pass::s32, "len"},
+    {Pass::s32, "reserved"},
+    {Pass::s32, "", true},
+    {Pass::u32, "", true},
+    {Pass::u8, "", true},
+    {Pass::text, "", true},
+    {Pass::s32_out, "reserved", false, word_size},
+    {Pass::s32_out, "lports", false, numbers_room * sizeof(int32_t), number_there, Count::list},
+    {Pass::s32_out, "", false, word_size, number_there},
+    {Pass::u32_out, "", false, word_size, number_there},
+    {Pass::u8_out, "mac", false, 6, bytes_there},
+    {Pass::u8_out, "", false, word_size, number_there},
+    {Pass::text_out, "", false, 1024, text_there},
+    {Pass::s32_array, "", false, word_size, number_handed_out, Count::array, std::free},
+    {Pass::u32_array, "", false, word_size, number_handed_out, Count::array, std::free},
+    {Pass::object, "ports", false, 256 * word_size, object_handed_out, Count::list, ndm_port_obj_free},
+    {Pass::object, "", false, word_size, object_handed_out, Count::one, ndm_port_obj_free},
 };
 
 struct Argument {
     Argument() = default;
     Argument(const Argument &) = delete;
-    ~Argument();
+    ~Argument() {
+        for (size_t i = 0; use->release && i < memory.size() / word_size; ++i) use->release(at<void *>(i));
+    }
 
     std::string_view name;
-    Pass pass = Pass::foreign;
-    Role role = Role::number;
-    std::string place;  // what its word points to
+    const Use *use = uses;
+    std::string memory;  // what its word points to
     std::string before;
     uintptr_t word = 0;
 
-    bool written() const { return place != before; }
+    bool written() const { return memory != before; }
+    bool counts() const { return use->pass == Pass::s32_out && (name == "num" || name == "count"); }
 
     template <class T> T at(size_t i) const {
         T value;
-        std::memcpy(&value, place.data() + i * sizeof value, sizeof value);
+        std::memcpy(&value, memory.data() + i * sizeof value, sizeof value);
         return value;
     }
 };
 
-Argument::~Argument() {
-    if (role == Role::array) std::free(at<void *>(0));
-    if (role < Role::object) return;
-    for (size_t i = 0; i < place.size() / word_size; i++) ndm_port_obj_free(at<void *>(i));
-}
-
 // `previous` is the argument before it: a length or a count speaks of that.
-void prepare(Argument &argument, const Argument *previous) {
+void prepare(Argument &argument, Pass pass, const Argument *previous) {
     static constexpr char untouched = '\xA5';  // so that it shows what a query leaves alone
-    const Rule &rule = *std::find_if(std::begin(rules), std::end(rules), [&](const Rule &one) {
-        return one.pass == argument.pass && (one.name.empty() || one.name == argument.name);
+    const Use &use = *std::find_if(std::begin(uses), std::end(uses), [&](const Use &one) {
+        return one.pass == pass && (one.name.empty() || one.name == argument.name);
     });
-    argument.role = rule.role;
-    if (rule.role == Role::room) argument.word = previous->place.size();
-    if (rule.size == 0) return;
-    argument.place.assign(rule.size, rule.role >= Role::array ? '\0' : untouched);
-    if (rule.role == Role::count && previous->role == Role::list)
-        std::memcpy(argument.place.data(), &numbers_room, sizeof numbers_room);
-    argument.before = argument.place;
-    argument.word = reinterpret_cast<uintptr_t>(argument.place.data());
+    argument.use = &use;
+    if (use.pass == Pass::s32 && use.name == "len") argument.word = previous->memory.size();
+    if (use.size == 0) return;
+    argument.memory.assign(use.size, use.release ? '\0' : untouched);
+    if (argument.counts() && previous->use->count == Count::list && !previous->use->release)
+        std::memcpy(argument.memory.data(), &numbers_room, sizeof numbers_room);
+    argument.before = argument.memory;
+    argument.word = reinterpret_cast<uintptr_t>(argument.memory.data());
 }
 
 std::vector<Argument> arguments_of(const Query &query) {
     std::vector<Argument> arguments(query.callable.passes.size());
     std::string_view names = query.parameters;
-    for (size_t i = 0; i < arguments.size(); i++) {
+    for (size_t i = 0; i < arguments.size(); ++i) {
         arguments[i].name = names.substr(0, names.find(' '));
-        arguments[i].pass = query.callable.passes[i];
         names.remove_prefix(std::min(names.size(), arguments[i].name.size() + 1));
-        prepare(arguments[i], i ? &arguments[i - 1] : nullptr);
+        prepare(arguments[i], query.callable.passes[i], i ? &arguments[i - 1] : nullptr);
     }
     return arguments;
 }
@@ -116,35 +120,30 @@ const ProtobufCEnumDescriptor *enumeration_of(const Query &query, std::string_vi
     return name == "type" || name == "port_type" ? dm_schema_find_enum(query.enumeration) : nullptr;
 }
 
-std::optional<int64_t> whole_number(std::string_view text) {
-    const bool minus = text.starts_with('-');
-    text.remove_prefix(minus);
-    const bool hex = text.starts_with("0x");
-    text.remove_prefix(hex ? 2 : 0);
-    uint32_t value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, hex ? 16 : 10);
-    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    return minus ? -int64_t{value} : int64_t{value};
-}
-
 // "1/30/0": device, slot, and the sub-slot of a node or the logical port of a port.
 std::optional<int64_t> number_of_place(std::string_view name, const std::string &text) {
-    int32_t part[3], used = 0;
-    uint32_t id = 0;
     if (!is_node(name) && !is_port(name)) return std::nullopt;
-    if (std::sscanf(text.c_str(), "%d/%d/%d%n", &part[0], &part[1], &part[2], &used) != 3) return std::nullopt;
+    const size_t first = text.find('/'), second = text.find('/', first + 1);
+    if (second == std::string::npos) return std::nullopt;
+    const std::string_view view = text;
+    const auto dev = whole_number<int32_t>(view.substr(0, first));
+    const auto slot = whole_number<int32_t>(view.substr(first + 1, second - first - 1));
+    const auto rest = whole_number<int32_t>(view.substr(second + 1));
     const auto build = is_node(name) ? ndm_get_node_from_dev_slot_cpuid : ndm_get_objid_by_slot_lport;
-    if (text[static_cast<size_t>(used)] || build(part[0], part[1], part[2], &id) != 0) return std::nullopt;
+    uint32_t id = 0;
+    if (!dev || !slot || !rest || build(*dev, *slot, *rest, &id) != 0) return std::nullopt;
     return id;
 }
 
 uintptr_t read_number(const Query &query, const Argument &argument, const std::string &text) {
     const auto *names = enumeration_of(query, argument.name);
     const auto *named = names ? protobuf_c_enum_descriptor_get_value_by_name(names, text.c_str()) : nullptr;
-    auto value = named ? named->value : whole_number(text);
+    std::optional<int64_t> value = named ? std::optional<int64_t>(named->value) : whole_number<int64_t>(text);
     if (!value) value = number_of_place(argument.name, text);
-    const int64_t least = argument.pass == Pass::s32 ? INT32_MIN : 0;
-    const int64_t most = argument.pass == Pass::s32 ? INT32_MAX : argument.pass == Pass::u8 ? UINT8_MAX : UINT32_MAX;
+    const int64_t least = argument.use->pass == Pass::s32 ? INT32_MIN : 0;
+    const int64_t most = argument.use->pass == Pass::s32  ? INT32_MAX
+                         : argument.use->pass == Pass::u8 ? UINT8_MAX
+                                                          : UINT32_MAX;
     if (value && *value >= least && *value <= most) return static_cast<uintptr_t>(*value);
     const std::string also = is_node(argument.name)   ? " or device/slot/sub-slot"
                              : is_port(argument.name) ? " or device/slot/logical-port"
@@ -159,12 +158,14 @@ void read_words(const Query &query, std::vector<Argument> &arguments, const std:
     std::string wanted;
     size_t count = 1;  // words[0] is the query
     for (Argument &argument : arguments) {
-        if (argument.role > Role::text) continue;
+        if (!argument.use->asked) continue;
         wanted += " " + std::string(argument.name);
-        if (count++ >= words.size()) continue;
-        argument.place = words[count - 1];
-        argument.word = argument.role == Role::text ? reinterpret_cast<uintptr_t>(argument.place.c_str())
-                                                    : read_number(query, argument, argument.place);
+        if (count < words.size()) {
+            argument.memory = words[count];
+            argument.word = argument.use->pass == Pass::text ? reinterpret_cast<uintptr_t>(argument.memory.c_str())
+                                                             : read_number(query, argument, argument.memory);
+        }
+        ++count;
     }
     if (count != words.size())
         throw Failure(exit_usage, "it is: call " + std::string(query.name) + wanted + "\n  " +
@@ -177,34 +178,44 @@ Json number_json(Pass pass, const void *numbers, size_t i) {
     return static_cast<const int32_t *>(numbers)[i];
 }
 
-// The i-th object or number that the query wrote there.
-Json element_of(const Argument &argument, size_t i) {
-    if (argument.role <= Role::array)
-        return number_json(argument.pass, argument.role == Role::array ? argument.at<void *>(0) : argument.place.data(),
-                           i);
+Json number_there(const Argument &argument, size_t i) {
+    return number_json(argument.use->pass, argument.memory.data(), i);
+}
+
+Json number_handed_out(const Argument &argument, size_t i) {
+    return number_json(argument.use->pass, argument.at<void *>(0), i);
+}
+
+Json object_handed_out(const Argument &argument, size_t i) {
     const auto *object = argument.at<const ProtobufCMessage *>(i);
     return object ? to_json(*object, Fields::set) : Json();
 }
 
-// What the query wrote there; null: nothing. A list has `count` elements.
+Json text_there(const Argument &argument, size_t) {
+    return argument.memory.c_str();
+}
+
+Json bytes_there(const Argument &argument, size_t) {
+    std::string bytes = argument.memory;
+    return to_hex({bytes.size(), reinterpret_cast<uint8_t *>(bytes.data())});
+}
+
+// What the query wrote there; null: nothing. More than one element are `count`.
 Json value_of(const Argument &argument, int64_t count) {
-    std::string bytes = argument.place;
-    const bool listed = argument.role == Role::list || argument.role == Role::objects;
-    if (!argument.written() && !listed) return nullptr;
-    if (argument.role == Role::chars) return bytes.c_str();
-    if (argument.role == Role::bytes) return to_hex({bytes.size(), reinterpret_cast<uint8_t *>(bytes.data())});
-    if (!listed && argument.role != Role::array) return element_of(argument, 0);
+    const Use &use = *argument.use;
+    if (!argument.written() && use.count != Count::list) return nullptr;
+    if (use.count == Count::one) return use.shown(argument, 0);
     Json list = Json::array();
-    for (int64_t i = 0; i < count; i++) list.push_back(element_of(argument, static_cast<size_t>(i)));
+    for (int64_t i = 0; i < count; ++i) list.push_back(use.shown(argument, static_cast<size_t>(i)));
     return list;
 }
 
 // Every out-value by name. A list is counted by the argument behind it, else by the result.
 Json values_of(const std::vector<Argument> &arguments, int64_t result) {
     Json values = Json::object();
-    for (size_t i = 0; i < arguments.size(); i++) {
-        if (arguments[i].role < Role::out) continue;
-        const bool counted = i + 1 < arguments.size() && arguments[i + 1].role == Role::count;
+    for (size_t i = 0; i < arguments.size(); ++i) {
+        if (!arguments[i].use->shown) continue;
+        const bool counted = i + 1 < arguments.size() && arguments[i + 1].counts();
         const bool known = counted && arguments[i + 1].written();
         const int64_t count = !counted ? result : known ? arguments[i + 1].at<int32_t>(0) : 0;
         values[std::string(arguments[i].name)] = value_of(arguments[i], count);
@@ -297,7 +308,8 @@ Exit list_queries(const std::vector<std::string> &words, bool json) {
         lines += std::string(query.prototype) + "\n    " + std::string(query.question) + "\n";
         if (!callable) lines += "    Not by call: it takes what only a program has.\n";
     }
-    json ? print_table(table, true) : print(lines);
+    if (json) print_table(table, /*json=*/true);
+    if (!json) print(lines);
     return table.rows.empty() ? exit_no : exit_yes;
 }
 
@@ -339,7 +351,8 @@ Exit run_call(Context &context, const Command &command) {
         query.pure ? ask()
                    : context.synchronised({}, command.settings).ask(std::string(query.name) + " to answer", ask);
     const Json values = values_of(*arguments, result);
-    (command.settings.json ? print_json : print_values)(query, result, values);
+    const auto print_all = command.settings.json ? print_json : print_values;
+    print_all(query, result, values);
     if (lacked_memory) throw Failure(exit_no, std::string(query.name) + ": not enough memory");
     return answers(query, result, values) ? exit_yes : exit_no;
 }

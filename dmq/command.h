@@ -8,7 +8,10 @@
 
 namespace dmq {
 
+class Context;
+
 struct Command {
+    Exit (*run)(Context &, const Command &) = nullptr;
     Settings settings;
     std::vector<std::string> words;  // behind the command's name
     double watch_for = -1;           // seconds; negative: until it is ended
@@ -60,28 +63,24 @@ Exit run_store(Context &context, const Command &command);
 Exit run_gen(Context &context, const Command &command);
 Exit run_shell(Context &context, const Command &command);
 
-// What a command line asks for. Nothing: it asked for help, which is printed. Throws a Failure for what is not understood.
-struct Request {
-    Exit (*run)(Context &, const Command &);
-    Command command;
-};
-std::optional<Request> parse(const std::vector<std::string> &words, const Settings &defaults, bool in_shell);
+// Nothing: the command line asked for help, which is printed. Throws a Failure for what is not understood.
+std::optional<Command> parse(const std::vector<std::string> &words, const Settings &defaults, bool in_shell);
 
-inline Exit run(Context &context, const Request &request) {
+inline Exit run(Context &context, const Command &command) {
     context.doubtful = false;
-    const Exit answer = request.run(context, request.command);
+    const Exit answer = command.run(context, command);
     return answer == exit_yes && context.doubtful ? exit_no : answer;
 }
 
-// Runs it and says on standard error, behind `place`, why it failed.
-template <class Work> Exit reporting(const std::string &place, Work work) {
+// Does the work and says on standard error why it failed, behind the line of a script that asked for it.
+template <class Work> Exit reporting(const std::string &line, Work work) {
     try {
         return work();
     } catch (const Failure &failure) {
-        note(place + failure.what());
+        note(line + failure.what());
         return failure.code;
     } catch (const std::exception &error) {
-        note(place + "failed: " + error.what());
+        note(line + "failed: " + error.what());
         return exit_no;
     }
 }

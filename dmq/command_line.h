@@ -19,7 +19,7 @@ struct Verb {
 // Null: there is no such command.
 const Verb *find_verb(const std::string &name);
 
-// Gives an application its commands and options; what it parses goes into the request.
-void describe(CLI::App &app, Request &request, bool in_shell);
+// Gives an application its commands and options; what it parses goes into the command.
+void describe(CLI::App &app, Command &command, bool in_shell);
 
 }  // namespace dmq

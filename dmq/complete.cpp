@@ -16,14 +16,19 @@ namespace dmq {
 
 namespace {
 
-const std::map<std::string, Candidates> option_values = {
-    {"--store",
-     {{"mem:", "the embedded store of this process"},
-      {"redis://", "a Redis server, by host and port"},
-      {"redis+unix:///", "a Redis server, by its unix socket"},
-      {"redis-sentinel://", "the master of that name: HOST:PORT,../NAME of the sentinels"},
-      {"redis-sentinel+unix:///", "the same by the sentinels' unix sockets"}}},
-    {"--log", {{"0", "all"}, {"1", "notable events"}, {"2", "failures"}}},
+constexpr struct {
+    std::string_view option;
+    const char *word;
+    const char *what;
+} option_values[] = {
+    {"--store", "mem:", "the embedded store of this process"},
+    {"--store", "redis://", "a Redis server, by host and port"},
+    {"--store", "redis+unix:///", "a Redis server, by its unix socket"},
+    {"--store", "redis-sentinel://", "the master of that name: HOST:PORT,../NAME of the sentinels"},
+    {"--store", "redis-sentinel+unix:///", "the same by the sentinels' unix sockets"},
+    {"--log", "0", "all"},
+    {"--log", "1", "notable events"},
+    {"--log", "2", "failures"},
 };
 
 // A line in front of the word that is asked for.
@@ -70,8 +75,9 @@ bool is_named(const Line &line, const Candidate &candidate) {
 Candidates candidates_of(const Line &line, CLI::App &app, const Settings &settings, const std::string &word) {
     Candidates candidates;
     if (line.open) {
-        const auto values = option_values.find(line.open->get_name());
-        if (values != option_values.end()) candidates = values->second;
+        for (const auto &[option, value, what] : option_values) {
+            if (option == line.open->get_name()) candidates.push_back({value, what});
+        }
     } else if (word.starts_with("-")) {
         if (line.verb) add_options(candidates, *app.get_subcommand(line.verb->name));
         add_options(candidates, app);
@@ -86,22 +92,22 @@ Candidates candidates_of(const Line &line, CLI::App &app, const Settings &settin
 }
 
 Candidates answer(std::vector<std::string> words) {
-    Request request{};
+    Command command;
     CLI::App app;
-    describe(app, request, /*in_shell=*/false);
+    describe(app, command, /*in_shell=*/false);
     const std::string word = words.empty() ? "" : words.back();
     if (!words.empty()) words.pop_back();
     Line line;
     for (const auto &before : words) take(line, app, before);
     if (!line.open) app.parse(std::vector<std::string>(line.options.rbegin(), line.options.rend()));
-    return candidates_of(line, app, request.command.settings, word);
+    return candidates_of(line, app, command.settings, word);
 }
 
 void end_in_time() {
     const char *limit = std::getenv("DMQ_COMPLETION_SECONDS");
-    const int seconds = limit ? std::atoi(limit) : 0;
+    const auto seconds = whole_number<unsigned>(limit ? limit : "");
     std::signal(SIGALRM, [](int) { _exit(exit_no); });
-    alarm(seconds > 0 ? static_cast<unsigned>(seconds) : 1);
+    alarm(std::max(seconds.value_or(1), 1U));
 }
 
 // A value is offered when no shell takes it apart and no terminal obeys it.

@@ -26,7 +26,7 @@ std::pair<int, double> distance(const Json &one, const Json &other) {
     std::pair<int, double> far{0, 0};
     for (const auto &[field, value] : one.items()) {
         if (value == other[field]) continue;
-        far.first++;
+        ++far.first;
         if (value.is_number()) far.second += std::abs(value.get<double>() - other[field].get<double>());
     }
     return far;
@@ -46,7 +46,7 @@ std::pair<int, double> distance(const Json &one, const Json &other) {
     }
     std::sort(near.begin(), near.end());
     std::string names;
-    for (size_t i = 0; i < std::min(near.size(), most); i++)
+    for (size_t i = 0; i < std::min(near.size(), most); ++i)
         names += (i ? "; " : ", the nearest: ") + std::get<std::string>(near[i]);
     if (near.empty()) names = ", and none of this kind";
     throw Failure(exit_no, object_name(object) + ": no such object in the store" + names + advice);
@@ -54,13 +54,13 @@ std::pair<int, double> distance(const Json &one, const Json &other) {
 
 // The stored object with the same key as it is now, as the beginning of an edit.
 Edit read_edit(Session &session, uint32_t db, const ProtobufCMessage &object) {
-    const auto probe = std::make_shared<const Message>(unpack(*object.descriptor, pack(object)));
+    const auto probe = std::make_shared<const Message>(copy(object));
     const auto call = [probe, db, client = session.writer()] {
         int32_t error = 0;
         ProtobufCMessage *found = tq_mom_get_sync(client, db, probe->get(), &error);
-        Message copy = found ? unpack(*found->descriptor, pack(*found)) : Message();
+        Message kept = found ? copy(*found) : Message();
         tq_mom_tq_obj_free(found);
-        return std::pair(error, std::move(copy));
+        return std::pair(error, std::move(kept));
     };
     auto [error, found] = session.ask(object_name(object) + " to be read", call);
     if (error && error != TQ_MOM_E_NOT_FOUND && error != TQ_MOM_E_DAMAGED)
@@ -130,7 +130,7 @@ Exit run_load(Context &context, const Command &command) {
     warn_of_short_life(context, session);
     session.write(std::move(entries));
     print_line(command.settings.json ? dump({{"loaded", count}})
-                                     : "loaded " + std::to_string(count) + " objects from " + file);
+                                     : "loaded " + counted_objects(count) + " from " + file);
     return exit_yes;
 }
 
@@ -152,7 +152,7 @@ Exit run_set(Context &context, const Command &command) {
     Edit &edit = edits[0];
     if (edit.damaged)
         throw Failure(exit_no, object_name(*edit.after) + " is damaged in the store; delete it, or set it from a file");
-    if (edit.before) edit.after = unpack(*kind.type, pack(*edit.before));
+    if (edit.before) edit.after = copy(*edit.before);
     assign(*edit.after, assignments);
     return carry_out(context, session, command, std::move(edits));
 }

@@ -6,25 +6,8 @@
 
 namespace dmq {
 
-struct Field {
-    const char *name;
-    Json value;
-};
-
-inline Field field(const char *name, Json value) {
-    return {name, std::move(value)};
-}
-
-template <class... Fields> Json object(const Fields &...fields) {
-    Json made = Json::object();
-    ((made[fields.name] = fields.value), ...);
-    return made;
-}
-
-using Entries = std::vector<Json>;
-
 // Adds an object of p_dev. It goes through the strict reader once, so a name that the schema does not know cannot leave.
-void put(Entries &out, const std::string &kind, const Json &object, uint32_t db = 1);
+void put(std::vector<Json> &out, const std::string &kind, const Json &object, uint32_t db = 1);
 
 int enum_number(const char *type, const char *name);
 int node_number(int dev, int slot, int subslot);
@@ -34,9 +17,9 @@ std::string mac(int use, int dev, int slot, int port);
 
 Json card_static(const GenCardType &type);
 
-void put_card_type(Entries &out, const GenCardType &type);
-void put_chip_types(Entries &out, const GenPlan &plan);
-void put_ports(Entries &out, const GenPlan &plan);
-void put_links(Entries &out, const GenPlan &plan);
+void put_card_type(std::vector<Json> &out, const GenCardType &type);
+void put_chip_types(std::vector<Json> &out, const GenPlan &plan);
+void put_ports(std::vector<Json> &out, const GenPlan &plan);
+void put_links(std::vector<Json> &out, const GenPlan &plan);
 
 }  // namespace dmq

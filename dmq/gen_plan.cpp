@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <sstream>
 
+#include "dmq/names.h"
 #include "dmq/topology.h"
 
 namespace dmq {
@@ -38,7 +39,7 @@ std::vector<GenPort> line_ports(int count, int mbps) {
     const int chips = (count + ports_per_chip - 1) / ports_per_chip;
     const int each = (count + chips - 1) / chips;
     std::vector<GenPort> ports;
-    for (int i = 0; i < count; i++)
+    for (int i = 0; i < count; ++i)
         ports.push_back({.lport = i + 1,
                          .user_port = i + 1,
                          .subslot = 0,
@@ -54,8 +55,8 @@ std::vector<GenPort> line_ports(int count, int mbps) {
 
 // A carrier lists its sub-cards' ports behind its own, on its last chip.
 void add_subcard_ports(std::vector<GenPort> &ports, int subcards) {
-    for (int subslot = 1; subslot <= subcards; subslot++) {
-        for (int i = 1; i <= subcard_ports; i++) ports.push_back(subcard_port(ports.back(), subslot, i));
+    for (int subslot = 1; subslot <= subcards; ++subslot) {
+        for (int i = 1; i <= subcard_ports; ++i) ports.push_back(subcard_port(ports.back(), subslot, i));
     }
 }
 
@@ -65,14 +66,18 @@ std::vector<GenPort> layout_ports(const std::string &file) {
     if (stream.peek() == EOF) throw Failure(exit_usage, "gen: " + file + " is empty");
     std::vector<GenPort> ports;
     std::string line;
-    for (int number = 1; std::getline(stream, line); number++) {
+    for (int number = 1; std::getline(stream, line); ++number) {
         if (line.empty() || line[0] == '#') continue;
         std::istringstream words(line);
-        std::string lanes;
+        std::string lanes, panel_port, speed;
+        words >> lanes >> panel_port >> speed;
+        const auto number_of = [](std::string_view text) { return whole_number<int>(text).value_or(0); };
         GenPort port{};
-        if (!(words >> lanes >> port.user_port >> port.mbps) || !(std::istringstream(lanes) >> port.cport) ||
-            lanes.find_first_not_of("0123456789,") != std::string::npos || port.cport < 1 || port.cport > 255 ||
-            port.user_port < 1 || port.user_port > 255)
+        port.cport = number_of(lanes.substr(0, lanes.find(',')));
+        port.user_port = number_of(panel_port);
+        port.mbps = number_of(speed);
+        if (!whole_number<int>(speed) || lanes.find_first_not_of("0123456789,") != std::string::npos ||
+            port.cport < 1 || port.cport > 255 || port.user_port < 1 || port.user_port > 255)
             throw Failure(exit_usage, "gen: " + file + ": line " + std::to_string(number) +
                                           ": needs lanes, panel port (1 to 255) and speed, not " + dump(line));
         for (const GenPort &other : ports) {
@@ -100,7 +105,7 @@ void plan_box(GenPlan &plan) {
     int chips = 0;
     for (const GenPort &port : ports) chips = std::max(chips, port.unit + 1);
     plan.types = {{type_box_card, "BOX", "DM_TYPE_BOX", chips, 0, std::move(ports)}};
-    for (int dev = 1; dev <= plan.options.devices; dev++)
+    for (int dev = 1; dev <= plan.options.devices; ++dev)
         plan.cards.push_back({dev, slot_m1, 0, 0, type_of(plan, type_box_card)});
 }
 
@@ -110,13 +115,13 @@ void plan_chassis_cards(GenPlan &plan, int dev) {
     const auto add = [&](int slot, int subslot, int user_slot, int type) {
         plan.cards.push_back({dev, slot, subslot, user_slot, type_of(plan, type)});
     };
-    for (int i = 0; i < options.cards; i++) {
+    for (int i = 0; i < options.cards; ++i) {
         const bool carrier = i == 0 && options.subcards > 0;
         add(i, 0, i + 1, carrier ? type_carrier : type_line);
-        for (int subslot = 1; carrier && subslot <= options.subcards; subslot++) add(i, subslot, i + 1, type_subcard);
+        for (int subslot = 1; carrier && subslot <= options.subcards; ++subslot) add(i, subslot, i + 1, type_subcard);
     }
-    for (int i = 0; i < options.fabrics; i++) add(slot_fe1 + i, 0, slot_fe1 + i, type_fabric);
-    for (int i = 0; i < options.boards; i++) add(slot_m1 + i, 0, slot_m1 + i, type_board);
+    for (int i = 0; i < options.fabrics; ++i) add(slot_fe1 + i, 0, slot_fe1 + i, type_fabric);
+    for (int i = 0; i < options.boards; ++i) add(slot_m1 + i, 0, slot_m1 + i, type_board);
 }
 
 void plan_chassis(GenPlan &plan) {
@@ -132,7 +137,7 @@ void plan_chassis(GenPlan &plan) {
         plan.types.push_back({type_subcard, "SUB-4GE", "DM_TYPE_SUB_LC", 0, 0, {}});
     }
     if (options.fabrics > 0) plan.types.push_back({type_fabric, "FE", "DM_TYPE_SFC", 1, 0, {}});
-    for (int dev = 1; dev <= options.devices; dev++) plan_chassis_cards(plan, dev);
+    for (int dev = 1; dev <= options.devices; ++dev) plan_chassis_cards(plan, dev);
 }
 
 }  // namespace
@@ -153,7 +158,8 @@ GenPort subcard_port(const GenPort &before, int subslot, int i) {
 void make_plan(const GenOptions &options, GenPlan &plan) {
     plan.options = options;
     plan.options.box |= !options.layout.empty();
-    plan.options.box ? plan_box(plan) : plan_chassis(plan);
+    const auto plan_devices = plan.options.box ? plan_box : plan_chassis;
+    plan_devices(plan);
     plan.local = &plan.cards.front();
 }
 

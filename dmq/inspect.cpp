@@ -43,7 +43,7 @@ Exit run_get(Context &context, const Command &command) {
         each_cached(kind.row, [&](const ProtobufCMessage &object) {
             if (!wanted.empty() && !agrees(to_json(object, Fields::all), wanted)) return;
             writer.add(entry_json(kind.db, object));
-            count++;
+            ++count;
         });
     }
     writer.finish();

@@ -1,5 +1,4 @@
-// The two directions field by field. A message is built as its descriptor says: zeroed memory of its size, its
-// initialiser, then each value at its offset, with the default allocator, so that protobuf-c frees it.
+// The two directions field by field.
 #include "dmq/json.h"
 
 #include <algorithm>
@@ -23,37 +22,17 @@ std::string quoted(const Json &value) {
     return text;
 }
 
-template <class T> T &at(const ProtobufCMessage &message, unsigned offset) {
-    return *reinterpret_cast<T *>(reinterpret_cast<uintptr_t>(&message) + offset);
-}
-
-template <class T> T &as(const void *place) {
-    return *static_cast<T *>(const_cast<void *>(place));
-}
-
-// The schema has these types and no others.
-size_t size_of(ProtobufCType type) {
-    switch (type) {
-        case PROTOBUF_C_TYPE_INT64:
-        case PROTOBUF_C_TYPE_UINT64:
-            return 8;
-        case PROTOBUF_C_TYPE_STRING:
-        case PROTOBUF_C_TYPE_MESSAGE:
-            return sizeof(void *);
-        case PROTOBUF_C_TYPE_BYTES:
-            return sizeof(ProtobufCBinaryData);
-        default:
-            return 4;
-    }
+template <class T> T &as(const void *address) {
+    return *static_cast<T *>(const_cast<void *>(address));
 }
 
 bool is_set(const ProtobufCFieldDescriptor &field, const ProtobufCMessage &message) {
     if (field.label == PROTOBUF_C_LABEL_REPEATED) return at<size_t>(message, field.quantifier_offset) > 0;
-    const void *place = &at<char>(message, field.offset);
-    if (field.type == PROTOBUF_C_TYPE_STRING) return as<const char *>(place) && *as<const char *>(place);
-    if (field.type == PROTOBUF_C_TYPE_BYTES) return as<ProtobufCBinaryData>(place).len > 0;
+    const void *address = &at<char>(message, field.offset);
+    if (field.type == PROTOBUF_C_TYPE_STRING) return as<const char *>(address) && *as<const char *>(address);
+    if (field.type == PROTOBUF_C_TYPE_BYTES) return as<ProtobufCBinaryData>(address).len > 0;
     static const char zero[8] = {};
-    return std::memcmp(place, zero, size_of(field.type)) != 0;
+    return std::memcmp(address, zero, size_of(field.type)) != 0;
 }
 
 Json enum_json(const ProtobufCFieldDescriptor &field, int value) {
@@ -62,27 +41,27 @@ Json enum_json(const ProtobufCFieldDescriptor &field, int value) {
     return value;
 }
 
-Json value_json(const ProtobufCFieldDescriptor &field, const void *place, Fields which) {
+Json value_json(const ProtobufCFieldDescriptor &field, const void *address, Fields which) {
     switch (field.type) {
         case PROTOBUF_C_TYPE_UINT32:
-            return as<uint32_t>(place);
+            return as<uint32_t>(address);
         case PROTOBUF_C_TYPE_INT64:
-            return as<int64_t>(place);
+            return as<int64_t>(address);
         case PROTOBUF_C_TYPE_UINT64:
-            return as<uint64_t>(place);
+            return as<uint64_t>(address);
         case PROTOBUF_C_TYPE_BOOL:
-            return as<protobuf_c_boolean>(place) != 0;
+            return as<protobuf_c_boolean>(address) != 0;
         case PROTOBUF_C_TYPE_ENUM:
-            return enum_json(field, as<int>(place));
+            return enum_json(field, as<int>(address));
         case PROTOBUF_C_TYPE_STRING:
-            return as<const char *>(place) ? as<const char *>(place) : "";
+            return as<const char *>(address) ? as<const char *>(address) : "";
         case PROTOBUF_C_TYPE_BYTES:
-            return to_hex(as<ProtobufCBinaryData>(place));
+            return to_hex(as<ProtobufCBinaryData>(address));
         case PROTOBUF_C_TYPE_MESSAGE:
-            if (!as<const ProtobufCMessage *>(place)) return nullptr;
-            return to_json(*as<const ProtobufCMessage *>(place), which);
+            if (!as<const ProtobufCMessage *>(address)) return nullptr;
+            return to_json(*as<const ProtobufCMessage *>(address), which);
         default:
-            return as<int32_t>(place);
+            return as<int32_t>(address);
     }
 }
 
@@ -136,12 +115,6 @@ std::optional<std::string> from_hex(std::string_view text) {
     return bytes;
 }
 
-void *allocate(size_t size) {
-    void *memory = std::calloc(1, size ? size : 1);
-    if (!memory) out_of_memory();
-    return memory;
-}
-
 char *string_value(const Json &value, const std::string &where) {
     if (!value.is_string()) refuse(where, "needs a text, not " + quoted(value));
     const auto &text = value.get_ref<const std::string &>();
@@ -161,36 +134,36 @@ ProtobufCBinaryData bytes_value(const Json &value, const std::string &where) {
     return data;
 }
 
-void set_value(const ProtobufCFieldDescriptor &field, const Json &value, void *place, const std::string &where) {
+void set_value(const ProtobufCFieldDescriptor &field, const Json &value, void *address, const std::string &where) {
     switch (field.type) {
         case PROTOBUF_C_TYPE_UINT32:
-            as<uint32_t>(place) = number<uint32_t>(value, where);
+            as<uint32_t>(address) = number<uint32_t>(value, where);
             return;
         case PROTOBUF_C_TYPE_INT64:
-            as<int64_t>(place) = number<int64_t>(value, where);
+            as<int64_t>(address) = number<int64_t>(value, where);
             return;
         case PROTOBUF_C_TYPE_UINT64:
-            as<uint64_t>(place) = number<uint64_t>(value, where);
+            as<uint64_t>(address) = number<uint64_t>(value, where);
             return;
         case PROTOBUF_C_TYPE_BOOL:
             if (!value.is_boolean()) refuse(where, "needs true or false, not " + quoted(value));
-            as<protobuf_c_boolean>(place) = value.get<bool>();
+            as<protobuf_c_boolean>(address) = value.get<bool>();
             return;
         case PROTOBUF_C_TYPE_ENUM:
-            as<int>(place) = enum_number(field, value, where);
+            as<int>(address) = enum_number(field, value, where);
             return;
         case PROTOBUF_C_TYPE_STRING:
-            as<char *>(place) = string_value(value, where);
+            as<char *>(address) = string_value(value, where);
             return;
         case PROTOBUF_C_TYPE_BYTES:
-            as<ProtobufCBinaryData>(place) = bytes_value(value, where);
+            as<ProtobufCBinaryData>(address) = bytes_value(value, where);
             return;
         case PROTOBUF_C_TYPE_MESSAGE:
-            as<ProtobufCMessage *>(place) =
+            as<ProtobufCMessage *>(address) =
                 from_json(value, *static_cast<const ProtobufCMessageDescriptor *>(field.descriptor), where).release();
             return;
         default:
-            as<int32_t>(place) = number<int32_t>(value, where);
+            as<int32_t>(address) = number<int32_t>(value, where);
     }
 }
 
@@ -206,7 +179,7 @@ void set_field(const ProtobufCFieldDescriptor &field, const Json &value, Protobu
     size_t &count = at<size_t>(message, field.quantifier_offset);
     for (const Json &element : value) {
         set_value(field, element, array + count * size_of(field.type), where + "[" + std::to_string(count) + "]");
-        count++;
+        ++count;
     }
 }
 
@@ -220,11 +193,9 @@ void add_differences(const Json &before, const Json &after, const std::string &p
         add_differences(before.value(name, Json()), value, path.empty() ? name : path + "." + name, found);
 }
 
-const ProtobufCFieldDescriptor &find_field(const ProtobufCMessageDescriptor &type, const std::string &name,
+const ProtobufCFieldDescriptor &need_field(const ProtobufCMessageDescriptor &type, const std::string &name,
                                            const std::string &where) {
-    if (const auto *field = protobuf_c_message_descriptor_get_field_by_name(&type, name.c_str());
-        field && name == field->name)
-        return *field;
+    if (const auto *field = find_field(type, name)) return *field;
     std::vector<std::string> names;
     for (const auto &field : fields_of(type)) names.emplace_back(field.name);
     refuse(where, std::string(type.name) + " has no field " + quoted(Json(name)) + did_you_mean(name, names));
@@ -232,46 +203,14 @@ const ProtobufCFieldDescriptor &find_field(const ProtobufCMessageDescriptor &typ
 
 }  // namespace
 
-const ProtobufCFieldDescriptor *key_field(const ProtobufCMessageDescriptor &type) {
-    for (const auto &field : fields_of(type)) {
-        if (dm_schema_key_mark(&field) == 2) return &field;
-    }
-    return nullptr;
-}
-
 void need_whole_key(const ProtobufCMessageDescriptor &type, const Json &key) {
     std::string missing;
-    for (const auto &field : fields_of(*static_cast<const ProtobufCMessageDescriptor *>(key_field(type)->descriptor))) {
+    for (const auto &field : fields_of(*sub_type(*key_field(type)))) {
         if (key.contains(field.name) || is_never_compared(field.name)) continue;
         missing += (missing.empty() ? "" : ", ") + std::string(field.name);
     }
     if (!missing.empty())
         throw Failure(exit_usage, std::string(type.name) + ": name the object by its whole key; it lacks " + missing);
-}
-
-const ProtobufCMessage *key_of(const ProtobufCMessage &object) {
-    const auto *field = key_field(*object.descriptor);
-    return field ? at<const ProtobufCMessage *>(object, field->offset) : nullptr;
-}
-
-Message new_message(const ProtobufCMessageDescriptor &type) {
-    auto *message = static_cast<ProtobufCMessage *>(allocate(type.sizeof_message));
-    type.message_init(message);
-    return Message(message);
-}
-
-std::string pack(const ProtobufCMessage &message) {
-    std::string bytes(protobuf_c_message_get_packed_size(&message), '\0');
-    protobuf_c_message_pack(&message, reinterpret_cast<uint8_t *>(bytes.data()));
-    return bytes;
-}
-
-Message unpack(const ProtobufCMessageDescriptor &type, const std::string &bytes) {
-    // Missing memory must not look like bytes that mean nothing.
-    ProtobufCAllocator allocator = {[](void *, size_t size) { return allocate(size); },
-                                    [](void *, void *memory) { std::free(memory); }, nullptr};
-    const auto *data = reinterpret_cast<const uint8_t *>(bytes.data());
-    return Message(protobuf_c_message_unpack(&type, &allocator, bytes.size(), data));
 }
 
 Json to_json(const ProtobufCMessage &message, Fields which) {
@@ -287,29 +226,16 @@ Message from_json(const Json &object, const ProtobufCMessageDescriptor &type, co
     if (!object.is_object()) refuse(where, "needs an object of " + std::string(type.name) + ", not " + quoted(object));
     Message message = new_message(type);
     for (const auto &[name, value] : object.items()) {
-        const auto &field = find_field(type, name, where);
+        const auto &field = need_field(type, name, where);
         set_field(field, value, *message, where.empty() ? name : where + "." + name);
     }
     return message;
 }
 
-void swap_field(ProtobufCMessage &one, ProtobufCMessage &other, std::span<const std::string> path) {
-    const auto &field = find_field(*one.descriptor, path[0], "");
-    const bool repeated = field.label == PROTOBUF_C_LABEL_REPEATED;
-    if (path.size() > 1) {
-        auto *const inner = at<ProtobufCMessage *>(one, field.offset);
-        if (inner) return swap_field(*inner, *at<ProtobufCMessage *>(other, field.offset), path.subspan(1));
-    }
-    char *const place = &at<char>(one, field.offset);
-    const size_t size = repeated ? sizeof(void *) : size_of(field.type);
-    std::swap_ranges(place, place + size, &at<char>(other, field.offset));
-    if (repeated) std::swap(at<size_t>(one, field.quantifier_offset), at<size_t>(other, field.quantifier_offset));
-}
-
 std::string to_hex(const ProtobufCBinaryData &bytes) {
     static const char digit[] = "0123456789abcdef";
     std::string text;
-    for (size_t i = 0; i < bytes.len; i++) {
+    for (size_t i = 0; i < bytes.len; ++i) {
         if (i > 0 && bytes.len == 6) text += ':';
         text += {digit[bytes.data[i] >> 4], digit[bytes.data[i] & 15]};
     }

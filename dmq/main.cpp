@@ -17,10 +17,10 @@ int main(int argc, char **argv) {
     for (char *word : std::span(argv, static_cast<size_t>(argc))) dmq::hide_password({word, std::strlen(word)});
     if (!words.empty() && words[0] == "complete") return dmq::complete({words.begin() + 1, words.end()});
     const dmq::Exit code = dmq::reporting("", [&] {
-        const auto request = dmq::parse(words, {}, /*in_shell=*/false);
-        if (!request) return dmq::exit_yes;
-        dmq::Context context(request->command.settings);
-        return dmq::run(context, *request);
+        const auto command = dmq::parse(words, {}, /*in_shell=*/false);
+        if (!command) return dmq::exit_yes;
+        dmq::Context context(command->settings);
+        return dmq::run(context, *command);
     });
     if (dmq::left_behind) std::_Exit(code);
     return code;

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <numeric>
 
 #include "dmq/failure.h"
@@ -20,10 +19,10 @@ namespace {
 size_t distance(const std::string &a, const std::string &b) {
     std::vector<size_t> row(b.size() + 1);
     std::iota(row.begin(), row.end(), 0);
-    for (size_t i = 1; i <= a.size(); i++) {
+    for (size_t i = 1; i <= a.size(); ++i) {
         size_t diagonal = row[0];
         row[0] = i;
-        for (size_t j = 1; j <= b.size(); j++) {
+        for (size_t j = 1; j <= b.size(); ++j) {
             const size_t changed = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
             diagonal = row[j];
             row[j] = std::min({changed, row[j] + 1, row[j - 1] + 1});
@@ -80,7 +79,7 @@ const std::vector<Kind> &cached_kinds() {
         dm_cache_init_obj(table.data());
         ndm_cache_init_port_obj(table.data());
         std::vector<Kind> found;
-        for (int32_t i = 0; i < DM_ROW_COUNT; i++) {
+        for (int32_t i = 0; i < DM_ROW_COUNT; ++i) {
             const auto &row = table[static_cast<size_t>(i)];
             if (row.obj_tmpl) found.push_back({row.obj_tmpl->descriptor, i, row.db_id});
         }
@@ -102,9 +101,7 @@ const ProtobufCMessageDescriptor &find_type(const std::string &name) {
 }
 
 Kind find_kind(const std::string &name) {
-    int32_t row = 0;
-    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), row);
-    if (error == std::errc() && end == name.data() + name.size()) return kind_of_row(row);
+    if (const auto row = whole_number<int32_t>(name)) return kind_of_row(*row);
     for (const auto *type : all_types()) {
         if (name == type->name + dm_schema_package_length(type) + 1) return kind_of(*type);
     }

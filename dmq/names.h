@@ -1,8 +1,13 @@
-// Names that a person types: kinds of objects by name or row number, and what was meant by a misspelt one. Takes no lock.
+// Names and numbers that a person types: kinds of objects by name or row number, and what was meant by a misspelt one.
+// Takes no lock.
 #pragma once
 
+#include <charconv>
+#include <optional>
 #include <span>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "tq_dm_cache/dm_types.h"
@@ -11,6 +16,20 @@ namespace dmq {
 
 // " (did you mean x?)", or nothing when no candidate is near.
 std::string did_you_mean(const std::string &word, std::span<const std::string> candidates);
+
+// The whole text as a number, decimal or hexadecimal ("-5", "0x1f"); nothing when it is none, or does not fit.
+template <class T> std::optional<T> whole_number(std::string_view text) {
+    const bool minus = text.starts_with('-');
+    text.remove_prefix(minus);
+    const bool hex = text.starts_with("0x");
+    text.remove_prefix(hex ? 2 : 0);
+    uint64_t size = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), size, hex ? 16 : 10);
+    if (error != std::errc() || end != text.data() + text.size() || (minus && size > INT64_MAX)) return std::nullopt;
+    const auto negative = -static_cast<int64_t>(size);
+    if (minus ? !std::in_range<T>(negative) : !std::in_range<T>(size)) return std::nullopt;
+    return minus ? static_cast<T>(negative) : static_cast<T>(size);
+}
 
 // A kind of objects: its message type, the row that caches it (-1: none) and the database of the store that holds it.
 struct Kind {

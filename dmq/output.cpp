@@ -10,6 +10,8 @@
 #include <mutex>
 #include <tuple>
 
+#include "tq_dm_cache/tq_platform_bundled.h"
+
 namespace dmq {
 
 namespace {
@@ -53,7 +55,7 @@ size_t printable(std::string_view text) {
     if (first < 0x80) return first >= 0x20 && first != 0x7F;
     const size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
     if (first < 0xC2 || first > 0xF4 || (first == 0xC2 && byte(1) < 0xA0)) return 0;
-    for (size_t i = 1; i < length; i++) {
+    for (size_t i = 1; i < length; ++i) {
         if ((byte(i) & 0xC0) != 0x80) return 0;
     }
     return length;
@@ -76,7 +78,7 @@ void print_as_json(const Table &table) {
     Json records = Json::array();
     for (const auto &row : table.rows) {
         Json record = Json::object();
-        for (size_t i = 0; i < row.size(); i++) record[table.columns[i]] = row[i];
+        for (size_t i = 0; i < row.size(); ++i) record[table.columns[i]] = row[i];
         records.push_back(std::move(record));
     }
     print_line(dump(records));
@@ -117,15 +119,28 @@ void note(std::string_view text) {
     write_all(STDERR_FILENO, line);
 }
 
+std::string shown_url(const std::string &url) {
+    std::string text(std::max<size_t>(3 * url.size() + 4, 64), '\0');  // every byte escaped, at the most
+    tq_mom_url_without_secret(url.c_str(), text.data(), static_cast<uint32_t>(text.size()));
+    text.resize(text.find('\0'));
+    return text;
+}
+
 void hide_password(std::span<char> text) {
-    constexpr std::string_view slashes = "://";
     const std::string_view view(text.data(), text.size());
-    const size_t scheme = view.find(slashes), end = view.rfind('@');
+    const size_t end = view.rfind('@'), slashes = view.find("://");
     if (end == std::string_view::npos) return;
-    const bool is_url = scheme < end;
-    const size_t user = is_url ? scheme + slashes.size() : view.rfind(' ', end) + 1, colon = view.find(':', user);
-    if (colon >= end && !is_url) return;
-    for (size_t i = colon < end ? colon + 1 : user; i < end; i++) text[i] = '*';
+    constexpr std::string_view around = " \";";  // of a word in a message
+    const size_t begin = view.find_last_of(around, std::min(end, slashes)) + 1;
+    if (view.find(':', begin) > end) return;
+    const std::string url(view.substr(begin, view.find_first_of(around, end) - begin));
+    const std::string shown = shown_url(url), front = shown.substr(0, shown.rfind('@'));
+    const auto secret = std::mismatch(url.begin(), url.end(), front.begin(), front.end()).first - url.begin();
+    for (size_t i = begin + static_cast<size_t>(secret); i < end; ++i) text[i] = '*';
+}
+
+std::string counted_objects(size_t count) {
+    return std::to_string(count) + (count == 1 ? " object" : " objects");
 }
 
 std::string coloured(Colour colour, const std::string &text) {
@@ -158,12 +173,12 @@ void print_table(const Table &table, bool json) {
         }
     }
     for (const auto &line : lines) {
-        for (size_t i = 0; i < columns; i++) widths[i] = std::max(widths[i], width(line[i]));
+        for (size_t i = 0; i < columns; ++i) widths[i] = std::max(widths[i], width(line[i]));
     }
     std::string text;
     for (const auto &line : lines) {
         std::string printed;
-        for (size_t i = 0; i < columns; i++) printed += padded(line[i], widths[i], numeric[i]) + "  ";
+        for (size_t i = 0; i < columns; ++i) printed += padded(line[i], widths[i], numeric[i]) + "  ";
         printed.erase(printed.find_last_not_of(' ') + 1);
         text += (&line == &lines[0] ? coloured(Colour::heading, printed) : printed) + "\n";
     }

@@ -176,23 +176,23 @@ const Verb *find_verb(const std::string &name) {
     return found == std::end(verbs) ? nullptr : found;
 }
 
-void describe(CLI::App &app, Request &request, bool in_shell) {
+void describe(CLI::App &app, Command &command, bool in_shell) {
     app.formatter(std::make_shared<Help>());
     for (const Verb &verb : verbs) {
         if (in_shell && verb.run == run_shell) continue;
         CLI::App *sub = app.add_subcommand(verb.name, verb.what)->fallthrough();
-        verb.options(*sub, request.command);
-        sub->callback([&request, &verb] { request.run = verb.run; });
+        verb.options(*sub, command);
+        sub->callback([&command, &verb] { command.run = verb.run; });
         sub->footer(std::string("Examples:\n") + verb.examples);
     }
-    common_options(app, request.command.settings, in_shell);
+    common_options(app, command.settings, in_shell);
 }
 
-std::optional<Request> parse(const std::vector<std::string> &words, const Settings &defaults, bool in_shell) {
-    Request request{};
-    request.command.settings = defaults;
+std::optional<Command> parse(const std::vector<std::string> &words, const Settings &defaults, bool in_shell) {
+    Command command;
+    command.settings = defaults;
     CLI::App app(overview, "dmq");
-    describe(app, request, in_shell);
+    describe(app, command, in_shell);
     app.allow_extras();
     try {
         app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
@@ -206,9 +206,9 @@ std::optional<Request> parse(const std::vector<std::string> &words, const Settin
     const auto asked = app.get_subcommands();
     if (const auto rest = app.remaining(); !rest.empty())
         refuse_rest(rest, asked.empty() ? nullptr : asked[0], in_shell);
-    if (!request.run) throw Failure(exit_usage, "say what to do; see dmq --help");
-    if (request.command.settings.log) g_dm_cache_level = g_ndm_lib_dbg_lvl = *request.command.settings.log;
-    return request;
+    if (!command.run) throw Failure(exit_usage, "say what to do; see dmq --help");
+    if (command.settings.log) g_dm_cache_level = g_ndm_lib_dbg_lvl = *command.settings.log;
+    return command;
 }
 
 }  // namespace dmq

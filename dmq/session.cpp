@@ -13,13 +13,7 @@ namespace dmq {
 
 namespace {
 
-// Without what may be its secret.
-std::string shown_url(const std::string &url) {
-    std::string text(std::max<size_t>(3 * url.size() + 4, 64), '\0');  // every byte escaped, at the most
-    tq_mom_url_without_secret(url.c_str(), text.data(), static_cast<uint32_t>(text.size()));
-    text.resize(text.find('\0'));
-    return text;
-}
+constexpr size_t objects_at_a_time = 1024;  // between two looks at the progress
 
 Client open_store(const std::string &url, const std::string &shown) {
     tq_mom_handle *handle = nullptr;
@@ -49,6 +43,13 @@ Client open_store(const std::string &url, const std::string &shown) {
                   what + ": the store refused it, code " + std::to_string(code));
 }
 
+int32_t write_edit(tq_mom_handle *client, const Edit &edit) {
+    if (!edit.damaged) return tq_mom_replace(client, edit.db, edit.before.get(), edit.after.get());
+    return edit.after ? tq_mom_set(client, edit.db, edit.after.get(), 0, 0)
+                      : tq_mom_del(client, edit.db, edit.before.get());
+}
+
+// A change of that row makes the cache scan everything again.
 bool is_complete_notice(const ProtobufCMessage &object) {
     return kind_of(*object.descriptor).row == DM_ROW_DP_LIB_COMPLETE && stats_of(DM_ROW_DP_LIB_COMPLETE).enabled;
 }
@@ -132,8 +133,6 @@ void Session::synchronise(const std::vector<Kind> &kinds) {
     }
 }
 
-static constexpr size_t objects_at_a_time = 1024;  // between two looks at the progress
-
 void Session::write(std::vector<Entry> entries) {
     const uint32_t applied = dm_cache_applied();
     const auto kept = std::make_shared<const std::vector<Entry>>(std::move(entries));
@@ -158,54 +157,34 @@ void Session::write(std::vector<Entry> entries) {
             ask("objects to be written, " + std::to_string(done) + " of " + std::to_string(all) + " are", call);
         if (code)
             write_failed(code, object_name(*(*kept)[done + std::min<size_t>(refused, count - 1)].object) + " (after " +
-                                   std::to_string(done + taken) + " objects written)");
+                                   counted_objects(done + taken) + " written)");
         progress.show(done += count, all);
     }
-    settle_edit(notice, applied);
+    if (follows()) settle(notice ? applied : 0);
 }
-
-namespace {
-
-int32_t write_edit(tq_mom_handle *client, const Edit &edit) {
-    if (!edit.damaged) return tq_mom_replace(client, edit.db, edit.before.get(), edit.after.get());
-    return edit.after ? tq_mom_set(client, edit.db, edit.after.get(), 0, 0)
-                      : tq_mom_del(client, edit.db, edit.before.get());
-}
-
-}  // namespace
 
 void Session::write(std::vector<Edit> edits) {
     const uint32_t applied = dm_cache_applied();
     bool notice = false;
-    for (size_t i = 0; i < edits.size(); i++) {
+    for (size_t i = 0; i < edits.size(); ++i) {
         const auto edit = std::make_shared<const Edit>(std::move(edits[i]));
         notice |= is_complete_notice(edit->object());
         const std::string name = object_name(edit->object());
         if (const int32_t code =
                 ask(name + " to be written", [edit, client = writer()] { return write_edit(client, *edit); }))
-            write_failed(code, name + (i ? " (after " + std::to_string(i) + " objects written)" : ""));
+            write_failed(code, name + (i ? " (after " + counted_objects(i) + " written)" : ""));
     }
-    settle_edit(notice, applied);
+    if (follows()) settle(notice ? applied : 0);
 }
 
-// A change of row 1 makes the cache scan everything again.
-void Session::settle_edit(bool resynchronises, uint32_t applied) {
-    if (!follows()) return;
-    resynchronises &&applied > 0 ? settle_applied(applied) : settle();
-}
-
-void Session::settle() {
+void Session::settle(uint32_t applied) {
     if (!started_) return;
-    if (tq_mom_client_drain(reader(), deadline_.left()))
-        deadline_.passed("the cache was not told everything", "waited for the store client to deliver");
-    catch_up_watch();
-}
-
-void Session::settle_applied(uint32_t applied) {
-    if (dm_cache_wait_applied(applied, deadline_.left())) {
+    if (applied && dm_cache_wait_applied(applied, deadline_.left())) {
         const std::string held = held_back();
         deadline_.passed("not synchronised again", held.empty() ? without_hold_back() : held);
     }
+    if (!applied && tq_mom_client_drain(reader(), deadline_.left()))
+        deadline_.passed("the cache was not told everything", "waited for the store client to deliver");
     catch_up_watch();
 }
 
@@ -216,11 +195,15 @@ std::string held_back() {
     for (const Kind &kind : cached_kinds()) {
         const dm_cache_stats stats = stats_of(kind.row);
         if (!stats.enabled || stats.held) continue;  // the others go on without one that is held
-        enabled++;
+        ++enabled;
         const bool unconfirmed = !stats.subscribed;
         if (!unconfirmed && (stats.scanned || subscribing)) continue;
-        if (unconfirmed && !subscribing) waiting = 0, first.clear(), subscribing = true;
-        waiting++;
+        if (unconfirmed && !subscribing) {
+            waiting = 0;
+            first.clear();
+            subscribing = true;
+        }
+        ++waiting;
         if (first.empty()) first = "row " + std::to_string(kind.row) + " " + kind.type->name;
     }
     if (first.empty()) return "";

@@ -79,14 +79,12 @@ public:
     // The same for changes of what was read, in order, as long as nobody else has changed it since.
     void write(std::vector<Edit> edits);
 
-    // Waits until more than `applied` applications are done, and until all is printed that they cause.
-    void settle_applied(uint32_t applied);
-    // The same for what the store has told already.
-    void settle();
+    // Waits until what the store has told is in the cache, or, with a count of applications, until there are more; then
+    // until all is printed that this causes.
+    void settle(uint32_t applied = 0);
 
 private:
     Client open();
-    void settle_edit(bool resynchronises, uint32_t applied);
 
     std::string store_, shown_;  // shown without its secret
     bool named_;

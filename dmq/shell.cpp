@@ -49,10 +49,10 @@ Exit run_words(Shell &shell, std::vector<std::string> words) {
     if (words.empty() || (background && words[0] != "watch"))
         throw Failure(exit_usage, "only watch goes on while others run (watch &)");
     if (words[0] == "help") words[0] = "--help";
-    auto request = parse(words, shell.settings, /*in_shell=*/true);
-    if (!request) return exit_yes;
-    request->command.background = background;
-    return run(shell.context, *request);
+    auto command = parse(words, shell.settings, /*in_shell=*/true);
+    if (!command) return exit_yes;
+    command->background = background;
+    return run(shell.context, *command);
 }
 
 Exit run_text(Shell &shell, const std::string &line) {
@@ -91,17 +91,15 @@ Exit run_shell(Context &context, const Command &command) {
     Shell shell{context, command.settings};
     Exit failed = exit_yes;
     std::vector<char> line(longest_line + 2);
-    for (int number = 1; !shell.ended; number++) {
+    for (int number = 1; !shell.ended; ++number) {
         if (terminal) print("dmq> ");
         lines.getline(line.data(), static_cast<std::streamsize>(line.size()));
         const bool too_long = lines.fail() && !lines.eof();
         if (lines.fail() && !too_long) break;
-        const std::string place = terminal    ? ""
-                                  : from_file ? command.words[0] + ":" + std::to_string(number) + ": "
-                                              : "line " + std::to_string(number) + ": ";
-        shell.last = reporting(place, [&] {
-            return too_long ? throw Failure(exit_usage, "longer than " + std::to_string(longest_line) + " characters")
-                            : run_text(shell, line.data());
+        const std::string source = from_file ? command.words[0] + ":" : "line ";
+        shell.last = reporting(terminal ? "" : source + std::to_string(number) + ": ", [&] {
+            if (too_long) throw Failure(exit_usage, "longer than " + std::to_string(longest_line) + " characters");
+            return run_text(shell, line.data());
         });
         if (too_long) break;
         if (!failed && shell.last > exit_no) failed = shell.last;

@@ -74,31 +74,28 @@ void add(Table &table, uint32_t node, const std::vector<Json> &cells, int32_t us
     row.insert(row.end(), cells.begin(), cells.end());
     table.rows.push_back(std::move(row));
 }
-constexpr char places[] = "dev uslot slot sub pslot ";
 
-Table system_table() {
-    const CacheLock lock;
+void add_system(Table &table) {
     const int32_t dev = ndm_get_my_devid(), user_slot = ndm_get_my_user_slot();
     const PDev__DpLibGrole *roles = nullptr;
     dm_cache_get_obj(DM_ROW_DP_LIB_GROLE, nullptr, &roles);
     const PDev__DpLibComplete *complete = nullptr;
     dm_cache_get_obj(DM_ROW_DP_LIB_COMPLETE, nullptr, &complete);
-    return {{"what", "value"},
-            {{"virtual unit", dev < 0 ? Json() : Json(ndm_is_vsu() == 1)},
-             {"this device", number(dev)},
-             {"device type", text(ndm_get_my_device_name)},
-             {"this slot", user_slot < 0 ? Json() : text(ndm_get_user_slot_name, dev, user_slot, /*sub_slot=*/0)},
-             {"this card", text(ndm_get_card_name_by_slot, dev, user_slot, /*reserved=*/0)},
-             {"node type", enum_name(p_dev__dm_node_type_e__descriptor, ndm_get_my_node_type())},
-             {"role", enum_name(p_dev__dm_role_e__descriptor, ndm_get_my_dev_grole())},
-             {"role in device", enum_name(p_dev__dm_role_e__descriptor, ndm_get_my_dev_lrole())},
-             {"ports of this card", number(ndm_get_my_lport_num())},
-             {"master", slot_name(ndm_get_master_node())},
-             {"slave", slot_name(written<uint32_t>(ndm_get_slaver_node))},
-             {"master of device", slot_name(static_cast<uint32_t>(written(ndm_get_my_local_master_node)))},
-             {"system mac", roles ? Json(to_hex(roles->sysmac)) : Json()},
-             {"store is complete", complete ? Json(complete->all_is_complete != 0) : Json()},
-             {"node", hex(ndm_get_my_node())}}};
+    table.rows = {{"virtual unit", dev < 0 ? Json() : Json(ndm_is_vsu() == 1)},
+                  {"this device", number(dev)},
+                  {"device type", text(ndm_get_my_device_name)},
+                  {"this slot", user_slot < 0 ? Json() : text(ndm_get_user_slot_name, dev, user_slot, /*sub_slot=*/0)},
+                  {"this card", text(ndm_get_card_name_by_slot, dev, user_slot, /*reserved=*/0)},
+                  {"node type", enum_name(p_dev__dm_node_type_e__descriptor, ndm_get_my_node_type())},
+                  {"role", enum_name(p_dev__dm_role_e__descriptor, ndm_get_my_dev_grole())},
+                  {"role in device", enum_name(p_dev__dm_role_e__descriptor, ndm_get_my_dev_lrole())},
+                  {"ports of this card", number(ndm_get_my_lport_num())},
+                  {"master", slot_name(ndm_get_master_node())},
+                  {"slave", slot_name(written<uint32_t>(ndm_get_slaver_node))},
+                  {"master of device", slot_name(static_cast<uint32_t>(written(ndm_get_my_local_master_node)))},
+                  {"system mac", roles ? Json(to_hex(roles->sysmac)) : Json()},
+                  {"store is complete", complete ? Json(complete->all_is_complete != 0) : Json()},
+                  {"node", hex(ndm_get_my_node())}};
 }
 
 void add_device(Table &table, const ProtobufCMessage &object) {
@@ -115,7 +112,7 @@ void add_device(Table &table, const ProtobufCMessage &object) {
 void add_slots(Table &table, const ProtobufCMessage &object) {
     const auto &device = reinterpret_cast<const PDev__DeviceInfo &>(object);
     if (ndm_get_slot_num(device.devid) < 0) table.rows.emplace_back(table.columns.size())[0] = device.devid;
-    for (int32_t user_slot = 0; user_slot < 32; user_slot++) {
+    for (int32_t user_slot = 0; user_slot < 32; ++user_slot) {
         const auto node = written<uint32_t>(ndm_get_node_from_userslot, device.devid, user_slot);
         if (node == no_id) continue;
         const bool has_type = static_cast<size_t>(user_slot) < device.static_info->n_slot_type;
@@ -144,8 +141,11 @@ void add_port(Table &table, const ProtobufCMessage &object) {
     const auto &port = reinterpret_cast<const PDev__VsdPort &>(object);
     const auto &key = *port.index;
     PDev__PortIndex fixed_key = P_DEV__PORT_INDEX__INIT;
-    fixed_key.t_dev = key.t_dev, fixed_key.t_slot = key.t_slot, fixed_key.t_port = key.t_port;
-    fixed_key.t_type = key.t_type, fixed_key.t_sslot = key.t_sslot;
+    fixed_key.t_dev = key.t_dev;
+    fixed_key.t_slot = key.t_slot;
+    fixed_key.t_port = key.t_port;
+    fixed_key.t_type = key.t_type;
+    fixed_key.t_sslot = key.t_sslot;
     const auto *fixed = cached<PDev__PortStatic>(DM_ROW_PORT_STATIC, fixed_key);
     const int32_t lport = fixed ? fixed->static_info->lport : unknown;
     const auto objid = written<uint32_t>(ndm_get_objid_by_slot_lport, key.t_dev, port.physlot, lport);
@@ -173,7 +173,7 @@ void add_chips(Table &table, const ProtobufCMessage &object) {
     PDev__DmTypeIndex chip_type = P_DEV__DM_TYPE_INDEX__INIT;
     card_type.type = card.config_dev_type;
     const auto *fixed = cached<PDev__DmCardStattrT>(DM_ROW_DM_CARD_STATTR, card_type);
-    for (size_t i = 0; fixed && i < fixed->n_chip_attr_array; i++) {
+    for (size_t i = 0; fixed && i < fixed->n_chip_attr_array; ++i) {
         const PDev__DmChipAttrT &chip = *fixed->chip_attr_array[i];
         chip_type.type = chip.chip_type;
         const auto *type = cached<PDev__DmChipStattrT>(DM_ROW_DM_CHIP_STATTR, chip_type);
@@ -183,38 +183,42 @@ void add_chips(Table &table, const ProtobufCMessage &object) {
     }
 }
 
-constexpr struct {
-    const char *name;
-    int32_t row;  // whose objects are walked over
-    void (*add)(Table &, const ProtobufCMessage &);
-    const char *places;
-    const char *columns;
-} tables[] = {{"system", unknown, nullptr, "", ""},  // made without a walk
-              {"devices", DM_ROW_DEVICE_INFO, add_device, "", "dev name type online slots line_cards serial mac hw"},
-              {"slots", DM_ROW_DEVICE_INFO, add_slots, places, "type card online node"},
-              {"cards", DM_ROW_CARD_INFO, add_card, places,
-               "card node_type online role ports chips vsl mac type_number node dcm"},
-              {"ports", DM_ROW_VSD_PORT, add_port, places, "port name type mbps link vsd ifx lport objid unit cport"},
-              {"roles", DM_ROW_DP_LIB_GROLE, add_roles, places, "role local_master tipc node"},
-              {"chips", DM_ROW_CARD_INFO, add_chips, places, "chip name family ports switching card type_number"}};
+// Adds the records of every cached object of a row, in order.
+template <int32_t row, void (*add)(Table &, const ProtobufCMessage &)> void add_each(Table &table) {
+    each_cached(row, [&](const ProtobufCMessage &object) { add(table, object); });
+    std::sort(table.rows.begin(), table.rows.end());
+}
 
-std::vector<std::string> table_names() {
+constexpr struct View {
+    const char *name;
+    bool has_places;  // its columns begin with where a thing is
+    const char *columns;
+    void (*make)(Table &);
+} views[] = {
+    {"system", false, "what value", add_system},
+    {"devices", false, "dev name type online slots line_cards serial mac hw", add_each<DM_ROW_DEVICE_INFO, add_device>},
+    {"slots", true, "type card online node", add_each<DM_ROW_DEVICE_INFO, add_slots>},
+    {"cards", true, "card node_type online role ports chips vsl mac type_number node dcm",
+     add_each<DM_ROW_CARD_INFO, add_card>},
+    {"ports", true, "port name type mbps link vsd ifx lport objid unit cport", add_each<DM_ROW_VSD_PORT, add_port>},
+    {"roles", true, "role local_master tipc node", add_each<DM_ROW_DP_LIB_GROLE, add_roles>},
+    {"chips", true, "chip name family ports switching card type_number", add_each<DM_ROW_CARD_INFO, add_chips>}};
+
+std::vector<std::string> view_names() {
     std::vector<std::string> names;
-    for (const auto &table : tables) names.emplace_back(table.name);
+    for (const View &view : views) names.emplace_back(view.name);
     return names;
 }
 
-// The position of a table in `tables`. Throws a Failure.
-size_t find_table(const std::string &wanted) {
-    const auto names = table_names();
-    const auto found = std::find(names.begin(), names.end(), wanted);
-    if (found == names.end())
-        throw Failure(exit_usage, "show has no table " + shown(wanted) + did_you_mean(wanted, names));
-    return static_cast<size_t>(found - names.begin());
+const View &find_view(const std::string &wanted) {
+    for (const View &view : views) {
+        if (wanted == view.name) return view;
+    }
+    throw Failure(exit_usage, "show has no table " + shown(wanted) + did_you_mean(wanted, view_names()));
 }
 
-std::vector<std::string> columns_of(size_t table) {
-    std::istringstream columns(std::string(tables[table].places) + tables[table].columns);
+std::vector<std::string> columns_of(const View &view) {
+    std::istringstream columns(std::string(view.has_places ? "dev uslot slot sub pslot " : "") + view.columns);
     return {std::istream_iterator<std::string>(columns), {}};
 }
 
@@ -246,20 +250,19 @@ void hide_raw(Table &table) {
 
 Candidates next_table(const Asked &asked) {
     Candidates candidates;
-    for (const auto &name : asked.words.empty() ? table_names() : columns_of(find_table(asked.words[0])))
+    for (const auto &name : asked.words.empty() ? view_names() : columns_of(find_view(asked.words[0])))
         candidates.push_back({asked.words.empty() ? name : name + "=", ""});
     return candidates;
 }
 
 Exit run_show(Context &context, const Command &command) {
-    const std::string wanted = command.words.empty() ? "system" : command.words[0];
-    const size_t place = find_table(wanted);
+    const View &view = find_view(command.words.empty() ? "system" : command.words[0]);
     context.synchronised({}, command.settings);
-    const auto &shown = tables[place];
-    Table table{columns_of(place), {}};
-    each_cached(shown.row, [&](const ProtobufCMessage &object) { shown.add(table, object); });
-    std::sort(table.rows.begin(), table.rows.end());
-    if (wanted == "system") table = system_table();
+    Table table{columns_of(view), {}};
+    {
+        const CacheLock lock;
+        view.make(table);
+    }
     if (!command.words.empty()) filter(table, std::span(command.words).subspan(1));
     if (!command.raw) hide_raw(table);
     print_table(table, command.settings.json);

@@ -1,5 +1,4 @@
 // The store command: what an embedded store can be made to do to its clients, and the comparison of cache and store.
-#include <charconv>
 #include <functional>
 #include <map>
 #include <utility>
@@ -19,8 +18,7 @@ std::string name_of(const Kind &kind, const std::string &bytes) {
 }
 
 void take(Content &content, const ProtobufCMessage &object) {
-    const ProtobufCMessage *key = key_of(object);
-    content.objects[key ? pack(*key) : ""] = pack(object);
+    content.objects[packed_key(object)] = pack(object);
 }
 
 int32_t take_scanned(tq_mom_handle *, store_msg *msg, void *privdata) {
@@ -95,7 +93,7 @@ void check(int32_t code) {
 
 // The answer comes last, behind what a watch has to tell.
 Exit done(const char *what, const Command &command) {
-    command.settings.json ? print_line(dump({{"store", what}})) : print_line(std::string("store: ") + what);
+    print_line(command.settings.json ? dump({{"store", what}}) : std::string("store: ") + what);
     return exit_yes;
 }
 
@@ -112,7 +110,7 @@ Exit reconnect(Session &session, const Command &command) {
     const uint32_t applied = dm_cache_applied();
     check(tq_mem_reconnect(session.reader()));
     session.cut_off(false);
-    applied ? session.settle_applied(applied) : session.settle();
+    session.settle(applied);
     return done("the cache is let in again", command);
 }
 
@@ -139,48 +137,11 @@ Exit damage(Session &session, const Command &command) {
 }
 
 Exit lose(Session &session, const Command &command) {
-    const std::string text = command.words.size() > 1 ? command.words[1] : "";
-    int32_t count = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
-    if (error != std::errc() || end != text.data() + text.size() || count < 1)
-        throw Failure(exit_usage, "store lose needs a number of confirmations");
-    check(tq_mem_lose_confirmations(session.reader(), count));
+    const auto count = whole_number<int32_t>(command.words.size() > 1 ? command.words[1] : "");
+    if (!count || *count < 1) throw Failure(exit_usage, "store lose needs a number of confirmations");
+    check(tq_mem_lose_confirmations(session.reader(), *count));
     return done("confirmations will be lost", command);
 }
-
-struct Action {
-    Exit (*run)(Session &, const Command &);
-    size_t most_words;
-};
-const std::map<std::string, Action> actions = {
-    {"disconnect", {disconnect, 1}}, {"reconnect", {reconnect, 1}}, {"restart", {restart, 2}},
-    {"damage", {damage, SIZE_MAX}},  {"lose", {lose, 2}},           {"compare", {compare, 1}}};
-
-}  // namespace
-
-Candidates next_action(const Asked &asked) {
-    Candidates candidates;
-    if (asked.words.empty()) {
-        for (const auto &[name, action] : actions) candidates.push_back({name, ""});
-    } else if (asked.words[0] == "damage") {
-        return next_key({asked.settings, {asked.words.begin() + 1, asked.words.end()}});
-    }
-    return candidates;
-}
-
-Content stored(Session &session, const Kind &kind) {
-    const auto call = [client = session.writer(), kind] {
-        Content content;
-        const Message any = new_message(*kind.type);
-        const int32_t code = tq_mom_scan_sync(client, kind.db, any.get(), 0, take_scanned, &content);
-        return std::pair(code, std::move(content));
-    };
-    auto [code, content] = session.ask("all objects of " + std::string(kind.type->name), call);
-    if (code) throw Failure(exit_unreachable, "cannot scan the store, code " + std::to_string(code));
-    return std::move(content);
-}
-
-namespace {
 
 // The row's objects that the cache should have. Cut off, it need not have them.
 bool row_is_whole(Session &session, const Kind &kind, bool damaged) {
@@ -216,7 +177,45 @@ bool is_empty(Session &session) {
     return true;
 }
 
+constexpr struct Action {
+    const char *name;
+    Exit (*run)(Session &, const Command &);
+    size_t most_words;
+} actions[] = {{"compare", compare, 1}, {"damage", damage, SIZE_MAX}, {"disconnect", disconnect, 1},
+               {"lose", lose, 2},       {"reconnect", reconnect, 1},  {"restart", restart, 2}};
+
+const Action &find_action(const std::string &name) {
+    std::vector<std::string> names;
+    for (const Action &action : actions) {
+        if (name == action.name) return action;
+        names.emplace_back(action.name);
+    }
+    throw Failure(exit_usage, "store cannot " + shown(name) + did_you_mean(name, names));
+}
+
 }  // namespace
+
+Candidates next_action(const Asked &asked) {
+    Candidates candidates;
+    if (asked.words.empty()) {
+        for (const Action &action : actions) candidates.push_back({action.name, ""});
+    } else if (asked.words[0] == "damage") {
+        return next_key({asked.settings, {asked.words.begin() + 1, asked.words.end()}});
+    }
+    return candidates;
+}
+
+Content stored(Session &session, const Kind &kind) {
+    const auto call = [client = session.writer(), kind] {
+        Content content;
+        const Message any = new_message(*kind.type);
+        const int32_t code = tq_mom_scan_sync(client, kind.db, any.get(), 0, take_scanned, &content);
+        return std::pair(code, std::move(content));
+    };
+    auto [code, content] = session.ask("all objects of " + std::string(kind.type->name), call);
+    if (code) throw Failure(exit_unreachable, "cannot scan the store, code " + std::to_string(code));
+    return std::move(content);
+}
 
 bool is_whole(Session &session) {
     static uint64_t told = 0;
@@ -232,22 +231,16 @@ bool is_whole(Session &session) {
 }
 
 Exit run_store(Context &context, const Command &command) {
-    const auto found = actions.find(command.words[0]);
-    if (found == actions.end()) {
-        std::vector<std::string> names;
-        for (const auto &[name, action] : actions) names.push_back(name);
-        throw Failure(exit_usage, "store cannot " + shown(command.words[0]) + did_you_mean(command.words[0], names));
-    }
-    if (const size_t most = found->second.most_words; command.words.size() > most)
-        throw Failure(exit_usage, command.words[most] + " is one word too many");
+    const std::string &action = command.words[0];
+    const auto &[name, run, most] = find_action(action);
+    if (command.words.size() > most) throw Failure(exit_usage, command.words[most] + " is one word too many");
     Session &session = context.open(command.settings);
     // Confirmations are lost before the cache starts; a comparison waits for a cache that is not cut off.
-    const std::string &action = found->first;
     if (action == "lose") session.open_reader();
     if (action == "disconnect" || action == "reconnect") session.start({});
     if (action == "compare" && !session.is_cut_off()) session.synchronise({});
     if (action == "compare") context.doubtful = !is_whole(session);
-    return found->second.run(session, command);
+    return run(session, command);
 }
 
 }  // namespace dmq

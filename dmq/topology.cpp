@@ -57,7 +57,7 @@ private:
         if (level == level_file && event != Event::array_start && event != Event::array_end)
             refuse("a topology is an array of entries");
         if (level == level_entry && (event == Event::array_start || event == Event::value)) {
-            number_++;
+            ++number_;
             refuse("an entry is an object with db, kind and object");
         }
         if (event == Event::object_start) keys_.emplace_back();
@@ -96,9 +96,9 @@ private:
 
     void keep(uint32_t db, Message message) {
         const auto &type = *message->descriptor;
-        const ProtobufCMessage *key = key_of(*message);
-        if (key_field(type) && !key) refuse(std::string(type.name) + ": has no index, the key of its kind");
-        const auto [same, added] = seen_.try_emplace({db, &type, key ? pack(*key) : ""}, number_);
+        if (key_field(type) && !key_of(*message))
+            refuse(std::string(type.name) + ": has no index, the key of its kind");
+        const auto [same, added] = seen_.try_emplace({db, &type, packed_key(*message)}, number_);
         if (!added)
             refuse(std::string(type.name) + ": the same db, kind and index as entry " + std::to_string(same->second));
         entries_.push_back({db, std::move(message)});

@@ -43,21 +43,16 @@ std::string clock_time() {
     return text;
 }
 
-std::string key_bytes(const ProtobufCMessage &object) {
-    const ProtobufCMessage *key = key_of(object);
-    return key ? pack(*key) : "";
-}
-
 Copies copies_of_row(int32_t row) {
     Copies copies;
-    each_cached(row, [&](const ProtobufCMessage &object) { copies[key_bytes(object)] = pack(object); });
+    each_cached(row, [&](const ProtobufCMessage &object) { copies[packed_key(object)] = pack(object); });
     return copies;
 }
 
 // Which of the copies is this object? Its key decides; but the cache compares fewer fields than a key has, so when an
 // object was replaced and no key is equal, the cache's own comparison does.
 Copies::iterator find_copy(Copies &copies, int32_t row, int32_t operation, const ProtobufCMessage &object) {
-    const auto found = copies.find(key_bytes(object));
+    const auto found = copies.find(packed_key(object));
     if (found != copies.end() || operation != DM_CACHE_REPLACED) return found;
     return std::find_if(copies.begin(), copies.end(), [&](const auto &copy) {
         const Message old = unpack(*object.descriptor, copy.second);
@@ -126,11 +121,11 @@ void take_set(Copies &copies, int32_t row, int32_t operation, const ProtobufCMes
         tell_changed(row, *readable(*object.descriptor, old->second), object);
         copies.erase(old);
     }
-    copies[key_bytes(object)] = now;
+    copies[packed_key(object)] = now;
 }
 
 void take_delete(Copies &copies, int32_t row, const ProtobufCMessage &object) {
-    if (copies.erase(key_bytes(object))) tell_deleted(row, object);
+    if (copies.erase(packed_key(object))) tell_deleted(row, object);
 }
 
 // Objects that went without a callback: the cache no longer holds them after an application.
@@ -144,7 +139,7 @@ size_t take_swept(int32_t row, Copies &copies) {
         }
         tell_deleted(row, *readable(*obj_sub_list[row].obj_tmpl->descriptor, copy->second));
         copy = copies.erase(copy);
-        swept++;
+        ++swept;
     }
     return swept;
 }
@@ -185,7 +180,7 @@ void catch_up_watch() {
     watch->applied = applied;
     size_t swept = 0;
     for (auto &[row, copies] : watch->rows) swept += take_swept(row, copies);
-    tell("resynchronised, " + std::to_string(swept) + " objects were gone",
+    tell("resynchronised, " + counted_objects(swept) + (swept == 1 ? " was gone" : " were gone"),
          {{"event", "resynchronised"}, {"gone", swept}});
 }
 

@@ -2,35 +2,20 @@
 #include "dmq/words.h"
 
 #include <algorithm>
-#include <charconv>
 #include <set>
+
+#include "dmq/names.h"
 
 namespace dmq {
 
 namespace {
-
-const ProtobufCFieldDescriptor *find(const ProtobufCMessageDescriptor &type, const std::string &name) {
-    for (const auto &field : fields_of(type)) {
-        if (name == field.name) return &field;
-    }
-    return nullptr;
-}
-
-const ProtobufCMessageDescriptor *sub_type(const ProtobufCFieldDescriptor &field) {
-    if (field.type != PROTOBUF_C_TYPE_MESSAGE || field.label == PROTOBUF_C_LABEL_REPEATED) return nullptr;
-    return static_cast<const ProtobufCMessageDescriptor *>(field.descriptor);
-}
 
 // A text stays a text; anything else is read as JSON reads it, numbers also in hex (0x0c041e00).
 Json value_of(const ProtobufCFieldDescriptor &field, const std::string &text) {
     const bool textual = field.type == PROTOBUF_C_TYPE_STRING || field.type == PROTOBUF_C_TYPE_BYTES ||
                          field.type == PROTOBUF_C_TYPE_ENUM;
     if (textual && field.label != PROTOBUF_C_LABEL_REPEATED) return text;
-    if (text.starts_with("0x")) {
-        uint64_t number = 0;
-        const auto [end, error] = std::from_chars(text.data() + 2, text.data() + text.size(), number, 16);
-        if (error == std::errc() && end == text.data() + text.size()) return number;
-    }
+    if (const auto number = text.starts_with("0x") ? whole_number<uint64_t>(text) : std::nullopt) return *number;
     const Json value = read_json(text, field.name);
     return value.is_discarded() ? Json(text) : value;
 }
@@ -49,11 +34,11 @@ Assignment read_word(const ProtobufCMessageDescriptor &type, const std::string &
     const ProtobufCMessageDescriptor *level = &type;
     const auto *key = key_field(type);
     std::string rest = word.substr(0, equals);
-    if (key && find(*sub_type(*key), rest.substr(0, rest.find('.')))) rest = std::string(key->name) + "." + rest;
+    if (key && find_field(*sub_type(*key), rest.substr(0, rest.find('.')))) rest = std::string(key->name) + "." + rest;
     while (true) {
         const size_t dot = rest.find('.');
         assignment.path.push_back(rest.substr(0, dot));
-        const auto *field = find(*level, assignment.path.back());
+        const auto *field = find_field(*level, assignment.path.back());
         if (dot == std::string::npos || !field || !sub_type(*field)) {
             if (field) assignment.value = value_of(*field, word.substr(equals + 1));
             break;
@@ -63,9 +48,9 @@ Assignment read_word(const ProtobufCMessageDescriptor &type, const std::string &
     }
     // Verified, and as it would be printed.
     const Json clean = to_json(*from_json(nested(assignment), type, type.name), Fields::all);
-    const Json *place = &clean;
-    for (const auto &name : assignment.path) place = &(*place)[name];
-    assignment.value = *place;
+    const Json *value = &clean;
+    for (const auto &name : assignment.path) value = &(*value)[name];
+    assignment.value = *value;
     return assignment;
 }
 
@@ -102,12 +87,12 @@ void refuse_twice(const std::vector<Assignment> &assignments) {
 
 bool agrees(const Json &object, const std::vector<Assignment> &assignments) {
     for (const auto &assignment : assignments) {
-        const Json *place = &object;
+        const Json *value = &object;
         for (const auto &name : assignment.path) {
-            if (!place->is_object() || !place->contains(name)) return false;
-            place = &(*place)[name];
+            if (!value->is_object() || !value->contains(name)) return false;
+            value = &(*value)[name];
         }
-        if (*place != assignment.value) return false;
+        if (*value != assignment.value) return false;
     }
     return true;
 }

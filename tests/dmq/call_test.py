@@ -77,7 +77,7 @@ class Call(unittest.TestCase):
             ("ndm_get_slot_nun 1", 2, "did you mean ndm_get_slot_num?"), ("ndm_port_obj_free", 2, "only a program has"),
             ("ndm_get_slot_num", 2, "int32_t ndm_get_slot_num(int32_t devid)"), ("ndm_get_slot_num 1 2", 2, "slot_num devid"),
             ("ndm_get_slot_num 0x80000000", 2, "-2147483648 to 2147483647"), ("ndm_get_cpu_num -1", 2, "0 to 4294967295"),
-            ("_ndm_get_chip_family 1 256", 2, "0 to 255"), ("ndm_get_cpu_num 1/30", 2, "device/slot/sub-slot"),
+            ("ndm_get_cpu_num 0x12zz", 2, "0 to 4294967295"), ("_ndm_get_chip_family 1 256", 2, "0 to 255"), ("ndm_get_cpu_num 1/30", 2, "device/slot/sub-slot"),
             ("ndm_get_static_port_by_lsm_key 1 2 5 ETH_26G", 2, "p_intf.intftype_e"),
         ]:
             with self.subTest(words):

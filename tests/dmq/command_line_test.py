@@ -54,7 +54,9 @@ class CommandLine(unittest.TestCase):
             (["gen", "--ports", "250"], 2, "--ports needs 4 to 247, not 250"),
             (["gen", "--layout", PROJECT], 2, "Is a directory"),
             (["shell", PROJECT], 2, "cannot read"),
+            (["get", "card_info", "slotid=0x1zz"], 2, "p_dev.card_info.index.slotid: needs a whole number"),
             (["sync", "--timeout", "nan"], 2, "needs seconds from 0 to 1000000, not nan"),
+            (["watch", "--for=-1"], 2, "needs seconds from 0 to 1000000, not -1"),
             (["store", "restart", "emtpy"], 2, "knows only the word empty"),
             (["store", "lose", "3x"], 2, "needs a number"),
             (["store", "compare", "17"], 2, "17 is one word too many"),
@@ -122,22 +124,25 @@ class CommandLine(unittest.TestCase):
 
     # A row that holds the whole machine back must be named, else nobody knows where to look.
     def test_sync_names_the_row_that_holds_back(self):
-        done = dmq("--load", CHASSIS, lines=["store lose 1", "sync --timeout 1 --json", "store disconnect",
-                                             "store reconnect", "sync --json"])
+        done = dmq("--load", CHASSIS, lines=["get nonsense", "store lose 3", "sync --timeout 1 --json",
+                                             "store disconnect", "store reconnect", "sync --json"])
         first, last = [json.loads(line) for line in done.stdout.split("\n") if line.startswith("[")]
-        self.assertEqual(done.returncode, 4)
-        self.assertIn("row 1 p_dev.dp_lib_complete is not subscribed", done.stderr)
-        self.assertEqual([row["subscribed"] for row in first], [False] + [True] * 22)
+        self.assertEqual(done.returncode, 2)
+        self.assertIn("row 1 p_dev.dp_lib_complete and 2 others are not subscribed", done.stderr)
+        self.assertEqual([row["subscribed"] for row in first], [False] * 3 + [True] * 20)
         self.assertTrue(all(row["scanned"] for row in last))
 
     def test_damaged_bytes_are_told(self):
         done = dmq("--load", CHASSIS, lines=["store damage card_info devid=1 slotid=1 sslotid=0", "show cards pslot=1 --json",
-                                             "store compare --json"])
+                                             "store compare --json", "set card_info devid=1 slotid=1 sslotid=0 name=x",
+                                             "delete card_info devid=1 slotid=1 sslotid=0"])
         cards, compared = [json.loads(line) for line in done.stdout.split("\n") if line.startswith("[")]
         self.assertEqual([card["dev"] for card in cards], [2])
         self.assertEqual(done.stderr.count("card_info devid=1 slotid=1 sslotid=0: damaged in the store"), 1)
         self.assertIn(["p_dev.card_info devid=1 slotid=1 sslotid=0: damaged in the store"],
                       [row["differences"] for row in compared])
+        self.assertIn("line 4: p_dev.card_info devid=1 slotid=1 sslotid=0 is damaged in the store; delete it", done.stderr)
+        self.assertIn("deleted p_dev.card_info devid=1 slotid=1 sslotid=0\n", done.stdout)
 
     # An operator goes by the names on the chassis: a wrong one sends a hand to the wrong card.
     def test_show_names_slots_as_an_operator_does(self):
@@ -179,11 +184,13 @@ class CommandLine(unittest.TestCase):
     def test_watch(self):
         done = dmq("--load", CHASSIS, lines=["watch card_info --json &", "set card_info devid=1 slotid=1 sslotid=0 port_num=47",
                                              "set card_info devid=1 slotid=1 sslotid=0 port_num=47", "get nonsense",
+                                             "set card_info t_mod=1 devid=1 slotid=2 sslotid=0 --create",
                                              "store restart empty", "store reconnect", "watch --for 0.5", "# end"])
         told = [json.loads(line) for line in done.stdout.split("\n") if line.startswith("{")]
         self.assertEqual(told[0]["changes"], {"port_num": {"old": 48, "new": 47}})
-        self.assertEqual([line["event"] for line in told[1:]], ["lost", "back"] + ["deleted"] * 20 + ["resynchronised"])
-        self.assertEqual((told[2]["reason"], done.returncode), (2, 2))
+        self.assertEqual(told[1]["changes"]["index.t_mod"], {"old": 0, "new": 1})  # to the cache the same object
+        self.assertEqual([line["event"] for line in told[2:]], ["lost", "back"] + ["deleted"] * 20 + ["resynchronised"])
+        self.assertEqual((told[3]["reason"], done.returncode), (2, 2))
         self.assertIn("line 4: there is no kind nonsense", done.stderr)
 
     # What a terminal shows can be piped, and the library's own log never mixes with answers.

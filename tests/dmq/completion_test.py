@@ -143,7 +143,8 @@ class Store(unittest.TestCase):
                 words = file.read().split(b"\0")
             shell.stdin.close()
         if words[0] == DMQ.encode():  # and not an emulator, which keeps words of its own
-            self.assertEqual(words[2], b"mem:x://user:*********@host")
+            self.assertEqual(words[2], b"mem:" + b"*" * 18 + b"@host")
+        self.assertIn(" redis://tom:****@h; ", dmq("redis://tom:s3cr@h").stderr)
         for words in [["--store", "men://:pass:w@rd@host", "get"], ["men://pass:w@rd@host"],
                       ["--store", "redis:/u:pass:w@rd@host", "get"], ["--store", "redis//u:w@rd@host", "get"],
                       ["--loda", "x://pass:w@rd@host"]]:
