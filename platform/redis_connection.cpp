@@ -81,9 +81,12 @@ void RedisConnection::close() {
     context_.reset();
 }
 
+// By TCP what is unsent is dropped at once: a shutdown alone would still send it. By unix sockets nothing is ever unsent.
 void RedisConnection::shut() {
     const std::lock_guard lock(mutex_);
-    if (context_ && context_->fd >= 0) ::shutdown(context_->fd, SHUT_RDWR);
+    if (!context_ || context_->fd < 0) return;
+    const sockaddr nowhere = {.sa_family = AF_UNSPEC, .sa_data = {}};
+    if (::connect(context_->fd, &nowhere, sizeof nowhere) != 0) ::shutdown(context_->fd, SHUT_RDWR);
 }
 
 bool RedisConnection::fail(const std::string &why) {

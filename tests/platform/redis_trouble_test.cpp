@@ -550,6 +550,24 @@ TEST_F(ServerInTrouble, RareOrdersAreNoOthers) {
     }
 }
 
+// What a client has given up must not undo what is written after it.
+TEST_F(ServerInTrouble, AWriteThatWasGivenUpDoesNotLand) {
+    const std::string port = std::to_string(server.listen_on_loopback());
+    RecordingClient writer("redis://127.0.0.1:" + port + "?probe=500");
+    writer.follow_connection();
+    writer.set(1, 7);  // the server knows the script
+    server.freeze(true);
+    const Message large = card_of_type(1, 1).set("name", std::string(2000000, 'n'));  // more than waits at the server
+    EXPECT_EQ(tq_mom_set(writer.handle(), 1, large.get(), 0, 0), TQ_MOM_E_UNREACHABLE);
+    server.freeze(false);
+    ASSERT_TRUE(writer.wait("reconnect 3 1"));
+    EXPECT_TRUE(wait_until([&] {
+        const std::string now = server.command({"CLIENT", "LIST"});
+        return std::count(now.begin(), now.end(), '\n') == 3;  // the two of the writer's, and this one
+    }));
+    EXPECT_EQ(writer.get(1), "1:7");
+}
+
 // A program that the process starts would hold its connections open.
 TEST_F(ServerInTrouble, NoProgramInheritsAConnection) {
     const auto inherited = [] {
