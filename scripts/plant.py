@@ -1,0 +1,164 @@
+#!/usr/bin/env python3
+"""Plants faults one by one in a copy of the project and says which test notices each.
+
+    scripts/plant.py [--only TEXT] [--limit SECONDS] [FILE...]
+
+A FILE (tests/plant/*.txt unless given) has one fault a line: `file | old text | new text | what it is`, with a line break
+written \\n, a backslash \\\\ and a bar between blanks \\|. The old text stands exactly once in the file. Lines that begin
+with # are comments.
+
+The copy lies in build-plant/ and is built once; the checkout is never changed. For each fault the tests of the folder of
+the same name run first, then all. A run of tests that takes longer than the limit is noticed; a test that fails once and
+then passes has noticed nothing.
+"""
+
+import argparse
+import os
+import re
+import signal
+import subprocess
+import sys
+from dataclasses import dataclass
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parent.parent
+COPY = ROOT / "build-plant" / "project"
+BUILD = ROOT / "build-plant" / "build"
+JOBS = f"-j{os.cpu_count()}"
+FAILED = re.compile(r"^\s+\d+ - (\S+) \((.*)\)$", re.MULTILINE)
+
+
+@dataclass
+class Fault:
+    file: str
+    old: str
+    new: str
+    note: str
+
+
+class Unusable(Exception):
+    """A record that plants no fault."""
+
+
+def read_faults(path):
+    unescaped = {"n": "\n", "\\": "\\", "|": "|"}
+    for number, line in enumerate(path.read_text().splitlines(), 1):
+        if not line or line.startswith("#"):
+            continue
+        parts = [re.sub(r"\\([n\\|])", lambda m: unescaped[m[1]], part) for part in line.split(" | ")]
+        if len(parts) != 4:
+            sys.exit(f"{path}:{number}: {len(parts)} parts, not 4")
+        yield Fault(*parts)
+
+
+def copy_project():
+    """The tracked files as they are in the checkout; what has not changed keeps its time, so that the build goes on."""
+    listed = subprocess.run(["git", "ls-files", "-z"], cwd=ROOT, check=True, capture_output=True, text=True).stdout
+    names = {name for name in listed.split("\0") if name and (ROOT / name).is_file()}
+    for path in COPY.rglob("*"):
+        if path.is_file() and str(path.relative_to(COPY)) not in names:
+            path.unlink()
+    for name in names:
+        source, target = ROOT / name, COPY / name
+        if target.is_file() and target.read_bytes() == source.read_bytes():
+            continue
+        target.parent.mkdir(parents=True, exist_ok=True)
+        target.write_bytes(source.read_bytes())
+        target.chmod(source.stat().st_mode)
+
+
+def run(command, limit=None):
+    """(exit status, output); the status is None when the time is up, and the command is ended with all that it began."""
+    with open(BUILD.parent / "output", "w+", errors="replace") as output:
+        process = subprocess.Popen(command, stdout=output, stderr=output, start_new_session=True)
+        try:
+            status = process.wait(limit)
+        except subprocess.TimeoutExpired:
+            status = None
+        finally:
+            if process.poll() is None:
+                os.killpg(process.pid, signal.SIGKILL)
+                process.wait()
+        output.seek(0)
+        return status, output.read()
+
+
+def build(target):
+    status, output = run(["cmake", "--build", str(BUILD), JOBS, "--target", target])
+    if status != 0:
+        raise Unusable("does not compile: " + next((line for line in output.splitlines() if "error" in line), "?"))
+
+
+def failed_test(folder, limit):
+    """The test that fails, and fails again; None when all pass."""
+    ctest = ["ctest", "--test-dir", str(BUILD / folder), JOBS]
+    status, output = run(ctest + ["--stop-on-failure"], limit)
+    while status != 0:
+        if status is None:
+            return "no end"
+        names = [name for name, _ in FAILED.findall(output)]
+        if not names or "not_run" in output:
+            return f"?{output[-200:]}"
+        again, _ = run(ctest + ["-R", f"^{re.escape(names[0])}$"], limit)
+        if again != 0:
+            return names[0]
+        print(f"    {names[0]} failed once", flush=True)
+        status, output = run(ctest + ["--stop-on-failure", "-E", f"^{re.escape(names[0])}$"], limit)
+    return None
+
+
+def noticed_by(fault, limit):
+    """The test that notices a fault; None when none does."""
+    path = COPY / fault.file
+    if not path.is_file():
+        raise Unusable("no such file")
+    sound = path.read_bytes()
+    if (times := sound.decode().count(fault.old)) != 1:
+        raise Unusable(f"the old text stands {times} times")
+    folder = "tests/" + fault.file.split("/")[0]
+    try:
+        path.write_bytes(sound.decode().replace(fault.old, fault.new).encode())
+        if (COPY / folder / "CMakeLists.txt").is_file():
+            build(f"{folder}/all")
+            if test := failed_test(folder, limit):
+                return test
+        build("all")
+        return failed_test(".", limit)
+    finally:
+        path.write_bytes(sound)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--only", metavar="TEXT", default="", help="faults whose file or description has this")
+    parser.add_argument("--limit", metavar="SECONDS", type=float, default=600, help="of each run of tests (600)")
+    parser.add_argument("files", metavar="FILE", type=Path, nargs="*")
+    options = parser.parse_args()
+    files = options.files or sorted((ROOT / "tests" / "plant").glob("*.txt"))
+    faults = [fault for path in files for fault in read_faults(path) if options.only in f"{fault.file} {fault.note}"]
+
+    COPY.mkdir(parents=True, exist_ok=True)
+    copy_project()
+    status, output = run(["cmake", "-S", str(COPY), "-B", str(BUILD), "-G", "Ninja", "-DDM_TESTS=ON"])
+    if status != 0:
+        sys.exit(output)
+    build("all")
+    if test := failed_test(".", options.limit):
+        sys.exit(f"{test} fails without a fault")
+
+    noticed, unusable = 0, 0
+    for fault in faults:
+        try:
+            test = noticed_by(fault, options.limit)
+            noticed += test is not None
+            print(f"{'noticed' if test else 'MISSED '}  {fault.file}: {fault.note}: {test or '-'}", flush=True)
+        except Unusable as why:
+            unusable += 1
+            print(f"UNUSABLE {fault.file}: {fault.note}: {why}", flush=True)
+    planted = len(faults) - unusable
+    print(f"noticed {noticed} of {planted} ({100 * noticed / planted if planted else 0:.0f} %), {unusable} unusable")
+    return 0 if noticed == len(faults) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
