@@ -7,28 +7,6 @@
 
 #include <gtest/gtest.h>
 
-// A copy that shares its key with the source reads freed memory as soon as the store client frees its message.
-TEST(Copy, OutlivesItsSourceWithEveryField) {
-    Message source =
-        card(1, 3, 2).set("name", "M8600").set("serial", std::string_view("\0\1\2", 3)).set("port_num", -1);
-    const std::string before = packed(source.get());
-    PDev__CardInfo *copy = nullptr;
-    ASSERT_EQ(dm_cache_copy_obj(source.get(), source.get()->descriptor, &copy), 0);
-    EXPECT_EQ(packed(source.get()), before);
-    source = Message();
-    const Message held(&copy->base);
-    EXPECT_EQ(packed(held.get()), before);
-    EXPECT_EQ(copy->index->slotid, 3);
-
-    const Message empty("p_dev.card_info");
-    ProtobufCMessage *nothing = nullptr;
-    ASSERT_EQ(dm_cache_copy_obj(empty.get(), empty.get()->descriptor, &nothing), 0);
-    const Message held_nothing(nothing);
-    EXPECT_EQ(nothing->descriptor, &p_dev__card_info__descriptor);
-    EXPECT_EQ(held_nothing.as<PDev__CardInfo>()->index, nullptr);
-    EXPECT_STREQ(held_nothing.as<PDev__CardInfo>()->name, "");
-}
-
 // A caller that finds an old pointer in `out` after a failure frees somebody else's message.
 TEST(Copy, FailsWithItsCodeItsMessageAndNull) {
     LogCapture log(2);

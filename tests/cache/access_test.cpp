@@ -168,6 +168,9 @@ TEST(Arguments, AreRefusedWhenOutOfRangeOrNull) {
         EXPECT_EQ(search(list, nullptr, one.get()), nullptr);
         EXPECT_EQ(search(list, row->cmp_func, nullptr), nullptr);
     }
+    EXPECT_EQ(set(17, one), 0);
+    EXPECT_EQ(dm_cache_list_find(list, row->cmp_func, Message("p_dev.card_info").get()), nullptr);
+    dm_cache_list_free(dm_cache_list_del(list, row->cmp_func, one.get()));
     ndm_cache_tree_add_node(&obj_sub_list[30], nullptr);
     ndm_cache_tree_del_node(&obj_sub_list[30], nullptr);
     ndm_cache_tree_del_node(nullptr, one.get());

@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <filesystem>
-#include <map>
 
 #include "tq_dm_cache/dm_cache.h"
 #include "tq_dm_cache/dm_cache_status.h"
@@ -20,33 +19,14 @@ constexpr std::chrono::milliseconds patience(limit_ms);
 
 World *world = nullptr;
 
-using Picture = std::map<std::string, std::string>;
-
-void take(Picture &picture, const ProtobufCMessage *object) {
-    const ProtobufCMessage *key = key_of(object);
-    picture[key ? packed(key) : ""] = packed(object);
-}
-
 // False: a connection that was killed is noticed only now.
 bool read_store(tq_mom_handle *handle, int32_t row, Picture &picture) {
     const auto reply = [](tq_mom_handle *, store_msg *msg, void *word) {
-        take(*static_cast<Picture *>(word), static_cast<result_rec *>(msg->value)->obj);
+        add(*static_cast<Picture *>(word), static_cast<result_rec *>(msg->value)->obj);
         return 0;
     };
     const obj_sub_entry &entry = obj_sub_list[row];
     return tq_mom_scan_sync(handle, entry.db_id, entry.obj_tmpl, 0, reply, &picture) == 0;
-}
-
-Picture cached(int32_t row) {
-    const auto visit = [](ProtobufCMessage *object, uintptr_t *picture) {
-        take(*reinterpret_cast<Picture *>(*picture), object);
-        return 0;
-    };
-    Picture picture;
-    dm_cache_lock();
-    dm_cache_foreach_obj(row, visit, reinterpret_cast<uintptr_t>(&picture));
-    dm_cache_unlock();
-    return picture;
 }
 
 tq_mom_handle *open(const std::string &url) {
@@ -112,8 +92,9 @@ void World::say(const char *what, long number) const {
     if (trace_) std::printf("%s %ld\n", what, number);
 }
 
-int32_t World::on_change(tq_mom_handle *, int32_t, int32_t, ProtobufCMessage *) {
+int32_t World::on_change(tq_mom_handle *, int32_t type, int32_t operation, ProtobufCMessage *message) {
     std::unique_lock lock(world->mutex_);
+    world->listener_.told(type, operation, message);
     world->changed_.notify_all();
     world->changed_.wait(lock, [] { return !world->held_up_; });
     return 0;
@@ -353,15 +334,13 @@ std::string World::difference() {
         if (!obj_sub_list[row].obj_tmpl) continue;
         Picture store;
         if (!read_store(writer_, row, store)) return "the store cannot be read";
-        const Picture cache = cached(row);
         totals_.objects = std::max(totals_.objects, static_cast<long>(store.size()));
-        const std::string name = "row " + std::to_string(row) + ": ";
-        for (const auto &[key, bytes] : store) {
-            const auto found = cache.find(key);
-            if (found == cache.end()) return name + "an object of the store is not cached";
-            if (found->second != bytes) return name + "an object is cached, but not what the store has";
-        }
-        if (cache.size() > store.size()) return name + "objects are cached that the store does not have";
+        if (std::string found = ::difference(row, cached_picture(row), store); !found.empty()) return found;
+    }
+    const std::lock_guard lock(mutex_);  // a row that is followed by now is told of by now
+    for (int32_t row = 0; row < obj_sub_list_max; row++) {
+        if (!obj_sub_list[row].obj_tmpl) continue;
+        if (std::string found = listener_.difference(row); !found.empty()) return found;
     }
     return "";
 }

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "tests/platform/redis_server.h"
+#include "tests/simulation/listener.h"
 #include "tests/simulation/objects.h"
 #include "tests/support/seeds.h"
 #include "tq_dm_cache/tq_platform_bundled.h"
@@ -71,6 +72,7 @@ private:
     std::mutex mutex_;  // guards what follows
     std::condition_variable changed_;
     Totals totals_;
+    Listener listener_;
     bool ended_ = false, pause_ = false, paused_ = false, held_up_ = false, connected_ = false;
     long writes_ = 0, losses_ = 0;
 

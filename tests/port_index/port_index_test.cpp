@@ -7,8 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
-
 namespace {
 
 rbtree_root **tree(int32_t row, int number) {
@@ -127,12 +125,6 @@ TEST_F(PortIndex, TheFirstOfTwoEqualKeysIsFoundAndEitherTakesItAway) {
     EXPECT_EQ(found(8, 1, 40), element(8, local_port(0, 1, 0)));
     EXPECT_EQ(found(8, 0, 0x20000), element(8, local_port(0, 2, 0)));
 
-    set(8, local_port(0, 2, 41));
-    EXPECT_EQ(found(8, 1, 40), nullptr);
-    EXPECT_EQ(found(8, 1, 41), element(8, local_port(0, 2, 0)));
-    set(8, local_port(0, 1, 40));
-    EXPECT_EQ(found(8, 1, 40), element(8, local_port(0, 1, 0)));
-
     EXPECT_EQ(log.take(), "");
     EXPECT_EQ(ndm_cache_tree_add_node(&obj_sub_list[8], local_port(0, 1, 0).get()), 0);  // indexed already
     EXPECT_EQ(found(8, 1, 40), element(8, local_port(0, 1, 0)));
@@ -156,77 +148,4 @@ TEST_F(PortIndex, FindsAStaticPortByItsWholeKey) {
         EXPECT_EQ(ndm_get_static_port_by_index_with_subslot(dev, slot, sslot, port, type, &out), -1);
         EXPECT_EQ(out, nullptr);
     }
-}
-
-namespace {
-
-int32_t nodes(const rbtree_node *node) {
-    return node ? 1 + nodes(node->left) + nodes(node->right) : 0;
-}
-
-int32_t indexed(int32_t row) {
-    const dm_list_head *head = &obj_sub_list[row].obj_list->head;
-    int32_t count = 0;
-    for (const dm_list_head *link = head->next; link != head; link = link->next)
-        count += reinterpret_cast<const dm_cache_list_node *>(link)->key ? 1 : 0;
-    return count;
-}
-
-// The port of slot n is in its trees exactly when its static port is cached with attributes, under the keys these give.
-void expect_in_step(int32_t row, const Message &port, int32_t n, int32_t ifx_key) {
-    const dm_cache_list_node *node = element(row, port), *base = element(DM_ROW_PORT_STATIC, static_port(1, n, n, 7));
-    const auto *attr = base ? reinterpret_cast<const PDev__PortStatic *>(base->obj)->static_info : nullptr;
-    if (!node) return;
-    ASSERT_EQ(node->key != nullptr, attr != nullptr);
-    if (!attr) return;
-    ASSERT_EQ(node->key->static_port, base->obj);
-    ASSERT_EQ(found(row, 0, ifx_key), node);
-    ASSERT_EQ(found(row, 2, 0x06010000 | n << 8 | attr->lport), node);
-}
-
-}  // namespace
-
-// Ports and static ports come, change and go in any order; an index that lags behind answers with freed attributes.
-TEST(PortIndexLive, FollowsEveryOrderOfPortsAndStaticPorts) {
-    start({7, 30, 31});
-    platform.synchronise();
-    std::mt19937 random(3);
-    for (int step = 0; step < 4000; ++step) {
-        const auto n = static_cast<int32_t>(random() % 6);
-        const Message bare{"p_dev.port_static",
-                           {{"index.t_dev", 1}, {"index.t_slot", n}, {"index.t_port", n}, {"index.t_type", 7}}};
-        const Message full = static_port(1, n, n, 7).set("static_info.lport", static_cast<int32_t>(random() % 200));
-        const Message global = global_port(1, 1, n, n, 7, n), vsd = vsd_port(1, n, n, 7, n);
-        const Message *const all[] = {&bare, &full, &full, &global, &vsd};
-        const Message &one = *all[random() % 5];
-        const int32_t row = &one == &global ? 30 : &one == &vsd ? 31 : DM_ROW_PORT_STATIC;
-        switch (random() % 3) {
-            case 0:
-                platform.push(one);
-                break;
-            case 1:
-                platform.push_delete(one);
-                break;
-            default:
-                set(row, one);
-        }
-        for (int32_t i = 0; i < 6; ++i) {
-            expect_in_step(30, global_port(1, 1, i, i, 7, i), i, 0x01000000 | i);
-            expect_in_step(31, vsd_port(1, i, i, 7, i), i, i);
-        }
-        for (int i = 0; i < 2 * NDM_CACHE_TREES; ++i)
-            ASSERT_EQ(nodes((*tree(30 + i % 2, i / 2))->node), indexed(30 + i % 2)) << step;
-    }
-    // A sweep is a change of static ports like any other.
-    platform.push(static_port(1, 1, 1, 7));
-    platform.push(global_port(1, 1, 1, 1, 7, 1));
-    platform.put(global_port(1, 1, 1, 1, 7, 1));
-    platform.lose_connection(1, 1);
-    platform.confirm();
-    platform.fire_timers();
-    platform.answer_scans();
-    EXPECT_EQ(cached(7), 0);
-    EXPECT_EQ(cached(30), 1);
-    EXPECT_EQ(nodes((*tree(30, 0))->node), 0);
-    EXPECT_EQ(element(30, global_port(1, 1, 1, 1, 7, 1))->key, nullptr);
 }

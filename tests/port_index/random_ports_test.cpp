@@ -113,6 +113,8 @@ void expect_same(const Row &row) {
         const dm_cache_list_node *node = element(row.row, port.object);
         ASSERT_TRUE(node);
         ASSERT_EQ(node->key != nullptr, port.indexed);
+        const auto *base = port.indexed ? element(7, static_port(1, 2, port.place, 7)) : nullptr;
+        ASSERT_TRUE(!base || node->key->static_port == base->obj);
     }
     for (size_t i = 0; i < NDM_CACHE_TREES; ++i) {
         rbtree_root **root = &obj_sub_list[row.row].port_tree->root[i];

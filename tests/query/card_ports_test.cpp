@@ -26,8 +26,8 @@ TEST_F(CardPorts, OfSubCardsAreDescribedByThem) {
     const auto bounds = [](int32_t sslot) {
         return ask(ndm_get_min_lport_by_slot, 1, 3, sslot, out) + ask(ndm_get_max_lport_by_slot, 1, 3, sslot, out);
     };
-    EXPECT_EQ(over({0, 1, 3}, bounds), "0 1;0 300;0 40;0 41;-1 -1;-1 -1;");
-    EXPECT_EQ(ask(ndm_get_min_port_num, 1, 3, out) + ask(ndm_get_max_port_num, 1, 3, out), "0 1;0 300;");
+    EXPECT_EQ(over({0, 1, 3}, bounds), "0 1;0 556;0 40;0 41;-1 -1;-1 -1;");
+    EXPECT_EQ(ask(ndm_get_min_port_num, 1, 3, out) + ask(ndm_get_max_port_num, 1, 3, out), "0 1;0 556;");
     EXPECT_EQ(ask(ndm_get_min_port_num, 1, 30, out) + ask(ndm_get_max_port_num, 1, 30, out), "-1 ~;-1 ~;");
     drop(11, "index{type:7}");
     EXPECT_EQ(port(0x14040328), "-1 ~;-1 ~;-1 ~; ");

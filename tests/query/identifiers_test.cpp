@@ -59,8 +59,9 @@ TEST_F(Identifiers, OfCpusDependOnTheNodeType) {
 // From a port's identifier to its chip, and to its interface index.
 TEST_F(Identifiers, OfPortsLeadToTheirChipAndInterface) {
     const auto chip = [](int32_t id) { return ask(ndm_get_id_from_phyid, id, out, out, out, out); };
-    // Ports 300, 2 on both chips, one that is nowhere; a sub-card without chips, no card, no attributes, no port.
-    EXPECT_EQ(over({0x1404232C, 0x14040302, 0x14040363}, chip), "0 1 3 1 23;0 1 3 1 22;0 1 3 ~ ~;");
+    // Ports 300, 556, 2 on both chips, one that is nowhere; a sub-card without chips, no card, no attributes, no port.
+    EXPECT_EQ(over({0x1404232C, 0x1404432C, 0x14040302, 0x14040363}, chip),
+              "0 1 3 1 23;0 1 3 2 24;0 1 3 1 22;0 1 3 ~ ~;");
     EXPECT_EQ(over({0x14048301, 0x14040901, 0x14081E01, 0x0C040300}, chip),
               "0 1 3 ~ ~;-1 1 9 ~ ~;-1 2 30 ~ ~;-1 ~ ~ ~ ~;");
 

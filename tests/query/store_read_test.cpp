@@ -288,6 +288,7 @@ TEST_F(StoreRead, RefusesARepliedObjectOfAnotherKind) {
 // What a damaged store hands to a scan must neither end it nor be taken for a port.
 TEST_F(StoreRead, ScansPastWhatIsNoObject) {
     set(10, "lport_num:2");
+    const uint32_t before[] = {refused(8), refused(30)};
     const Message port = object(8, "index{cport:1} static_info{lport:11}"), other = global_port(4, 9, 9, 9, 7, 9),
                   alien = card(1, 3, 0);
     Strings answers;
@@ -309,7 +310,7 @@ TEST_F(StoreRead, ScansPastWhatIsNoObject) {
     EXPECT_EQ(cached(8), 1);
     EXPECT_EQ(ask(ndm_get_vsdid_by_objid_rt, 0x14040300, out), "-1 ~;");
     EXPECT_EQ(answers, Strings(2, "-1 -1 -1 -1 -1 -1 -1 0;"));
-    EXPECT_EQ(refused(8), 5U);
-    EXPECT_EQ(refused(30), 5U);
+    EXPECT_EQ(refused(8) - before[0], 5U);
+    EXPECT_EQ(refused(30) - before[1], 5U);
     before_scan = nullptr;
 }

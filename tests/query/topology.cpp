@@ -4,14 +4,15 @@
 #include <cstdlib>
 #include <regex>
 
-// Ports of the card itself: 1, 2 (on both chips), 300. Of sub-card 1: 40, and 41, which it does not know. Of sub-card 2,
+// Ports of the card itself: 1, 2 (on both chips), 300, 556. Of sub-card 1: 40, and 41, which it does not know. Of sub-card 2,
 // which is not there: 50.
 const char *const line_card =
     "index{type:645} chip_num:2 switch_num:1 chip_attr_array{chip_type:88 port_attr{lport:40 owner_subcard:1 "
     "logic_id:5 "
     "type:1 poe_support:1} port_attr{lport:2 type:3 unit:7 poe_support:1} port_attr{lport:1 type:4 hpoe_support:1}} "
     "chip_attr_array{chip_type:99 port_attr{lport:2 type:5 unit:1 port:22} port_attr{lport:41 owner_subcard:1 "
-    "logic_id:9} port_attr{lport:50 owner_subcard:2 logic_id:5} port_attr{lport:300 type:10 unit:1 port:23}}";
+    "logic_id:9} port_attr{lport:50 owner_subcard:2 logic_id:5} port_attr{lport:300 type:10 unit:1 port:23} "
+    "port_attr{lport:556 type:11 unit:2 port:24}}";
 
 const char *const role_record =
     "my_grole:3 global_master{devid:1 slotid:30 sslotid:2} global_slave{devid:2 slotid:5 sslotid:1} l3_mac:'ABCDEFGH' "
@@ -119,6 +120,11 @@ void drop(int32_t row, const std::string &fields) {
 Topology::Topology() {
     dm_cache_multi_thread_init();
     start({1, 2, 3, 6, 7, 8, 10, 11, 12, 13, 14, 15, 16, 17, 20, 21, 30, 31, 32, 38});
-    platform.synchronise();
+    platform.objects.clear();
+    platform.answers.clear();
+    platform.during_read = nullptr;
+    platform.reads = 0;
+    g_cache_proc_done ? void(receive(1, SET, complete())) : platform.synchronise();
+    platform.answer_scans();  // of an empty store: whatever another test has left is swept
     for (const auto &[row, fields] : unit) set(row, fields);
 }

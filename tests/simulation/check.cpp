@@ -10,11 +10,6 @@
 
 namespace {
 
-std::string key_bytes(const ProtobufCMessage *object) {
-    const ProtobufCMessage *key = key_of(object);
-    return key ? packed(key) : "";
-}
-
 const ProtobufCMessage *cached(int32_t row, const ProtobufCMessage *object) {
     ProtobufCMessage *found = nullptr;
     dm_cache_get_obj(row, key_of(object), &found);
@@ -97,78 +92,17 @@ void check_index(int32_t row, bool own_keys) {
     for (int32_t tree = 0; tree < set->tree_num; ++tree) check_tree(row, tree, indexed, own_keys);
 }
 
-using Picture = std::map<std::string, std::string>;
-
-Picture cached_picture(int32_t row) {
-    Picture picture;
-    for (const auto *element : elements(row)) picture[key_bytes(element->obj)] = packed(element->obj);
-    return picture;
-}
-
 void check_row_equals_store(const World &world, int32_t row) {
-    Picture left = cached_picture(row);
+    Picture cache = cached_picture(row), store;
     for (const auto &[place, object] : world.content) {
         if (place.row != row || !world.follows(row)) continue;
-        const auto found = left.find(key_bytes(object_in_store(place, object).get()));
-        if (object.damaged) {
-            if (found != left.end()) left.erase(found);
-            continue;
-        }
-        if (found == left.end()) fail("row %d key %d: in the store, not cached", row, place.key);
-        if (found->second != object.bytes) fail("row %d key %d: cached, but not what the store has", row, place.key);
-        left.erase(found);
+        const Message wanted = object_in_store(place, object);
+        object.damaged ? void(cache.erase(key_bytes(wanted.get()))) : add(store, wanted.get());
     }
-    if (!left.empty()) fail("row %d: %zu objects are cached that the store does not have", row, left.size());
-}
-
-// What the client heard, less what was swept, is what is cached.
-void check_heard(World &world, int32_t row) {
-    Picture &heard = world.heard[static_cast<size_t>(row)];
-    const Picture now = cached_picture(row);
-    world.missed_sweeps[static_cast<size_t>(row)] +=
-        static_cast<uint32_t>(std::erase_if(heard, [&](const auto &entry) { return !now.contains(entry.first); }));
-    if (heard != now) fail("row %d: callbacks told something else than what is cached", row);
-
-    dm_cache_stats stats{};
-    dm_cache_get_stats(row, &stats, sizeof stats);
-    if (!stats.subscribed || !stats.scanned) fail("row %d: not subscribed or not scanned", row);
-    if (stats.objects != now.size() || stats.sets != world.heard_sets[static_cast<size_t>(row)] ||
-        stats.deletes != world.heard_deletes[static_cast<size_t>(row)] ||
-        stats.swept != world.missed_sweeps[static_cast<size_t>(row)])
-        fail("row %d: the counters are wrong", row);
+    if (const std::string found = difference(row, cache, store); !found.empty()) fail("%s", found.c_str());
 }
 
 }  // namespace
-
-void check_change(World &world, int32_t row, int32_t operation, ProtobufCMessage *message) {
-    Picture &heard = world.heard[static_cast<size_t>(row)];
-    const std::string key = key_bytes(message);
-    const bool known = heard.contains(key);
-    dm_cache_lock();
-    const ProtobufCMessage *found = cached(row, message);
-    if (operation == DM_CACHE_DELETED ? found != nullptr : !found || !equal(found, message))
-        fail("row %d: a change is told that the cache does not show", row);
-    dm_cache_unlock();
-
-    // An object that is new though it was known has been swept meanwhile.
-    if (operation == DM_CACHE_ADDED && known) ++world.missed_sweeps[static_cast<size_t>(row)];
-    if (operation != DM_CACHE_ADDED && !known) fail("row %d: operation %d, but it was not there", row, operation);
-    if (operation != DM_CACHE_DELETED) {
-        ++world.heard_sets[static_cast<size_t>(row)];
-        heard[key] = packed(message);
-        return;
-    }
-    ++world.heard_deletes[static_cast<size_t>(row)];
-    if (heard[key] != packed(message)) fail("row %d: a delete tells another object than was cached", row);
-    heard.erase(key);
-}
-
-void note_own_object(World &world, int32_t row, const ProtobufCMessage *object) {
-    if (!world.follows(row)) return;
-    Picture &heard = world.heard[static_cast<size_t>(row)];
-    if (heard.contains(key_bytes(object)) && !cached(row, object)) ++world.missed_sweeps[static_cast<size_t>(row)];
-    heard[key_bytes(object)] = packed(object);
-}
 
 void check_complete(const World &world) {
     for (const auto &[place, object] : world.content) {
@@ -189,6 +123,6 @@ void check_equal(World &world) {
         check_index(row, world.random.own_index_keys);
         if (!obj_sub_list[row].enable) continue;
         check_row_equals_store(world, row);
-        check_heard(world, row);
+        if (const std::string found = world.listener.difference(row); !found.empty()) fail("%s", found.c_str());
     }
 }

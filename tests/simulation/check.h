@@ -5,12 +5,6 @@
 
 #include "tests/simulation/world.h"
 
-// During a change callback: the client's own picture fits the change, and so does the cache.
-void check_change(World &world, int32_t row, int32_t operation, ProtobufCMessage *message);
-
-// The client is about to put an object into the cache itself.
-void note_own_object(World &world, int32_t row, const ProtobufCMessage *object);
-
 // Once a full application was done on a connection: what the store has held unchanged since the connection was made is
 // cached, at any time.
 void check_complete(const World &world);

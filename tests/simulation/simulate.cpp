@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "tests/simulation/world.h"
+#include "tq_dm_cache/dm_cache_status.h"
 
 namespace {
 
@@ -19,7 +20,11 @@ void run(long seed, long steps, bool trace) {
         if (world.random.below(80) == 0) world.check_at_rest();
     }
     world.check_at_rest();
-    for (const uint32_t n : world.missed_sweeps) world.totals[swept] += n;
+    for (int32_t row = 0; row < obj_sub_list_max; ++row) {
+        dm_cache_stats stats{};
+        dm_cache_get_stats(row, &stats, sizeof stats);
+        world.totals[swept] += stats.swept;
+    }
     for (size_t i = 0; i < total_count; ++i) __atomic_fetch_add(&sum[i], world.totals[i], __ATOMIC_RELAXED);
 }
 

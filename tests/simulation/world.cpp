@@ -13,9 +13,8 @@ namespace {
 
 World *world = nullptr;
 
-// The client: keeps its own copy from what it is told, and reads the cache while it is told.
 int32_t on_change(tq_mom_handle *, int32_t type, int32_t operation, ProtobufCMessage *message) {
-    check_change(*world, type, operation, message);
+    world->listener.told(type, operation, message);
     return 0;
 }
 
@@ -299,7 +298,7 @@ void World::swap_content() {
 
 void World::client_sets_object(int32_t row, const Message &object) {
     say("client   sets an object of row %d", row);
-    note_own_object(*this, row, object.get());
+    if (follows(row)) listener.sets_own(row, object.get());
     if (dm_cache_set_obj(row, object.get()) != 0) fail("row %d: dm_cache_set_obj refuses an object", row);
 }
 

@@ -8,15 +8,13 @@
 // scan is its objects, then an end mark; a lost connection voids what is under way, and when it is back the subscriptions
 // are restored, confirmations that were owed are given, then the reconnect is reported. Deletes made meanwhile are lost.
 
-#include <array>
 #include <deque>
-#include <map>
 #include <set>
 
+#include "tests/simulation/listener.h"
 #include "tests/simulation/objects.h"
 #include "tests/support/scripted_platform.h"
 #include "tests/support/seeds.h"
-#include "tq_dm_cache/dm_types.h"
 
 struct Place {
     int32_t row, key;
@@ -63,9 +61,8 @@ public:
     void step();
     void check_at_rest();  // comes to rest, then compares cache and store
 
-    // What the client's callbacks told and what it put into the cache itself, by row and packed key.
-    std::array<std::map<std::string, std::string>, DM_ROW_COUNT> heard;
-    std::array<uint32_t, DM_ROW_COUNT> heard_sets{}, heard_deletes{}, missed_sweeps{};
+    // What compares itself with the cache: each is told of every change, and looked at whenever all is at rest.
+    Listener listener;
 
     Random random;
     Content content;

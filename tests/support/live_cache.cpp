@@ -11,7 +11,8 @@ int32_t note_change(tq_mom_handle *, int32_t type, int32_t operation, ProtobufCM
     const ProtobufCMessage *key = key_of(message);
     for (unsigned i = 0; key && i < key->descriptor->n_fields; ++i) {
         const auto *field = reinterpret_cast<const char *>(key) + key->descriptor->fields[i].offset;
-        line += (i ? "." : " ") + std::to_string(*reinterpret_cast<const int32_t *>(field));
+        line += i ? '.' : ' ';
+        line += std::to_string(*reinterpret_cast<const int32_t *>(field));
     }
     changes.push_back(line);
     return -1;

@@ -276,13 +276,13 @@ int32_t tq_mom_set(tq_mom_handle *, uint32_t db, const ProtobufCMessage *obj, in
     return answer;
 }
 
-int32_t tq_thread_insert_timer(tq_thread_master *, tq_thread_timer *timer, int32_t (*handler)(tq_thread_timer *),
-                               int32_t arg, int32_t delay_ms, const char *) {
-    const int32_t answer = call("timer " + std::to_string(arg) + ' ' + std::to_string(delay_ms));
-    if (answer != 0) return answer;
+int32_t tq_thread_insert_timer(tq_thread_master *master, tq_thread_timer *timer, int32_t (*handler)(tq_thread_timer *),
+                               int32_t arg, int32_t delay_ms, const char *name) {
+    const int32_t answer = call("timer " + std::to_string(arg) + ' ' + std::to_string(delay_ms) + ' ' + name);
+    if (answer != 0 || timer->state != 0) return answer ? answer : -1;
     timer->arg = arg;
     timer->state = TQ_THREAD_TIMER_ARMED;
-    platform.timers[timer] = {handler, platform.now_ms + delay_ms};
+    platform.timers[timer] = {handler, platform.now_ms + delay_ms, master};
     return 0;
 }
 

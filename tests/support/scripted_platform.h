@@ -37,6 +37,7 @@ struct Connection {
 struct ArmedTimer {
     int32_t (*handler)(tq_thread_timer *) = nullptr;
     int64_t due_ms = 0;
+    tq_thread_master *master = nullptr;
 };
 
 struct ScriptedPlatform {
@@ -44,7 +45,7 @@ struct ScriptedPlatform {
 
     // What the library did. A call is its name and what matters of its arguments: "connect 3", "set_reconnect_cb 3",
     // "connect_sync", "subscribe 1 p_dev.card_info", "subscribe_field 1 p_dev.card_info 6 7", "scan 1 p_dev.card_info",
-    // "scan_time 1", "timer 17 10", "cancel 17", "hgetall 1 p_dev.card_info", "get ..", "scan_sync ..", "set ..",
+    // "scan_time 1", "timer 17 10 NAME", "cancel 17", "hgetall 1 p_dev.card_info", "get ..", "scan_sync ..", "set ..",
     // "cap_init PATH", "cap KEY".
     std::vector<std::string> calls;
     std::vector<Connection> connections;
