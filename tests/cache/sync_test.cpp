@@ -176,7 +176,7 @@ TEST(Sync, TakesTheEndOfAScanWithinTheCallThatAsksForIt) {
     platform.during_call = [&](const std::string &call) {
         if (call == scan_card) receive_end(17);
     };
-    for (const uint32_t applied : {2, 3}) {
+    for (const uint32_t applied : {2U, 3U}) {
         receive(1, SET, complete());
         receive_end(1);
         EXPECT_EQ(dm_cache_applied(), applied);
