@@ -18,9 +18,10 @@
 //
 // A row whose subscription or scan is refused, or never confirmed, holds the machine where it is until a reconnect. One that
 // the platform holds, and asks for again by itself (TQ_MOM_RESULT_HELD), holds nobody: the others go on without it, nothing
-// of it is swept, and its scan, when it is granted, is applied live. The end
-// of a scan that was asked for before its row was marked dirty does not count: what it brought is older. A scan that the
-// store takes up on a new connection before it reports the reconnect cannot be told from one that the loss cut off: the
+// of it is swept, and its scan, when it is granted, is applied live.
+//
+// The end of a scan that was asked for before its row was marked dirty does not count: what it brought is older. A scan that
+// the store takes up on a new connection before it reports the reconnect cannot be told from one that the loss cut off: the
 // application may then come before the rescan has ended, and what the rescan still brings is applied live.
 //
 // Everything here runs on the store client's callback thread, rescans on the timer's, which owns nothing but its timer

@@ -54,6 +54,17 @@ bool is_complete_notice(const ProtobufCMessage &object) {
     return kind_of(*object.descriptor).row == DM_ROW_DP_LIB_COMPLETE && stats_of(DM_ROW_DP_LIB_COMPLETE).enabled;
 }
 
+// Nothing is applied while the store refuses every row.
+std::string without_hold_back() {
+    std::string refused;
+    for (const Kind &kind : cached_kinds()) {
+        const dm_cache_stats stats = stats_of(kind.row);
+        if (stats.enabled && !stats.held) return "all rows are scanned and being applied";
+        if (stats.enabled && refused.empty()) refused = "row " + std::to_string(kind.row) + " " + kind.type->name;
+    }
+    return "the store refuses " + refused + ", and no other row is followed";
+}
+
 }  // namespace
 
 Session::Session(const Settings &settings)
@@ -101,17 +112,6 @@ void Session::start(const std::vector<Kind> &kinds) {
     if (lacked_memory) throw Failure(exit_no, "the cache: not enough memory");
     if (code) throw Failure(exit_unreachable, "the store " + shown_ + " did not connect, code " + std::to_string(code));
     started_ = true;
-}
-
-// Nothing is applied while the store refuses every row.
-static std::string without_hold_back() {
-    std::string refused;
-    for (const Kind &kind : cached_kinds()) {
-        const dm_cache_stats stats = stats_of(kind.row);
-        if (stats.enabled && !stats.held) return "all rows are scanned and being applied";
-        if (stats.enabled && refused.empty()) refused = "row " + std::to_string(kind.row) + " " + kind.type->name;
-    }
-    return "the store refuses " + refused + ", and no other row is followed";
 }
 
 void Session::synchronise(const std::vector<Kind> &kinds) {

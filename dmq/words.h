@@ -26,7 +26,7 @@ Message object_with_key(const ProtobufCMessageDescriptor &type, const std::vecto
 // The same from words that name the whole key, and nothing else.
 Message read_key(const ProtobufCMessageDescriptor &type, const std::vector<std::string> &words);
 
-// Of the words: see json.h.
+// Throws a Failure that names the fields of the key which the words do not give.
 void need_whole_key(const ProtobufCMessageDescriptor &type, const std::vector<Assignment> &assignments);
 
 // Throws a Failure that names the field which two words give.

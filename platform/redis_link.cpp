@@ -203,7 +203,7 @@ void RedisLink::take_owed(Reply reply) {
     for (size_t i = 0; i < reply->elements && owed.fault.empty(); ++i) {
         if (is_error(*reply->element[i])) owed.fault = text_of(*reply->element[i]);
     }
-    answers_++;
+    ++answers_;
     if (--owed.answers > 0) return;
     if (owed.is_transaction) {
         transactions_.push_back({std::move(reply), std::move(owed.fault)});

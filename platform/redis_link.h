@@ -89,7 +89,8 @@ private:
     RedisConnection connection_;
     bool usable_ = false;
     std::deque<Owed> owed_;
-    uint64_t received_before_ = 0, answers_ = 0, answers_before_ = 0;  // of what is owed
+    uint64_t received_before_ = 0;
+    uint64_t answers_ = 0, answers_before_ = 0;  // that were owed, and have come
     int silences_ = 0, waits_ = 0;
     std::deque<Transaction> transactions_;
     std::string fault_;
