@@ -123,6 +123,20 @@ std::thread waiting(const std::function<void()> &run) {
 
 }  // namespace
 
+// An object that is still being read must not be freed.
+TEST(Lock, IsHeldOnlyWhenTheLastReaderHasLeft) {
+    ASSERT_EQ(dm_cache_multi_thread_init(), 0);
+    std::atomic<bool> reads = true;
+    ASSERT_TRUE(dm::lock_shared());
+    std::thread writer = waiting([&reads] {
+        const dm::CacheLock lock;
+        EXPECT_FALSE(reads);
+    });
+    reads = false;
+    dm::unlock_shared();
+    writer.join();
+}
+
 // Clients that walk the cache without a pause stand in a queue; a change goes before them, and in turn with them.
 TEST(Lock, HoldsNoChangeUpAndNoReaderForEver) {
     ASSERT_EQ(dm_cache_multi_thread_init(), 0);

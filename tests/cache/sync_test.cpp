@@ -299,7 +299,7 @@ TEST(Sync, TakesADeliveryWithinAnApplication) {
         return 0;
     };
     start({1, 17, 32});
-    dm_cache_sub_obj(17, once, 0);
+    for (const int32_t row : {17, 32}) dm_cache_sub_obj(row, once, 0);
     platform.become_ready();
     platform.confirm();
     const auto scanned = [] {
@@ -329,10 +329,14 @@ TEST(Sync, TakesADeliveryWithinAnApplication) {
     EXPECT_EQ(dm_cache_applied(), 2U);
     EXPECT_EQ(drained(&changes), Strings{"17 replaced 0.1.1.0"});
     EXPECT_EQ(cached(17) + cached(32), 4);
-    platform.put(card(1, 2, 0));
+    within = [] { queue(32, vsd(2)); };  // behind the last one of the application: the picture lacks it
+    platform.put(vsd(1));
     platform.fire_timers();
     platform.answer_scans();
+    EXPECT_EQ(g_cache_proc_done, 0);
+    EXPECT_EQ(dm_cache_applied(), 2U);
+    receive_value(17, OTHER, nullptr);
     EXPECT_EQ(dm_cache_applied(), 3U);
-    EXPECT_EQ(cached(17) + cached(32), 1);
+    EXPECT_EQ(cached(17) + cached(32), 2);
     EXPECT_EQ(g_cache_proc_done, 1);
 }
