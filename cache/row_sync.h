@@ -12,6 +12,8 @@ struct RowSync {
     uint8_t confirmed;  // and said so
     uint8_t scanned;    // since it was last due
     uint8_t held;       // the store refuses its subscription or scan for now
+    uint8_t late;       // enabled after the start, and not yet scanned: any thread
+    uint8_t filled;     // its first scan since the start has been applied
 
     // Scans are numbered as they are asked for, and end in that order. What one up to `stale` brings is older than what the
     // row gathers now: its end does not count.

@@ -10,8 +10,10 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include "base/clock.h"
+#include "cache/mutex.h"
 #include "cache/row_sync.h"
 #include "port_index/trees.h"
 #include "tq_dm_cache/dm_cache_status.h"
@@ -30,14 +32,6 @@ pthread_cond_t status_changed = PTHREAD_COND_INITIALIZER;
 RowStatus rows[DM_ROW_COUNT];
 uint32_t applied = 0;
 bool synced = false;  // since the last start
-
-class StatusLock {
-public:
-    StatusLock() { pthread_mutex_lock(&status_mutex); }
-    ~StatusLock() { pthread_mutex_unlock(&status_mutex); }
-    StatusLock(const StatusLock &) = delete;
-    StatusLock &operator=(const StatusLock &) = delete;
-};
 
 timespec deadline_in(int32_t timeout_ms) {
     timespec time = monotonic_now();
@@ -73,7 +67,7 @@ void tell_of_no_room(int32_t row) {
 // Waits for a change of the status that makes `holds` true; -1 when the time is up.
 template <class Holds> int32_t wait_until(const Holds &holds, int32_t timeout_ms) {
     const timespec deadline = deadline_in(timeout_ms > 0 ? timeout_ms : 0);
-    StatusLock lock;
+    Held held(status_mutex);
     while (!holds())
         if (pthread_cond_clockwait(&status_changed, &status_mutex, CLOCK_MONOTONIC, &deadline) == ETIMEDOUT)
             return holds() ? 0 : -1;
@@ -100,15 +94,15 @@ void status_objects(int32_t row, int32_t cached) {
 }
 
 void status_restarted() {
-    StatusLock lock;
+    Held held(status_mutex);
     synced = false;
 }
 
-void status_applied() {
-    StatusLock lock;
+bool status_applied() {
+    Held held(status_mutex);
     ++applied;
-    synced = true;
     pthread_cond_broadcast(&status_changed);
+    return !std::exchange(synced, true);
 }
 
 }  // namespace dm
@@ -120,7 +114,7 @@ int32_t dm_cache_wait_synced(int32_t timeout_ms) {
 }
 
 uint32_t dm_cache_applied(void) {
-    StatusLock lock;
+    Held held(status_mutex);
     return applied;
 }
 
@@ -134,7 +128,7 @@ int32_t dm_cache_get_stats(int32_t type, dm_cache_stats *stats, uint32_t size) {
     const RowSync &sync = row_sync[type];
     const RowStatus &row = rows[type];
     dm_cache_stats now_stats{};
-    now_stats.enabled = obj_sub_list[type].enable;
+    now_stats.enabled = load(obj_sub_list[type].enable);
     now_stats.subscribed = load(sync.confirmed);
     now_stats.scanned = load(sync.scanned);
     now_stats.held = load(sync.held);

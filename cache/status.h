@@ -21,7 +21,7 @@ void status_objects(int32_t row, int32_t cached);
 // The machine begins again, after a start that failed.
 void status_restarted();
 
-// A full application is done: wakes who waits for it.
-void status_applied();
+// A full application is done: wakes who waits for it. True for the first since the start.
+bool status_applied();
 
 }  // namespace dm
