@@ -5,9 +5,11 @@
 #include <algorithm>
 #include <memory>
 
+#include "base/clock.h"
 #include "base/message.h"
 #include "cache/mutex.h"
 #include "cache/row_sync.h"
+#include "cache/status.h"
 #include "tq_dm_cache/dm_cache_sync.h"
 
 namespace dm {
@@ -132,7 +134,9 @@ void set_flags(int32_t type, Follower &follower, uint32_t flags) {
 bool call(Follower &follower, const dm_cache_event &event) {
     running = &follower;
     pthread_mutex_unlock(&mutex);
+    const timespec begun = monotonic_now();
     follower.callback(&event, follower.word);
+    if (event.type != applications) status_callback(event.type, begun);
     pthread_mutex_lock(&mutex);
     running = nullptr;
     pthread_cond_broadcast(&callback_done);
@@ -235,8 +239,8 @@ ProtobufCMessage *note_removed(int32_t type, int32_t what, OwnedNode &node) {
     dm_cache_list_node *const gone = node.release();
     list_empty_out(gone);
     auto *const event = reinterpret_cast<Event *>(gone);
-    note_event(OwnedEvent(std::construct_at(event, Event{nullptr, message, nullptr, static_cast<int8_t>(type),
-                                                         static_cast<uint8_t>(what), phase})));
+    note_event(OwnedEvent(std::construct_at(
+        event, Event{nullptr, message, nullptr, static_cast<int8_t>(type), static_cast<uint8_t>(what), phase})));
     return message;
 }
 

@@ -46,6 +46,7 @@ uint8_t g_cache_proc_done = 0;
 namespace dm {
 
 RowSync row_sync[DM_ROW_COUNT];
+uint32_t gathered_objects = 0;
 
 namespace {
 
@@ -73,11 +74,6 @@ void gather_again() {
 template <class Act> void for_followed_rows(const Act &act) {
     for (int32_t row = 0; row < obj_sub_list_max; ++row)
         if (row_followed(obj_sub_list[row])) act(row, obj_sub_list[row]);
-}
-
-// Nobody waits for it: the store refuses it for now, or it has been enabled after the start and is not scanned yet.
-bool is_apart(const RowSync &row) {
-    return load(row.held) != 0 || load(row.late) != 0;
 }
 
 // But for those that are apart, unless all of them are.
@@ -154,6 +150,7 @@ void forget_scans() {
 
 int32_t subscribe_row(int32_t row, tq_mom_msg_cb callback, Caller caller) {
     const obj_sub_entry &entry = obj_sub_list[row];
+    store(row_sync[row].subscribed_ms, static_cast<uint32_t>(now_ms()));
     const int32_t ret = tq_mom_subscribe(g_dm_global, entry.db_id, entry.obj_tmpl, 0, callback, row_word(row));
     if (ret != 0) DM_LOG_AS(caller, failure, "tq_mom_subscribe obj[%d], fail ret=[%d].\n", row, ret);
     return ret;
@@ -250,6 +247,7 @@ void apply_queue(tq_mom_handle *handle) {
         if (state == State::applying) sweep_rows();
         return leave_applying();
     }
+    store(gathered_objects, g_cache_pending_num);
     for (int32_t proc_order = 1; proc_order <= 3; ++proc_order) apply_class(handle, proc_order);
     apply_rest(handle);
     if (state == State::applying || state == State::live) {

@@ -22,16 +22,17 @@ struct Notes {
 };
 
 void note(const dm_cache_event *event, void *word) {
-    const char *const whats[] = {"added", "replaced", "deleted", "swept", "unchanged", "applied"},
-                      *const phases[] = {"first", "live", "resync"};
+    const char *const whats[] = {"added", "replaced", "deleted", "swept", "unchanged", "applied"}, *const phases[] = {
+                                                                                                       "first", "live",
+                                                                                                       "resync"};
     const auto ports = [](const ProtobufCMessage *card) {
         return card ? ' ' + std::to_string(reinterpret_cast<const PDev__CardInfo *>(card)->port_num) : "";
     };
     auto &notes = *static_cast<Notes *>(word);
     std::string line = std::string(phases[event->phase]) + ' ' + whats[event->what];
     if (const auto *any = event->after ? event->after : event->before)
-        line += ' ' + std::to_string(reinterpret_cast<const PDev__CardInfo *>(any)->index->slotid) + ports(event->before) +
-                ports(event->after);
+        line += ' ' + std::to_string(reinterpret_cast<const PDev__CardInfo *>(any)->index->slotid) +
+                ports(event->before) + ports(event->after);
     EXPECT_EQ(event->type, event->what == DM_CACHE_EVENT_APPLIED ? -1 : 17);
     EXPECT_EQ(!event->before, event->what == DM_CACHE_EVENT_ADDED || event->what == DM_CACHE_EVENT_APPLIED);
     notes.lines.push_back(line);
@@ -89,7 +90,8 @@ TEST(Follow, TellsWhatHappensToEachObject) {
     platform.confirm();
     platform.fire_timers();
     platform.answer_scans();
-    EXPECT_EQ(told(notes), (Strings{"resync replaced 1 7 1", "resync added 3 3", "resync swept 9 0", "resync swept 4 0"}));
+    EXPECT_EQ(told(notes),
+              (Strings{"resync replaced 1 7 1", "resync added 3 3", "resync swept 9 0", "resync swept 4 0"}));
     EXPECT_EQ(told(unchanged)[1], "resync unchanged 2 2 2");
     EXPECT_EQ(told(applied), Strings{"resync applied"});
     EXPECT_EQ(dm_cache_clear_data_dirty(), 0);
@@ -177,7 +179,8 @@ TEST(Follow, LetsFollowersComeAndGoAtAnyTime) {
     };
     auto ended = std::async(std::launch::async, [&] {
         entered.get_future().wait();
-        auto unfollowed = std::async(std::launch::async, [&] { return unfollow(third) + static_cast<int32_t>(third.lines.size()); });
+        auto unfollowed =
+            std::async(std::launch::async, [&] { return unfollow(third) + static_cast<int32_t>(third.lines.size()); });
         EXPECT_EQ(unfollowed.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
         leave.set_value();
         return unfollowed.get();
