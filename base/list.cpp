@@ -64,6 +64,11 @@ dm_cache_list_node *list_append(dm_cache_list *list, StoredMessage message) {
     return node.release();
 }
 
+void list_empty_out(dm_cache_list_node *node) {
+    let_go(node);
+    free(node->key);
+}
+
 OwnedNode list_take(dm_cache_list *list, dm_cache_list_node *node) {
     table_let_go(node);
     list_unlink(&node->link);
@@ -133,7 +138,6 @@ int32_t dm_cache_list_walk(dm_cache_list *list, dm_cache_visit_func visit, void 
 void dm_cache_list_free(dm_cache_list_node *node) {
     if (!node) return;
     table_let_go(node);
-    let_go(node);
-    free(node->key);
+    list_empty_out(node);
     free(node);
 }

@@ -32,6 +32,9 @@ dm_cache_list_node *list_append(dm_cache_list *list, StoredMessage message);
 // Takes an element of this list out.
 OwnedNode list_take(dm_cache_list *list, dm_cache_list_node *node);
 
+// Lets go what an element in no list holds, but not the element.
+void list_empty_out(dm_cache_list_node *node);
+
 // Walks a list's elements; the loop may remove the element that it stands on.
 class Elements {
 public:

@@ -74,9 +74,9 @@ inline bool row_in_range(int32_t type) {
     return type >= 0 && type < obj_sub_list_max;
 }
 
-// Enabled, and there is a kind to ask the store for.
+// Enabled, and there is a kind to ask the store for. Any thread: a row may be enabled after the start.
 inline bool row_followed(const obj_sub_entry &row) {
-    return row.enable != 0 && row.obj_tmpl;
+    return __atomic_load_n(&row.enable, __ATOMIC_ACQUIRE) != 0 && row.obj_tmpl;
 }
 
 // A message is of this kind: of this very descriptor, or of another library's own one of the same name and size.

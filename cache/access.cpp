@@ -5,6 +5,7 @@
 #include "base/log.h"
 #include "base/row_table.h"
 #include "cache/access.h"
+#include "cache/events.h"
 #include "cache/row_update.h"
 #include "cache/startup.h"
 #include "cache/status.h"
@@ -40,6 +41,7 @@ int32_t cache_object(int32_t type, const ProtobufCMessage *obj, uint64_t since) 
         CacheLock lock;
         result = offer_object(type, obj, since);
     }
+    deliver_soon();
     if (result >= 0) return 0;
     status_refused(type);
     DM_LOG_AS((Caller{"dm_cache_set_obj"}), failure, "dm_cache_list_add error[%d]\r\n", result);

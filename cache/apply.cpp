@@ -6,6 +6,7 @@
 #include "base/rows.h"
 #include "base/store_message.h"
 #include "cache/callbacks.h"
+#include "cache/events.h"
 #include "cache/row_update.h"
 #include "cache/status.h"
 
@@ -29,6 +30,7 @@ void apply(tq_mom_handle *handle, int32_t row, int32_t cmd, ProtobufCMessage *ob
 
 int32_t apply_set(tq_mom_handle *handle, int32_t row, ProtobufCMessage *obj, StoredMessage stored) {
     const Caller caller{"dm_cache_handle_setmsg"};
+    const ChangeCallbacks callbacks;
     int32_t result = -1;
     {
         CacheLock lock;
@@ -46,21 +48,22 @@ int32_t apply_set(tq_mom_handle *handle, int32_t row, ProtobufCMessage *obj, Sto
 
 int32_t apply_delete(tq_mom_handle *handle, int32_t row, ProtobufCMessage *obj) {
     const Caller caller{"dm_cache_handle_delmsg"};
-    OwnedNode removed;
+    const ChangeCallbacks callbacks;
+    Removed removed;
     {
         CacheLock lock;
         if (stores_nothing(row)) DM_LOG_AS(caller, notice, "this is no cache obj.\r\n");
         removed = remove_object(row, obj);
-        if (!removed)
+        if (!removed.message)
             DM_LOG_AS(caller, failure, "can't find obj in cache to delete ret[%d] get[%p].\r\n", -1,
                       static_cast<void *>(nullptr));
     }
-    if (!removed) {
+    if (!removed.message) {
         status_refused(row);
         return -1;
     }
     status_count(row, Count::deletes);
-    call_callbacks(handle, row, DM_CACHE_DELETED, removed->obj);
+    call_callbacks(handle, row, DM_CACHE_DELETED, removed.message);
     return 0;
 }
 

@@ -4,8 +4,10 @@
 #include <algorithm>
 #include <iterator>
 
+#include "base/clock.h"
 #include "base/log.h"
 #include "base/rows.h"
+#include "cache/status.h"
 
 static constexpr dm::LogTag log_tag{"dm_cache"};
 
@@ -32,7 +34,9 @@ int32_t call_callbacks(tq_mom_handle *handle, int32_t type, int32_t operation, P
     for (const dm_cache_change_cb func : obj_sub_list[type].func) {
         if (!func) break;
         DM_LOG_AS(Caller{"dm_cache_user_cb_call"}, trace, "notify update obj[%d][%p].\n", type, shown(func));
+        const timespec begun = monotonic_now();
         func(handle, type, operation, message);
+        status_callback(type, begun);
     }
     return 0;
 }

@@ -8,6 +8,7 @@
 #include "base/rows.h"
 #include "base/store_message.h"
 #include "cache/apply.h"
+#include "cache/row_sync.h"
 #include "cache/row_update.h"
 #include "cache/status.h"
 #include "tq_dm_cache/dm_cache_sync.h"
@@ -42,6 +43,12 @@ void leave_queue(pending_item *item) {
         if (walk->next == &item->link) walk->next = item->link.next;
     list_unlink(&item->link);
     --g_cache_pending_num;
+    __atomic_sub_fetch(&row_sync[item->row].queued, 1u, __ATOMIC_RELAXED);
+}
+
+void append(pending_item *item) {
+    dm_list_add_tail_no_limit(&item->link, &g_cache_pending_list, &g_cache_pending_num);
+    __atomic_add_fetch(&row_sync[item->row].queued, 1u, __ATOMIC_RELAXED);
 }
 
 // Takes every item that is wanted out of the queue and hands it to `take`.
@@ -85,7 +92,7 @@ int32_t queue_object(const store_msg *msg, int32_t row, Caller caller) {
         return -2;
     }
     item->obj = kept.release();
-    dm_list_add_tail_no_limit(&item.release()->link, &g_cache_pending_list, &g_cache_pending_num);
+    append(item.release());
     return 0;
 }
 
@@ -131,7 +138,7 @@ int32_t dm_cache_resort_over(void) {
         link = link->next;
         if (item->row != DM_ROW_DP_LIB_COMPLETE) continue;
         leave_queue(item);
-        dm_list_add_tail_no_limit(&item->link, &g_cache_pending_list, &g_cache_pending_num);
+        append(item);
     }
     return 0;
 }

@@ -12,23 +12,33 @@ struct RowSync {
     uint8_t confirmed;  // and said so
     uint8_t scanned;    // since it was last due
     uint8_t held;       // the store refuses its subscription or scan for now
+    uint8_t late;       // enabled after the start, and not yet scanned: any thread
+    uint8_t filled;     // its first scan since the start has been applied
 
     // Scans are numbered as they are asked for, and end in that order. What one up to `stale` brings is older than what the
     // row gathers now: its end does not count.
     uint32_t asked, ended, stale;
-    uint32_t asked_ms;      // when the last one was asked for
-    uint32_t last_scan_ms;  // how long the last one took that has ended
+    uint32_t subscribed_ms;  // when the subscription was last asked for
+    uint32_t asked_ms;       // when the last scan was
+    uint32_t last_scan_ms;   // how long the last one took that has ended
+    uint32_t queued;         // gathered, and not yet applied
 
     tq_thread_timer rescan;  // the timer's own
 };
 
 extern RowSync row_sync[DM_ROW_COUNT];
+extern uint32_t gathered_objects;  // that the application at hand began with, or the last one
 
 template <class Word> Word load(const Word &word) {
     return __atomic_load_n(&word, __ATOMIC_ACQUIRE);
 }
 template <class Word> void store(Word &word, Word value) {
     __atomic_store_n(&word, value, __ATOMIC_RELEASE);
+}
+
+// Nobody waits for it: the store refuses it for now, or it has been enabled after the start and is not scanned yet.
+inline bool is_apart(const RowSync &row) {
+    return load(row.held) != 0 || load(row.late) != 0;
 }
 
 }  // namespace dm

@@ -3,6 +3,7 @@
 #include "cache/row_update.h"
 
 #include "base/row_table.h"
+#include "cache/events.h"
 #include "cache/status.h"
 #include "port_index/trees.h"
 
@@ -28,6 +29,7 @@ int32_t come_again(int32_t type, dm_cache_list_node *node) DM_REQUIRES_LOCK {
     node->dirty = 0;
     note_change(node);
     refresh_element(obj_sub_list[type], node);
+    note_unchanged(type, node);
     return 1;
 }
 
@@ -51,11 +53,15 @@ int32_t append(int32_t type, StoredMessage message) DM_REQUIRES_LOCK {
 }
 
 int32_t put_message(int32_t type, dm_cache_list_node *node, StoredMessage message) DM_REQUIRES_LOCK {
-    return node ? replace(type, node, std::move(message)) : append(type, std::move(message));
+    OwnedEvent event;
+    if (const int32_t code = begin_event(type, node, message.get(), event); code != 0) return code;
+    const int32_t result = node ? replace(type, node, std::move(message)) : append(type, std::move(message));
+    if (result >= 0) note_event(std::move(event));
+    return result;
 }
 
 // The ports at a static port's place take their keys from it.
-OwnedNode take_out(int32_t type, dm_cache_list_node *node) DM_REQUIRES_LOCK {
+Removed take_out(int32_t type, dm_cache_list_node *node, int32_t what) DM_REQUIRES_LOCK {
     obj_sub_entry &row = obj_sub_list[type];
     unindex_element(row, node);
     if (type == DM_ROW_PORT_STATIC && !key_missing(row, node->obj))
@@ -63,7 +69,8 @@ OwnedNode take_out(int32_t type, dm_cache_list_node *node) DM_REQUIRES_LOCK {
     OwnedNode taken = list_take(row.obj_list, node);
     last_removal[type] = ++changes;
     status_objects(type, row.obj_list->count);
-    return taken;
+    ProtobufCMessage *const message = note_removed(type, what, taken);
+    return {message, std::move(taken)};
 }
 
 // Of the row's kind and with its key: only such an object is looked into.
@@ -131,10 +138,10 @@ int32_t offer_object(int32_t type, const ProtobufCMessage *obj, uint64_t since) 
 }
 
 // A delete that finds nothing counts too: a read that began before it may be about to bring the object.
-OwnedNode remove_object(int32_t type, const ProtobufCMessage *probe) {
+Removed remove_object(int32_t type, const ProtobufCMessage *probe) {
     last_removal[type] = ++changes;
     dm_cache_list_node *node = can_hold(type, probe) ? find(type, probe) : nullptr;
-    return node ? take_out(type, node) : nullptr;
+    return node ? take_out(type, node, DM_CACHE_EVENT_DELETED) : Removed{};
 }
 
 void mark_dirty(int32_t type) {
@@ -146,7 +153,7 @@ uint32_t sweep(int32_t type) {
     uint32_t removed = 0;
     for (dm_cache_list_node &node : Elements(obj_sub_list[type].obj_list)) {
         if (!node.dirty) continue;
-        take_out(type, &node);
+        take_out(type, &node, DM_CACHE_EVENT_SWEPT);
         ++removed;
     }
     return removed;

@@ -26,8 +26,15 @@ int32_t offer_object(int32_t type, const ProtobufCMessage *obj, uint64_t since) 
 // The cached object that is equal to this one, as another owner of it; empty when there is none.
 StoredMessage cached_equal(int32_t type, const ProtobufCMessage *obj) DM_REQUIRES_SHARED;
 
-// Takes out the object that matches; null when there is none.
-OwnedNode remove_object(int32_t type, const ProtobufCMessage *probe) DM_REQUIRES_LOCK;
+// What has been taken out of a row. The message of one that followers are to be told of lives until they have been, else as
+// long as this.
+struct Removed {
+    ProtobufCMessage *message = nullptr;  // null: there was none
+    OwnedNode node;
+};
+
+// Takes out the object that matches.
+Removed remove_object(int32_t type, const ProtobufCMessage *probe) DM_REQUIRES_LOCK;
 
 // Marks what a row holds before it is scanned again, and removes what the scan did not bring: the number removed.
 void mark_dirty(int32_t type) DM_REQUIRES_LOCK;

@@ -11,6 +11,8 @@
 #include "base/log.h"
 #include "base/rows.h"
 #include "cache/config.h"
+#include "cache/events.h"
+#include "cache/row_sync.h"
 #include "cache/row_update.h"
 #include "cache/sync.h"
 #include "tq_dm_cache/dm_port_index.h"
@@ -57,6 +59,7 @@ void set_up_table_again() {
     if (g_dm_global) begin_again();
     CacheLock lock;
     for (int32_t row = 0; row < obj_sub_list_max; ++row) discard_row(row);
+    forget_events();
     set_up_table();
 }
 
@@ -125,6 +128,18 @@ void dm_cache_log_subobj_to_file() {
 
 bool started() {
     return __atomic_load_n(&g_dm_cache_inited, __ATOMIC_ACQUIRE) == 1;
+}
+
+void enable_row(int32_t row) {
+    obj_sub_entry &entry = obj_sub_list[row];
+    const bool is_late = started();
+    {
+        CacheLock lock;
+        if (entry.enable != 0) return;
+        if (is_late) expect_late(row);
+        store(entry.enable, uint8_t{1});
+    }
+    if (is_late) subscribe_late(row);  // all kinds live in databases that are always connected
 }
 
 }  // namespace dm

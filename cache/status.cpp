@@ -10,17 +10,24 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include "base/clock.h"
+#include "base/log.h"
+#include "cache/mutex.h"
 #include "cache/row_sync.h"
 #include "port_index/trees.h"
 #include "tq_dm_cache/dm_cache_status.h"
+
+static constexpr dm::LogTag log_tag{"dm_cache"};
 
 namespace dm {
 namespace {
 
 struct RowStatus {
     uint32_t objects, sets, deletes, swept, refused;
+    uint32_t callbacks, longest_callback_us;
+    uint32_t changed_ms;    // when the last object came, changed or went
     uint32_t no_room;       // objects refused because the row was full
     uint32_t no_room_told;  // how many of them a line has told of
 };
@@ -30,14 +37,6 @@ pthread_cond_t status_changed = PTHREAD_COND_INITIALIZER;
 RowStatus rows[DM_ROW_COUNT];
 uint32_t applied = 0;
 bool synced = false;  // since the last start
-
-class StatusLock {
-public:
-    StatusLock() { pthread_mutex_lock(&status_mutex); }
-    ~StatusLock() { pthread_mutex_unlock(&status_mutex); }
-    StatusLock(const StatusLock &) = delete;
-    StatusLock &operator=(const StatusLock &) = delete;
-};
 
 timespec deadline_in(int32_t timeout_ms) {
     timespec time = monotonic_now();
@@ -73,7 +72,7 @@ void tell_of_no_room(int32_t row) {
 // Waits for a change of the status that makes `holds` true; -1 when the time is up.
 template <class Holds> int32_t wait_until(const Holds &holds, int32_t timeout_ms) {
     const timespec deadline = deadline_in(timeout_ms > 0 ? timeout_ms : 0);
-    StatusLock lock;
+    Held held(status_mutex);
     while (!holds())
         if (pthread_cond_clockwait(&status_changed, &status_mutex, CLOCK_MONOTONIC, &deadline) == ETIMEDOUT)
             return holds() ? 0 : -1;
@@ -83,7 +82,22 @@ template <class Holds> int32_t wait_until(const Holds &holds, int32_t timeout_ms
 }  // namespace
 
 void status_count(int32_t row, Count what, uint32_t n) {
+    if (n == 0) return;
     count(rows[row].*counters[static_cast<size_t>(what)], n);
+    store(rows[row].changed_ms, static_cast<uint32_t>(now_ms()));
+}
+
+void status_callback(int32_t row, timespec begun) {
+    const timespec ended = monotonic_now();
+    const auto us =
+        static_cast<uint32_t>((ended.tv_sec - begun.tv_sec) * 1000000 + (ended.tv_nsec - begun.tv_nsec) / 1000);
+    count(rows[row].callbacks, 1);
+    if (us > load(rows[row].longest_callback_us)) store(rows[row].longest_callback_us, us);
+}
+
+bool status_synced() {
+    Held held(status_mutex);
+    return synced;
 }
 
 void status_refused(int32_t row) {
@@ -100,15 +114,15 @@ void status_objects(int32_t row, int32_t cached) {
 }
 
 void status_restarted() {
-    StatusLock lock;
+    Held held(status_mutex);
     synced = false;
 }
 
-void status_applied() {
-    StatusLock lock;
+bool status_applied() {
+    Held held(status_mutex);
     ++applied;
-    synced = true;
     pthread_cond_broadcast(&status_changed);
+    return !std::exchange(synced, true);
 }
 
 }  // namespace dm
@@ -116,11 +130,17 @@ void status_applied() {
 using namespace dm;
 
 int32_t dm_cache_wait_synced(int32_t timeout_ms) {
-    return wait_until([] { return synced; }, timeout_ms);
+    if (wait_until([] { return synced; }, timeout_ms) == 0) return 0;
+    if (timeout_ms > 0) {
+        char reason[256];
+        dm_cache_reason(reason, sizeof reason);
+        DM_LOG(failure, "not synchronised: %s.\r\n", reason);
+    }
+    return -1;
 }
 
 uint32_t dm_cache_applied(void) {
-    StatusLock lock;
+    Held held(status_mutex);
     return applied;
 }
 
@@ -134,7 +154,7 @@ int32_t dm_cache_get_stats(int32_t type, dm_cache_stats *stats, uint32_t size) {
     const RowSync &sync = row_sync[type];
     const RowStatus &row = rows[type];
     dm_cache_stats now_stats{};
-    now_stats.enabled = obj_sub_list[type].enable;
+    now_stats.enabled = load(obj_sub_list[type].enable);
     now_stats.subscribed = load(sync.confirmed);
     now_stats.scanned = load(sync.scanned);
     now_stats.held = load(sync.held);
@@ -144,6 +164,12 @@ int32_t dm_cache_get_stats(int32_t type, dm_cache_stats *stats, uint32_t size) {
     now_stats.swept = load(row.swept);
     now_stats.refused = load(row.refused) + keys_without_memory(type);
     now_stats.last_scan_ms = load(sync.last_scan_ms);
+    now_stats.queued = load(sync.queued);
+    now_stats.callbacks = load(row.callbacks);
+    now_stats.longest_callback_us = load(row.longest_callback_us);
+    now_stats.last_change_ms = now_stats.sets + now_stats.deletes + now_stats.swept == 0
+                                   ? UINT32_MAX
+                                   : static_cast<uint32_t>(now_ms()) - load(row.changed_ms);
     std::memcpy(stats, &now_stats, size < sizeof now_stats ? size : sizeof now_stats);
     return 0;
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 
 namespace dm {
 
@@ -21,7 +22,13 @@ void status_objects(int32_t row, int32_t cached);
 // The machine begins again, after a start that failed.
 void status_restarted();
 
-// A full application is done: wakes who waits for it.
-void status_applied();
+// A full application has been done since the start.
+bool status_synced();
+
+// A callback of a row has run, which began then.
+void status_callback(int32_t row, timespec begun);
+
+// A full application is done: wakes who waits for it. True for the first since the start.
+bool status_applied();
 
 }  // namespace dm

@@ -33,6 +33,7 @@
 #include "base/log.h"
 #include "base/store_message.h"
 #include "cache/apply.h"
+#include "cache/events.h"
 #include "cache/pending.h"
 #include "cache/row_sync.h"
 #include "cache/row_update.h"
@@ -45,6 +46,7 @@ uint8_t g_cache_proc_done = 0;
 namespace dm {
 
 RowSync row_sync[DM_ROW_COUNT];
+uint32_t gathered_objects = 0;
 
 namespace {
 
@@ -74,16 +76,16 @@ template <class Act> void for_followed_rows(const Act &act) {
         if (row_followed(obj_sub_list[row])) act(row, obj_sub_list[row]);
 }
 
-// But for those that are held, unless all of them are.
+// But for those that are apart, unless all of them are.
 bool every_followed_row(uint8_t RowSync::*is_done) {
-    bool all_done = true, any_done = false, any_held = false;
+    bool all_done = true, any_done = false, any_apart = false;
     for_followed_rows([&](int32_t row, const obj_sub_entry &) {
-        const bool done = row_sync[row].*is_done != 0, held = row_sync[row].held != 0;
-        all_done &= done || held;
+        const bool done = row_sync[row].*is_done != 0, apart = is_apart(row_sync[row]);
+        all_done &= done || apart;
         any_done |= done;
-        any_held |= held;
+        any_apart |= apart;
     });
-    return all_done && (any_done || !any_held);
+    return all_done && (any_done || !any_apart);
 }
 
 // Scans of a row
@@ -123,13 +125,15 @@ int32_t scan_row(int32_t number) {
     return ret;
 }
 
+void scan_row_logged(int32_t row) {
+    const int32_t ret = scan_row(row);
+    if (ret != 0)
+        DM_LOG_AS(Caller{"dm_cache_mom_first_scan_data"}, failure, "tq_mom_subscribe obj[%d], fail ret=[%d].\n", row,
+                  ret);
+}
+
 void scan_every_row() {
-    for_followed_rows([](int32_t row, const obj_sub_entry &) {
-        const int32_t ret = scan_row(row);
-        if (ret != 0)
-            DM_LOG_AS(Caller{"dm_cache_mom_first_scan_data"}, failure, "tq_mom_subscribe obj[%d], fail ret=[%d].\n",
-                      row, ret);
-    });
+    for_followed_rows([](int32_t row, const obj_sub_entry &) { scan_row_logged(row); });
     DM_LOG_AS(Caller{"dm_cache_mom_first_scan_data"}, notice, "all key rsync scan done. \n");
 }
 
@@ -146,6 +150,7 @@ void forget_scans() {
 
 int32_t subscribe_row(int32_t row, tq_mom_msg_cb callback, Caller caller) {
     const obj_sub_entry &entry = obj_sub_list[row];
+    store(row_sync[row].subscribed_ms, static_cast<uint32_t>(now_ms()));
     const int32_t ret = tq_mom_subscribe(g_dm_global, entry.db_id, entry.obj_tmpl, 0, callback, row_word(row));
     if (ret != 0) DM_LOG_AS(caller, failure, "tq_mom_subscribe obj[%d], fail ret=[%d].\n", row, ret);
     return ret;
@@ -153,7 +158,7 @@ int32_t subscribe_row(int32_t row, tq_mom_msg_cb callback, Caller caller) {
 
 // The subscription that brings pushes. One that was refused, or a row enabled since, is asked for at the next reconnect.
 void follow_row(int32_t row, Caller caller) {
-    row_sync[row].followed = subscribe_row(row, dm_cache_mom_callback_func, caller) == 0;
+    store(row_sync[row].followed, static_cast<uint8_t>(subscribe_row(row, dm_cache_mom_callback_func, caller) == 0));
 }
 
 // On every confirmation, so one that comes after all others starts another full scan.
@@ -186,11 +191,17 @@ void row_is_scanned(int32_t number) {
     RowSync &row = row_sync[number];
     store(row.scanned, uint8_t{1});
     if (load(row.asked) != 0) store(row.last_scan_ms, static_cast<uint32_t>(now_ms()) - load(row.asked_ms));
-    if (!row.held) return;
+    if (!is_apart(row)) return;
+    if (state == State::live) {
+        {
+            CacheLock lock;
+            status_count(number, Count::swept, sweep(number));  // what a scan that came late did not bring
+        }
+        store(row.filled, uint8_t{1});
+        deliver_events();
+    }
     store(row.held, uint8_t{0});
-    if (state != State::live) return;
-    CacheLock lock;
-    status_count(number, Count::swept, sweep(number));  // what a late scan did not bring
+    store(row.late, uint8_t{0});
 }
 
 void end_scan(store_msg *msg, int32_t row) {
@@ -214,25 +225,43 @@ void leave_applying() {
     if (state != State::applying) return;
     state = State::live;
     set_proc_done(1);
-    status_applied();
+    for_followed_rows([](int32_t row, const obj_sub_entry &) {
+        if (!is_apart(row_sync[row])) store(row_sync[row].filled, uint8_t{1});
+    });
+    note_applied(status_applied());
+}
+
+// Of every enabled row, what is still marked.
+void sweep_rows() {
+    CacheLock lock;
+    for (int32_t row = 0; row < obj_sub_list_max; ++row)
+        if (obj_sub_list[row].enable == 1 && !is_apart(row_sync[row])) status_count(row, Count::swept, sweep(row));
+    DM_LOG_AS(Caller{"dm_cache_clear_data_dirty"}, trace, "dm_cache_clear_data_dirty done\n");
 }
 
 // Applies what was gathered. An empty queue after a scan still means that what was marked dirty is gone; an empty queue
 // when live means nothing. What is applied may bring another message: when that sets the machine gathering again, what is
 // marked dirty stays for the application to come.
-void apply_gathered(tq_mom_handle *handle) {
+void apply_queue(tq_mom_handle *handle) {
     if (list_empty(&g_cache_pending_list)) {
-        if (state == State::applying) dm_cache_clear_data_dirty();
+        if (state == State::applying) sweep_rows();
         return leave_applying();
     }
+    store(gathered_objects, g_cache_pending_num);
     for (int32_t proc_order = 1; proc_order <= 3; ++proc_order) apply_class(handle, proc_order);
     apply_rest(handle);
     if (state == State::applying || state == State::live) {
-        dm_cache_clear_data_dirty();
+        sweep_rows();
         if (list_empty(&g_cache_pending_list)) leave_applying();
     }
     DM_LOG_AS(Caller{"dm_cache_mom_process_cache"}, trace, "process cache, g_cache_proc_done = %d\n",
               load(g_cache_proc_done));
+}
+
+// Followers hear of each item after its callbacks, and in the end of what was swept.
+void apply_gathered(tq_mom_handle *handle) {
+    apply_queue(handle);
+    deliver_events();
 }
 
 void hold_row(tq_mom_handle *handle, int32_t row) {
@@ -253,7 +282,8 @@ void reset_machine() {
     for (int32_t number = 0; number < obj_sub_list_max; ++number) {
         RowSync &row = row_sync[number];
         drop_pending(number);
-        for (uint8_t *flag : {&row.followed, &row.confirmed, &row.scanned, &row.held}) store(*flag, uint8_t{0});
+        for (uint8_t *flag : {&row.followed, &row.confirmed, &row.scanned, &row.held, &row.late, &row.filled})
+            store(*flag, uint8_t{0});
         scans_are_cut_off(row);
     }
     state = State::subscribing;
@@ -332,10 +362,18 @@ int32_t subscribe_again(uint32_t db) {
         store(row.scanned, uint8_t{0});
         store(row.held, uint8_t{0});
         gather_again();
-        if (!row.followed && !row.confirmed) follow_row(number, caller);
+        if (!load(row.followed) && !row.confirmed) follow_row(number, caller);
         ret = subscribe_row(number, on_subscribed_again, caller);
     });
     return ret;
+}
+
+void expect_late(int32_t row) {
+    store(row_sync[row].late, uint8_t{1});
+}
+
+void subscribe_late(int32_t row) {
+    follow_row(row, Caller{"dm_cache_follow"});
 }
 
 void begin_again() {
@@ -379,8 +417,10 @@ int32_t dm_cache_mom_callback_func(tq_mom_handle *handle, store_msg *msg, void *
     if (msg->cmd == TQ_MOM_CMD_SUBSCRIBED) {
         store(row_sync[row].confirmed, uint8_t{1});
         DM_LOG(notice, "key[%d] subscribe finish. \n", row);
-        const bool is_scanned_already = row_sync[row].held && !subscribing();  // its scan was held with it
-        if (!is_scanned_already) begin_gathering();
+        if (!is_apart(row_sync[row]) || subscribing())
+            begin_gathering();
+        else if (load(row_sync[row].late) != 0)  // the scan of one that is only held was held with it
+            scan_row_logged(row);
         return 0;
     }
     if (subscribing()) return 0;
@@ -407,9 +447,7 @@ int32_t dm_cache_mom_callback_func(tq_mom_handle *handle, store_msg *msg, void *
 }
 
 int32_t dm_cache_clear_data_dirty(void) {
-    CacheLock lock;
-    for (int32_t row = 0; row < obj_sub_list_max; ++row)
-        if (obj_sub_list[row].enable == 1 && !row_sync[row].held) status_count(row, Count::swept, sweep(row));
-    DM_LOG(trace, "dm_cache_clear_data_dirty done\n");
+    sweep_rows();
+    deliver_soon();
     return 0;
 }

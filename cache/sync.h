@@ -9,6 +9,11 @@ namespace dm {
 // last answer of the store, -1 when no row belongs to the database.
 int32_t subscribe_again(uint32_t db);
 
+// A row that is enabled after the start: the others do not wait for it. It is expected before it is enabled, and subscribed
+// after. Any thread.
+void expect_late(int32_t row);
+void subscribe_late(int32_t row);
+
 // For another start after one that failed: disarms what waits for its timer, and has the machine begin again with the next
 // database that is ready. On the starting thread.
 void begin_again();

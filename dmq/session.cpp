@@ -54,17 +54,6 @@ bool is_complete_notice(const ProtobufCMessage &object) {
     return kind_of(*object.descriptor).row == DM_ROW_DP_LIB_COMPLETE && stats_of(DM_ROW_DP_LIB_COMPLETE).enabled;
 }
 
-// Nothing is applied while the store refuses every row.
-std::string without_hold_back() {
-    std::string refused;
-    for (const Kind &kind : cached_kinds()) {
-        const dm_cache_stats stats = stats_of(kind.row);
-        if (stats.enabled && !stats.held) return "all rows are scanned and being applied";
-        if (stats.enabled && refused.empty()) refused = "row " + std::to_string(kind.row) + " " + kind.type->name;
-    }
-    return "the store refuses " + refused + ", and no other row is followed";
-}
-
 }  // namespace
 
 Session::Session(const Settings &settings)
@@ -119,10 +108,10 @@ void Session::synchronise(const std::vector<Kind> &kinds) {
     Progress progress("synchronising, rows scanned");
     while (true) {
         const uint32_t applied = dm_cache_applied();
-        const std::string held = held_back();
-        if (applied > 0 && held.empty()) break;
+        const std::string reason = waits_for();
+        if (applied > 0 && reason.empty()) break;
         const int32_t left = deadline_.left();
-        if (!left) deadline_.passed("not synchronised", held.empty() ? without_hold_back() : held);
+        if (!left) deadline_.passed("not synchronised", reason);
         if (dm_cache_wait_applied(applied, std::min(left, 100)) == 0) continue;
         size_t enabled = 0, scanned = 0;
         for (const Kind &kind : cached_kinds()) {
@@ -179,37 +168,17 @@ void Session::write(std::vector<Edit> edits) {
 
 void Session::settle(uint32_t applied) {
     if (!started_) return;
-    if (applied && dm_cache_wait_applied(applied, deadline_.left())) {
-        const std::string held = held_back();
-        deadline_.passed("not synchronised again", held.empty() ? without_hold_back() : held);
-    }
+    if (applied && dm_cache_wait_applied(applied, deadline_.left()))
+        deadline_.passed("not synchronised again", waits_for());
     if (!applied && tq_mom_client_drain(reader(), deadline_.left()))
         deadline_.passed("the cache was not told everything", "waited for the store client to deliver");
     catch_up_watch();
 }
 
-std::string held_back() {
-    size_t enabled = 0, waiting = 0;
-    std::string first;
-    bool subscribing = false;
-    for (const Kind &kind : cached_kinds()) {
-        const dm_cache_stats stats = stats_of(kind.row);
-        if (!stats.enabled || stats.held) continue;  // the others go on without one that is held
-        ++enabled;
-        const bool unconfirmed = !stats.subscribed;
-        if (!unconfirmed && (stats.scanned || subscribing)) continue;
-        if (unconfirmed && !subscribing) {
-            waiting = 0;
-            first.clear();
-            subscribing = true;
-        }
-        ++waiting;
-        if (first.empty()) first = "row " + std::to_string(kind.row) + " " + kind.type->name;
-    }
-    if (first.empty()) return "";
-    const std::string others = waiting > 1 ? " and " + std::to_string(waiting - 1) + " others are" : " is";
-    return first + others + (subscribing ? " not subscribed" : " not scanned") + ", which holds back all " +
-           std::to_string(enabled) + " rows";
+std::string waits_for() {
+    std::string reason(static_cast<size_t>(dm_cache_reason(nullptr, 0)), '\0');
+    dm_cache_reason(reason.data(), static_cast<int32_t>(reason.size()) + 1);
+    return reason.c_str();
 }
 
 dm_cache_stats stats_of(int32_t row) {

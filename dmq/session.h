@@ -95,8 +95,8 @@ private:
     bool cut_off_ = false;
 };
 
-// Which row keeps the cache from being complete? Empty: none.
-std::string held_back();
+// What keeps the cache from being complete? Empty: nothing.
+std::string waits_for();
 
 class CacheLock {
 public:

@@ -3,6 +3,7 @@
 #include "query/ndm_port.h"
 
 #include "base/store_message.h"
+#include "cache/events.h"
 #include "cache/status.h"
 #include "tq_dm_cache/dm_port_index.h"
 #include "tq_dm_cache/ndm/card_ports.h"
@@ -96,6 +97,7 @@ bool add_scanned(int32_t type, const ProtobufCMessage *obj, uint64_t since) {
         CacheLock lock;
         result = offer_object(type, obj, since);
     }
+    deliver_soon();
     if (result < 0) status_refused(type);
     return result == DM_CACHE_ADDED;
 }

@@ -14,7 +14,8 @@
 extern "C" {
 #endif
 
-/* Waits until the first full application is done. timeout_ms 0 only asks. -1: not done in time. */
+/* Waits until the first full application is done. timeout_ms 0 only asks. -1: not done in time, and unless it only asked the
+ * reason is logged. */
 DM_API int32_t dm_cache_wait_synced(int32_t timeout_ms);
 
 /* How many full applications have been done: 1 after the first synchronisation, one more after each later one. */
@@ -23,7 +24,14 @@ DM_API uint32_t dm_cache_applied(void);
 /* Waits until more than `than` full applications are done: ask dm_cache_applied() before what causes the next. */
 DM_API int32_t dm_cache_wait_applied(uint32_t than, int32_t timeout_ms);
 
-/* One row since the process began. Callbacks and queries do not count. The record may grow at its end. */
+/*
+ * What does the first application, or the one after a lost connection, wait for? One sentence without a line break, such as
+ * "row 17 p_dev.card_info is subscribed, its scan has not ended for 3.2 s", in up to `len` bytes, its end included; empty when
+ * the cache is live. Its whole length, whatever fits; `buf` may be null with `len` 0. The store client's thread may call it too.
+ */
+DM_API int32_t dm_cache_reason(char *buf, int32_t len);
+
+/* One row since the process began. What queries do does not count. The record may grow at its end. */
 typedef struct dm_cache_stats {
     uint8_t enabled;
     uint8_t subscribed; /* its subscription is confirmed */
@@ -37,6 +45,10 @@ typedef struct dm_cache_stats {
                          memory, never stored, not cached; what queries have read and could not cache; and keys of
                          cached objects that got no memory: a look-up by such a key does not find its object */
     uint32_t last_scan_ms; /* from the request of its last finished scan to the scan's end */
+    uint32_t queued;       /* sets and deletes that wait for the next application */
+    uint32_t callbacks;    /* change callbacks and followers that have run */
+    uint32_t longest_callback_us;
+    uint32_t last_change_ms; /* since a set, a delete or a sweep was last applied; UINT32_MAX: never */
 } dm_cache_stats;
 
 /* Writes the first `size` bytes of a row's counters: give sizeof(dm_cache_stats). -1 also for a type out of range. */

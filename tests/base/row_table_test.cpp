@@ -30,7 +30,7 @@ dm_cache_list_node *walk_for(int32_t row, const Message &object) {
 
 bool remove(int32_t row, const ProtobufCMessage *object) {
     dm::caller_holds_lock();  // there is no other thread
-    return dm::remove_object(row, object) != nullptr;
+    return dm::remove_object(row, object).message != nullptr;
 }
 
 int32_t never_the_same(const ProtobufCMessage *, const ProtobufCMessage *) {

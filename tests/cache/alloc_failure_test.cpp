@@ -3,6 +3,7 @@
 // C++'s new stays apart, so that only the library and protobuf-c are counted. Plain builds only; one thread.
 #include "tests/support/live_cache.h"
 
+#include "tq_dm_cache/dm_cache_follow.h"
 #include "tq_dm_cache/dm_cache_status.h"
 #include "tq_dm_cache/dm_port_index.h"
 #include "tq_dm_cache/p_dev.pb-c.h"
@@ -229,6 +230,18 @@ TEST_F(OutOfMemory, IndexedPorts) {
 
 // A lost push or reply is one object out of date, never a crash, a leak, or a machine that stands still.
 TEST_F(OutOfMemory, MessagesOfTheStore) {
+    static int32_t heard = 0;
+    const auto hear = [](const dm_cache_event *event, void *) { heard += event->after ? !event->before : -1; };
+    const auto follow = [&] {
+        const int32_t code = dm_cache_follow(17, hear, nullptr, 0);
+        platform.fire_timers();
+        return code;
+    };
+    receive(17, SET, one);
+    each_allocation_fails(
+        "follow", {-2}, follow, [&] { heard += dm_cache_unfollow(17, hear, nullptr) - 1; }, [&] { return heard == 1; });
+    follow();
+    receive(17, DELETE, one);
     const Message completion = complete();
     const auto in_cache_or_refused = [&] {
         int32_t all = 0;
@@ -248,7 +261,7 @@ TEST_F(OutOfMemory, MessagesOfTheStore) {
             return receive(17, SET, one);
         },
         [&] { receive(17, DELETE, one); }, [&] { return cached(17) == 1; },
-        [&] { return in_cache_or_refused() == before + 1; });
+        [&] { return in_cache_or_refused() == before + 1 && heard == cached(17); });
     const auto resynchronise = [&] {
         before = in_cache_or_refused();
         receive(1, SET, completion);
@@ -259,9 +272,9 @@ TEST_F(OutOfMemory, MessagesOfTheStore) {
         return g_cache_proc_done - 1;
     };
     each_allocation_fails(
-        "resynchronise", {0}, resynchronise, [&] { remove(7, base), remove(17, one), remove(30, port); },
+        "resynchronise", {0}, resynchronise, [&] { remove(7, base), receive(17, DELETE, one), remove(30, port); },
         [&] { return cached(7) == 1 && cached(17) == 1 && in_trees(30, port); },
-        [&] { return in_cache_or_refused() == before + 3; });
+        [&] { return in_cache_or_refused() == before + 3 && heard == cached(17); });
     resynchronise();
     fail_at(1);
     receive(30, DELETE, port);

@@ -1,6 +1,8 @@
 // Waiting and counting: how a client learns that its picture is complete, and which kind holds it back.
 #include "tests/support/live_cache.h"
+#include "tests/support/log_capture.h"
 
+#include "tq_dm_cache/dm_cache_follow.h"
 #include "tq_dm_cache/dm_cache_status.h"
 
 #include <gtest/gtest.h>
@@ -8,6 +10,7 @@
 #include <chrono>
 #include <cstring>
 #include <future>
+#include <regex>
 
 using Clock = std::chrono::steady_clock;
 
@@ -42,6 +45,55 @@ TEST(Status, WaitsForTheFirstAndForEachLaterApplication) {
     EXPECT_EQ(second.get(), 0);
     EXPECT_EQ(dm_cache_applied(), 2U);
     EXPECT_EQ(dm_cache_wait_synced(0), 0);
+}
+
+// "Not synchronised" alone sends an operator through every process of the switch.
+TEST(Status, SaysWhatItWaitsFor) {
+    const auto reason = [] {
+        char text[256];
+        EXPECT_LT(dm_cache_reason(text, sizeof text), 256);
+        return std::regex_replace(std::string(text), std::regex("[0-9]+\\.[0-9] s"), "T");
+    };
+    EXPECT_EQ(reason(), "dm_cache_init() has not been called, or has failed");
+    start({});
+    EXPECT_EQ(reason(), "no row is enabled");
+    for (const int32_t row : {1, 17, 21}) dm_cache_sub_obj(row, nullptr, 0);
+    EXPECT_EQ(reason(),
+              "row 1 p_dev.dp_lib_complete and 2 others are not subscribed, the first has not been asked for, or was "
+              "refused");
+    platform.become_ready();
+    for (const int32_t row : {1, 21}) receive_value(row, SUBSCRIBED, nullptr);
+    EXPECT_EQ(reason(), "row 17 p_dev.card_info is not subscribed, it has not been confirmed for T");
+    platform.answers = {{"scan 3", -3}};
+    receive_value(17, SUBSCRIBED, nullptr);
+    EXPECT_EQ(reason(), "row 1 p_dev.dp_lib_complete is subscribed, its scan has not ended for T (and 2 more rows)");
+    LogCapture log(2);
+    EXPECT_EQ(dm_cache_wait_synced(0) + dm_cache_wait_synced(1), -2);
+    EXPECT_NE(log.take().find("dm_cache_wait_synced>not synchronised: row 1 "), std::string::npos);
+    receive_end(1);
+    receive_end(17);
+    EXPECT_EQ(reason(), "row 21 p_dev.vsl_port_info is subscribed, its scan has not begun or was refused");
+    receive(21, SUBSCRIBED, complete());
+    static std::string within;
+    dm_cache_follow(
+        17,
+        [](const dm_cache_event *, void *told) {
+            if (within.empty()) within = (*static_cast<decltype(reason) *>(told))();
+        },
+        const_cast<void *>(static_cast<const void *>(&reason)), 0);
+    for (int32_t n = 0; n < 1000; ++n) receive(17, REPLY, card(1, n, 0));
+    EXPECT_EQ(stats_of(17).queued, 1000U);
+    for (const int32_t row : {1, 17, 21}) receive_end(row);
+    EXPECT_EQ(within, "all 3 rows are scanned, 1 of 1,000 objects applied");
+    EXPECT_EQ(reason(), "");
+    EXPECT_EQ(stats_of(17).queued, 0U);
+    EXPECT_EQ(stats_of(17).callbacks, 1000U);
+    EXPECT_LT(stats_of(17).last_change_ms, 20000U);
+    EXPECT_EQ(stats_of(1).last_change_ms, UINT32_MAX);
+    platform.lose_connection(1, 1);
+    char cut[4];
+    EXPECT_GT(dm_cache_reason(cut, sizeof cut), 90);
+    EXPECT_STREQ(cut, "row");
 }
 
 // One row that is never confirmed or scanned stops all others: the counters must name it.

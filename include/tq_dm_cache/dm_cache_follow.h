@@ -1,0 +1,78 @@
+#ifndef TQ_DM_CACHE_FOLLOW_H
+#define TQ_DM_CACHE_FOLLOW_H
+
+/*
+ * Followers: what happens to the objects of a row, with the object before and after, in the order in which it happens. They
+ * stand beside the change callbacks of dm_cache_sub_obj() and hear what those do not: what is there already, what a
+ * resynchronisation sweeps, what the client itself and its queries put into the cache.
+ *
+ * Unless a function says otherwise: any thread may call it, from within a callback too, and before or after dm_cache_init();
+ * it takes the cache lock for a moment.
+ */
+
+#include "dm_cache.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum {
+    DM_CACHE_EVENT_ADDED,    /* the numbers of the change callback */
+    DM_CACHE_EVENT_REPLACED, /* set again with other content */
+    DM_CACHE_EVENT_DELETED,
+    DM_CACHE_EVENT_SWEPT,     /* gone: a scan did not return it any more */
+    DM_CACHE_EVENT_UNCHANGED, /* set again as it was; only for who asked for it, and not without memory */
+    DM_CACHE_EVENT_APPLIED    /* a full application has ended: type -1, no object */
+};
+
+enum {
+    DM_CACHE_PHASE_FIRST, /* the row's first picture: what is there, and what comes until its first scan is applied */
+    DM_CACHE_PHASE_LIVE,  /* a change */
+    DM_CACHE_PHASE_RESYNC /* what a later application finds different */
+};
+
+enum {
+    DM_CACHE_FOLLOW_UNCHANGED = 1, /* tell of objects that are set again as they were */
+    DM_CACHE_FOLLOW_FROM_NOW = 2   /* do not begin with what is there */
+};
+
+/* May grow at its end. The messages are good during the call, and not the callback's to change. */
+typedef struct dm_cache_event {
+    int32_t type;                   /* row number; -1 for DM_CACHE_EVENT_APPLIED */
+    int32_t what;                   /* DM_CACHE_EVENT_.. */
+    int32_t phase;                  /* DM_CACHE_PHASE_.. */
+    const ProtobufCMessage *before; /* null when added */
+    const ProtobufCMessage *after;  /* null when deleted or swept */
+} dm_cache_event;
+
+/*
+ * Runs on the store client's thread (of a platform whose timers have a thread of their own, there too, but never on both at a
+ * time), without the cache lock and after the change callbacks. The cache may have changed again meanwhile: the events to
+ * come say so. It holds up all callbacks of the process until it returns.
+ */
+typedef void (*dm_cache_follow_cb)(const dm_cache_event *event, void *word);
+
+/*
+ * Follows a row, or the ends of full applications (type -1). A row that nobody has enabled is: after the start it is
+ * subscribed and scanned at once and filled as its objects arrive, and the other rows do not wait for it. The follower is
+ * first told of every object that is there, as added, unless FROM_NOW; then of every change of every object: in order, none
+ * left out, none twice. A pair of callback and word that follows the row already goes on with the new flags. `flags`: any of
+ * DM_CACHE_FOLLOW_.. -1: a null callback, a row that holds no kind; -2: no memory, and nothing has changed. A subscription that
+ * the store refuses is no failure: it is logged, and asked for again when the connection has been lost and is back.
+ * Not told: a start that begins again (what was cached is dropped, and comes again as added), and what a client changes in a
+ * row's list by dm_list.h.
+ */
+DM_API int32_t dm_cache_follow(int32_t type, dm_cache_follow_cb callback, void *word, uint32_t flags);
+
+/*
+ * Ends that. When it returns the callback does not run any more; called from within that very callback, it has run for the
+ * last time. Never call it with the cache lock held, or holding what the callback waits for. The row stays enabled. -1: the
+ * pair does not follow the row.
+ */
+DM_API int32_t dm_cache_unfollow(int32_t type, dm_cache_follow_cb callback, void *word);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
