@@ -16,6 +16,7 @@ inline bool list_empty(const dm_list_head *head) {
 void dm_list_add_tail_no_limit(dm_list_head *link, dm_list_head *head, uint32_t *count);
 void list_unlink(dm_list_head *link);
 
+// With its message and key record. The element is in no list.
 struct FreeNode {
     void operator()(dm_cache_list_node *node) const { dm_cache_list_free(node); }
 };

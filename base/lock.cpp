@@ -36,6 +36,7 @@ struct Self {
     bool counted;   // a reader that waited, by who woke it
 };
 
+// Threads that wait, in the order in which they came. Under the queues' mutex.
 struct Queue {
     Self *first, *last;
 
@@ -51,6 +52,7 @@ struct Queue {
     }
 };
 
+// A cache line of its own for each group of reading threads.
 struct alignas(64) Readers {
     uint32_t count;
 };

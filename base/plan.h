@@ -35,6 +35,7 @@ struct Step {
     Part part;
 };
 
+// How one kind is copied and compared: constant once made.
 struct Plan {
     const ProtobufCMessageDescriptor *descriptor;
     const Step *plain;    // where the bytes are all there is to it

@@ -6,6 +6,7 @@
 
 namespace dm {
 
+// 16 bytes on 64-bit machines: four to a cache line.
 struct Slot {
     uint64_t tag;
     dm_cache_list_node *node;  // null: free
@@ -43,6 +44,7 @@ constexpr unsigned most_at_place = 256;
 dm_cache_list lists[DM_ROW_COUNT];
 RowTable tables[DM_ROW_COUNT];
 
+// A key as look-ups compare it: first the tag, then, where that is cut or hashed, the words.
 struct Key {
     uint64_t tag;
     int32_t words[max_key_words];

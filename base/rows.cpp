@@ -31,6 +31,7 @@ template <class T> T template_of;
 template <class T> using KeyOf = std::remove_pointer_t<decltype(T::index)>;
 template <class T> KeyOf<T> template_key_of;
 
+// What a line of the table says beside kind and key.
 struct Traits {
     int32_t proc_order;
     uint32_t db = 1;

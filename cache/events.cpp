@@ -16,6 +16,7 @@ namespace dm {
 
 namespace {
 
+// Lives in its row's list; while its callback runs it stays there, even if it has left.
 struct Follower {
     Follower *next;
     dm_cache_follow_cb callback;

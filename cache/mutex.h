@@ -5,6 +5,7 @@
 
 namespace dm {
 
+// Takes the mutex, and gives it back at the end of the scope.
 class Held {
 public:
     explicit Held(pthread_mutex_t &mutex) : mutex_(mutex) { pthread_mutex_lock(&mutex_); }

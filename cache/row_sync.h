@@ -7,6 +7,7 @@
 
 namespace dm {
 
+// One row's progress. It is right at any moment word by word, not as a whole.
 struct RowSync {
     uint8_t followed;   // the store has taken the subscription that brings pushes
     uint8_t confirmed;  // and said so

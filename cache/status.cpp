@@ -24,6 +24,7 @@ static constexpr dm::LogTag log_tag{"dm_cache"};
 namespace dm {
 namespace {
 
+// Counters of one row since the process began: they only grow, but for what is cached now.
 struct RowStatus {
     uint32_t objects, sets, deletes, swept, refused;
     uint32_t callbacks, longest_callback_us;

@@ -63,6 +63,7 @@ template <class Result, class... Arguments> Callable call_of(Result (*function)(
     return made;
 }
 
+// One public query, with what its header says of it.
 struct Query {
     std::string_view name;
     std::string_view header;

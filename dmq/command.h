@@ -10,6 +10,7 @@ namespace dmq {
 
 class Context;
 
+// Words and options, read and verified; nothing has been asked of a store yet.
 struct Command {
     Exit (*run)(Context &, const Command &) = nullptr;
     Settings settings;

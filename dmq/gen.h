@@ -5,6 +5,7 @@
 
 namespace dmq {
 
+// What is asked for; make_topology() refuses what the identifiers cannot carry.
 struct GenOptions {
     int devices = 2;
     int boards = 2;    // main boards of a chassis

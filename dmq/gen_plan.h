@@ -25,6 +25,7 @@ enum {
 
 enum { port_limit = 10000, subcard_ports = 4, ports_per_chip = 32, vsl_ports = 2 };
 
+// One port as a card type has it; every card of the type has the same.
 struct GenPort {
     int lport;      // unique within the card, sub-cards included
     int user_port;  // as printed on the panel
@@ -38,6 +39,7 @@ struct GenPort {
     bool vsl;  // can carry a virtual switching link
 };
 
+// Cards of a type share chips, sub-slots and ports, as in a real catalogue.
 struct GenCardType {
     int type;
     const char *name;
@@ -47,6 +49,7 @@ struct GenCardType {
     std::vector<GenPort> ports;
 };
 
+// A card in its slot.
 struct GenCard {
     int dev;
     int slot;  // physical
@@ -55,6 +58,7 @@ struct GenCard {
     const GenCardType *type;
 };
 
+// All that is to be written down.
 struct GenPlan {
     GenOptions options;
     std::vector<GenCardType> types;

@@ -13,6 +13,7 @@
 
 namespace dmq {
 
+// Options that every command has.
 struct Settings {
     std::string store;  // empty: not named, which is mem:
     std::vector<std::string> load;
@@ -37,6 +38,7 @@ struct Edit {
     const ProtobufCMessage &object() const { return after ? *after : *before; }
 };
 
+// One a process, since the cache is the process's. Every wait ends with the deadline of the command at hand.
 class Session {
 public:
     // Opens the store, and puts the topologies of --load into it once all of them are verified: the time of the first
@@ -98,6 +100,7 @@ private:
 // What keeps the cache from being complete? Empty: nothing.
 std::string waits_for();
 
+// For what borrows cached messages.
 class CacheLock {
 public:
     CacheLock() { dm_cache_lock(); }

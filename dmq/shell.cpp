@@ -35,6 +35,7 @@ std::vector<std::string> split(const std::string &line) {
     return words;
 }
 
+// What lasts from one line of a shell to the next.
 struct Shell {
     Context &context;
     Settings settings;

@@ -21,6 +21,7 @@ using Event = Json::parse_event_t;
 // The levels at which the parser reports: the array itself is 0, its entries are 1.
 enum { level_file = 0, level_entry = 1 };
 
+// Reads entry by entry while the parser runs: a file of any size holds one entry as JSON at a time.
 class Reader {
 public:
     explicit Reader(std::string file) : file_(std::move(file)) {}

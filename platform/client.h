@@ -18,12 +18,14 @@
 
 namespace tq {
 
+// Whom to call. Two subscriptions with the same listener are one.
 struct Listener {
     tq_mom_msg_cb callback;
     void *privdata;
     bool operator==(const Listener &) const = default;
 };
 
+// A field of one object, and whom a change of it is told.
 struct FollowedField {
     uint32_t number;
     Listener listener;
@@ -38,6 +40,8 @@ struct Request {
     std::vector<FollowedField> fields = {};  // empty: whole objects are followed
 };
 
+// Public functions run on any thread; what the store tells is posted to the loop, which alone calls back. An event that was
+// posted before the connection was lost is of an earlier epoch and is dropped, since the scan that follows brings newer.
 class Client final : private Sink {
 public:
     // Null, after a line on standard error: see `error`.

@@ -17,6 +17,7 @@ namespace tq {
 
 namespace {
 
+// A client that follows the place, once for each of its subscriptions.
 struct Follower {
     MemClient *client;
     Ticket ticket;
@@ -31,6 +32,7 @@ struct Content {
 
 }  // namespace
 
+// Told under its lock: so every client hears of changes in the order in which they were made.
 class MemStore {
 public:
     mutable std::mutex mutex;

@@ -34,6 +34,7 @@ struct Target {
 // A message of the kind with this key and nothing else.
 Message key_only(const ProtobufCMessageDescriptor &kind, const std::string &key);
 
+// A message, or as much of one as could be made.
 struct Decoded {
     Message message;
     int32_t error;

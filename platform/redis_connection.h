@@ -43,6 +43,8 @@ std::string formatted(const Words &command);
 // What presents the credentials; empty when there are none.
 std::string auth_command(const Credentials &credentials);
 
+// One thread at a time, but for shut(), by which another ends a wait. After a failure nothing that follows is believed:
+// whoever owns the connection closes it.
 class RedisConnection {
 public:
     // What was wrong is told by fault(), here and below. A connection that does not block may still be on its way; one that

@@ -41,6 +41,7 @@ public:
     virtual void lost() = 0;
 };
 
+// Tells its owner of all that happens on the connection, on the loop's thread.
 class RedisFeed {
 public:
     RedisFeed(const RedisUrl &url, Loop &loop, FeedOwner &owner);

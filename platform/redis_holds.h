@@ -37,6 +37,7 @@ struct Hold {
     std::vector<Confirmation> confirmations = {};
 };
 
+// A place is held for everybody who wants it at once, and asked for once.
 class RedisHolds {
 public:
     explicit RedisHolds(const std::string &store) : store_(store) {}

@@ -7,6 +7,7 @@
 
 namespace tq {
 
+// As the server tells it; an id that it does not know is empty.
 struct Identity {
     std::string role, mode, run_id, replication_id, former_replication_id, content_id;
 };

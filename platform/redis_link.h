@@ -14,6 +14,8 @@
 
 namespace tq {
 
+// Any thread may call; calls take turns. What has been sent and not been answered is counted (Owed), so that an answer is never
+// taken for another request's; whoever loses count loses the connection.
 class RedisLink {
 public:
     explicit RedisLink(const RedisUrl &url) : url_(url) {}

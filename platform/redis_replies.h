@@ -12,6 +12,7 @@
 
 namespace tq {
 
+// Hooks of one connection's reader. `kept_` only grows: a reply of the usual shape allocates nothing.
 class RedisReplies {
 public:
     // From now on the reader's replies are in bounds; with `kept` they are these: each is good until the next one is begun.

@@ -27,6 +27,7 @@
 
 namespace tq {
 
+// Joins the feed, which says what changes and in which order, with the link, on which scans and calls are answered.
 class RedisStore final : public Store, private FeedOwner {
 public:
     // Connects. Null, after one line on standard error, and the loop has been stopped: see `error`.

@@ -8,6 +8,7 @@
 
 namespace tq {
 
+// Where to connect.
 struct Address {
     std::string socket;  // the path of a unix socket; empty: TCP
     std::string host;
@@ -15,6 +16,7 @@ struct Address {
     bool operator==(const Address &) const = default;
 };
 
+// Both empty: nothing is presented.
 struct Credentials {
     std::string user;  // is shown; a password is to nobody
     std::string password;

@@ -32,6 +32,7 @@ std::string channel_of(const Place &place, const std::string &key);
 std::string random_id();
 std::string new_private_channel();
 
+// What one push on a channel says.
 struct Frame {
     char letter = 0;
     std::vector<std::string_view> strings;

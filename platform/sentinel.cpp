@@ -21,6 +21,7 @@ constexpr milliseconds most_patience(100);  // with one that is silent, before t
 constexpr size_t longest_saying = 80;
 constexpr int most_reads = 16;  // of what takes one
 
+// One that is being asked; `said` once it has answered or failed.
 struct Sentinel {
     RedisConnection connection;
     int reads = 0;

@@ -38,6 +38,7 @@ struct Place {
     auto operator<=>(const Place &) const = default;
 };
 
+// One of many objects to be written in order.
 struct Write {
     Place place;
     Object object;
@@ -47,6 +48,7 @@ struct Write {
 struct Request;
 using Ticket = std::shared_ptr<Request>;
 
+// From here on every change of the followed place is told.
 struct Confirmed {
     Ticket ticket;
 };
@@ -64,6 +66,7 @@ struct Changed {
     ObjectPtr after;   // null: it was deleted
 };
 
+// Objects of a scan, none older than a change that was told before.
 struct Page {
     Ticket ticket;
     std::vector<ObjectPtr> objects;
@@ -72,6 +75,7 @@ struct Page {
 
 using Event = std::variant<Confirmed, Held, Changed, Page>;
 
+// Hears from a store, on the store's threads: it must not call the store back, nor wait.
 class Sink {
 public:
     virtual ~Sink() = default;
@@ -81,6 +85,7 @@ public:
     virtual void connected(int32_t reason, std::vector<Ticket> owed) = 0;
 };
 
+// One client's connection; the promises are those above.
 class Store {
 public:
     virtual ~Store() = default;

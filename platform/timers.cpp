@@ -14,6 +14,7 @@ namespace tq {
 
 namespace {
 
+// Where an armed timer stands: by loop, then by time.
 struct Slot {
     Loop *loop;
     Clock::time_point when;
@@ -21,11 +22,13 @@ struct Slot {
     auto operator<=>(const Slot &) const = default;
 };
 
+// What the table knows of a timer, whatever its record says by now.
 struct Armed {
     Due due;
     int32_t arg;
 };
 
+// Both maps hold the same timers. The caller holds the mutex.
 struct Table {
     std::mutex mutex;
     uint64_t armed_so_far = 0;

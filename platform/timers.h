@@ -7,6 +7,7 @@
 
 namespace tq {
 
+// A timer that has been disarmed and is to run.
 struct Due {
     tq_thread_timer *timer;
     int32_t (*handler)(tq_thread_timer *);

@@ -8,6 +8,7 @@
 
 namespace tq {
 
+// Silent after a few lines a minute, however often the reason changes: a log must not fill a disk.
 class Trouble {
 public:
     explicit Trouble(const std::string &store) : store_(store) {}

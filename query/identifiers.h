@@ -20,12 +20,14 @@ constexpr uint32_t phy_fields(uint32_t id) {
 constexpr uint32_t no_node = 0xFFFFFFFF;
 constexpr int32_t main_board_slot = 30;
 
+// What the number of a card names. `sslot` 0 is the card itself.
 struct Card {
     int32_t devid;
     int32_t slot;
     int32_t sslot;
 };
 
+// What the number of a port names.
 struct Port {
     int32_t devid;
     int32_t slot;
