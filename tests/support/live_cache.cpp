@@ -7,14 +7,8 @@ Strings changes;
 
 int32_t note_change(tq_mom_handle *, int32_t type, int32_t operation, ProtobufCMessage *message) {
     static constexpr const char *names[] = {" added", " replaced", " deleted"};
-    std::string line = std::to_string(type) + names[operation];
-    const ProtobufCMessage *key = key_of(message);
-    for (unsigned i = 0; key && i < key->descriptor->n_fields; ++i) {
-        const auto *field = reinterpret_cast<const char *>(key) + key->descriptor->fields[i].offset;
-        line += i ? '.' : ' ';
-        line += std::to_string(*reinterpret_cast<const int32_t *>(field));
-    }
-    changes.push_back(line);
+    const std::string key = key_text(message);
+    changes.push_back(std::to_string(type) + names[operation] + (key.empty() ? "" : ' ' + key));
     return -1;
 }
 

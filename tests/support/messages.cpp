@@ -1,7 +1,7 @@
 // Messages for tests. Fields are found through the descriptors, so every kind is made by the same code.
 #include "tests/support/messages.h"
 
-#include "tq_dm_cache/dm_schema.h"
+#include "dmq/failure.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -14,108 +14,110 @@ namespace {
     std::abort();
 }
 
-ProtobufCMessage *make(const ProtobufCMessageDescriptor *kind) {
-    auto *message = static_cast<ProtobufCMessage *>(std::calloc(1, kind->sizeof_message));
-    protobuf_c_message_init(kind, message);
-    return message;
+bool is_text(const ProtobufCFieldDescriptor &field) {
+    return field.type == PROTOBUF_C_TYPE_STRING || field.type == PROTOBUF_C_TYPE_BYTES;
 }
 
-template <class T> T &member(ProtobufCMessage *message, const ProtobufCFieldDescriptor &field) {
-    return *reinterpret_cast<T *>(reinterpret_cast<char *>(message) + field.offset);
+const ProtobufCMessageDescriptor &kind_named(std::string_view name) {
+    const auto *kind = dm_schema_find_message(std::string(name).c_str());
+    return kind ? *kind : (wrong("kind", name), *kind);
 }
 
+// The message that a field lies in, and the field.
 struct Place {
-    ProtobufCMessage *message;
-    const ProtobufCFieldDescriptor *field;
+    ProtobufCMessage &message;
+    const ProtobufCFieldDescriptor &field;
 };
 
-Place find(ProtobufCMessage *message, std::string_view path) {
-    for (;;) {
-        const size_t dot = path.find('.');
-        const std::string name(path.substr(0, dot));
-        const auto *field = protobuf_c_message_descriptor_get_field_by_name(message->descriptor, name.c_str());
-        if (!field || field->label == PROTOBUF_C_LABEL_REPEATED) wrong("field", path);
-        if (dot == std::string_view::npos) return {message, field};
-        auto *&inner = member<ProtobufCMessage *>(message, *field);
-        if (!inner) inner = make(static_cast<const ProtobufCMessageDescriptor *>(field->descriptor));
-        message = inner;
-        path.remove_prefix(dot + 1);
+Place find(ProtobufCMessage &message, std::string_view path) {
+    const size_t dot = path.find('.');
+    const auto *field = dmq::find_field(*message.descriptor, std::string(path.substr(0, dot)));
+    if (!field || field->label == PROTOBUF_C_LABEL_REPEATED) wrong("field", path);
+    if (dot == std::string_view::npos) return {message, *field};
+    auto *&inner = dmq::at<ProtobufCMessage *>(message, field->offset);
+    if (!inner) inner = dmq::new_message(*dmq::sub_type(*field)).release();
+    return find(*inner, path.substr(dot + 1));
+}
+
+// An object of a kind with a key: its fields in their order, but for the one that is never compared.
+Message keyed(std::string_view kind, std::initializer_list<int32_t> key) {
+    Message object(kind);
+    const auto *next = key.begin();
+    for (const auto &field : dmq::fields_of(*dmq::sub_type(*dmq::key_field(kind_named(kind))))) {
+        if (!dmq::is_never_compared(field.name) && next != key.end())
+            std::move(object).set("index." + std::string(field.name), *next++);
     }
+    return object;
 }
 
 // The two kinds of ports that carry their place beside their key.
-Message port(const char *kind, int32_t dev, int32_t slot, int32_t place, int32_t type, int32_t ifx) {
-    return {kind,
-            {{"index.t_dev", dev},
-             {"index.t_slot", slot},
-             {"index.t_port", place},
-             {"index.t_type", type},
-             {"dev", dev},
-             {"slot", slot},
-             {"physlot", slot},
-             {"ifx", ifx}}};
+Message at_place(Message port, int32_t dev, int32_t slot, int32_t ifx) {
+    return std::move(port).set("dev", dev).set("slot", slot).set("physlot", slot).set("ifx", ifx);
+}
+
+void put_varint(std::string &bytes, size_t value) {
+    for (; value > 127; value >>= 7) bytes += static_cast<char>(value | 128);
+    bytes += static_cast<char>(value);
+}
+
+std::string content(const ProtobufCMessageDescriptor &kind, int32_t number, const Choose &choose) {
+    std::string bytes;
+    for (const ProtobufCFieldDescriptor &field : dmq::fields_of(kind)) {
+        const bool is_message = field.type == PROTOBUF_C_TYPE_MESSAGE, is_bool = field.type == PROTOBUF_C_TYPE_BOOL;
+        const bool with_length = is_message || is_text(field);
+        const int32_t count = field.label != PROTOBUF_C_LABEL_REPEATED ? 1 : is_message ? 2 : 4;
+        for (int32_t i = number; i < number + count; ++i) {
+            const std::optional<int32_t> chosen = choose(field, i);
+            if (!chosen) continue;
+            const std::string part =
+                is_message ? content(*static_cast<const ProtobufCMessageDescriptor *>(field.descriptor), *chosen, choose)
+                           : std::string(*chosen ? 6 : 0, static_cast<char>('@' + *chosen % 32));
+            put_varint(bytes, field.id << 3 | (with_length ? 2 : 0));
+            put_varint(bytes, with_length ? part.size() : static_cast<size_t>(is_bool ? *chosen % 2 : *chosen));
+            if (with_length) bytes += part;
+        }
+    }
+    return bytes;
 }
 
 }  // namespace
 
-Message::Message(std::string_view kind, std::initializer_list<Field> fields) {
-    const auto *descriptor = dm_schema_find_message(std::string(kind).c_str());
-    if (!descriptor) wrong("kind", kind);
-    held_.reset(make(descriptor));
+void dmq::out_of_memory() noexcept {
+    std::abort();
+}
+
+Message::Message(std::string_view kind, std::initializer_list<Field> fields)
+    : held_(dmq::new_message(kind_named(kind))) {
     for (const auto &[path, value] : fields) std::move(*this).set(path, value);
 }
 
-Message Message::copy(const ProtobufCMessage *from) {
-    return unpack(from->descriptor, packed(from));
-}
-
-Message Message::unpack(const ProtobufCMessageDescriptor *kind, const std::string &packed) {
-    return Message(
-        protobuf_c_message_unpack(kind, nullptr, packed.size(), reinterpret_cast<const uint8_t *>(packed.data())));
-}
-
 Message &&Message::set(std::string_view path, int64_t value) && {
-    const auto [message, field] = find(held_.get(), path);
-    switch (field->type) {
-        case PROTOBUF_C_TYPE_BOOL:
-            member<protobuf_c_boolean>(message, *field) = value != 0;
-            break;
-        case PROTOBUF_C_TYPE_INT32:
-        case PROTOBUF_C_TYPE_UINT32:
-        case PROTOBUF_C_TYPE_ENUM:
-            member<uint32_t>(message, *field) = static_cast<uint32_t>(value);
-            break;
-        case PROTOBUF_C_TYPE_INT64:
-        case PROTOBUF_C_TYPE_UINT64:
-            member<int64_t>(message, *field) = value;
-            break;
-        default:
-            wrong("number", path);
-    }
+    const auto [message, field] = find(*held_, path);
+    if (is_text(field) || field.type == PROTOBUF_C_TYPE_MESSAGE) wrong("number", path);
+    const bool wide = dmq::size_of(field.type) == sizeof value;
+    wide ? dmq::at<int64_t>(message, field.offset) = value
+         : dmq::at<int32_t>(message, field.offset) = static_cast<int32_t>(value);
     return std::move(*this);
 }
 
 Message &&Message::set(std::string_view path, std::string_view text) && {
-    const auto [message, field] = find(held_.get(), path);
-    if (field->type == PROTOBUF_C_TYPE_STRING) {
-        auto *&string = member<char *>(message, *field);
+    const auto [message, field] = find(*held_, path);
+    if (!is_text(field)) wrong("text", path);
+    if (field.type == PROTOBUF_C_TYPE_STRING) {
+        auto *&string = dmq::at<char *>(message, field.offset);
         if (string != protobuf_c_empty_string) std::free(string);
         string = strndup(text.data(), text.size());
-    } else if (field->type == PROTOBUF_C_TYPE_BYTES) {
-        auto &bytes = member<ProtobufCBinaryData>(message, *field);
-        std::free(bytes.data);
-        bytes = {text.size(), static_cast<uint8_t *>(std::malloc(text.size() + 1))};
-        std::memcpy(bytes.data, text.data(), text.size());
     } else {
-        wrong("text", path);
+        auto &bytes = dmq::at<ProtobufCBinaryData>(message, field.offset);
+        std::free(bytes.data);
+        bytes = {text.size(), static_cast<uint8_t *>(dmq::allocate(text.size()))};
+        std::memcpy(bytes.data, text.data(), text.size());
     }
     return std::move(*this);
 }
 
 std::string packed(const ProtobufCMessage *message) {
-    std::string bytes(protobuf_c_message_get_packed_size(message), '\0');
-    protobuf_c_message_pack(message, reinterpret_cast<uint8_t *>(bytes.data()));
-    return bytes;
+    return dmq::pack(*message);
 }
 
 bool equal(const ProtobufCMessage *a, const ProtobufCMessage *b) {
@@ -123,17 +125,31 @@ bool equal(const ProtobufCMessage *a, const ProtobufCMessage *b) {
 }
 
 ProtobufCMessage *key_of(const ProtobufCMessage *message) {
-    const auto *field = protobuf_c_message_descriptor_get_field_by_name(message->descriptor, "index");
-    return field ? member<ProtobufCMessage *>(const_cast<ProtobufCMessage *>(message), *field) : nullptr;
+    return const_cast<ProtobufCMessage *>(dmq::key_of(*message));
+}
+
+std::string key_bytes(const ProtobufCMessage *message) {
+    return dmq::packed_key(*message);
+}
+
+std::string key_text(const ProtobufCMessage *message) {
+    std::string text;
+    const ProtobufCMessage *key = key_of(message);
+    if (!key) return text;
+    for (const auto &field : dmq::fields_of(*key->descriptor))
+        text += (text.empty() ? "" : ".") + std::to_string(dmq::at<int32_t>(*key, field.offset));
+    return text;
 }
 
 Message key_only(const ProtobufCMessage *message) {
-    Message bare(message->descriptor->name);
-    if (const ProtobufCMessage *key = key_of(message)) {
-        const auto *field = protobuf_c_message_descriptor_get_field_by_name(message->descriptor, "index");
-        member<ProtobufCMessage *>(bare.get(), *field) = Message::copy(key).release();
-    }
-    return bare;
+    dmq::Message bare = dmq::new_message(*message->descriptor);
+    if (const ProtobufCMessage *key = key_of(message))
+        dmq::at<ProtobufCMessage *>(*bare, dmq::key_field(*message->descriptor)->offset) = dmq::copy(*key).release();
+    return Message(std::move(bare));
+}
+
+Message filled(const ProtobufCMessageDescriptor &kind, int32_t number, const Choose &choose) {
+    return Message::unpack(&kind, content(kind, number, choose));
 }
 
 Message complete() {
@@ -141,29 +157,24 @@ Message complete() {
 }
 
 Message card(int32_t devid, int32_t slot, int32_t sslot) {
-    return {"p_dev.card_info", {{"index.devid", devid}, {"index.slotid", slot}, {"index.sslotid", sslot}}};
+    return keyed("p_dev.card_info", {devid, slot, sslot});
 }
 
 Message static_port(int32_t dev, int32_t slot, int32_t port, int32_t type) {
-    return {"p_dev.port_static",
-            {{"index.t_dev", dev},
-             {"index.t_slot", slot},
-             {"index.t_port", port},
-             {"index.t_type", type},
-             {"static_info.type", type},
-             {"static_info.port", port},
-             {"static_info.lport", port},
-             {"static_info.user_port", port}}};
+    Message made = keyed("p_dev.port_static", {dev, slot, port, type}).set("static_info.type", type);
+    for (const char *name : {"port", "lport", "user_port"})
+        std::move(made).set("static_info." + std::string(name), port);
+    return made;
 }
 
 Message local_port(int32_t unit, int32_t cport, int32_t lport) {
-    return {"p_dev.unit_cport_info", {{"index.unit", unit}, {"index.cport", cport}, {"static_info.lport", lport}}};
+    return keyed("p_dev.unit_cport_info", {unit, cport}).set("static_info.lport", lport);
 }
 
-Message global_port(int32_t vsdid, int32_t dev, int32_t slot, int32_t place, int32_t type, int32_t ifx) {
-    return port("p_dev.vsd_port", dev, slot, place, type, ifx).set("index.t_vsdid", vsdid);
+Message global_port(int32_t vsdid, int32_t dev, int32_t slot, int32_t port, int32_t type, int32_t ifx) {
+    return at_place(keyed("p_dev.vsd_port", {vsdid, dev, slot, port, type}), dev, slot, ifx);
 }
 
-Message vsd_port(int32_t dev, int32_t slot, int32_t place, int32_t type, int32_t ifx) {
-    return port("p_dev.vsd_port_attr", dev, slot, place, type, ifx);
+Message vsd_port(int32_t dev, int32_t slot, int32_t port, int32_t type, int32_t ifx) {
+    return at_place(keyed("p_dev.vsd_port_attr", {dev, slot, port, type}), dev, slot, ifx);
 }

@@ -4,11 +4,11 @@
 // Messages for tests: make one by the name of its kind, set fields by name, give it to the store or to the cache. Knows
 // the schema only; takes no lock.
 
-#include <protobuf-c/protobuf-c.h>
+#include "dmq/message.h"
 
-#include <cstdint>
+#include <functional>
 #include <initializer_list>
-#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -22,9 +22,12 @@ public:
     Message() = default;
     Message(std::string_view kind, std::initializer_list<Field> fields = {});
     explicit Message(ProtobufCMessage *owned) : held_(owned) {}
+    explicit Message(dmq::Message owned) : held_(std::move(owned)) {}
 
-    static Message copy(const ProtobufCMessage *from);
-    static Message unpack(const ProtobufCMessageDescriptor *kind, const std::string &packed);
+    static Message copy(const ProtobufCMessage *from) { return Message(dmq::copy(*from)); }
+    static Message unpack(const ProtobufCMessageDescriptor *kind, const std::string &packed) {
+        return Message(dmq::unpack(*kind, packed));
+    }
 
     Message &&set(std::string_view path, int64_t value) &&;
     Message &&set(std::string_view path, std::string_view text) &&;  // a string or bytes
@@ -34,20 +37,25 @@ public:
     template <class T> T *as() const { return reinterpret_cast<T *>(held_.get()); }
 
 private:
-    struct Free {
-        void operator()(ProtobufCMessage *message) const { protobuf_c_message_free_unpacked(message, nullptr); }
-    };
-    std::unique_ptr<ProtobufCMessage, Free> held_;
+    dmq::Message held_;
 };
 
 std::string packed(const ProtobufCMessage *message);
 bool equal(const ProtobufCMessage *a, const ProtobufCMessage *b);
 
-// The message in field `index`; null when the kind has none or it is not set.
+// The key message of an object; null when the kind has none or it is not set.
 ProtobufCMessage *key_of(const ProtobufCMessage *message);
+std::string key_bytes(const ProtobufCMessage *message);  // packed; empty without key
+std::string key_text(const ProtobufCMessage *message);   // "1.3.0": the fields in the order of their numbers
 
 // What a delete carries: a message of the kind with nothing but the key.
 Message key_only(const ProtobufCMessage *message);
+
+// A message whose fields, those of inner messages included, hold what `choose` says of each: a number, its last bit or a
+// text made of it; or nothing. Element i of a repeated field of a message that was chosen as n is asked with n + i, any other
+// field with n.
+using Choose = std::function<std::optional<int32_t>(const ProtobufCFieldDescriptor &field, int32_t number)>;
+Message filled(const ProtobufCMessageDescriptor &kind, int32_t number, const Choose &choose);
 
 // What tests need most. Further fields by set().
 Message complete();

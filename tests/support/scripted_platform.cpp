@@ -189,13 +189,9 @@ int32_t tq_mom_subscribe(tq_mom_handle *, uint32_t db, const ProtobufCMessage *t
                          void *privdata) {
     const int32_t answer = call(text("subscribe", db, tmpl));
     if (answer != 0) return answer;
-    for (Request &each : platform.subscriptions) {
-        if (each.db != db || each.kind != tmpl->descriptor || each.callback != callback || each.privdata != privdata)
-            continue;
-        each.confirmed = each.sent = false;
-        return 0;
-    }
-    platform.subscriptions.push_back({db, tmpl->descriptor, callback, privdata});
+    const Request asked{db, tmpl->descriptor, callback, privdata};
+    const auto same = std::ranges::find_if(platform.subscriptions, [&](const Request &each) { return each.is(asked); });
+    same == platform.subscriptions.end() ? platform.subscriptions.push_back(asked) : void(*same = asked);
     return 0;
 }
 

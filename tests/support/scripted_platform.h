@@ -25,6 +25,10 @@ struct Request {
     bool confirmed = false;  // subscriptions only
     bool sent = false;       // for a test that models the way to the store
     uint32_t field = 0;      // subscriptions to a field only
+
+    bool is(const Request &other) const {
+        return db == other.db && kind == other.kind && callback == other.callback && privdata == other.privdata;
+    }
 };
 
 struct Connection {

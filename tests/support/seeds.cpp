@@ -1,9 +1,11 @@
-// Runs seeds in processes of their own. One thread.
+// Runs seeds in processes of their own.
 #include "tests/support/seeds.h"
 
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -15,6 +17,7 @@ namespace {
 SeedProgram program;
 long runs = 1, first = 1, current_seed = 0;
 bool trace = false;
+std::atomic<long> *totals = nullptr;  // of the processes of all runs; never freed
 
 long run_all() {
     std::map<pid_t, long> running;
@@ -34,7 +37,7 @@ long run_all() {
         if (child < 0) fail("cannot start a process");
         if (child == 0) {
             current_seed = seed;
-            program.run(seed, program.size, trace);
+            program.run(static_cast<uint64_t>(seed), program.size, trace);
             std::exit(0);
         }
         running[child] = seed;
@@ -68,9 +71,17 @@ int run_seeds(const SeedProgram &started, int argc, char **argv) {
                      program.size_name);
         return 2;
     }
+    const size_t room = program.totals.size() * sizeof *totals;
+    totals = static_cast<std::atomic<long> *>(
+        mmap(nullptr, room, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     const long failed = run_all();
     std::printf("%ld runs, %ld failed\n", runs, failed);
+    for (size_t i = 0; i < program.totals.size(); ++i) std::printf("  %ld %s\n", totals[i].load(), program.totals[i]);
     return failed ? 1 : 0;
+}
+
+void count(size_t total, long more) {
+    totals[total] += more;
 }
 
 void fail(const char *format, ...) {

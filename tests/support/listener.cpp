@@ -1,0 +1,78 @@
+// Asks the cache by its public functions only.
+#include "tests/support/listener.h"
+
+#include "tests/support/seeds.h"
+#include "tq_dm_cache/dm_cache.h"
+#include "tq_dm_cache/dm_cache_status.h"
+
+void add(Picture &picture, const ProtobufCMessage *object) {
+    picture[key_bytes(object)] = packed(object);
+}
+
+Picture cached_picture(int32_t row) {
+    const auto visit = [](ProtobufCMessage *object, uintptr_t *picture) {
+        add(*reinterpret_cast<Picture *>(*picture), object);
+        return 0;
+    };
+    Picture picture;
+    dm_cache_lock();
+    dm_cache_foreach_obj(row, visit, reinterpret_cast<uintptr_t>(&picture));
+    dm_cache_unlock();
+    return picture;
+}
+
+bool cache_shows(int32_t row, const ProtobufCMessage *key, const ProtobufCMessage *object) {
+    const ProtobufCMessage *found = nullptr;
+    dm_cache_lock();
+    dm_cache_get_obj(row, key, &found);
+    const bool shows = object ? found && equal(found, object) : !found;
+    dm_cache_unlock();
+    return shows;
+}
+
+std::string difference(const Picture &cache, const Picture &wanted) {
+    for (const auto &[key, bytes] : wanted) {
+        const auto found = cache.find(key);
+        if (found == cache.end()) return "an object of the store is not cached";
+        if (found->second != bytes) return "an object is cached, but not what the store has";
+    }
+    return cache.size() > wanted.size() ? "objects are cached that the store does not have" : "";
+}
+
+void Listener::told(int32_t row, int32_t operation, const ProtobufCMessage *message) {
+    const std::lock_guard lock(mutex_);
+    Heard &heard = rows_[static_cast<size_t>(row)];
+    const std::string key = key_bytes(message);
+    const bool known = heard.objects.contains(key), deleted = operation == DM_CACHE_DELETED;
+    if (!cache_shows(row, key_of(message), deleted ? nullptr : message))
+        fail("row %d: a change is told that the cache does not show", row);
+    // An object that is new though it was known has been swept meanwhile.
+    heard.swept += operation == DM_CACHE_ADDED && known;
+    if (operation != DM_CACHE_ADDED && !known) fail("row %d: operation %d, but it was not there", row, operation);
+    if (deleted && heard.objects[key] != packed(message))
+        fail("row %d: a delete tells another object than was cached", row);
+    ++(deleted ? heard.deletes : heard.sets);
+    deleted ? void(heard.objects.erase(key)) : add(heard.objects, message);
+}
+
+void Listener::sets_own(int32_t row, const ProtobufCMessage *object) {
+    const std::lock_guard lock(mutex_);
+    Heard &heard = rows_[static_cast<size_t>(row)];
+    heard.swept += heard.objects.contains(key_bytes(object)) && cache_shows(row, key_of(object), nullptr);
+    add(heard.objects, object);
+}
+
+// What was swept is remembered until it comes again: nobody is told when it goes.
+std::string Listener::difference(int32_t row, const Picture &cache) const {
+    const std::lock_guard lock(mutex_);
+    const Heard &heard = rows_[static_cast<size_t>(row)];
+    Picture left = heard.objects;
+    const size_t gone = std::erase_if(left, [&](const auto &entry) { return !cache.contains(entry.first); });
+    if (left != cache) return "callbacks told something else than what is cached";
+    dm_cache_stats stats{};
+    dm_cache_get_stats(row, &stats, sizeof stats);
+    if (!stats.subscribed || !stats.scanned) return "not subscribed or not scanned";
+    const bool counted = stats.objects == cache.size() && stats.sets == heard.sets && stats.deletes == heard.deletes &&
+                         stats.swept == heard.swept + gone;
+    return counted ? "" : "the counters are wrong";
+}

@@ -1,0 +1,47 @@
+#ifndef TQ_DM_TESTS_LISTENER_H
+#define TQ_DM_TESTS_LISTENER_H
+
+// Pictures of what a store and a cache hold, and a client that keeps one of its own from what it is told.
+
+#include <array>
+#include <map>
+#include <mutex>
+
+#include "tests/support/messages.h"
+#include "tq_dm_cache/dm_types.h"
+
+// The objects of one row: packed objects by packed keys.
+using Picture = std::map<std::string, std::string>;
+
+void add(Picture &picture, const ProtobufCMessage *object);
+Picture cached_picture(int32_t row);
+
+// Whether the cache holds this very object, or, when it is null, none with the key.
+bool cache_shows(int32_t row, const ProtobufCMessage *key, const ProtobufCMessage *object);
+
+// What is wrong with a picture of the cache; empty: nothing.
+std::string difference(const Picture &cache, const Picture &wanted);
+
+// Any thread.
+class Listener {
+public:
+    // A change callback: ends the run as failed when the change does not fit what was told before, or the cache does not
+    // show it.
+    void told(int32_t row, int32_t operation, const ProtobufCMessage *message);
+
+    // The client is about to put an object into the cache itself.
+    void sets_own(int32_t row, const ProtobufCMessage *object);
+
+    // At rest: what was told, less what was swept, is what is cached, and the counters say so.
+    std::string difference(int32_t row, const Picture &cache) const;
+
+private:
+    struct Heard {
+        Picture objects;
+        uint32_t sets = 0, deletes = 0, swept = 0;
+    };
+    mutable std::mutex mutex_;
+    std::array<Heard, DM_ROW_COUNT> rows_;
+};
+
+#endif
