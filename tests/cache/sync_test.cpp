@@ -201,7 +201,7 @@ TEST(Sync, RescansTheRowsOfAReconnectedDatabase) {
     platform.reconnect_scan_ms = 250;
     EXPECT_EQ(second.callback(&other, &confirmation, second.privdata), 0);
     EXPECT_EQ(second.callback(&other, &confirmation, second.privdata), 0);
-    EXPECT_EQ(ScriptedPlatform::deliver(second, SET, card(1, 4, 0).get()), 0);
+    EXPECT_EQ(second.deliver(SET, card(1, 4, 0).get()), 0);
     EXPECT_EQ(drained(&platform.calls), (Strings{"scan_time 1", "timer 17 250 dmcache_scan", "scan_time 1", "cancel 17",
                                                  "timer 17 250 dmcache_scan"}));
     ASSERT_EQ(platform.timers.size(), 1U);

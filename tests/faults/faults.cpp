@@ -98,8 +98,7 @@ Faults::Faults(uint64_t seed, bool trace)
     reader_ = open("redis+unix://" + proxied_);
     tq_mom_client_set_connection_cb(reader_, on_connection, this);
     dm_cache_multi_thread_init();
-    for (int32_t row = 0; row < DM_ROW_COUNT; row++)
-        if (obj_sub_list[row].obj_tmpl) follow(row);
+    for (const int32_t row : rows()) follow(row);
     if (dm_cache_init(reader_, "faults") != 0) fail("the cache does not start");
     writing_ = std::thread([this] { write_on(); });
 }

@@ -41,13 +41,12 @@ TEST_F(Requests, FollowObjectsFromTheScanOn) {
     EXPECT_EQ(subscribe(&whole), "1 1;");  // it stands
 
     Request to{3, key.get()->descriptor, ndm_lib_subcribe_com, &whole};
-    const auto deliver = [&](int32_t cmd, int32_t flag = 0) {
-        return ScriptedPlatform::deliver(to, cmd, key.get(), flag);
-    };
+    const auto deliver = [&](int32_t cmd, int32_t flag = 0) { return to.deliver(cmd, key.get(), flag); };
     EXPECT_EQ(deliver(SUBSCRIBED, /*flag=*/1), 0);
     EXPECT_EQ(drained(&platform.calls), Strings{"scan" + kind});
-    platform.reply(key);
-    platform.end_scan("p_dev.card_info");
+    const Request scan = std::exchange(platform.scans, {}).front();
+    scan.reply(key);
+    scan.end();
     EXPECT_EQ(drained(&told), (Strings{"4 scan", "4 scan"}));
     platform.answers["scan"] = -4;
     EXPECT_EQ(each(deliver(SUBSCRIBED)) + each(deliver(SET), deliver(DELETE), deliver(OTHER), whole.scan_done),

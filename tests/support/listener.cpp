@@ -3,7 +3,6 @@
 
 #include "tests/support/seeds.h"
 #include "tq_dm_cache/dm_cache.h"
-#include "tq_dm_cache/dm_cache_status.h"
 
 void add(Picture &picture, const ProtobufCMessage *object) {
     picture[key_bytes(object)] = packed(object);
@@ -19,6 +18,12 @@ Picture cached_picture(int32_t row) {
     dm_cache_foreach_obj(row, visit, reinterpret_cast<uintptr_t>(&picture));
     dm_cache_unlock();
     return picture;
+}
+
+dm_cache_stats counters(int32_t row) {
+    dm_cache_stats stats{};
+    dm_cache_get_stats(row, &stats, sizeof stats);
+    return stats;
 }
 
 bool cache_shows(int32_t row, const ProtobufCMessage *key, const ProtobufCMessage *object) {
@@ -69,8 +74,7 @@ std::string Listener::difference(int32_t row, const Picture &cache) const {
     Picture left = heard.objects;
     const size_t gone = std::erase_if(left, [&](const auto &entry) { return !cache.contains(entry.first); });
     if (left != cache) return "callbacks told something else than what is cached";
-    dm_cache_stats stats{};
-    dm_cache_get_stats(row, &stats, sizeof stats);
+    const dm_cache_stats stats = counters(row);
     if (!stats.subscribed || !stats.scanned) return "not subscribed or not scanned";
     const bool counted = stats.objects == cache.size() && stats.sets == heard.sets && stats.deletes == heard.deletes &&
                          stats.swept == heard.swept + gone;

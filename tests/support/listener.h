@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "tests/support/messages.h"
+#include "tq_dm_cache/dm_cache_status.h"
 #include "tq_dm_cache/dm_types.h"
 
 // The objects of one row: packed objects by packed keys.
@@ -15,6 +16,7 @@ using Picture = std::map<std::string, std::string>;
 
 void add(Picture &picture, const ProtobufCMessage *object);
 Picture cached_picture(int32_t row);
+dm_cache_stats counters(int32_t row);
 
 // Whether the cache holds this very object, or, when it is null, none with the key.
 bool cache_shows(int32_t row, const ProtobufCMessage *key, const ProtobufCMessage *object);

@@ -65,10 +65,9 @@ ProtobufCMessage *read(const char *name, uint32_t db, const ProtobufCMessage *pr
 }
 
 // Copies: a callback may ask for more.
-std::vector<Request> of_kind(const std::vector<Request> &requests, std::string_view kind) {
-    std::vector<Request> found;
-    std::copy_if(requests.begin(), requests.end(), std::back_inserter(found),
-                 [kind](const Request &request) { return request.kind->name == kind; });
+std::vector<Request> subscriptions_to(const Message &object) {
+    std::vector<Request> found = platform.subscriptions;
+    std::erase_if(found, [&](const Request &each) { return each.kind != object.get()->descriptor; });
     return found;
 }
 
@@ -84,14 +83,21 @@ void ScriptedPlatform::erase(const Message &object, uint32_t db) {
     objects.erase(place(object.get(), db));
 }
 
-int32_t ScriptedPlatform::deliver(const Request &to, int32_t cmd, void *value, int32_t flag, int32_t result) {
+int32_t Request::deliver(int32_t cmd, void *value, int32_t flag, int32_t result) const {
     store_msg msg{};
-    msg.db = to.db;
+    msg.db = db;
     msg.cmd = cmd;
     msg.value = value;
     msg.flag = flag;
     msg.result = result;
-    return to.callback(&platform.handle, &msg, to.privdata);
+    return callback(&platform.handle, &msg, privdata);
+}
+
+int32_t Request::reply(const Message &object, bool damaged, int32_t cmd) const {
+    result_rec record{};
+    record.obj = damaged ? nullptr : object.get();
+    record.error = damaged;
+    return deliver(cmd, &record);
 }
 
 void ScriptedPlatform::become_ready() {
@@ -103,42 +109,25 @@ void ScriptedPlatform::confirm() {
     for (size_t i = 0; i < subscriptions.size(); ++i) {
         if (std::exchange(subscriptions[i].confirmed, true)) continue;
         const Request request = subscriptions[i];
-        deliver(request, TQ_MOM_CMD_SUBSCRIBED, nullptr);
+        request.deliver(TQ_MOM_CMD_SUBSCRIBED, nullptr);
     }
 }
 
 void ScriptedPlatform::push(const Message &object) {
-    for (const Request &each : of_kind(subscriptions, object.get()->descriptor->name))
-        deliver(each, TQ_MOM_CMD_SET, object.get());
+    for (const Request &each : subscriptions_to(object)) each.deliver(TQ_MOM_CMD_SET, object.get());
 }
 
 void ScriptedPlatform::push_delete(const Message &object) {
     const Message bare = key_only(object.get());
-    for (const Request &each : of_kind(subscriptions, bare.get()->descriptor->name))
-        deliver(each, TQ_MOM_CMD_DELETE, bare.get());
-}
-
-void ScriptedPlatform::reply(const Message &object) {
-    const auto scan = of_kind(scans, object.get()->descriptor->name);
-    result_rec record{};
-    record.obj = object.get();
-    if (!scan.empty()) deliver(scan[0], TQ_MOM_CMD_REPLY, &record);
-}
-
-void ScriptedPlatform::end_scan(std::string_view kind) {
-    const auto scan =
-        std::find_if(scans.begin(), scans.end(), [kind](const Request &r) { return r.kind->name == kind; });
-    if (scan == scans.end()) return;
-    const Request request = *scan;
-    scans.erase(scan);
-    deliver(request, TQ_MOM_CMD_REPLY, nullptr, /*flag=*/1);
+    for (const Request &each : subscriptions_to(bare)) each.deliver(TQ_MOM_CMD_DELETE, bare.get());
 }
 
 void ScriptedPlatform::answer_scans() {
     while (!scans.empty()) {
-        const std::string kind = scans[0].kind->name;
-        for (const Message &object : stored_of_kind(kind, scans[0].db)) reply(object);
-        end_scan(kind);
+        const Request scan = scans[0];
+        for (const Message &object : stored_of_kind(scan.kind->name, scan.db)) scan.reply(object);
+        scans.erase(std::ranges::find_if(scans, [&](const Request &each) { return each.is(scan); }));
+        scan.end();
     }
 }
 
@@ -213,22 +202,15 @@ int32_t tq_mom_scan(tq_mom_handle *, uint32_t db, const ProtobufCMessage *tmpl, 
     return answer;
 }
 
-int32_t tq_mom_scan_sync(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *tmpl, int32_t,
+int32_t tq_mom_scan_sync(tq_mom_handle *, uint32_t db, const ProtobufCMessage *tmpl, int32_t,
                          tq_mom_msg_cb callback, void *privdata) {
     ++platform.reads;
     const int32_t answer = call(text("scan_sync", db, tmpl));
     const auto found = stored_of_kind(tmpl->descriptor->name, db);
     if (platform.during_read) platform.during_read();
     if (answer != 0) return answer;
-    for (const Message &object : found) {
-        result_rec record{};
-        record.obj = object.get();
-        store_msg msg{};
-        msg.db = db;
-        msg.cmd = TQ_MOM_CMD_REPLY;
-        msg.value = &record;
-        callback(handle, &msg, privdata);
-    }
+    const Request asked{db, tmpl->descriptor, callback, privdata};
+    for (const Message &object : found) asked.reply(object);
     return 0;
 }
 
@@ -291,7 +273,6 @@ int32_t tq_thread_cancel(tq_thread_timer *timer) {
 
 void *libtq_cap_get_g_cap_init(const char *path) {
     call(std::string("cap_init ") + path);
-    if (!platform.capability_file) return nullptr;
     ++platform.unreleased;
     return &platform;
 }

@@ -29,6 +29,10 @@ struct Request {
     bool is(const Request &other) const {
         return db == other.db && kind == other.kind && callback == other.callback && privdata == other.privdata;
     }
+    // What the client receives for it; a reply of an object, or that it is damaged; the end of a scan.
+    int32_t deliver(int32_t cmd, void *value, int32_t flag = 0, int32_t result = 0) const;
+    int32_t reply(const Message &object, bool damaged = false, int32_t cmd = TQ_MOM_CMD_REPLY) const;
+    int32_t end() const { return deliver(TQ_MOM_CMD_REPLY, nullptr, /*flag=*/1); }
 };
 
 struct Connection {
@@ -67,7 +71,6 @@ struct ScriptedPlatform {
     std::function<void()> during_read;  // the store has answered, the reader has not got it yet
     Message instead;                    // what a synchronous read finds, whatever it asks for
     int32_t reconnect_scan_ms = 10;
-    bool capability_file = true;
     std::map<std::string, int32_t> capabilities;
     int64_t now_ms = 0;
 
@@ -76,13 +79,10 @@ struct ScriptedPlatform {
     void erase(const Message &object, uint32_t db = 1);
 
     // Deliveries. Each finds its receivers by the kind of the object.
-    static int32_t deliver(const Request &to, int32_t cmd, void *value, int32_t flag = 0, int32_t result = 0);
     void become_ready();                                // every connection
     void confirm();                                     // every subscription that is not confirmed
     void push(const Message &object);                   // set
     void push_delete(const Message &object);            // delete, with only the key
-    void reply(const Message &object);                  // to the first scan of the kind
-    void end_scan(std::string_view kind);               // the end mark; the scan is over
     void answer_scans();                                // every scan from the store's content, new ones included
     void lose_connection(uint32_t db, int32_t reason);  // the connection is back: scans are void, reconnect reported
     void fire_timers(int64_t until_ms = INT64_MAX);     // time goes on until none is due by then

@@ -18,7 +18,7 @@ World *world = nullptr;
 // Every field of the key but the last takes one bit of `key`, the last takes the rest. Fields that do not tell objects
 // apart stay the same.
 void set_key(Message &message, int32_t row, int32_t key) {
-    const auto fields = dmq::fields_of(*key_of(obj_sub_list[row].obj_tmpl)->descriptor);
+    const auto fields = dmq::fields_of(*dmq::sub_type(*dmq::key_field(*kind_of(row))));
     for (const auto &field : fields) {
         const std::string_view name = field.name;
         const bool fixed = dmq::is_never_compared(name) || (row == DM_ROW_LOCAL_CARD_INFO && name == "devid");
@@ -69,36 +69,75 @@ void check_tree(int32_t row, size_t tree, const Elements &indexed, bool own_keys
     if (count_nodes((*root)->node) != found.size()) fail("row %d: tree %zu holds an old key", row, tree);
 }
 
+void check_list(int32_t row, const Elements &all) {
+    if (dm_cache_get_obj_index_list_len(row) != static_cast<int32_t>(all.size()))
+        fail("row %d: counts %d objects, holds %zu", row, obj_sub_list[row].obj_list->count, all.size());
+    std::set<std::string> keys;
+    for (const auto *element : all)
+        if (!keys.insert(key_bytes(element->obj)).second) fail("row %d: a key is cached twice", row);
+}
+
+// Key records say what they would say if they were made now.
+void check_index(int32_t row, const Elements &all, bool own_keys) {
+    const ndm_cache_tree *set = obj_sub_list[row].port_tree;
+    if (!set) return;
+    Elements indexed;
+    for (dm_cache_list_node *element : all) {
+        dm_cache_list_node fresh{};
+        fresh.obj = element->obj;
+        const bool can_be_indexed = set->gen_key(&fresh) == 0;
+        if (can_be_indexed != (element->key != nullptr)) fail("row %d: indexed when it should not be, or not", row);
+        if (!can_be_indexed) continue;
+        indexed.push_back(element);
+        const bool same = std::equal(fresh.key->key, fresh.key->key + set->tree_num, element->key->key);
+        if (!same || fresh.key->static_port != element->key->static_port) fail("row %d: a key record is stale", row);
+        std::free(fresh.key);
+    }
+    for (int32_t tree = 0; tree < set->tree_num; ++tree) check_tree(row, static_cast<size_t>(tree), indexed, own_keys);
+}
+
 }  // namespace
+
+const std::vector<int32_t> &rows() {
+    static const std::vector<int32_t> all = [] {
+        std::vector<int32_t> found;
+        dm_cache_init_obj(obj_sub_list);
+        ndm_cache_init_port_obj(obj_sub_list);
+        for (int32_t row = 0; row < DM_ROW_COUNT; ++row)
+            if (obj_sub_list[row].obj_tmpl) found.push_back(row);
+        return found;
+    }();
+    return all;
+}
+
+const ProtobufCMessageDescriptor *kind_of(int32_t row) {
+    return obj_sub_list[row].obj_tmpl->descriptor;
+}
 
 World::World(uint64_t seed, bool trace, bool own_index_keys)
     : random{std::mt19937_64(seed)}, trace_(trace), own_index_keys_(own_index_keys) {
     world = this;
-    dm_cache_init_obj(obj_sub_list);
-    ndm_cache_init_port_obj(obj_sub_list);
 }
 
 void World::write(Random &chance) {
-    const int32_t row = chance.below(DM_ROW_COUNT);
-    if (!obj_sub_list[row].obj_tmpl) return write(chance);
+    const int32_t row = rows()[static_cast<size_t>(chance.below(rows().size()))];
     if (row == DM_ROW_DP_LIB_COMPLETE && !chance.percent(20)) return;  // each one is a resynchronisation
+    int32_t key = chance.below(keys_of_a_row);
     // Ports of two VSDs at one place share their index keys.
-    const bool every_second = row == DM_ROW_VSD_PORT && own_index_keys_;
-    const int32_t keys = row == DM_ROW_VSD_PORT ? 2 * keys_of_a_row : keys_of_a_row;
-    const int32_t key = every_second ? 2 * chance.below(keys_of_a_row) : chance.below(static_cast<size_t>(keys));
+    if (row == DM_ROW_VSD_PORT) key = 2 * key + (own_index_keys_ ? 0 : chance.below(2));
     const Message object = random_object(chance, row, key);
     chance.percent(25) ? remove(row, object) : set(row, object);
 }
 
 Message World::random_object(Random &chance, int32_t row, int32_t key) const {
-    const ProtobufCMessage *tmpl = obj_sub_list[row].obj_tmpl;
     const Choose some = [&](const ProtobufCFieldDescriptor &field, int32_t) -> std::optional<int32_t> {
-        if (!chance.percent(field.type == PROTOBUF_C_TYPE_MESSAGE ? 80 : 50)) return {};
+        const bool repeated = field.label == PROTOBUF_C_LABEL_REPEATED, inner = field.type == PROTOBUF_C_TYPE_MESSAGE;
+        if (!chance.percent(repeated ? 20 : inner ? 80 : 50)) return {};
         return chance.below(4);
     };
-    Message object = filled(*tmpl->descriptor, 0, some);
+    Message object = filled(*kind_of(row), 0, some);
     if (own_index_keys_) keep_index_keys_apart(chance, object, row, key);
-    if (key_of(tmpl)) set_key(object, row, key);
+    if (obj_sub_list[row].index_offset > 0) set_key(object, row, key);
     return object;
 }
 
@@ -118,35 +157,6 @@ void World::told(int32_t row, int32_t operation, const ProtobufCMessage *message
     listener.told(row, operation, message);
 }
 
-void World::check_list(int32_t row) const {
-    const Elements all = elements(row);
-    if (dm_cache_get_obj_index_list_len(row) != static_cast<int32_t>(all.size()))
-        fail("row %d: counts %d objects, holds %zu", row, obj_sub_list[row].obj_list->count, all.size());
-    std::set<std::string> keys;
-    for (const auto *element : all)
-        if (!keys.insert(key_bytes(element->obj)).second) fail("row %d: a key is cached twice", row);
-}
-
-// Key records say what they would say if they were made now.
-void World::check_index(int32_t row) const {
-    const ndm_cache_tree *set = obj_sub_list[row].port_tree;
-    if (!set) return;
-    Elements indexed;
-    for (dm_cache_list_node *element : elements(row)) {
-        dm_cache_list_node fresh{};
-        fresh.obj = element->obj;
-        const bool can_be_indexed = set->gen_key(&fresh) == 0;
-        if (can_be_indexed != (element->key != nullptr)) fail("row %d: indexed when it should not be, or not", row);
-        if (!can_be_indexed) continue;
-        indexed.push_back(element);
-        const bool same = std::equal(fresh.key->key, fresh.key->key + set->tree_num, element->key->key);
-        if (!same || fresh.key->static_port != element->key->static_port) fail("row %d: a key record is stale", row);
-        std::free(fresh.key);
-    }
-    for (int32_t tree = 0; tree < set->tree_num; ++tree)
-        check_tree(row, static_cast<size_t>(tree), indexed, own_index_keys_);
-}
-
 std::string World::difference_of(int32_t row) {
     Picture cache = cached_picture(row), store;
     if (std::string found = listener.difference(row, cache); !found.empty()) return found;
@@ -156,11 +166,10 @@ std::string World::difference_of(int32_t row) {
 
 std::string World::difference() {
     if (!g_cache_proc_done || dm_cache_wait_synced(0) != 0) return "the cache is not synchronised";
-    for (int32_t row = 0; row < obj_sub_list_max; ++row) {
-        if (!obj_sub_list[row].obj_tmpl) continue;
+    for (const int32_t row : rows()) {
         dm_cache_lock();
-        check_list(row);
-        check_index(row);
+        check_list(row, elements(row));
+        check_index(row, elements(row), own_index_keys_);
         dm_cache_unlock();
         const std::string found = obj_sub_list[row].enable ? difference_of(row) : "";
         if (!found.empty()) return "row " + std::to_string(row) + ": " + found;

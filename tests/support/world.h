@@ -22,6 +22,10 @@ struct Random {
 inline constexpr int32_t keys_of_a_row = 8;
 inline constexpr int32_t ghost_keys = 100;  // from here on: keys that no writer uses
 
+// The rows that hold a kind, and its kind.
+const std::vector<int32_t> &rows();
+const ProtobufCMessageDescriptor *kind_of(int32_t row);
+
 class World {
 public:
     World(const World &) = delete;
@@ -61,8 +65,6 @@ protected:
     int64_t now = 0;  // in a trace
 
 private:
-    void check_list(int32_t row) const;
-    void check_index(int32_t row) const;
     std::string difference_of(int32_t row);
 
     const bool trace_, own_index_keys_;
