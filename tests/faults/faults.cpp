@@ -10,7 +10,6 @@
 
 #include "tests/platform/redis_server.h"
 #include "tests/support/world.h"
-#include "tq_dm_cache/dm_cache_status.h"
 #include "tq_dm_cache/tq_platform_bundled.h"
 
 namespace {
@@ -27,290 +26,280 @@ tq_mom_handle *open(const std::string &url) {
     return handle;
 }
 
-// mutex_ guards what the threads tell each other; nothing waits under it but on changed_.
 class Faults : World {
 public:
-    Faults(uint64_t seed, bool trace);
-    void run(long cycles_to_run);
+    // The first faults strike while the cache starts.
+    Faults(uint64_t seed, bool trace)
+        : World(seed, trace, /*own_index_keys=*/false), writers_random_{std::mt19937_64(seed + 1'000'000'007)} {
+        writer_ = open(server_.url());
+        for (int i = 0; i < 3000; i++) write_some();
+
+        reader_ = open("redis+unix://" + proxied_);
+        tq_mom_client_set_connection_cb(reader_, on_connection, this);
+        dm_cache_multi_thread_init();
+        for (const int32_t row : rows()) follow(row);
+        if (dm_cache_init(reader_, "faults") != 0) fail("the cache does not start");
+        writing_ = std::thread([this] { write_on(); });
+    }
+
+    void run(long cycles_to_run) {
+        for (; now < cycles_to_run; now++) {
+            do strike();
+            while (random.percent(40));
+            come_to_rest();
+            count(cycles);
+        }
+        tell([this] { ended_ = true; });
+        writing_.join();
+        tq_mom_client_close(reader_);
+        tq_mom_client_close(writer_);
+    }
 
 private:
-    struct Fault {
-        const char *name;
-        void (*strike)(Faults &at);
-    };
-    static const Fault faults[];
+    // What the threads tell each other
 
-    void set(int32_t row, const Message &object) override { note_write(tq_mom_set(writer_, db(row), object.get(), 0, 0)); }
-    void remove(int32_t row, const Message &object) override { note_write(tq_mom_del(writer_, db(row), object.get())); }
-    bool read_store(int32_t row, Picture &store, Picture &cache) override;
-    void told(int32_t row, int32_t operation, const ProtobufCMessage *message) override;
-    static uint32_t db(int32_t row) { return obj_sub_list[row].db_id; }
-    static void on_connection(tq_mom_handle *, int32_t connected, int32_t reason, void *faults);
-
-    // The writer's thread
-    void note_write(int32_t error);
-    void write_some();
-    void write_on();
-
-    // What is told to the other threads
     template <class Change> void tell(Change change) {
         const std::lock_guard lock(mutex_);
         change();
         changed_.notify_all();
     }
+
     template <class Done> bool wait_for(std::chrono::milliseconds limit, Done done) {
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, limit, done);
     }
-    void wait_for_writes(int32_t more);
-    bool wait_for_loss(int32_t limit);
 
-    void freeze();
-    void cut_off();
-    void fill_disk();
-    void slow_down();
-    void have_child();
-    void strike();
-    void connect_clients();
-    void come_to_rest();
+    void told(int32_t row, int32_t operation, const ProtobufCMessage *message) override {
+        World::told(row, operation, message);
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [this] { return !held_up_; });
+    }
 
-    RedisServer server_{{"--client-output-buffer-limit", "pubsub", "1mb", "0", "0", "--enable-protected-configs", "yes"}};
+    static void on_connection(tq_mom_handle *, int32_t connected, int32_t reason, void *word) {
+        auto &faults = *static_cast<Faults *>(word);
+        if (!connected) count(losses);
+        if (connected && reason > 0) count(reason == 1 ? same_server : other_server);
+        faults.tell([&] {
+            faults.connected_ = connected != 0;
+            if (connected) faults.applied_when_connected_ = dm_cache_applied();
+        });
+    }
+
+    // The writer: its thread, but for what is written before the cache starts
+
+    static uint32_t db(int32_t row) { return obj_sub_list[row].db_id; }
+
+    void set(int32_t row, const Message &object) override { note(tq_mom_set(writer_, db(row), object.get(), 0, 0)); }
+
+    void remove(int32_t row, const Message &object) override { note(tq_mom_del(writer_, db(row), object.get())); }
+
+    void note(int32_t error) {
+        const bool refused = error == TQ_MOM_E_UNREACHABLE || error == TQ_MOM_E_REFUSED;
+        if (error && !refused && error != TQ_MOM_E_NOT_FOUND) fail("a write is answered oddly");
+        count(writes);
+        count(refused_writes, refused);
+        tell([this] { writes_++; });
+    }
+
+    void write_some() {
+        Random &chance = writers_random_;
+        if (chance.percent(50)) return write(chance);
+        const Message card = random_object(chance, DM_ROW_CARD_INFO, chance.below(cards))
+                                 .set("name", std::string(600, static_cast<char>('a' + chance.below(26))));
+        chance.percent(30) ? remove(DM_ROW_CARD_INFO, card) : set(DM_ROW_CARD_INFO, card);
+    }
+
+    void write_on() {
+        for (;;) {
+            {
+                std::unique_lock lock(mutex_);
+                paused_ = pause_;
+                changed_.notify_all();
+                changed_.wait(lock, [this] { return ended_ || !pause_; });
+                paused_ = false;
+                if (ended_) return;
+            }
+            write_some();
+            tq_mom_client_connect_sync(writer_, 0);  // waits while it is cut off
+        }
+    }
+
+    // Also when the writer cannot go on.
+    void wait_for_writes(int32_t more) {
+        const long until = writes_ + more;
+        wait_for(std::chrono::seconds(2), [&] { return writes_ >= until; });
+    }
+
+    // The faults
+
+    // At a moment of subscribing, scanning or following: when so many more bytes have come to the reader.
+    void strike() {
+        static constexpr struct {
+            const char *name;
+            void (Faults::*act)();
+        } faults[] = {
+            {"restart with older content", &Faults::restart_with_older_content},
+            {"restart with its content", &Faults::restart_with_content},
+            {"restart empty", &Faults::restart_empty},
+            {"freeze", &Faults::freeze},
+            {"cut off", &Faults::cut_off},
+            {"hold up the reader", &Faults::hold_up},
+            {"kill subscribers", &Faults::kill_subscribers},
+            {"kill command connections", &Faults::kill_command_connections},
+            {"full disk", &Faults::full_disk},
+            {"slow answers", &Faults::slow_answers},
+            {"another master for a moment", &Faults::be_replica},
+            {"emptied", &Faults::empty},
+            {"a child", &Faults::have_child},
+        };
+        const auto bytes = static_cast<size_t>(random.below(size_t{1} << random.below(22)));
+        const auto &fault = faults[random.below(std::size(faults))];
+        say("after %zu bytes: %s", bytes, fault.name);
+        proxy_.wait_for_bytes(bytes, std::chrono::seconds(1));
+        (this->*fault.act)();
+    }
+
+    void restart_with_content() { server_.restart(true); }
+    void restart_empty() { server_.restart(false); }
+    void kill_subscribers() { server_.command({"CLIENT", "KILL", "TYPE", "pubsub"}); }
+    void kill_command_connections() { server_.command({"CLIENT", "KILL", "TYPE", "normal"}); }
+    void empty() { server_.command({"FLUSHALL"}); }
+
+    void restart_with_older_content() {
+        server_.command({"SAVE"});
+        wait_for_writes(random.below(2000));
+        server_.kill();
+        server_.start();
+    }
+
+    bool wait_for_loss(int32_t limit) {
+        return wait_for(std::chrono::milliseconds(limit), [this] { return !connected_; });
+    }
+
+    // As often for less than the probe time, which nobody needs to notice.
+    void freeze() {
+        server_.freeze(true);
+        const bool must_notice = random.percent(50);
+        if (!wait_for_loss(must_notice ? limit_ms : random.below(250)) && must_notice) fail("a silence is not noticed");
+        server_.freeze(false);
+    }
+
+    // What is deleted meanwhile must not stay.
+    void cut_off() {
+        proxy_.cut();
+        if (!wait_for_loss(limit_ms)) fail("a lost connection is not noticed");
+        wait_for_writes(random.below(2000));
+        proxy_.let_in();
+    }
+
+    void hold_up() {
+        tell([this] { held_up_ = true; });
+        wait_for_writes(random.below(6000));
+        tell([this] { held_up_ = false; });
+    }
+
+    // Reading goes on; what is written meanwhile is refused.
+    void full_disk() {
+        const std::string folder = std::filesystem::path(server_.socket()).parent_path();
+        server_.command({"CONFIG", "SET", "dir", "/proc/self", "save", "900 1"});
+        for (int i = 0; i < 200 && !server_.command({"PING"}).starts_with("MISCONF"); i++) {
+            server_.command({"BGSAVE"});
+            ::poll(nullptr, 0, 5);
+        }
+        wait_for_writes(random.below(500));
+        server_.command({"CONFIG", "SET", "dir", folder, "save", ""});
+    }
+
+    void slow_answers() {
+        const auto bend_all = [this](const Proxy::Bend &bend) {
+            for (const auto roads : {Proxy::Roads::commands, Proxy::Roads::feeds, Proxy::Roads::to_come})
+                proxy_.bend(roads, bend);
+        };
+        bend_all([each = random.below(100)](std::string &, int) {
+            ::poll(nullptr, 0, each);
+            return true;
+        });
+        wait_for_writes(random.below(2000));
+        bend_all({});
+    }
+
+    // Noticed while it lasts or not: the content may be another one afterwards.
+    void be_replica() {
+        server_.command({"REPLICAOF", "127.0.0.1", "1"});
+        wait_for_writes(random.below(100));
+        server_.command({"REPLICAOF", "NO", "ONE"});
+    }
+
+    void have_child() {
+        const Message object = card(1, 1, 0);
+        const pid_t child = fork();
+        if (child == 0) {
+            bool refused = true;
+            for (tq_mom_handle *handle : {writer_, reader_}) {
+                refused &= tq_mom_set(handle, 1, object.get(), 0, 0) == TQ_MOM_E_ARGUMENT &&
+                           tq_mom_client_close(handle) == TQ_MOM_E_ARGUMENT;
+            }
+            _exit(refused ? 0 : 1);
+        }
+        int status = -1;
+        if (waitpid(child, &status, 0) != child || status != 0) fail("a child may use its parent's handle");
+    }
+
+    // Coming to rest
+
+    void wait_for_clients() {
+        for (tq_mom_handle *handle : {writer_, reader_}) {
+            for (int i = 0; tq_mom_client_connect_sync(handle, 0) != 0; i++) {
+                if (i == 5) fail("a client does not come back");
+            }
+        }
+    }
+
+    // A connection that was killed is noticed only when it is used.
+    bool read_store(int32_t row, Picture &store, Picture &) override {
+        const auto reply = [](tq_mom_handle *, store_msg *msg, void *picture) {
+            add(*static_cast<Picture *>(picture), static_cast<result_rec *>(msg->value)->obj);
+            return 0;
+        };
+        return tq_mom_scan_sync(writer_, db(row), obj_sub_list[row].obj_tmpl, 0, reply, &store) == 0;
+    }
+
+    // Either in the middle of what follows a reconnect, or when the cache has been following again for a while.
+    void come_to_rest() {
+        wait_for_clients();
+        if (random.percent(60)) {
+            if (dm_cache_wait_applied(applied_when_connected_, limit_ms) != 0)
+                fail("the cache is not synchronised again");
+            wait_for_writes(random.below(4000));
+        }
+        tell([this] { pause_ = true; });
+        if (!wait_for(patience, [this] { return paused_; })) fail("the writer hangs");
+        wait_for_clients();
+        const auto end = std::chrono::steady_clock::now() + patience;
+        std::string found = difference();
+        while (!found.empty() && std::chrono::steady_clock::now() < end) {
+            dm_cache_wait_applied(dm_cache_applied(), 100);
+            found = difference();
+        }
+        if (!found.empty()) fail("%s", found.c_str());
+        tell([this] { pause_ = false; });
+    }
+
+    RedisServer server_{
+        {"--client-output-buffer-limit", "pubsub", "1mb", "0", "0", "--enable-protected-configs", "yes"}};
     const std::string proxied_ = server_.socket() + ".proxy";
     Proxy proxy_{proxied_, server_.socket()};
     tq_mom_handle *writer_ = nullptr, *reader_ = nullptr;
-
     std::atomic<uint32_t> applied_when_connected_ = 0;
-    std::mutex mutex_;  // guards what follows
+    std::atomic<long> writes_ = 0;
+
+    std::mutex mutex_;  // guards what follows; nothing waits under it but on changed_
     std::condition_variable changed_;
     bool ended_ = false, pause_ = false, paused_ = false, held_up_ = false, connected_ = false;
-    long writes_ = 0;
 
     Random writers_random_;  // the writer's thread only
     std::thread writing_;
 };
-
-// The first faults strike while the cache starts.
-Faults::Faults(uint64_t seed, bool trace)
-    : World(seed, trace, /*own_index_keys=*/false), writers_random_{std::mt19937_64(seed + 1'000'000'007)} {
-    writer_ = open(server_.url());
-    for (int i = 0; i < 3000; i++) write_some();
-
-    reader_ = open("redis+unix://" + proxied_);
-    tq_mom_client_set_connection_cb(reader_, on_connection, this);
-    dm_cache_multi_thread_init();
-    for (const int32_t row : rows()) follow(row);
-    if (dm_cache_init(reader_, "faults") != 0) fail("the cache does not start");
-    writing_ = std::thread([this] { write_on(); });
-}
-
-void Faults::run(long cycles_to_run) {
-    for (; now < cycles_to_run; now++) {
-        do strike();
-        while (random.percent(40));
-        come_to_rest();
-        count(cycles);
-    }
-    tell([this] { ended_ = true; });
-    writing_.join();
-    tq_mom_client_close(reader_);
-    tq_mom_client_close(writer_);
-}
-
-void Faults::told(int32_t row, int32_t operation, const ProtobufCMessage *message) {
-    World::told(row, operation, message);
-    std::unique_lock lock(mutex_);
-    changed_.wait(lock, [this] { return !held_up_; });
-}
-
-void Faults::on_connection(tq_mom_handle *, int32_t connected, int32_t reason, void *faults) {
-    auto &self = *static_cast<Faults *>(faults);
-    if (connected) self.applied_when_connected_ = dm_cache_applied();
-    if (!connected) count(losses);
-    if (reason == 1 || reason == 2) count(reason == 1 ? same_server : other_server, connected);
-    self.tell([&] { self.connected_ = connected != 0; });
-}
-
-// The writer
-
-void Faults::write_some() {
-    Random &chance = writers_random_;
-    if (chance.percent(50)) return write(chance);
-    const Message card = random_object(chance, DM_ROW_CARD_INFO, chance.below(cards))
-                             .set("name", std::string(600, static_cast<char>('a' + chance.below(26))));
-    chance.percent(30) ? remove(DM_ROW_CARD_INFO, card) : set(DM_ROW_CARD_INFO, card);
-}
-
-void Faults::note_write(int32_t error) {
-    const bool refused = error == TQ_MOM_E_UNREACHABLE || error == TQ_MOM_E_REFUSED;
-    if (error && !refused && error != TQ_MOM_E_NOT_FOUND) fail("a write is answered oddly");
-    count(writes);
-    count(refused_writes, refused);
-    tell([this] { writes_++; });
-}
-
-void Faults::write_on() {
-    for (;;) {
-        tell([this] { paused_ = pause_; });
-        {
-            std::unique_lock lock(mutex_);
-            changed_.wait(lock, [this] { return ended_ || !pause_; });
-            paused_ = false;
-            if (ended_) return;
-        }
-        write_some();
-        tq_mom_client_connect_sync(writer_, 0);  // waits while it is cut off
-    }
-}
-
-// Also when the writer cannot go on.
-void Faults::wait_for_writes(int32_t more) {
-    long until = 0;
-    tell([&] { until = writes_ + more; });
-    wait_for(std::chrono::seconds(2), [&] { return writes_ >= until; });
-}
-
-bool Faults::wait_for_loss(int32_t limit) {
-    return wait_for(std::chrono::milliseconds(limit), [this] { return !connected_; });
-}
-
-// The faults
-
-const Faults::Fault Faults::faults[] = {
-    {"restart with older content",
-     [](Faults &at) {
-         at.server_.command({"SAVE"});
-         at.wait_for_writes(at.random.below(2000));
-         at.server_.kill();
-         at.server_.start();
-     }},
-    {"restart with its content", [](Faults &at) { at.server_.restart(true); }},
-    {"restart empty", [](Faults &at) { at.server_.restart(false); }},
-    {"freeze", [](Faults &at) { at.freeze(); }},
-    {"cut off", [](Faults &at) { at.cut_off(); }},
-    {"hold up the reader",
-     [](Faults &at) {
-         at.tell([&] { at.held_up_ = true; });
-         at.wait_for_writes(at.random.below(6000));
-         at.tell([&] { at.held_up_ = false; });
-     }},
-    {"kill subscribers", [](Faults &at) { at.server_.command({"CLIENT", "KILL", "TYPE", "pubsub"}); }},
-    {"kill command connections", [](Faults &at) { at.server_.command({"CLIENT", "KILL", "TYPE", "normal"}); }},
-    {"full disk", [](Faults &at) { at.fill_disk(); }},
-    {"slow answers", [](Faults &at) { at.slow_down(); }},
-    // Noticed while it lasts or not: the content may be another one afterwards.
-    {"another master for a moment",
-     [](Faults &at) {
-         at.server_.command({"REPLICAOF", "127.0.0.1", "1"});
-         at.wait_for_writes(at.random.below(100));
-         at.server_.command({"REPLICAOF", "NO", "ONE"});
-     }},
-    {"emptied", [](Faults &at) { at.server_.command({"FLUSHALL"}); }},
-    {"a child", [](Faults &at) { at.have_child(); }},
-};
-
-// As often for less than the probe time, which nobody needs to notice.
-void Faults::freeze() {
-    server_.freeze(true);
-    const bool must_notice = random.percent(50);
-    if (!wait_for_loss(must_notice ? limit_ms : random.below(250)) && must_notice) fail("a silence is not noticed");
-    server_.freeze(false);
-}
-
-// What is deleted meanwhile must not stay.
-void Faults::cut_off() {
-    proxy_.cut();
-    if (!wait_for_loss(limit_ms)) fail("a lost connection is not noticed");
-    wait_for_writes(random.below(2000));
-    proxy_.let_in();
-}
-
-// Reading goes on; what is written meanwhile is refused.
-void Faults::fill_disk() {
-    const std::string folder = std::filesystem::path(server_.socket()).parent_path();
-    server_.command({"CONFIG", "SET", "dir", "/proc/self", "save", "900 1"});
-    for (int i = 0; i < 200 && !server_.command({"PING"}).starts_with("MISCONF"); i++) {
-        server_.command({"BGSAVE"});
-        ::poll(nullptr, 0, 5);
-    }
-    wait_for_writes(random.below(500));
-    server_.command({"CONFIG", "SET", "dir", folder, "save", ""});
-}
-
-void Faults::slow_down() {
-    const auto bend_all = [this](const Proxy::Bend &bend) {
-        for (const auto roads : {Proxy::Roads::commands, Proxy::Roads::feeds, Proxy::Roads::to_come})
-            proxy_.bend(roads, bend);
-    };
-    bend_all([each = random.below(100)](std::string &, int) {
-        ::poll(nullptr, 0, each);
-        return true;
-    });
-    wait_for_writes(random.below(2000));
-    bend_all({});
-}
-
-void Faults::have_child() {
-    const Message object = card(1, 1, 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        bool refused = true;
-        for (tq_mom_handle *handle : {writer_, reader_}) {
-            refused &= tq_mom_set(handle, 1, object.get(), 0, 0) == TQ_MOM_E_ARGUMENT &&
-                       tq_mom_client_close(handle) == TQ_MOM_E_ARGUMENT;
-        }
-        _exit(refused ? 0 : 1);
-    }
-    int status = -1;
-    if (waitpid(child, &status, 0) != child || status != 0) fail("a child may use its parent's handle");
-}
-
-// At a moment of subscribing, scanning or following: when so many more bytes have come to the reader.
-void Faults::strike() {
-    const auto bytes = static_cast<size_t>(random.below(size_t{1} << random.below(22)));
-    const Fault &fault = faults[random.below(std::size(faults))];
-    say("after %zu bytes: %s", bytes, fault.name);
-    proxy_.wait_for_bytes(bytes, std::chrono::seconds(1));
-    fault.strike(*this);
-}
-
-// Coming to rest
-
-void Faults::connect_clients() {
-    for (tq_mom_handle *handle : {writer_, reader_}) {
-        for (int i = 0; tq_mom_client_connect_sync(handle, 0) != 0; i++) {
-            if (i == 5) fail("a client does not come back");
-        }
-    }
-}
-
-// A connection that was killed is noticed only when it is used.
-bool Faults::read_store(int32_t row, Picture &store, Picture &) {
-    const auto reply = [](tq_mom_handle *, store_msg *msg, void *word) {
-        add(*static_cast<Picture *>(word), static_cast<result_rec *>(msg->value)->obj);
-        return 0;
-    };
-    return tq_mom_scan_sync(writer_, db(row), obj_sub_list[row].obj_tmpl, 0, reply, &store) == 0;
-}
-
-// Either in the middle of what follows a reconnect, or when the cache has been following again for a while.
-void Faults::come_to_rest() {
-    connect_clients();
-    if (random.percent(60)) {
-        if (dm_cache_wait_applied(applied_when_connected_, limit_ms) != 0) fail("the cache is not synchronised again");
-        wait_for_writes(random.below(4000));
-    }
-    tell([this] { pause_ = true; });
-    if (!wait_for(patience, [this] { return paused_; })) fail("the writer hangs");
-    connect_clients();
-    const auto end = std::chrono::steady_clock::now() + patience;
-    std::string found = difference();
-    while (!found.empty() && std::chrono::steady_clock::now() < end) {
-        dm_cache_wait_applied(dm_cache_applied(), 100);
-        found = difference();
-    }
-    if (!found.empty()) fail("%s", found.c_str());
-    tell([this] { pause_ = false; });
-}
 
 }  // namespace
 
@@ -319,9 +308,12 @@ int main(int argc, char **argv) {
         alarm(static_cast<unsigned>(60 + 30 * cycles_to_run));
         Faults(seed, trace).run(cycles_to_run);
     };
-    return run_seeds({"faults", "cycles", 10, /*at_a_time=*/1,
+    return run_seeds({"faults",
+                      "cycles",
+                      10,
+                      /*at_a_time=*/1,
                       {"cycles", "writes", "of them while cut off or refused", "connections lost",
-                       "times back on the same server", "times on another"},
+                       "times back on the same server", "times back on another"},
                       run},
                      argc, argv);
 }

@@ -396,7 +396,10 @@ int main(int argc, char **argv) {
         Simulation(seed, trace).run(steps_to_do);
     };
     const size_t at_a_time = std::max(1U, std::thread::hardware_concurrency());
-    return run_seeds({"simulate", "steps", 500, at_a_time,
+    return run_seeds({"simulate",
+                      "steps",
+                      500,
+                      at_a_time,
                       {"steps", "deliveries", "lost connections", "reconnects reported", "resynchronisations",
                        "full applications", "objects swept", "quiet points"},
                       run},

@@ -21,25 +21,20 @@ void start(std::initializer_list<int32_t> rows) {
     dm_cache_init(&platform.handle, "test");
 }
 
-namespace {
-
-Request to(int32_t row) {
-    return {0, nullptr, dm_cache_mom_callback_func, reinterpret_cast<void *>(static_cast<intptr_t>(row))};
-}
-
-}  // namespace
-
 int32_t receive(int32_t row, int32_t cmd, const Message &object, int32_t flag) {
+    result_rec record{};
+    record.obj = object.get();
     const bool wrapped = cmd == REPLY || cmd == REPLY_HASH || cmd == REPLY_GET;
-    return wrapped ? to(row).reply(object, /*damaged=*/false, cmd) : to(row).deliver(cmd, object.get(), flag);
+    return receive_value(row, cmd, wrapped ? static_cast<void *>(&record) : object.get(), flag);
 }
 
 int32_t receive_value(int32_t row, int32_t cmd, void *value, int32_t flag, int32_t result) {
-    return to(row).deliver(cmd, value, flag, result);
+    auto *const word = reinterpret_cast<void *>(static_cast<intptr_t>(row));
+    return Request{0, nullptr, dm_cache_mom_callback_func, word}.deliver(cmd, value, flag, result);
 }
 
 int32_t receive_end(int32_t row) {
-    return to(row).end();
+    return receive_value(row, REPLY, nullptr, /*flag=*/1);
 }
 
 dm_cache_list_node *element(int32_t row, const Message &object) {

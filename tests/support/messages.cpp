@@ -70,8 +70,9 @@ std::string content(const ProtobufCMessageDescriptor &kind, int32_t number, cons
             const std::optional<int32_t> chosen = choose(field, i);
             if (!chosen) continue;
             const std::string part =
-                is_message ? content(*static_cast<const ProtobufCMessageDescriptor *>(field.descriptor), *chosen, choose)
-                           : std::string(*chosen ? 6 : 0, static_cast<char>('@' + *chosen % 32));
+                is_message
+                    ? content(*static_cast<const ProtobufCMessageDescriptor *>(field.descriptor), *chosen, choose)
+                    : std::string(*chosen ? 6 : 0, static_cast<char>('@' + *chosen % 32));
             put_varint(bytes, field.id << 3 | (with_length ? 2 : 0));
             put_varint(bytes, with_length ? part.size() : static_cast<size_t>(is_bool ? *chosen % 2 : *chosen));
             if (with_length) bytes += part;

@@ -93,11 +93,11 @@ int32_t Request::deliver(int32_t cmd, void *value, int32_t flag, int32_t result)
     return callback(&platform.handle, &msg, privdata);
 }
 
-int32_t Request::reply(const Message &object, bool damaged, int32_t cmd) const {
+int32_t Request::reply(const Message &object, bool damaged) const {
     result_rec record{};
     record.obj = damaged ? nullptr : object.get();
     record.error = damaged;
-    return deliver(cmd, &record);
+    return deliver(TQ_MOM_CMD_REPLY, &record);
 }
 
 void ScriptedPlatform::become_ready() {
@@ -202,8 +202,8 @@ int32_t tq_mom_scan(tq_mom_handle *, uint32_t db, const ProtobufCMessage *tmpl, 
     return answer;
 }
 
-int32_t tq_mom_scan_sync(tq_mom_handle *, uint32_t db, const ProtobufCMessage *tmpl, int32_t,
-                         tq_mom_msg_cb callback, void *privdata) {
+int32_t tq_mom_scan_sync(tq_mom_handle *, uint32_t db, const ProtobufCMessage *tmpl, int32_t, tq_mom_msg_cb callback,
+                         void *privdata) {
     ++platform.reads;
     const int32_t answer = call(text("scan_sync", db, tmpl));
     const auto found = stored_of_kind(tmpl->descriptor->name, db);

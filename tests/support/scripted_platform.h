@@ -31,7 +31,7 @@ struct Request {
     }
     // What the client receives for it; a reply of an object, or that it is damaged; the end of a scan.
     int32_t deliver(int32_t cmd, void *value, int32_t flag = 0, int32_t result = 0) const;
-    int32_t reply(const Message &object, bool damaged = false, int32_t cmd = TQ_MOM_CMD_REPLY) const;
+    int32_t reply(const Message &object, bool damaged = false) const;
     int32_t end() const { return deliver(TQ_MOM_CMD_REPLY, nullptr, /*flag=*/1); }
 };
 

@@ -117,6 +117,7 @@ const ProtobufCMessageDescriptor *kind_of(int32_t row) {
 World::World(uint64_t seed, bool trace, bool own_index_keys)
     : random{std::mt19937_64(seed)}, trace_(trace), own_index_keys_(own_index_keys) {
     world = this;
+    rows();  // sets up the table of rows, of which objects are made
 }
 
 void World::write(Random &chance) {
