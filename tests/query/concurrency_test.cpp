@@ -13,7 +13,6 @@
 #include <atomic>
 #include <future>
 #include <set>
-#include <span>
 
 namespace {
 
@@ -65,38 +64,19 @@ const std::vector<Question> &queries() {
 const std::set<std::string> in_parts = {"_ndm_get_my_card_obj_rt", "_ndm_get_my_lchips", "ndm_get_my_device_name",
                                         "ndm_is_vsl_card", "ndm_reset_module_by_node_causelly"};
 
-// Every field of a kind, packed; whatever its type can say is `number`.
-std::string content(const ProtobufCMessageDescriptor *kind, int32_t number) {
-    std::string bytes;
-    const auto varint = [&bytes](size_t value) {
-        for (; value > 127; value >>= 7) bytes += static_cast<char>(value | 128);
-        bytes += static_cast<char>(value);
-    };
-    for (const ProtobufCFieldDescriptor &field : std::span(kind->fields, kind->n_fields)) {
-        const auto *inner =
-            field.type == PROTOBUF_C_TYPE_MESSAGE ? static_cast<decltype(kind)>(field.descriptor) : nullptr;
-        const bool text = inner || field.type == PROTOBUF_C_TYPE_STRING || field.type == PROTOBUF_C_TYPE_BYTES;
-        const int32_t n = field.label != PROTOBUF_C_LABEL_REPEATED ? 1 : inner ? 2 : 4;
-        for (int32_t i = number; i < number + n; ++i) {
-            const std::string part = inner ? content(inner, i) : std::string(6, static_cast<char>('@' + i % 32));
-            varint(field.id << 3 | (text ? 2 : 0));
-            varint(text ? part.size() : static_cast<size_t>(field.type == PROTOBUF_C_TYPE_BOOL ? i % 2 : i));
-            if (text) bytes += part;
-        }
-    }
-    return bytes;
-}
-
-Message of(const std::string &kind, int32_t number, std::initializer_list<Message::Field> fields = {}) {
-    const auto *descriptor = dm_schema_find_message(("p_dev." + kind).c_str());
-    Message made = Message::unpack(descriptor, content(descriptor, number));
-    for (const auto &[path, value] : fields) made = std::move(made).set(path, value);
+// Every field says the number; but for the key, and the fields that are named.
+Message of(const std::string &kind, std::initializer_list<int32_t> key, int32_t number,
+           std::initializer_list<Message::Field> fields = {}) {
+    const auto every_field = [](const ProtobufCFieldDescriptor &, int32_t i) { return i; };
+    Message made = filled(*dm_schema_find_message(("p_dev." + kind).c_str()), number, every_field);
+    if (key.size() > 0) made = keyed(std::move(made), key);
+    for (const auto &[path, value] : fields) std::move(made).set(path, value);
     return made;
 }
 
 // Who refers to a type refers to one that ends in 0 or 5, or to the next one.
 Message of_type(const std::string &kind, int32_t type, int32_t v) {
-    return of(kind, 2 + 3 * (type % 10) + 2 * v, {{"index.type", type}});
+    return of(kind, {type}, 2 + 3 * (type % 10) + 2 * v);
 }
 
 Message device_type(int32_t type, int32_t v) {
@@ -118,28 +98,19 @@ Message card_attributes(int32_t type, int32_t v) {
 }
 
 Message device(int32_t devid, int32_t v) {
-    Message made = of("device_info", 6 + v,
-                      {{"index.devid", devid},
-                       {"devid", devid},
-                       {"config_dev_type", 10 + v},
-                       {"static_info.is_box", v},
-                       {"static_info.min_slot", 1}});
+    Message made = of("device_info", {devid}, 6 + v, {{"devid", devid}, {"config_dev_type", 10 + v}})
+                       .set("static_info.is_box", v)
+                       .set("static_info.min_slot", 1);
     made.as<PDev__DeviceInfo>()->static_info->slot_index[2] = 3;
     return made;
 }
 
 Message a_card(int32_t slot, int32_t sslot, int32_t type, int32_t v) {
-    return of("card_info", slot + v,
-              {{"index.t_mod", 0},
-               {"index.devid", 1},
-               {"index.slotid", slot},
-               {"index.sslotid", sslot},
-               {"config_dev_type", type},
-               {"card_nodeid", 9 * slot + v}});
+    return of("card_info", {1, slot, sslot}, slot + v, {{"config_dev_type", type}, {"card_nodeid", 9 * slot + v}});
 }
 
 Message link(int32_t v) {
-    return of("vsl_port_info", 2 + v, {{"index.devid", 1}, {"index.slotid", 3 + v}});
+    return of("vsl_port_info", {1, 3 + v}, 2 + v);
 }
 
 void step() {
@@ -174,7 +145,7 @@ void (*on_change)() = record;
 // Much changes at once and is not told: the store announces its content again, or its connections are lost.
 void rescan(int32_t v) {
     step();
-    platform.put(of("dp_lib_grole", 2 + v, {{"global_slave.devid", 9 - v}}));
+    platform.put(of("dp_lib_grole", {}, 2 + v, {{"global_slave.devid", 9 - v}}));
     platform.put(a_card(4, 0, 645, v));
     platform.put(link(v), 3);
     platform.erase(link(1 - v), 3);
@@ -197,8 +168,8 @@ void rescan(int32_t v) {
 // a while: so an answer of the one moment's reference and the next one's type never held.
 void cycle() {
     for (const int32_t v : {1, 0}) {
-        set(of("dp_lib_my_info", 1 + v, {{"card_type", 645 + v}, {"card_nodeid", node + 256 * v}}));
-        set(of("dp_lib_my_chss_info", v, {{"devid", 1 + v}, {"dev_type", 10 + v}}));
+        set(of("dp_lib_my_info", {}, 1 + v, {{"card_type", 645 + v}, {"card_nodeid", node + 256 * v}}));
+        set(of("dp_lib_my_chss_info", {}, 1 + v, {{"devid", 1 + v}, {"dev_type", 10 + v}}));
         set(device(1, v));
         set(a_card(3, 0, 645 + v, v));
         set(a_card(3, 1, 700 + v, v));
@@ -215,17 +186,15 @@ void cycle() {
             set(vsd_port(1, 3, p, 7, 100 + p).set("layer", v));
             set(local_port(0, p, p).set("static_info.mport", v).set("static_info.pd_medium_type", v ? 2 : 0));
         }
-        const Message brief[] = {
-            of("dp_lib_grole", 2 + v),
-            of("dp_lib_lrole", 2 + v),
-            of("local_port_info", 2 + v),
-            of_type("dm_chip_stattr_t", 77, v),
-            of("vsd_info", 2 + v, {{"index.t_vsdid", 0}, {"id", 0}}),
-            of("device_sync_info", 2 + v, {{"index.devid", 1}}),
-            of("local_card_info", 2 + v,
-               {{"index.t_mod", 0}, {"index.devid", 0}, {"index.slotid", 3}, {"index.sslotid", 0}}),
-            global_port(0, 1, 3, 1, 7, 101).set("layer", v),
-            static_port(1, 3, 2, 7).set("static_info.mport", v)};
+        const Message brief[] = {of("dp_lib_grole", {}, 2 + v),
+                                 of("dp_lib_lrole", {}, 2 + v),
+                                 of("local_port_info", {}, 2 + v),
+                                 of_type("dm_chip_stattr_t", 77, v),
+                                 of("vsd_info", {0}, 2 + v, {{"id", 0}}),
+                                 of("device_sync_info", {1}, 2 + v),
+                                 of("local_card_info", {0, 3, 0}, 2 + v),
+                                 global_port(0, 1, 3, 1, 7, 101).set("layer", v),
+                                 static_port(1, 3, 2, 7).set("static_info.mport", v)};
         for (const Message &object : brief) {
             set(object);
             remove(object);
@@ -250,9 +219,7 @@ void start_live(void (*told)()) {
     for (int32_t row = 1; row < DM_ROW_COUNT; ++row) dm_cache_sub_obj(row, tell, 0);
     start({});
     platform.put(complete());
-    platform.become_ready();
-    platform.confirm();
-    platform.answer_scans();
+    platform.synchronise();
 }
 
 bool another_thread_can_lock() {
@@ -359,8 +326,8 @@ TEST(Concurrency, NoQueryReadsTheCacheWithoutTheLock) {
     };
     start_live(audit);
     cycle();
-    set(of("dp_lib_my_chss_info", 1, {{"devid", 1}, {"dev_type", 10}}));  // a virtual unit, whose links stay
-    Message roles = of("dp_lib_grole", 1);
+    set(of("dp_lib_my_chss_info", {}, 1, {{"devid", 1}, {"dev_type", 10}}));  // a virtual unit, whose links stay
+    Message roles = of("dp_lib_grole", {}, 1);
     PDev__LibCardRole &leader = *roles.as<PDev__DpLibGrole>()->card_role[0];
     leader.devid = leader.is_local_master = 1;
     leader.slotid = 30;

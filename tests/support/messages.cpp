@@ -39,17 +39,6 @@ Place find(ProtobufCMessage &message, std::string_view path) {
     return find(*inner, path.substr(dot + 1));
 }
 
-// An object of a kind with a key: its fields in their order, but for the one that is never compared.
-Message keyed(std::string_view kind, std::initializer_list<int32_t> key) {
-    Message object(kind);
-    const auto *next = key.begin();
-    for (const auto &field : dmq::fields_of(*dmq::sub_type(*dmq::key_field(kind_named(kind))))) {
-        if (!dmq::is_never_compared(field.name) && next != key.end())
-            std::move(object).set("index." + std::string(field.name), *next++);
-    }
-    return object;
-}
-
 // The two kinds of ports that carry their place beside their key.
 Message at_place(Message port, int32_t dev, int32_t slot, int32_t ifx) {
     return std::move(port).set("dev", dev).set("slot", slot).set("physlot", slot).set("ifx", ifx);
@@ -153,29 +142,38 @@ Message filled(const ProtobufCMessageDescriptor &kind, int32_t number, const Cho
     return Message::unpack(&kind, content(kind, number, choose));
 }
 
+Message keyed(Message object, std::initializer_list<int32_t> key) {
+    const auto *next = key.begin();
+    for (const auto &field : dmq::fields_of(*dmq::sub_type(*dmq::key_field(*object.get()->descriptor)))) {
+        const bool compared = !dmq::is_never_compared(field.name);
+        if (next != key.end()) std::move(object).set("index." + std::string(field.name), compared ? *next++ : 0);
+    }
+    return object;
+}
+
 Message complete() {
     return {"p_dev.dp_lib_complete", {{"all_is_complete", 1}}};
 }
 
 Message card(int32_t devid, int32_t slot, int32_t sslot) {
-    return keyed("p_dev.card_info", {devid, slot, sslot});
+    return keyed(Message("p_dev.card_info"), {devid, slot, sslot});
 }
 
 Message static_port(int32_t dev, int32_t slot, int32_t port, int32_t type) {
-    Message made = keyed("p_dev.port_static", {dev, slot, port, type}).set("static_info.type", type);
+    Message made = keyed(Message("p_dev.port_static"), {dev, slot, port, type}).set("static_info.type", type);
     for (const char *name : {"port", "lport", "user_port"})
         std::move(made).set("static_info." + std::string(name), port);
     return made;
 }
 
 Message local_port(int32_t unit, int32_t cport, int32_t lport) {
-    return keyed("p_dev.unit_cport_info", {unit, cport}).set("static_info.lport", lport);
+    return keyed(Message("p_dev.unit_cport_info"), {unit, cport}).set("static_info.lport", lport);
 }
 
 Message global_port(int32_t vsdid, int32_t dev, int32_t slot, int32_t port, int32_t type, int32_t ifx) {
-    return at_place(keyed("p_dev.vsd_port", {vsdid, dev, slot, port, type}), dev, slot, ifx);
+    return at_place(keyed(Message("p_dev.vsd_port"), {vsdid, dev, slot, port, type}), dev, slot, ifx);
 }
 
 Message vsd_port(int32_t dev, int32_t slot, int32_t port, int32_t type, int32_t ifx) {
-    return at_place(keyed("p_dev.vsd_port_attr", {dev, slot, port, type}), dev, slot, ifx);
+    return at_place(keyed(Message("p_dev.vsd_port_attr"), {dev, slot, port, type}), dev, slot, ifx);
 }

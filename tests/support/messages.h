@@ -57,6 +57,9 @@ Message key_only(const ProtobufCMessage *message);
 using Choose = std::function<std::optional<int32_t>(const ProtobufCFieldDescriptor &field, int32_t number)>;
 Message filled(const ProtobufCMessageDescriptor &kind, int32_t number, const Choose &choose);
 
+// The object with another key: its first fields in their order, but for the one that is never compared.
+Message keyed(Message object, std::initializer_list<int32_t> key);
+
 // What tests need most. Further fields by set().
 Message complete();
 Message card(int32_t devid, int32_t slot, int32_t sslot);
