@@ -14,8 +14,6 @@
 
 namespace {
 
-enum Total { cycles, writes, refused_writes, losses, same_server, other_server };
-
 constexpr size_t cards = 1500;  // their names make a scan of several pages
 constexpr int32_t limit_ms = 30'000;
 constexpr std::chrono::milliseconds patience(limit_ms);
@@ -37,17 +35,17 @@ public:
         reader_ = open("redis+unix://" + proxied_);
         tq_mom_client_set_connection_cb(reader_, on_connection, this);
         dm_cache_multi_thread_init();
-        for (const int32_t row : rows()) follow(row);
+        for (const int32_t row : rows) follow(row);
         if (dm_cache_init(reader_, "faults") != 0) fail("the cache does not start");
         writing_ = std::thread([this] { write_on(); });
     }
 
-    void run(long cycles_to_run) {
-        for (; now < cycles_to_run; now++) {
+    void run(long cycles) {
+        for (; now < cycles; now++) {
             do strike();
             while (random.percent(40));
             come_to_rest();
-            count(cycles);
+            count("cycles");
         }
         tell([this] { ended_ = true; });
         writing_.join();
@@ -77,8 +75,9 @@ private:
 
     static void on_connection(tq_mom_handle *, int32_t connected, int32_t reason, void *word) {
         auto &faults = *static_cast<Faults *>(word);
-        if (!connected) count(losses);
-        if (connected && reason > 0) count(reason == 1 ? same_server : other_server);
+        if (!connected) count("connections lost");
+        if (connected && reason > 0)
+            count(reason == 1 ? "times back on the same server" : "times back on another server");
         faults.tell([&] {
             faults.connected_ = connected != 0;
             if (connected) faults.applied_when_connected_ = dm_cache_applied();
@@ -96,8 +95,8 @@ private:
     void note(int32_t error) {
         const bool refused = error == TQ_MOM_E_UNREACHABLE || error == TQ_MOM_E_REFUSED;
         if (error && !refused && error != TQ_MOM_E_NOT_FOUND) fail("a write is answered oddly");
-        count(writes);
-        count(refused_writes, refused);
+        count("writes");
+        count("writes while cut off or refused", refused);
         tell([this] { writes_++; });
     }
 
@@ -304,16 +303,9 @@ private:
 }  // namespace
 
 int main(int argc, char **argv) {
-    const auto run = [](uint64_t seed, long cycles_to_run, bool trace) {
-        alarm(static_cast<unsigned>(60 + 30 * cycles_to_run));
-        Faults(seed, trace).run(cycles_to_run);
+    const auto run = [](uint64_t seed, long cycles, bool trace) {
+        alarm(static_cast<unsigned>(60 + 30 * cycles));
+        Faults(seed, trace).run(cycles);
     };
-    return run_seeds({"faults",
-                      "cycles",
-                      10,
-                      /*at_a_time=*/1,
-                      {"cycles", "writes", "of them while cut off or refused", "connections lost",
-                       "times back on the same server", "times back on another"},
-                      run},
-                     argc, argv);
+    return run_seeds({"faults", "cycles", 10, /*at_a_time=*/1, run}, argc, argv);
 }

@@ -19,8 +19,6 @@
 
 namespace {
 
-enum Total { steps, deliveries, losses, reconnects, resyncs, applications, swept, quiet_points };
-
 struct Place {
     int32_t row;
     std::string key;
@@ -60,7 +58,7 @@ class Simulation : World {
 public:
     Simulation(uint64_t seed, bool trace) : World(seed, trace, /*own_index_keys=*/seed % 2 == 0) {
         if (random.percent(50)) dm_cache_multi_thread_init();
-        for (const int32_t row : rows())
+        for (const int32_t row : rows)
             if (random.percent(85)) follow(row, random.percent(3) ? DM_CACHE_NO_STORE : 0);
         if (dm_cache_init(&platform.handle, "simulation") != 0) fail("the cache does not start");
         platform.during_call = [this](const std::string &call) { platform.answers = {{call, refuse(call)}}; };
@@ -68,19 +66,19 @@ public:
         for (const Connection &each : platform.connections) say_ready(each);
     }
 
-    void run(long steps_to_do) {
-        for (; steps_to_do > 0; --steps_to_do) {
+    void run(long steps) {
+        for (; steps > 0; --steps) {
             step();
             if (random.below(80) == 0) check_at_rest();
         }
         check_at_rest();
-        for (const int32_t row : rows()) count(swept, counters(row).swept);
+        for (const int32_t row : rows) count("objects swept", counters(row).swept);
     }
 
 private:
     void step() {
         ++now;
-        count(steps);
+        count("steps");
         if (!up_ && random.percent(15)) come_back();
         if (up_ && random.below(1000) < loss_rate_) lose();
         const int32_t roll = random.below(100);
@@ -130,7 +128,7 @@ private:
                 const auto is_scan = [](const std::string &call) { return call.starts_with("scan "); };
                 if (row != DM_ROW_DP_LIB_COMPLETE || std::ranges::none_of(platform.calls, is_scan)) return;
                 say("         a resynchronisation begins");
-                count(resyncs);
+                count("resynchronisations");
                 application_due_ = true;
             });
         }
@@ -207,7 +205,7 @@ private:
                                 --reports_under_way_;
                                 held_back_.erase(to.db);
                                 application_due_ = true;
-                                count(reconnects);
+                                count("reconnects reported");
                                 to.reconnect(nullptr, to.db, reason, nullptr);
                             }});
     }
@@ -222,7 +220,7 @@ private:
     void deliver() {
         if (stream_.empty()) return;
         const Delivery delivery = take_front(stream_);
-        count(deliveries);
+        count("deliveries");
         say("deliver  %s", delivery.name.c_str());
         delivery.arrive();
         collect();
@@ -241,7 +239,7 @@ private:
         if (dm_cache_applied() > applied_seen_) {
             applied_seen_ = dm_cache_applied();
             say("         applied: %u", applied_seen_);
-            count(applications);
+            count("full applications");
             complete_ = up_ && !scan_before_report_;
             if (complete_) check_complete();
         }
@@ -258,7 +256,7 @@ private:
 
     void lose() {
         say("connection lost");
-        count(losses);
+        count("lost connections");
         up_ = complete_ = scan_before_report_ = false;
         reports_under_way_ = 0;
         requests_.clear();
@@ -302,7 +300,7 @@ private:
 
     // Objects in the cache that the store does not have: the next full application is to sweep them.
     void plant_ghosts() {
-        for (const int32_t row : rows())
+        for (const int32_t row : rows)
             if (follows(row) && obj_sub_list[row].index_offset > 0 && random.percent(30))
                 client_sets_object(row, random_object(random, row, ghost_keys));
     }
@@ -343,7 +341,7 @@ private:
         }
         at_rest_ = false;
         say("at rest");
-        count(quiet_points);
+        count("quiet points");
     }
 
     void check_at_rest() {
@@ -391,17 +389,9 @@ private:
 }  // namespace
 
 int main(int argc, char **argv) {
-    const auto run = [](uint64_t seed, long steps_to_do, bool trace) {
+    const auto run = [](uint64_t seed, long steps, bool trace) {
         alarm(60);
-        Simulation(seed, trace).run(steps_to_do);
+        Simulation(seed, trace).run(steps);
     };
-    const size_t at_a_time = std::max(1U, std::thread::hardware_concurrency());
-    return run_seeds({"simulate",
-                      "steps",
-                      500,
-                      at_a_time,
-                      {"steps", "deliveries", "lost connections", "reconnects reported", "resynchronisations",
-                       "full applications", "objects swept", "quiet points"},
-                      run},
-                     argc, argv);
+    return run_seeds({"simulate", "steps", 500, std::max(1U, std::thread::hardware_concurrency()), run}, argc, argv);
 }

@@ -33,24 +33,27 @@ std::string text(const char *name, uint32_t db, const ProtobufCMessage *message)
     return std::string(name) + ' ' + std::to_string(db) + ' ' + message->descriptor->name;
 }
 
-ScriptedPlatform::Key place(const ProtobufCMessage *object, uint32_t db) {
-    const ProtobufCMessage *key = key_of(object);
-    return {db, object->descriptor->name, key ? packed(key) : ""};
+// Where the store keeps a kind, and an object of it.
+std::string place(uint32_t db, const ProtobufCMessageDescriptor *kind) {
+    return std::to_string(db) + ' ' + kind->name + '\n';
+}
+std::string place(uint32_t db, const ProtobufCMessage *object) {
+    return place(db, object->descriptor) + key_bytes(object);
 }
 
 // The store's object with a probe's key; an empty message when there is none.
-Message stored(const ProtobufCMessage *probe, uint32_t db) {
+Message stored(uint32_t db, const ProtobufCMessage *probe) {
     const std::lock_guard hold(shared);
-    const auto found = platform.objects.find(place(probe, db));
+    const auto found = platform.objects.find(place(db, probe));
     return found == platform.objects.end() ? Message() : Message::copy(found->second.get());
 }
 
 // All of a kind, in the order of their keys.
-std::vector<Message> stored_of_kind(std::string_view kind, uint32_t db) {
+std::vector<Message> stored(uint32_t db, const ProtobufCMessageDescriptor *kind) {
     const std::lock_guard hold(shared);
     std::vector<Message> found;
-    for (const auto &[key, object] : platform.objects)
-        if (key.kind == kind && key.db == db) found.push_back(Message::copy(object.get()));
+    for (const auto &[at, object] : platform.objects)
+        if (at.starts_with(place(db, kind))) found.push_back(Message::copy(object.get()));
     return found;
 }
 
@@ -58,7 +61,7 @@ std::vector<Message> stored_of_kind(std::string_view kind, uint32_t db) {
 ProtobufCMessage *read(const char *name, uint32_t db, const ProtobufCMessage *probe, int32_t *error) {
     ++platform.reads;
     *error = call(text(name, db, probe));
-    Message object = *error ? Message() : stored(probe, db);
+    Message object = *error ? Message() : stored(db, probe);
     if (platform.instead.get()) object = Message::copy(platform.instead.get());
     if (platform.during_read) platform.during_read();
     return object.release();
@@ -75,12 +78,12 @@ std::vector<Request> subscriptions_to(const Message &object) {
 
 void ScriptedPlatform::put(const Message &object, uint32_t db) {
     const std::lock_guard hold(shared);
-    objects[place(object.get(), db)] = Message::copy(object.get());
+    objects[place(db, object.get())] = Message::copy(object.get());
 }
 
 void ScriptedPlatform::erase(const Message &object, uint32_t db) {
     const std::lock_guard hold(shared);
-    objects.erase(place(object.get(), db));
+    objects.erase(place(db, object.get()));
 }
 
 int32_t Request::deliver(int32_t cmd, void *value, int32_t flag, int32_t result) const {
@@ -125,7 +128,7 @@ void ScriptedPlatform::push_delete(const Message &object) {
 void ScriptedPlatform::answer_scans() {
     while (!scans.empty()) {
         const Request scan = scans[0];
-        for (const Message &object : stored_of_kind(scan.kind->name, scan.db)) scan.reply(object);
+        for (const Message &object : stored(scan.db, scan.kind)) scan.reply(object);
         scans.erase(std::ranges::find_if(scans, [&](const Request &each) { return each.is(scan); }));
         scan.end();
     }
@@ -206,7 +209,7 @@ int32_t tq_mom_scan_sync(tq_mom_handle *, uint32_t db, const ProtobufCMessage *t
                          void *privdata) {
     ++platform.reads;
     const int32_t answer = call(text("scan_sync", db, tmpl));
-    const auto found = stored_of_kind(tmpl->descriptor->name, db);
+    const auto found = stored(db, tmpl->descriptor);
     if (platform.during_read) platform.during_read();
     if (answer != 0) return answer;
     const Request asked{db, tmpl->descriptor, callback, privdata};

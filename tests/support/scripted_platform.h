@@ -88,12 +88,7 @@ struct ScriptedPlatform {
     void fire_timers(int64_t until_ms = INT64_MAX);     // time goes on until none is due by then
     void synchronise();                                 // ready, confirmed, scanned: the cache is live
 
-    struct Key {
-        uint32_t db;
-        std::string kind, key;
-        auto operator<=>(const Key &) const = default;
-    };
-    std::map<Key, Message> objects;
+    std::map<std::string, Message> objects;  // by database, kind and key
 };
 
 extern ScriptedPlatform platform;

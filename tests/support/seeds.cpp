@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <span>
 #include <string>
 
 namespace {
@@ -17,7 +18,13 @@ namespace {
 SeedProgram program;
 long runs = 1, first = 1, current_seed = 0;
 bool trace = false;
-std::atomic<long> *totals = nullptr;  // of the processes of all runs; never freed
+
+// Shared by the processes of all runs, which have their literals at the same place; never freed.
+struct Total {
+    std::atomic<const char *> name;
+    std::atomic<long> number;
+};
+std::span<Total> totals;
 
 long run_all() {
     std::map<pid_t, long> running;
@@ -71,17 +78,23 @@ int run_seeds(const SeedProgram &started, int argc, char **argv) {
                      program.size_name);
         return 2;
     }
-    const size_t room = program.totals.size() * sizeof *totals;
-    totals = static_cast<std::atomic<long> *>(
-        mmap(nullptr, room, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    void *shared = mmap(nullptr, 16 * sizeof(Total), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    totals = {static_cast<Total *>(shared), 16};
     const long failed = run_all();
     std::printf("%ld runs, %ld failed\n", runs, failed);
-    for (size_t i = 0; i < program.totals.size(); ++i) std::printf("  %ld %s\n", totals[i].load(), program.totals[i]);
+    for (const auto &[name, number] : totals)
+        if (name) std::printf("  %ld %s\n", number.load(), name.load());
     return failed ? 1 : 0;
 }
 
-void count(size_t total, long more) {
-    totals[total] += more;
+void count(const char *what, long more) {
+    for (auto &[name, number] : totals) {
+        const char *taken = nullptr;
+        if (!name.compare_exchange_strong(taken, what) && taken != what) continue;
+        number += more;
+        return;
+    }
+    fail("more than %zu totals", totals.size());
 }
 
 void fail(const char *format, ...) {

@@ -6,25 +6,22 @@
 //   PROGRAM --runs 2000 --SIZE 500 --first 1    many seeds
 //   PROGRAM --seed 17 --SIZE 500 --trace        one seed, with everything that happens
 
-#include <cstddef>
 #include <cstdint>
-#include <vector>
 
 struct SeedProgram {
     const char *name;
     const char *size_name;  // of what a run is long by: "steps"
     long size;              // unless given
-    size_t at_a_time;
-    std::vector<const char *> totals;  // what is counted
+    unsigned at_a_time;
     void (*run)(uint64_t seed, long size, bool trace);
 };
 
-// Returns when every run has ended: 0 when none failed, 1, or 2 for a wrong command line. Prints how many failed, and the
-// totals.
+// Returns when every run has ended: 0 when none failed, 1, or 2 for a wrong command line. Prints how many failed, and what
+// was counted.
 int run_seeds(const SeedProgram &program, int argc, char **argv);
 
-// Adds to one of the totals of all runs, by its place. Any thread.
-void count(size_t total, long more = 1);
+// Adds to what all runs did: each literal is a total of its own, at most 16. Any thread.
+void count(const char *what, long more = 1);
 
 // Ends a run: says why, and how to see it again.
 [[noreturn]] void fail(const char *format, ...) __attribute__((format(printf, 1, 2)));

@@ -98,18 +98,6 @@ void check_index(int32_t row, const Elements &all, bool own_keys) {
 
 }  // namespace
 
-const std::vector<int32_t> &rows() {
-    static const std::vector<int32_t> all = [] {
-        std::vector<int32_t> found;
-        dm_cache_init_obj(obj_sub_list);
-        ndm_cache_init_port_obj(obj_sub_list);
-        for (int32_t row = 0; row < DM_ROW_COUNT; ++row)
-            if (obj_sub_list[row].obj_tmpl) found.push_back(row);
-        return found;
-    }();
-    return all;
-}
-
 const ProtobufCMessageDescriptor *kind_of(int32_t row) {
     return obj_sub_list[row].obj_tmpl->descriptor;
 }
@@ -117,11 +105,14 @@ const ProtobufCMessageDescriptor *kind_of(int32_t row) {
 World::World(uint64_t seed, bool trace, bool own_index_keys)
     : random{std::mt19937_64(seed)}, trace_(trace), own_index_keys_(own_index_keys) {
     world = this;
-    rows();  // sets up the table of rows, of which objects are made
+    dm_cache_init_obj(obj_sub_list);
+    ndm_cache_init_port_obj(obj_sub_list);
+    for (int32_t row = 0; row < DM_ROW_COUNT; ++row)
+        if (obj_sub_list[row].obj_tmpl) rows.push_back(row);
 }
 
 void World::write(Random &chance) {
-    const int32_t row = rows()[static_cast<size_t>(chance.below(rows().size()))];
+    const int32_t row = rows[static_cast<size_t>(chance.below(rows.size()))];
     if (row == DM_ROW_DP_LIB_COMPLETE && !chance.percent(20)) return;  // each one is a resynchronisation
     int32_t key = chance.below(keys_of_a_row);
     // Ports of two VSDs at one place share their index keys.
@@ -167,7 +158,7 @@ std::string World::difference_of(int32_t row) {
 
 std::string World::difference() {
     if (!g_cache_proc_done || dm_cache_wait_synced(0) != 0) return "the cache is not synchronised";
-    for (const int32_t row : rows()) {
+    for (const int32_t row : rows) {
         dm_cache_lock();
         check_list(row, elements(row));
         check_index(row, elements(row), own_index_keys_);

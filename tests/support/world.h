@@ -22,8 +22,6 @@ struct Random {
 inline constexpr int32_t keys_of_a_row = 8;
 inline constexpr int32_t ghost_keys = 100;  // from here on: keys that no writer uses
 
-// The rows that hold a kind, and its kind.
-const std::vector<int32_t> &rows();
 const ProtobufCMessageDescriptor *kind_of(int32_t row);
 
 class World {
@@ -61,6 +59,7 @@ protected:
     void say(const char *format, ...) const __attribute__((format(printf, 2, 3)));  // in a trace
 
     Random random;
+    std::vector<int32_t> rows;  // that hold a kind
     Listener listener;
     int64_t now = 0;  // in a trace
 
