@@ -60,8 +60,8 @@ protected:
 
     Random random;
     std::vector<int32_t> rows;  // that hold a kind
-    Listener listener;
-    int64_t now = 0;  // in a trace
+    Listener listener;          // told of every change, compared with the cache at rest
+    int64_t now = 0;            // in a trace
 
 private:
     std::string difference_of(int32_t row);
