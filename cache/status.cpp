@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <utility>
 
 #include "base/clock.h"
 #include "base/log.h"
@@ -119,11 +118,11 @@ void status_restarted() {
     synced = false;
 }
 
-bool status_applied() {
+void status_applied() {
     Held held(status_mutex);
     ++applied;
+    synced = true;
     pthread_cond_broadcast(&status_changed);
-    return !std::exchange(synced, true);
 }
 
 }  // namespace dm

@@ -28,7 +28,7 @@ bool status_synced();
 // A callback of a row has run, which began then.
 void status_callback(int32_t row, timespec begun);
 
-// A full application is done: wakes who waits for it. True for the first since the start.
-bool status_applied();
+// A full application is done: wakes who waits for it.
+void status_applied();
 
 }  // namespace dm

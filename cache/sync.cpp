@@ -228,7 +228,8 @@ void leave_applying() {
     for_followed_rows([](int32_t row, const obj_sub_entry &) {
         if (!is_apart(row_sync[row])) store(row_sync[row].filled, uint8_t{1});
     });
-    note_applied(status_applied());
+    note_applied(!status_synced());  // who has waited for it, and follows then, is not told of it
+    status_applied();
 }
 
 // Of every enabled row, what is still marked.

@@ -5,6 +5,7 @@
 #include "dmq/output.h"
 #include "dmq/session.h"
 #include "dmq/store.h"
+#include "dmq/watch.h"
 
 namespace dmq {
 
@@ -16,6 +17,7 @@ struct Command {
     Settings settings;
     std::vector<std::string> words;  // behind the command's name
     double watch_for = -1;           // seconds; negative: until it is ended
+    WatchOptions watch;
     bool background = false;
     bool list = false;
     bool raw = false;      // show: with the columns for those who know the numbers inside

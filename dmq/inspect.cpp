@@ -69,7 +69,9 @@ Exit run_watch(Context &context, const Command &command) {
     const auto kinds = kinds_of(command.words);
     Session &session = context.synchronised(kinds, command.settings);
     if (command.background && !context.in_shell) throw Failure(exit_usage, "watch & is for a shell of dmq");
-    start_watch(kinds, command.settings.json);
+    WatchOptions options = command.watch;
+    options.json = command.settings.json;
+    start_watch(kinds, options);
     if (command.background) return exit_yes;
     wait_for_end(command.watch_for);
     stop_watch();

@@ -62,6 +62,9 @@ std::string check_seconds(const std::string &text) {
 void watching(CLI::App &app, Command &command) {
     kinds(app, command);
     app.add_option("--for", command.watch_for, "End after so many seconds")->check(check_seconds);
+    app.add_flag("--initial", command.watch.initial, "Begin with the objects that are there");
+    app.add_flag("--unchanged", command.watch.unchanged, "Also objects that are written again as they were");
+    app.add_flag("--date", command.watch.date, "Times with date and zone");
 }
 
 void table(CLI::App &app, Command &command) {

@@ -92,7 +92,7 @@ void Session::start(const std::vector<Kind> &kinds) {
     if (started_) return;
     open_reader();
     dm_cache_multi_thread_init();
-    for (const Kind &kind : kinds.empty() ? cached_kinds() : kinds) dm_cache_sub_obj(kind.row, watch_change, 0);
+    for (const Kind &kind : kinds.empty() ? cached_kinds() : kinds) dm_cache_sub_obj(kind.row, nullptr, 0);
     const auto [code, lacked_memory] = ask("the cache to start", [client = reader()] {
         errno = 0;
         const int32_t answer = dm_cache_init(client, "dmq");
@@ -170,9 +170,9 @@ void Session::settle(uint32_t applied) {
     if (!started_) return;
     if (applied && dm_cache_wait_applied(applied, deadline_.left()))
         deadline_.passed("not synchronised again", waits_for());
-    if (!applied && tq_mom_client_drain(reader(), deadline_.left()))
+    if (tq_mom_client_drain(reader(), deadline_.left()))
         deadline_.passed("the cache was not told everything", "waited for the store client to deliver");
-    catch_up_watch();
+    tell_refused();
 }
 
 std::string waits_for() {

@@ -1,90 +1,76 @@
-// The copies that a watch keeps, and its lines. Callbacks run on the store client's thread; a thread of its own waits for
-// applications.
+// A watch and its lines. What it is told comes on the store client's thread; the commands that start and end it run on another.
 #include "dmq/watch.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <ctime>
 #include <map>
 #include <mutex>
 #include <optional>
-#include <thread>
 
 #include "dmq/deadline.h"
 #include "dmq/output.h"
 #include "dmq/session.h"
+#include "tq_dm_cache/dm_cache_follow.h"
 
 namespace dmq {
 
 namespace {
 
-// Packed objects by their packed key.
-using Copies = std::map<std::string, std::string>;
-
 struct Watch {
-    bool json;
-    std::map<int32_t, Copies> rows;  // of the kinds that are followed
-    uint32_t applied;                // applications whose consequences are printed
+    WatchOptions options;
+    std::map<int32_t, uint32_t> refused;  // of each row that is followed: as many as have been told of
+    size_t swept = 0;                     // since the last application
 };
 
 std::mutex guard;
 std::optional<Watch> watch;
-std::jthread follower;
 
-std::string clock_time() {
+std::string time_text() {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     tm local{};
     localtime_r(&now.tv_sec, &local);
-    char text[32];
-    const size_t length = std::strftime(text, sizeof text, "%H:%M:%S", &local);
-    std::snprintf(text + length, sizeof text - length, ".%03ld", now.tv_nsec / 1000000);
-    return text;
-}
-
-Copies copies_of_row(int32_t row) {
-    Copies copies;
-    each_cached(row, [&](const ProtobufCMessage &object) { copies[packed_key(object)] = pack(object); });
-    return copies;
-}
-
-// Which of the copies is this object? Its key decides; but the cache compares fewer fields than a key has, so when an
-// object was replaced and no key is equal, the cache's own comparison does.
-Copies::iterator find_copy(Copies &copies, int32_t row, int32_t operation, const ProtobufCMessage &object) {
-    const auto found = copies.find(packed_key(object));
-    if (found != copies.end() || operation != DM_CACHE_REPLACED) return found;
-    return std::find_if(copies.begin(), copies.end(), [&](const auto &copy) {
-        const Message old = unpack(*object.descriptor, copy.second);
-        return old && obj_sub_list[row].cmp_func(old.get(), &object) == 0;
-    });
+    const auto formatted = [&local](const char *format) {
+        char text[32];
+        return std::string(text, std::strftime(text, sizeof text, format, &local));
+    };
+    char fraction[16];
+    std::snprintf(fraction, sizeof fraction, ".%03ld", now.tv_nsec / 1000000);
+    const bool date = watch->options.date;
+    return formatted(date ? "%Y-%m-%dT%H:%M:%S" : "%H:%M:%S") + fraction + (date ? formatted("%z") : "");
 }
 
 // A line about the connection as a whole: `text` for a person, the record for a program.
 void tell(const std::string &text, const Json &record) {
-    if (!watch->json) return print_line(clock_time() + "  " + coloured(Colour::heading, text));
-    Json line = {{"time", clock_time()}};
+    if (!watch->options.json) return print_line(time_text() + "  " + coloured(Colour::heading, text));
+    Json line = {{"time", time_text()}};
     line.update(record);
     print_line(dump(line));
 }
 
-// A line about one object; `detail` is its content or its changes.
-void tell_object(const char *event, Colour colour, int32_t row, const ProtobufCMessage &object, const char *name,
+// A line about one object: `detail`, by that name, is its content or its changes.
+void tell_object(const dm_cache_event &event, const char *name, Colour colour, const char *detail_name,
                  const Json &detail) {
-    if (watch->json) {
+    const ProtobufCMessage &object = event.after ? *event.after : *event.before;
+    if (watch->options.json) {
+        const char *const phases[] = {"first", "live", "resync"};
         const ProtobufCMessage *key = key_of(object);
-        Json line = {{"time", clock_time()}, {"event", event}, {"row", row}, {"kind", object.descriptor->name}};
+        Json line = {{"time", time_text()}, {"event", name}, {"phase", phases[event.phase]}, {"row", event.type}};
+        line["kind"] = object.descriptor->name;
         line["key"] = key ? to_json(*key, Fields::all) : Json::object();
-        line[name] = detail;
+        line[detail_name] = detail;
         return print_line(dump(line));
     }
     std::string text;
     for (const auto &[field, value] : detail.items()) {
         text += text.empty() ? ": " : ", ";
-        const bool change = std::string_view(name) == "changes";
+        const bool change = event.what == DM_CACHE_EVENT_REPLACED;
         text += change ? field + " " + change_text(value) : field + "=" + dump(value);
     }
-    print_line(clock_time() + "  " + coloured(colour, event) + std::string(9 - std::strlen(event), ' ') +
+    print_line(time_text() + "  " + coloured(colour, name) + std::string(9 - std::strlen(name), ' ') +
                object_name(object) + text);
 }
 
@@ -94,119 +80,109 @@ Json content(const ProtobufCMessage &object) {
     return fields;
 }
 
-void tell_added(int32_t row, const ProtobufCMessage &object) {
-    tell_object("added", Colour::good, row, object, "object", content(object));
-}
-
-void tell_deleted(int32_t row, const ProtobufCMessage &object) {
-    tell_object("deleted", Colour::bad, row, object, "object", Json::object());
-}
-
-void tell_changed(int32_t row, const ProtobufCMessage &before, const ProtobufCMessage &after) {
-    tell_object("changed", Colour::change, row, after, "changes", differences(before, after));
-}
-
-// What was packed from an object need not be one again: then it is shown empty.
-Message readable(const ProtobufCMessageDescriptor &type, const std::string &bytes) {
-    Message object = unpack(type, bytes);
-    return object ? std::move(object) : new_message(type);
-}
-
-void take_set(Copies &copies, int32_t row, int32_t operation, const ProtobufCMessage &object) {
-    const auto old = find_copy(copies, row, operation, object);
-    const std::string now = pack(object);
-    if (old == copies.end()) {
-        tell_added(row, object);
-    } else if (old->second != now) {
-        tell_changed(row, *readable(*object.descriptor, old->second), object);
-        copies.erase(old);
-    }
-    copies[packed_key(object)] = now;
-}
-
-void take_delete(Copies &copies, int32_t row, const ProtobufCMessage &object) {
-    if (copies.erase(packed_key(object))) tell_deleted(row, object);
-}
-
-// Objects that went without a callback: the cache no longer holds them after an application.
-size_t take_swept(int32_t row, Copies &copies) {
-    const Copies cached = copies_of_row(row);
-    size_t swept = 0;
-    for (auto copy = copies.begin(); copy != copies.end();) {
-        if (cached.contains(copy->first)) {
-            ++copy;
-            continue;
+void tell(const dm_cache_event &event) {
+    switch (event.what) {
+        case DM_CACHE_EVENT_ADDED:
+            return tell_object(event, "added", Colour::good, "object", content(*event.after));
+        case DM_CACHE_EVENT_REPLACED:
+            return tell_object(event, "changed", Colour::change, "changes", differences(*event.before, *event.after));
+        case DM_CACHE_EVENT_UNCHANGED:
+            return tell_object(event, "unchanged", Colour::none, "changes", Json::object());
+        case DM_CACHE_EVENT_DELETED:
+            return tell_object(event, "deleted", Colour::bad, "object", Json::object());
+        case DM_CACHE_EVENT_SWEPT:
+            ++watch->swept;
+            return tell_object(event, "swept", Colour::bad, "object", Json::object());
+        case DM_CACHE_EVENT_APPLIED: {
+            const size_t gone = std::exchange(watch->swept, 0);
+            return tell("resynchronised, " + counted_objects(gone) + (gone == 1 ? " was gone" : " were gone"),
+                        {{"event", "resynchronised"}, {"gone", gone}});
         }
-        tell_deleted(row, *readable(*obj_sub_list[row].obj_tmpl->descriptor, copy->second));
-        copy = copies.erase(copy);
-        ++swept;
+        default:
+            return;
     }
-    return swept;
 }
 
-void follow_applications(const std::stop_token &stop, uint32_t applied) {
-    while (!stop.stop_requested()) {
-        if (dm_cache_wait_applied(applied, 100)) continue;
-        applied = dm_cache_applied();
-        catch_up_watch();
-    }
+// Whoever reads too slowly holds up the cache, too: so it is said.
+void on_event(const dm_cache_event *event, void *) {
+    using Clock = std::chrono::steady_clock;
+    const std::lock_guard lock(guard);
+    if (!watch) return;
+    const auto begun = Clock::now();
+    tell(*event);
+    const double seconds = std::chrono::duration<double>(Clock::now() - begun).count();
+    if (seconds < 1) return;
+    char text[64];
+    std::snprintf(text, sizeof text, "behind by %.1f s: nobody read what was told", seconds);
+    tell(text, {{"event", "behind"}, {"seconds", seconds}});
+}
+
+std::string kinds_text(const std::vector<Kind> &kinds) {
+    return kinds.size() == 1 ? kinds[0].type->name : std::to_string(kinds.size()) + " kinds";
 }
 
 }  // namespace
 
-void start_watch(const std::vector<Kind> &kinds, bool json) {
+void start_watch(const std::vector<Kind> &named, const WatchOptions &options) {
     stop_watch();
-    const std::lock_guard lock(guard);
-    Watch next{.json = json, .rows = {}, .applied = dm_cache_applied()};
-    for (const Kind &kind : kinds.empty() ? cached_kinds() : kinds) next.rows[kind.row] = copies_of_row(kind.row);
-    watch = std::move(next);
-    const SignalsHeld held;
-    follower = std::jthread(follow_applications, watch->applied);
+    const std::vector<Kind> &kinds = named.empty() ? cached_kinds() : named;
+    uint32_t flags = 0;
+    if (options.unchanged) flags |= DM_CACHE_FOLLOW_UNCHANGED;
+    if (!options.initial) flags |= DM_CACHE_FOLLOW_FROM_NOW;
+    {
+        const std::lock_guard lock(guard);
+        watch = Watch{.options = options, .refused = {}};
+        size_t objects = 0;
+        Json names = Json::array();
+        for (const Kind &kind : kinds) {
+            const dm_cache_stats stats = stats_of(kind.row);
+            watch->refused[kind.row] = stats.refused;
+            objects += stats.objects;
+            names.push_back(kind.type->name);
+        }
+        const std::string reason = waits_for();
+        tell("following " + kinds_text(kinds) + ", " + counted_objects(objects) +
+                 (reason.empty() ? ", live" : ", not live: " + reason),
+             {{"event", "following"}, {"kinds", names}, {"objects", objects}, {"live", reason.empty()}});
+    }
+    int32_t code = dm_cache_follow(-1, on_event, nullptr, 0);
+    for (const Kind &kind : kinds) code |= dm_cache_follow(kind.row, on_event, nullptr, flags);
+    if (code != 0) throw Failure(exit_no, "not enough memory to follow");
 }
 
+// Followers first: one that is being told waits for the lock.
 void stop_watch() {
-    if (follower.joinable()) {
-        follower.request_stop();
-        follower.join();
-    }
+    dm_cache_unfollow(-1, on_event, nullptr);
+    for (const Kind &kind : cached_kinds()) dm_cache_unfollow(kind.row, on_event, nullptr);
     const std::lock_guard lock(guard);
     watch.reset();
 }
 
-void catch_up_watch() {
+void tell_refused() {
     const std::lock_guard lock(guard);
-    const uint32_t applied = dm_cache_applied();
-    if (!watch || watch->applied == applied) return;
-    watch->applied = applied;
-    size_t swept = 0;
-    for (auto &[row, copies] : watch->rows) swept += take_swept(row, copies);
-    tell("resynchronised, " + counted_objects(swept) + (swept == 1 ? " was gone" : " were gone"),
-         {{"event", "resynchronised"}, {"gone", swept}});
+    if (!watch) return;
+    for (auto &[row, told] : watch->refused) {
+        const uint32_t more = stats_of(row).refused - told;
+        if (more == 0) continue;
+        told += more;
+        const std::string kind = obj_sub_list[row].obj_tmpl->descriptor->name;
+        tell("refused, row " + std::to_string(row) + " " + kind + ": " + counted_objects(more),
+             {{"event", "refused"}, {"row", row}, {"kind", kind}, {"count", more}});
+    }
 }
 
 void wait_for_end(double seconds) {
     const SignalsHeld held;
     const sigset_t ends = ending_signals();
     const Deadline end(std::max(seconds, 0.0));
+    constexpr int32_t look_ms = 200;  // for what nobody tells
     int signal = -1;
-    do {  // stopped and continued, a wait ends early
-        const int32_t left = end.left();
+    do {
+        const int32_t left = seconds < 0 ? look_ms : std::min(end.left(), look_ms);
         const timespec limit = {left / 1000, left % 1000 * 1000000L};
-        signal = seconds < 0 ? sigwaitinfo(&ends, nullptr) : sigtimedwait(&ends, nullptr, &limit);
-    } while (signal < 0 && errno == EINTR);
-}
-
-int32_t watch_change(tq_mom_handle *, int32_t row, int32_t operation, ProtobufCMessage *object) {
-    const std::lock_guard lock(guard);
-    if (!watch) return 0;
-    const auto followed = watch->rows.find(row);
-    if (followed == watch->rows.end()) return 0;
-    if (operation == DM_CACHE_DELETED) {
-        take_delete(followed->second, row, *object);
-    } else {
-        take_set(followed->second, row, operation, *object);
-    }
-    return 0;
+        signal = sigtimedwait(&ends, nullptr, &limit);
+        tell_refused();
+    } while (signal < 0 && (seconds < 0 || end.left() > 0));
 }
 
 void watch_connection(tq_mom_handle *, int32_t connected, int32_t reason, void *) {

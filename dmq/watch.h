@@ -1,25 +1,30 @@
-// Following changes: one line for each object that was added, changed or deleted, for each lost and restored connection,
-// and for each resynchronisation. Lines are printed on the store client's thread as changes arrive. A watch keeps its own
-// packed copy of every object it follows, so it can tell old from new, hide what did not change, and tell after an
-// application what is gone without a callback. Its state has a lock of its own, taken before the cache lock.
+// Following changes: one line for each object that was added, changed, deleted or swept out, for each lost and restored
+// connection, and for each resynchronisation. A watch is a follower of the cache (dm_cache_follow.h) that prints what it is
+// told, on the store client's thread. Its state has a lock of its own, under which nothing is called but what prints.
 #pragma once
 
 #include "dmq/names.h"
 
 namespace dmq {
 
-// Starts following these kinds (all enabled ones when none is named), in place of an earlier watch.
-void start_watch(const std::vector<Kind> &kinds, bool json);
+struct WatchOptions {
+    bool json = false;
+    bool initial = false;    // begin with the objects that are there
+    bool unchanged = false;  // tell of objects that are written again as they were
+    bool date = false;       // times with date and zone
+};
+
+// Starts following these kinds (all enabled ones when none is named), in place of an earlier watch. The cache is live.
+void start_watch(const std::vector<Kind> &kinds, const WatchOptions &options);
 void stop_watch();
 
-// Prints what an application has done that no callback tells. Waits for nothing.
-void catch_up_watch();
+// Prints what the cache has refused since it was last asked. Waits for nothing.
+void tell_refused();
 
 // Returns after so many seconds (never, when negative), or when SIGINT or SIGTERM asks to end.
 void wait_for_end(double seconds);
 
-// The callbacks of the session's reader.
-int32_t watch_change(tq_mom_handle *handle, int32_t row, int32_t operation, ProtobufCMessage *object);
+// The connection callback of the session's reader.
 void watch_connection(tq_mom_handle *handle, int32_t connected, int32_t reason, void *privdata);
 
 }  // namespace dmq

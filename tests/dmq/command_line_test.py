@@ -114,7 +114,7 @@ class CommandLine(unittest.TestCase):
                  r"\d  added    p_dev.device_info devid=3: ", r"\d  deleted  p_dev.device_info devid=3\n",
                  r"\d  connection lost\n", r"card_info +20 +20 +0  no\n", r"slotid=4 sslotid=0: only in the store\n",
                  r"\d  connection back, to the same store\n", r"\d  added    p_dev.card_info devid=2 slotid=4 ",
-                 r"\d  deleted  p_dev.vsl_port_info ", r"resynchronised, 2 objects were gone\n"]
+                 r"\d  swept    p_dev.vsl_port_info ", r"resynchronised, 2 objects were gone\n"]
         place = 0
         for step in steps:
             found = re.compile(step).search(told, place)
@@ -187,10 +187,13 @@ class CommandLine(unittest.TestCase):
                                              "set card_info t_mod=1 devid=1 slotid=2 sslotid=0 --create",
                                              "store restart empty", "store reconnect", "watch --for 0.5", "# end"])
         told = [json.loads(line) for line in done.stdout.split("\n") if line.startswith("{")]
-        self.assertEqual(told[0]["changes"], {"port_num": {"old": 48, "new": 47}})
-        self.assertEqual(told[1]["changes"]["index.t_mod"], {"old": 0, "new": 1})  # to the cache the same object
-        self.assertEqual([line["event"] for line in told[2:]], ["lost", "back"] + ["deleted"] * 20 + ["resynchronised"])
-        self.assertEqual((told[3]["reason"], done.returncode), (2, 2))
+        self.assertEqual((told[0]["event"], told[0]["kinds"], told[0]["objects"], told[0]["live"]),
+                         ("following", ["p_dev.card_info"], 20, True))
+        self.assertEqual((told[1]["changes"], told[1]["phase"]), ({"port_num": {"old": 48, "new": 47}}, "live"))
+        self.assertEqual(told[2]["changes"]["index.t_mod"], {"old": 0, "new": 1})  # to the cache the same object
+        events = [line["event"] for line in told[3:]]
+        self.assertEqual(events[:23], ["lost", "back"] + ["swept"] * 20 + ["resynchronised"])
+        self.assertEqual((events[23:], told[4]["reason"], done.returncode), ([], 2, 2))
         self.assertIn("line 4: there is no kind nonsense", done.stderr)
 
     # What a terminal shows can be piped, and the library's own log never mixes with answers.
