@@ -5,7 +5,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 #include <algorithm>
-#include <atomic>
 #include <sstream>
 
 #include "tests/platform/redis_server.h"
@@ -40,30 +39,10 @@ std::string describe(const ProtobufCMessage *message, int32_t error) {
 
 }  // namespace
 
-std::vector<StoreUnderTest> stores_under_test() {
-    const auto new_mem = [] {
-        static std::atomic<int> count = 0;
-        return "mem:test" + std::to_string(count++);
-    };
-    return {{"mem",
-             new_mem,
-             {tq_mem_disconnect, tq_mem_reconnect, tq_mem_restart, tq_mem_lose_confirmations, tq_mem_put_bytes}},
-            redis_under_test()};
-}
-
-std::string store_name(const testing::TestParamInfo<StoreUnderTest> &store) {
-    return store.param.name;
-}
-
 std::string join(const Lines &lines) {
     std::string text;
     for (const std::string &line : lines) text += (text.empty() ? "" : ", ") + line;
     return text;
-}
-
-std::string sorted(Lines lines) {
-    std::sort(lines.begin(), lines.end());
-    return join(lines);
 }
 
 std::map<int, int> picture(const std::string &told) {
@@ -77,6 +56,16 @@ std::map<int, int> picture(const std::string &told) {
         if (line.find("deleted ") != std::string::npos) types.erase(slot);
     }
     return types;
+}
+
+testing::AssertionResult has(const std::string &text, const std::string &words) {
+    if (text.find(words) != std::string::npos) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "no \"" << words << "\" in: " << text;
+}
+
+testing::AssertionResult has_lines(const std::string &text, long count) {
+    if (std::count(text.begin(), text.end(), '\n') == count) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "not " << count << " lines: " << text;
 }
 
 Message card_of_type(int32_t slot, int32_t type) {
@@ -125,9 +114,7 @@ RecordingClient::RecordingClient(const std::string &url) {
 
 void RecordingClient::close() {
     if (!handle_) return;
-    EXPECT_EQ(tq_mom_client_close(handle_), 0);
-    close_proxy(handle_);
-    handle_ = nullptr;
+    close_client(std::exchange(handle_, nullptr));
 }
 
 RecordingClient::Word *RecordingClient::word(const std::string &name) {
@@ -153,8 +140,18 @@ void RecordingClient::follow_connection() {
     for (const uint32_t db : {1u, 3u}) EXPECT_EQ(tq_mom_client_set_reconnect_cb(handle_, db, on_reconnect, 0), 0);
 }
 
+void RecordingClient::follow_all() {
+    follow_connection();
+    EXPECT_TRUE(follow("sub"));
+    EXPECT_EQ(told(), "connected 0, sub: confirmed");
+}
+
+int32_t RecordingClient::write(const Message &object, uint32_t db) {
+    return tq_mom_set(handle_, db, object.get(), 0, 0);
+}
+
 void RecordingClient::set(int32_t slot, int32_t type, uint32_t db) {
-    EXPECT_EQ(tq_mom_set(handle_, db, card_of_type(slot, type).get(), 0, 0), 0);
+    EXPECT_EQ(write(card_of_type(slot, type), db), 0);
 }
 
 void RecordingClient::del(int32_t slot) {
@@ -171,6 +168,16 @@ std::string RecordingClient::get(int32_t slot) {
     EXPECT_EQ(tq_mom_tq_obj_free(object), 0);
     EXPECT_EQ(tq_mom_hash_res_free(record), 0);
     return text;
+}
+
+std::string RecordingClient::scanned() {
+    told();
+    scan("s");
+    EXPECT_TRUE(wait("s: end"));
+    Lines found = lines();
+    EXPECT_EQ(found.back(), "s: end");
+    std::sort(found.begin(), found.end());
+    return join(found);
 }
 
 Lines RecordingClient::scan_sync() {

@@ -26,16 +26,11 @@ template <class Done> bool wait_until(Done done) {
     return true;
 }
 
-// Its process's number; it ends with the test program.
-int start_program(std::vector<std::string> words);
-void end_program(int pid);  // SIGKILL
-// One command of words at a socket; the answer as text, lists in brackets, errors too. Binary words are fine.
-std::string command_at(const std::string &socket, const std::vector<std::string> &words,
-                       const std::string &password = "");
+void pass(std::chrono::milliseconds time);  // where being slow is what is tested
 
 class RedisServer {
 public:
-    explicit RedisServer(const std::vector<std::string> &options = {});
+    explicit RedisServer(const std::vector<std::string> &options = {});  // a file may be the first
     ~RedisServer();
     RedisServer(const RedisServer &) = delete;
     RedisServer &operator=(const RedisServer &) = delete;
@@ -48,18 +43,17 @@ public:
     void freeze(bool frozen);  // SIGSTOP, SIGCONT
     void restart(bool keep);   // with its content, or empty
 
-    std::string command(const std::vector<std::string> &words, const std::string &password = "") const {
-        return command_at(socket(), words, password);
-    }
-    int listen_on_loopback();  // the port
+    // The answer as text, lists in brackets, errors too. Binary words are fine.
+    std::string command(const std::vector<std::string> &words, const std::string &password = "") const;
+    int listen_on_loopback();                         // the port
+    void replicate(const RedisServer &master) const;  // which listens there; waits for a copy of what it has
+    void lose_feeds() const { command({"CLIENT", "KILL", "TYPE", "pubsub"}); }
     long calls_of(const std::string &command) const;
 
 private:
-    void remove_content() const;
-
     std::string folder_;
     std::vector<std::string> options_;
-    int pid_ = 0;
+    int pid_ = 0, port_ = 0;
 };
 
 // Between one client and its server.
