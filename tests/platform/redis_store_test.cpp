@@ -70,6 +70,7 @@ TEST_F(RedisStore, TheStatedPermissionsSuffice) {
     RecordingClient client(as("dm:pw") + "?probe=500");
     client.follow_all();
     client.set(1, 2);
+    ASSERT_TRUE(client.wait("sub: set 1:2"));
     EXPECT_EQ(client.scanned(), "s: end, s: has 1:2");
     EXPECT_EQ(client.get(1) + ", " + join(client.scan_sync()), "1:2, has 1:2");
     client.del(1);

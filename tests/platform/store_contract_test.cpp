@@ -1,8 +1,8 @@
 // What every store promises its clients, run over each store. A test waits for a push or an end mark of its own making:
 // the store's one order says that everything before it has come.
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
 #include <future>
 
 #include "tests/platform/recording_client.h"
@@ -323,27 +323,22 @@ TEST_P(StoreContract, AHandleOutlivesItsCallsAndStaysWithItsProcess) {
     reader.close();
     for (std::thread &caller : callers) caller.join();
 
-    const Message object = card_of_type(1, 2);
-    const pid_t child = fork();
-    if (child == 0) {
-        int32_t error = 0;
+    const auto call_all = [handle = writer.handle()] {
+        const Message object = card_of_type(1, 2);
         tq_thread_timer timer = {};
-        tq_mom_handle *const handle = writer.handle();
+        const auto handler = [](tq_thread_timer *) { return 0; };
+        int32_t error = 0;
         const int32_t codes[] = {
             tq_mom_set(handle, 1, object.get(), 0, 0),
             tq_mom_get_sync(handle, 1, object.get(), &error) ? 0 : error,
             tq_mom_subscribe(handle, 1, object.get(), 0, RecordingClient::on_message, nullptr),
-            tq_thread_insert_timer(
-                handle->timer_master, &timer, [](tq_thread_timer *) { return 0; }, 0, 0, ""),
+            tq_thread_insert_timer(handle->timer_master, &timer, handler, 0, 0, ""),
             tq_mom_client_drain(handle, 100),
             tq_mom_client_close(handle),
         };
-        const bool refused = std::count(std::begin(codes), std::end(codes), TQ_MOM_E_ARGUMENT) == std::ssize(codes);
-        _exit(refused ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+        return std::ranges::count(codes, TQ_MOM_E_ARGUMENT) == std::ssize(codes);
+    };
+    EXPECT_EXIT(_exit(call_all() ? 0 : 1), testing::ExitedWithCode(0), "");
     EXPECT_EQ(writer.get(1), "1:1");
 }
 
