@@ -215,10 +215,7 @@ bool Proxy::carry_some(Road &road, bool to_client) {
         if (m <= 0) return false;
         sent += static_cast<size_t>(m);
     }
-    if (!to_client) return true;
-    const std::lock_guard lock(mutex_);
-    carried_ += bytes.size();
-    carried_more_.notify_all();
+    if (to_client) carried_ += bytes.size();
     return true;
 }
 
@@ -249,9 +246,7 @@ void Proxy::lead_to(std::deque<std::string> servers) {
 }
 
 void Proxy::wait_for_bytes(size_t more, std::chrono::milliseconds limit) {
-    std::unique_lock lock(mutex_);
-    const size_t until = carried_ + more;
-    carried_more_.wait_for(lock, limit, [&] { return carried_ >= until; });
+    wait_until([&, until = carried_ + more] { return carried_ >= until; }, limit);
 }
 
 void Proxy::cut() {

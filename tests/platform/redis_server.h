@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <list>
@@ -16,17 +15,16 @@
 #include <thread>
 #include <vector>
 
+void pass(std::chrono::milliseconds time);  // where being slow is what is tested
+
 // Until it is so; false after a long while.
-template <class Done> bool wait_until(Done done) {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > limit) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+template <class Done> bool wait_until(Done done, std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    for (; !done(); pass(std::chrono::milliseconds(5))) {
+        if (std::chrono::steady_clock::now() > end) return false;
     }
     return true;
 }
-
-void pass(std::chrono::milliseconds time);  // where being slow is what is tested
 
 class RedisServer {
 public:
@@ -93,9 +91,8 @@ private:
     const std::string path_;
     int listener_ = -1;
     std::atomic<int> fences_to_drop_ = 0;
+    std::atomic<size_t> carried_ = 0;
     std::mutex mutex_;  // guards what follows
-    std::condition_variable carried_more_;
-    size_t carried_ = 0;
     bool refusing_ = false;
     std::deque<std::string> servers_;
     std::shared_ptr<const Bend> bend_to_come_;
