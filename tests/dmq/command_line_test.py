@@ -8,7 +8,7 @@ import sys
 import tempfile
 import unittest
 
-from running import ARGUMENTS, CHASSIS, PROJECT, SLOW, dmq
+from running import ARGUMENTS, CHASSIS, PROJECT, dmq
 
 EXAMPLE = (PROJECT / "examples/chassis.json").read_text()
 CARD = "card_info devid=1 slotid=1 sslotid=0"
@@ -178,16 +178,6 @@ class CommandLine(unittest.TestCase):
         os.close(side)
         self.assertEqual(os.read(terminal, 1 << 16).decode().replace("\r\n", "\n"), piped.stdout)
         os.close(terminal)
-
-    # The cache must carry the largest switch there is; where everything is slow, a tenth of it.
-    def test_ten_thousand_ports(self):
-        devices, cards = (2, 5) if SLOW else (5, 20)
-        with tempfile.NamedTemporaryFile("w") as big:
-            dmq(*f"gen --devices {devices} --cards {cards} --ports 100 --subcards 0".split(), stdout=big)
-            rows = json.loads(dmq("--load", big.name, "--timeout", "100", "sync", "--json").stdout)
-        counts = {row["kind"]: (row["objects"], row["refused"]) for row in rows}
-        for kind in ["vsd_port", "port_static", "vsd_port_attr"]:
-            self.assertEqual(counts["p_dev." + kind], (devices * cards * 100, 0))
 
     def test_the_client_of_one_page(self):
         told = subprocess.check_output(ARGUMENTS[0], text=True, timeout=30)

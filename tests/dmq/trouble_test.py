@@ -122,20 +122,20 @@ class Waits(unittest.TestCase):
                 self.assertEqual(run.wait(), -signal.SIGINT)
                 self.assertLess(time.monotonic() - begin, 1)
 
-    # What is waited for must be said, also while objects are being applied: time-outs fall into every stage of it.
-    def test_every_time_out_has_a_reason(self):
-        generated = dmq(*f"gen --devices 5 --cards {2 if SLOW else 20} --ports 100 --subcards 0".split()).stdout
-        with kept(generated) as file:
-            done = dmq("--timeout", "100", "--load", file.name, lines=["sync --timeout 0.005"] * 400)
+    # The cache must carry the largest switch there is; where everything is slow, a tenth of it. What is waited for must be
+    # said, also while objects are being applied: time-outs fall into every stage of it.
+    def test_every_time_out_of_ten_thousand_ports_has_a_reason(self):
+        cards = 2 if SLOW else 20
+        with kept(dmq(*f"gen --devices 5 --cards {cards} --ports 100 --subcards 0".split()).stdout) as file:
+            done = dmq("--timeout", "100", "--load", file.name, lines=["sync --timeout 0.005"] * 400 + ["sync --json"])
         reasons = re.findall(r"not synchronised after 0.005 s: (.*)", done.stderr)
         self.assertNotIn("", reasons)
         if not SLOW:
             self.assertGreater(len(reasons), 2)
             self.assertIn("all rows are scanned and being applied", reasons)
-        begin = time.monotonic()
-        done = dmq(*CHASSIS, lines=["store lose 1", "sync --timeout 1.1"])
-        self.assertEqual((done.returncode, "after 1.1 s: row 1" in done.stderr), (4, True))
-        self.assertTrue(1.1 <= time.monotonic() - begin < (10 if SLOW else 2), time.monotonic() - begin)
+        counts = {row["kind"]: (row["objects"], row["refused"]) for row in json.loads(done.stdout.splitlines()[-1])}
+        for kind in ["vsd_port", "port_static", "vsd_port_attr"]:
+            self.assertEqual(counts["p_dev." + kind], (cards * 500, 0))
 
     # Until the process looks itself at an interrupt; an emulator does not tell.
     def wait_for_care(self, pid):
@@ -164,6 +164,9 @@ class Waits(unittest.TestCase):
     # A watch and a command wait for the same application, and deadlines fall into the next second.
     def test_two_that_wait(self):
         begin = time.monotonic()
+        done = dmq(*CHASSIS, lines=["store lose 1", "sync --timeout 1.1"])
+        self.assertEqual((done.returncode, "after 1.1 s: row 1" in done.stderr), (4, True))
+        self.assertGreaterEqual(time.monotonic() - begin, 1.1)
         done = dmq(*CHASSIS, lines=["sync", "watch &"] + ["store disconnect", "store reconnect --timeout 30.999"] * 20)
         self.assertEqual((done.returncode, done.stderr), (0, ""))
         self.assertEqual(done.stdout.count("  resynchronised, 0 objects were gone"), 20)

@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 #include <algorithm>
+#include <future>
 #include <sstream>
 
 #include "tests/platform/redis_server.h"
@@ -120,6 +121,14 @@ void RecordingClient::close() {
 RecordingClient::Word *RecordingClient::word(const std::string &name) {
     const std::lock_guard lock(mutex_);
     return &words_.try_emplace(name, Word{this, name, {}}).first->second;
+}
+
+std::function<void()> RecordingClient::hold(const std::string &name) {
+    const auto gate = std::make_shared<std::promise<void>>();
+    word(name)->then = [gate, held = false](const store_msg &) mutable {
+        if (!std::exchange(held, true)) gate->get_future().wait();
+    };
+    return [gate] { gate->set_value(); };
 }
 
 void RecordingClient::subscribe(const std::string &name) {

@@ -60,6 +60,8 @@ public:
 
     tq_mom_handle *handle() const { return handle_; }
     Word *word(const std::string &name);
+    std::function<void()> hold(
+        const std::string &name);  // at its first line from now on, until what is answered is called
 
     // They take the store's answer for granted; what it has to tell comes as lines.
     void subscribe(const std::string &name);

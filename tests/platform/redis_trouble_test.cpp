@@ -249,12 +249,11 @@ TEST_F(ServerInTrouble, SlowIsNotSilent) {
     expect_back(reader, "no answer");
 
     // A callback that holds up the loop for longer than that is no silence of the server's.
-    std::promise<void> go_on;
-    reader.word("sub")->then = [&](const store_msg &) { go_on.get_future().wait(); };
+    const auto go_on = reader.hold("sub");
     reader.set(2, 2);
     ASSERT_TRUE(reader.wait("sub: set 2:2"));
     EXPECT_EQ(tq_mom_client_drain(reader.handle(), 1200), TQ_MOM_E_TIMEOUT);
-    go_on.set_value();
+    go_on();
     EXPECT_EQ(tq_mom_client_drain(reader.handle(), 20000), 0);
     EXPECT_EQ(reader.told() + log.take(), "sub: set 2:2");
 }
@@ -325,6 +324,7 @@ TEST_F(ServerInTrouble, NonsenseIsNotBelieved) {
         {answers(huge), much},
         {answers("*2\r\n*3999999\r\n*3999999\r\n"), much},
         {answers("$5\r\nno\r\n"), "no answer"},
+        {[&](auto &) { proxy.bend(Roads::commands, instead("-\x1b[2J\r\n")); }, "\\x1b[2J"},
         {pushes(huge), much},
         {pushes("+what\r\n"), other},
         {pushes("*3\r\n:1\r\n:1\r\n:1\r\n"), other},

@@ -3,7 +3,6 @@
 #include <string>
 
 #include "tests/platform/recording_client.h"
-#include "tests/platform/redis_server.h"
 
 namespace {
 
@@ -113,22 +112,6 @@ TEST(RedisUrl, FillsInPortsAndTheEnvironmentsUser) {
     EXPECT_EQ(shown("redis://:s3cr@localhost"), "redis://ann:@localhost:6379");
     EXPECT_EQ(shown("redis://tom:@localhost"), "redis://tom:@localhost:6379");
     unsetenv("TQ_STORE_USER");
-}
-
-// A key is binary, and so is the channel of its object: in a line of a log it must not be.
-TEST(RedisUrl, IsFollowedByWordsThatATerminalDoesNotObey) {
-    const RedisServer server;
-    RecordingClient reader(server.url());
-    tq_mom_msg_cb callback = RecordingClient::on_message;
-    void *word = reader.word("sub");
-    const Message object = card(1, 27, 0);  // 27: escape
-    uint32_t field = protobuf_c_message_descriptor_get_field_by_name(object.get()->descriptor, "config_dev_type")->id;
-    ASSERT_EQ(tq_mom_subscribe_field(reader.handle(), 1, object.get(), 0, &field, &callback, &word, 1), 0);
-    ASSERT_TRUE(reader.wait("sub: confirmed"));
-    StandardError log;
-    server.command({"PUBLISH", "dm:1:p_dev.card_info/" + packed(key_of(object.get())), "nonsense"});
-    EXPECT_TRUE(log.wait("\\x1b"));
-    EXPECT_FALSE(has(log.take(), "\x1b"));
 }
 
 }  // namespace

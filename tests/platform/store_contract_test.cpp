@@ -5,6 +5,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <future>
+#include <thread>
 
 #include "tests/platform/recording_client.h"
 
@@ -169,17 +170,14 @@ TEST_P(StoreContract, AScanCutOffEndsByTheReconnect) {
 
 // A change that waits in a busy client while its connection is lost belongs to what the next scan replaces.
 TEST_P(StoreContract, WhatWaitsWhenTheConnectionIsLostIsLostToo) {
-    std::promise<void> go_on;
-    reader.word("sub")->then = [&](const store_msg &msg) {
-        if (msg.cmd == TQ_MOM_CMD_SUBSCRIBED) go_on.get_future().wait();
-    };
+    const auto go_on = reader.hold("sub");
     ASSERT_TRUE(reader.follow("other"));
     ASSERT_TRUE(reader.follow("sub"));
     writer.set(1, 1);
     EXPECT_EQ(reader.get(1), "1:1");
     reader.set(2, 2);
     disconnect();
-    go_on.set_value();
+    go_on();
     reconnect();
     writer.set(3, 3);
     ASSERT_TRUE(reader.wait("sub: set 3:3"));
@@ -282,19 +280,13 @@ TEST_P(StoreContract, TheLoopsOwnThreadMayCallEverything) {
 
 // A process that closes its client while changes pour in must not be called back afterwards.
 TEST_P(StoreContract, CloseDropsWhatIsQueued) {
-    std::promise<void> in_callback, go_on;
-    reader.word("sub")->then = [&](const store_msg &msg) {
-        if (msg.cmd != TQ_MOM_CMD_SUBSCRIBED) return;
-        in_callback.set_value();
-        go_on.get_future().wait();
-    };
-    reader.subscribe("sub");
-    in_callback.get_future().wait();
+    const auto go_on = reader.hold("sub");
+    ASSERT_TRUE(reader.follow("sub"));
     for (int32_t i = 0; i < 100; ++i) writer.set(i, 1);
     reader.scan("s");
     EXPECT_EQ(tq_mom_client_drain(reader.handle(), 1), TQ_MOM_E_TIMEOUT);
     auto closed = std::async(std::launch::async, [&] { reader.close(); });
-    go_on.set_value();
+    go_on();
     closed.get();
     reader.told();
     writer.set(1, 2);
@@ -315,14 +307,14 @@ TEST_P(StoreContract, AHandleOutlivesItsCallsAndStaysWithItsProcess) {
         EXPECT_TRUE(error == TQ_MOM_E_ARGUMENT || error == TQ_MOM_E_UNREACHABLE) << error;
         return 0;
     };
-    std::vector<std::thread> callers;
-    for (int i = 0; i < 4; ++i) {
-        callers.emplace_back(
-            [&] { tq_mom_scan_sync(reader.handle(), 1, card(1, 0, 0).get(), 0, call_until_closed, &in_calls); });
-    }
+    const auto scan = [&] {
+        tq_mom_scan_sync(reader.handle(), 1, card(1, 0, 0).get(), 0, call_until_closed, &in_calls);
+    };
+    std::vector<std::jthread> callers;
+    while (callers.size() < 4) callers.emplace_back(scan);
     while (in_calls < 4) std::this_thread::yield();
     reader.close();
-    for (std::thread &caller : callers) caller.join();
+    callers.clear();
 
     const auto call_all = [handle = writer.handle()] {
         const Message object = card_of_type(1, 2);
