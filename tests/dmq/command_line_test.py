@@ -161,7 +161,7 @@ class CommandLine(unittest.TestCase):
     def test_watch(self):
         done = dmq(*CHASSIS, lines=["watch card_info --json &", f"set {CARD} port_num=47", f"set {CARD} port_num=47",
                                     "get nonsense", "set card_info t_mod=1 devid=1 slotid=2 sslotid=0 --create",
-                                    "store restart empty", "store reconnect", "watch --for 0.5", "# end"])
+                                    "store restart empty", "store reconnect", "# end"])
         told = [json.loads(line) for line in done.stdout.split("\n") if line.startswith("{")]
         self.assertEqual(told[0]["changes"], {"port_num": {"old": 48, "new": 47}})
         self.assertEqual(told[1]["changes"]["index.t_mod"], {"old": 0, "new": 1})  # to the cache the same object

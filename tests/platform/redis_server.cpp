@@ -133,10 +133,10 @@ void RedisServer::replicate(const RedisServer &master) const {
     if (!wait_until(is_there)) throw std::runtime_error("redis-server does not replicate");
 }
 
-long RedisServer::calls_of(const std::string &name) const {
-    const std::string info = command({"INFO", "commandstats"}), before = "cmdstat_" + name + ":calls=";
-    const size_t at = info.find(before);
-    return at == std::string::npos ? 0 : std::stol(info.substr(at + before.size()));
+long RedisServer::number(const std::string &before) const {
+    const std::string info = command({"INFO", "everything"});
+    const size_t at = info.find("\n" + before);
+    return at == std::string::npos ? 0 : std::stol(info.substr(at + 1 + before.size()));
 }
 
 Proxy::Proxy(const std::string &listen_at, const std::string &server) : path_(listen_at), servers_({server}) {

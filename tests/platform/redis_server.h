@@ -46,7 +46,8 @@ public:
     int listen_on_loopback();                         // the port
     void replicate(const RedisServer &master) const;  // which listens there; waits for a copy of what it has
     void lose_feeds() const { command({"CLIENT", "KILL", "TYPE", "pubsub"}); }
-    long calls_of(const std::string &command) const;
+    long number(const std::string &before) const;  // behind these words in what it tells of itself; 0: not there
+    long calls_of(const std::string &command) const { return number("cmdstat_" + command + ":calls="); }
 
 private:
     std::string folder_;

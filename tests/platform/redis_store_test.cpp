@@ -143,9 +143,8 @@ TEST_F(RedisStore, SetsManyAndSaysWhichWasRefused) {
     // One that is too large for the server is refused, and what stands before it is taken.
     cards[500] = card_of_type(500, 1).set("name", std::string(3'000'000, 'n'));
     writes[500].obj = cards[500].get();
-    const std::string info = server.command({"INFO", "memory"});
-    const size_t used = std::stoul(info.substr(info.find("used_memory:") + 12));
-    server.command({"CONFIG", "SET", "maxmemory", std::to_string(used + 1'500'000)});
+    const long limit = server.number("used_memory:") + 1'500'000;
+    server.command({"CONFIG", "SET", "maxmemory", std::to_string(limit)});
     expect_set(TQ_MOM_E_REFUSED, 500, 500);
     writes[1].obj = nullptr;
     expect_set(TQ_MOM_E_ARGUMENT, 0, 1);
