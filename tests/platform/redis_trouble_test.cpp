@@ -230,12 +230,6 @@ TEST_F(ServerInTrouble, SlowIsNotSilent) {
         EXPECT_LT(Clock::now() - begin, probe * 6);
         expect_back(reader, "");
     }
-    server.freeze(true);
-    EXPECT_EQ(reader.write(card_of_type(1, 1)), TQ_MOM_E_UNREACHABLE);
-    EXPECT_TRUE(reader.wait("lost"));
-    EXPECT_EQ(reader.write(card_of_type(1, 1)), TQ_MOM_E_UNREACHABLE);
-    server.freeze(false);
-    expect_back(reader, "no answer");
 
     // A callback that holds up the loop for longer than that is no silence of the server's.
     const auto go_on = reader.hold("sub");
@@ -513,7 +507,7 @@ TEST_F(ServerInTrouble, RareOrdersAreNoOthers) {
 
 // What a client has given up, or did not live to see, must not undo what is written after it.
 TEST_F(ServerInTrouble, AWriteThatWasGivenUpDoesNotLand) {
-    const std::string tcp = "redis://127.0.0.1:" + std::to_string(server.listen_on_loopback()) + "?probe=500";
+    const std::string tcp = "redis://127.0.0.1:" + std::to_string(server.listen_on_loopback()) + "?probe=1000";
     const Message large = card_of_type(1, 1).set("name", std::string(2000000, 'n'));  // more than waits at the server
     RecordingClient writer(tcp);
     writer.follow_connection();
@@ -525,6 +519,7 @@ TEST_F(ServerInTrouble, AWriteThatWasGivenUpDoesNotLand) {
             return std::count(now.begin(), now.end(), '\n') == 3;  // the two of the writer's, and this one
         }));
         EXPECT_EQ(writer.get(1), "1:7");
+        writer.told();
     };
 #ifndef __SANITIZE_THREAD__  // under which a child can start no threads
     const auto die = [&] {
