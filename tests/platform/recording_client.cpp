@@ -38,6 +38,16 @@ std::string describe(const ProtobufCMessage *message, int32_t error) {
     return error ? text + " error " + std::to_string(error) : text;
 }
 
+std::string describe(const store_msg &msg) {
+    const auto *object = static_cast<const ProtobufCMessage *>(msg.value);
+    if (msg.cmd == TQ_MOM_CMD_SUBSCRIBED) return msg.result ? "refused " + std::to_string(msg.result) : "confirmed";
+    if (msg.cmd == TQ_MOM_CMD_SET) return "set " + describe(object, msg.result);
+    if (msg.cmd == TQ_MOM_CMD_DELETE) return "deleted " + describe(object, msg.result);
+    if (msg.flag == 1) return msg.value ? "end with a value" : "end";
+    const auto *record = static_cast<const result_rec *>(msg.value);
+    return "has " + describe(record->obj, record->error);
+}
+
 }  // namespace
 
 std::string join(const Lines &lines) {
@@ -71,16 +81,6 @@ testing::AssertionResult has_lines(const std::string &text, long count) {
 
 Message card_of_type(int32_t slot, int32_t type) {
     return card(1, slot, 0).set("config_dev_type", type);
-}
-
-std::string describe(const store_msg &msg) {
-    const auto *object = static_cast<const ProtobufCMessage *>(msg.value);
-    if (msg.cmd == TQ_MOM_CMD_SUBSCRIBED) return msg.result ? "refused " + std::to_string(msg.result) : "confirmed";
-    if (msg.cmd == TQ_MOM_CMD_SET) return "set " + describe(object, msg.result);
-    if (msg.cmd == TQ_MOM_CMD_DELETE) return "deleted " + describe(object, msg.result);
-    if (msg.flag == 1) return msg.value ? "end with a value" : "end";
-    const auto *record = static_cast<const result_rec *>(msg.value);
-    return "has " + describe(record->obj, record->error);
 }
 
 StandardError::StandardError() : before_(fcntl(2, F_DUPFD_CLOEXEC, 3)), file_(memfd_create("said", MFD_CLOEXEC)) {

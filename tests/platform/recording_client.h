@@ -111,6 +111,5 @@ private:
 };
 
 Message card_of_type(int32_t slot, int32_t type);
-std::string describe(const store_msg &msg);
 
 #endif
