@@ -241,21 +241,6 @@ TEST_F(ServerInTrouble, SlowIsNotSilent) {
     EXPECT_EQ(reader.told() + log.take(), "sub: set 2:2");
 }
 
-// An address that moves between the two connections of a client: it would write to one server and hear another.
-TEST_F(ServerInTrouble, BothConnectionsReachOneServer) {
-    const RedisServer other;
-    RecordingClient reader(url(300)), writer(server.url());
-    reader.follow_all();
-    proxy.cut();
-    ASSERT_TRUE(reader.wait("lost"));
-    proxy.lead_to({server.socket(), other.socket(), server.socket()});
-    proxy.let_in();
-    ASSERT_TRUE(reader.wait("reconnect 3 1"));
-    EXPECT_TRUE(log.wait("the address leads to two servers"));
-    writer.set(1, 1);
-    EXPECT_TRUE(reader.wait("sub: set 1:1"));
-}
-
 // What nobody hears at a replica would fill the link to it, and it would need a full copy after each short absence.
 TEST_F(ServerInTrouble, ReadingCostsAReplicaNothing) {
     const RedisServer standby;
@@ -375,6 +360,7 @@ TEST_F(ServerInTrouble, ABulkWriteThatIsCutOffSaysWhatWasNotTaken) {
 
 // Orders of events that a busy board brings once a month. Each is held up on its way until it is that order.
 TEST_F(ServerInTrouble, RareOrdersAreNoOthers) {
+    const RedisServer other;
     RecordingClient writer(server.url());
     RecordingClient *reader = nullptr;
     std::future<int32_t> call;
@@ -475,6 +461,14 @@ TEST_F(ServerInTrouble, RareOrdersAreNoOthers) {
              lose_and_scan_again(5);
          },
          back + ", s: has 1:5, s: end"},
+        {"an address that leads to another server between the two connections", 300,
+         [&] {
+             proxy.cut();
+             EXPECT_TRUE(reader->wait("lost"));
+             proxy.lead_to({server.socket(), other.socket(), server.socket()});
+             proxy.let_in();
+         },
+         back, "the address leads to two servers"},
         {"a server that trickles while a client connects", 300,
          [&] {
              proxy.cut();
