@@ -271,9 +271,13 @@ TEST_F(ServerInTrouble, NonsenseIsNotBelieved) {
             EXPECT_EQ(read_error(reader), TQ_MOM_E_UNREACHABLE);
         };
     };
-    const auto pushes = [&](const std::string &bytes, milliseconds pause = {}) {
-        return [&, bytes, pause](RecordingClient &) { proxy.bend(Roads::feeds, instead(bytes, pause)); };
+    const auto sends = [&](Roads road, const std::string &bytes, milliseconds pause = {}) {
+        return [&, road, bytes, pause](RecordingClient &) {
+            wait_for_echoes(3);
+            proxy.bend(road, instead(bytes, pause));
+        };
     };
+    const auto pushes = [&](const std::string &bytes) { return sends(Roads::feeds, bytes); };
     const auto publishes = [&](const std::string &frame) {
         return [&, frame](RecordingClient &) { server.command({"PUBLISH", hash, frame}); };
     };
@@ -288,13 +292,14 @@ TEST_F(ServerInTrouble, NonsenseIsNotBelieved) {
         {answers(huge), much},
         {answers("*2\r\n*3999999\r\n*3999999\r\n"), much},
         {answers("$5\r\nno\r\n"), "no answer"},
-        {[&](auto &) { proxy.bend(Roads::commands, instead("-\x1b[2J\r\n")); }, "\\x1b[2J"},
+        {sends(Roads::commands, "-\x1b[2J\r\n"), "\\x1b[2J"},
+        {sends(Roads::commands, "$-1\r\n:5\r\n"), other},  // one more than was asked for
         {pushes(huge), much},
         {pushes("+what\r\n"), other},
         {pushes("*3\r\n:1\r\n:1\r\n:1\r\n"), other},
         {pushes("*3\r\n$9\r\nsubscribe\r\n$1\r\nx\r\n:1\r\n"), other},
         {pushes("*2\r\n$7\r\nmessage\r\n$1\r\nx\r\n"), other},
-        {pushes(endless, milliseconds(20)), "echoes do not come"},
+        {sends(Roads::feeds, endless, milliseconds(20)), "echoes do not come"},
         {publishes("S\x01"), damaged},
         {publishes(""), damaged},
         {publishes("X"), damaged},
@@ -321,16 +326,18 @@ TEST_F(ServerInTrouble, NonsenseIsNotBelieved) {
     });
     EXPECT_TRUE(reader.wait("reconnect 3 1"));
 
-    // Opened, called and closed with a byte now and then.
+    // Opened, called and closed with a byte now and then. Its echoes are far between: what is answered is the call.
+    reader.close();
+    RecordingClient caller(url(60000));
     std::promise<void> called;
     proxy.bend(Roads::commands, [&, trickle = instead(endless, milliseconds(20))](std::string &answer, int client) {
         called.set_value();
         return trickle(answer, client);
     });
-    auto call = std::async(std::launch::async, [&] { return read_error(reader); });
+    auto call = std::async(std::launch::async, [&] { return read_error(caller); });
     called.get_future().wait();
     const auto begin = Clock::now();
-    reader.close();
+    caller.close();
     EXPECT_EQ(call.get(), TQ_MOM_E_UNREACHABLE);
     EXPECT_LT(Clock::now() - begin, milliseconds(2000));
     proxy.bend(Roads::to_come, instead(endless, milliseconds(20)));

@@ -25,13 +25,13 @@ std::string address(const std::string &host, const std::string &port) {
 class ScriptedSentinels : public testing::Test {
 protected:
     RedisServer server, other;
+    std::atomic<int> answers = 0;
     const std::string at = other.socket() + ".";
     Proxy a{at + "a", other.socket()}, b{at + "b", other.socket()}, c{at + "c", other.socket()};
     const std::string url = "redis-sentinel+unix://" + at + "a," + at + "b," + at + "c?name=store&probe=1000";
     const std::string right = address("127.0.0.1", std::to_string(server.listen_on_loopback())),
                       wrong = address("127.0.0.1", std::to_string(other.listen_on_loopback())),
                       nobody = address("127.0.0.1", "1");
-    std::atomic<int> answers = 0;
     StandardError log;
 
     // To whoever asks from now on; empty: nothing. What has no end ends by "...".
