@@ -132,6 +132,15 @@ void scan_row_logged(int32_t row) {
                   ret);
 }
 
+// What is cached of it so far is what the client has put there.
+void scan_late_row(int32_t row) {
+    {
+        CacheLock lock;
+        mark_dirty(row);
+    }
+    scan_row_logged(row);
+}
+
 void scan_every_row() {
     for_followed_rows([](int32_t row, const obj_sub_entry &) { scan_row_logged(row); });
     DM_LOG_AS(Caller{"dm_cache_mom_first_scan_data"}, notice, "all key rsync scan done. \n");
@@ -421,7 +430,7 @@ int32_t dm_cache_mom_callback_func(tq_mom_handle *handle, store_msg *msg, void *
         if (!is_apart(row_sync[row]) || subscribing())
             begin_gathering();
         else if (load(row_sync[row].late) != 0)  // the scan of one that is only held was held with it
-            scan_row_logged(row);
+            scan_late_row(row);
         return 0;
     }
     if (subscribing()) return 0;
@@ -438,7 +447,8 @@ int32_t dm_cache_mom_callback_func(tq_mom_handle *handle, store_msg *msg, void *
     if (ends_no_gathering && brings_change(*msg)) status_refused(row);
     if (msg->flag == 1 || state != State::live) return 0;
     DM_LOG(trace, "step 5, g_cache_proc_done = %d\n", load(g_cache_proc_done));
-    if (row != DM_ROW_DP_LIB_COMPLETE) {
+    const bool is_late_reply = is_scanned(msg->cmd) && load(row_sync[row].late) != 0;
+    if (row != DM_ROW_DP_LIB_COMPLETE || is_late_reply) {
         apply_live(handle, msg, privdata);
         return 0;
     }

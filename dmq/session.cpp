@@ -107,8 +107,8 @@ void Session::synchronise(const std::vector<Kind> &kinds) {
     start(kinds);
     Progress progress("synchronising, rows scanned");
     while (true) {
+        const std::string reason = waits_for();  // first: empty only when it has been applied
         const uint32_t applied = dm_cache_applied();
-        const std::string reason = waits_for();
         if (applied > 0 && reason.empty()) break;
         const int32_t left = deadline_.left();
         if (!left) deadline_.passed("not synchronised", reason);
@@ -168,8 +168,10 @@ void Session::write(std::vector<Edit> edits) {
 
 void Session::settle(uint32_t applied) {
     if (!started_) return;
-    if (applied && dm_cache_wait_applied(applied, deadline_.left()))
-        deadline_.passed("not synchronised again", waits_for());
+    if (applied && dm_cache_wait_applied(applied, deadline_.left())) {
+        const std::string reason = waits_for();
+        deadline_.passed("not synchronised again", reason.empty() ? "nothing is scanned again" : reason);
+    }
     if (tq_mom_client_drain(reader(), deadline_.left()))
         deadline_.passed("the cache was not told everything", "waited for the store client to deliver");
     tell_refused();

@@ -1,4 +1,4 @@
-"""What a shell asks of dmq, and what a person finds in its manual page. Arguments: dmq, the project."""
+"""What a shell asks of dmq, and what a person finds in its manual page. Argument: dmq."""
 
 import fcntl
 import os
@@ -11,19 +11,17 @@ import subprocess
 import sys
 import tempfile
 import termios
-import time
 import unittest
+from pathlib import Path
 
-DMQ, PROJECT = os.path.abspath(sys.argv[1]), sys.argv[2]
-CHASSIS = ("--load", "examples/chassis.json")
-ENV = {**os.environ, "DMQ_COMPLETION_SECONDS": "60", "PATH": os.path.dirname(DMQ) + ":" + os.environ["PATH"],
-       "TERM": "dumb", "PS1": "@@ "}
-ENV.pop("DMQ_STORE", None)
+import running
+from running import CHASSIS, DMQ, PROJECT
+
+ENV = {"DMQ_COMPLETION_SECONDS": "60", "PATH": os.path.dirname(DMQ) + ":" + os.environ["PATH"], "TERM": "dumb", "PS1": "@@ "}
 
 
 def dmq(*words, **env):
-    return subprocess.run([DMQ, *words], stdin=subprocess.DEVNULL, capture_output=True, text=True, cwd=PROJECT,
-                          timeout=120, env={**ENV, **env})
+    return running.dmq(*words, **{**ENV, **env})
 
 
 def complete(*words):
@@ -37,18 +35,15 @@ class Terminal:
         self.pid, self.fd = pty.fork()
         if self.pid == 0:
             os.chdir(PROJECT)
-            os.execvpe(shell[0], shell, ENV)
+            os.execvpe(shell[0], shell, {**running.ENV, **ENV})
         fcntl.ioctl(self.fd, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 300, 0, 0))
 
-    def type(self, keys, until):
-        """What is shown from now on, up to the text; None when it does not come."""
+    def shows(self, keys, text):
         os.write(self.fd, keys.encode())
-        shown, end = "", time.monotonic() + 30
-        while until not in shown:
-            if not select.select([self.fd], [], [], max(0, end - time.monotonic()))[0]:
-                return None
+        shown = ""
+        while text not in shown and select.select([self.fd], [], [], 30)[0]:
             shown += re.sub(r"\x1b\[[?0-9;]*[a-zA-Z]|\r", "", os.read(self.fd, 65536).decode(errors="replace"))
-        return shown
+        return text in shown
 
     def close(self):
         os.close(self.fd)
@@ -79,9 +74,8 @@ class Completion(unittest.TestCase):
     # A shell that waits for a store takes the terminal from its person.
     def test_a_store_that_does_not_answer(self):
         with tempfile.TemporaryDirectory() as folder:
-            os.mkfifo(os.path.join(folder, "never"))
-            done = dmq("complete", "--load", os.path.join(folder, "never"), "get", "card_info", "",
-                       DMQ_COMPLETION_SECONDS="")
+            os.mkfifo(folder + "/never")
+            done = dmq("complete", "--load", folder + "/never", "get", "card_info", "", DMQ_COMPLETION_SECONDS="")
             self.assertEqual((done.returncode, done.stdout, done.stderr), (1, "", ""))
 
     # = and : end a word for readline, not for dmq; a value is to be typed behind the =.
@@ -96,21 +90,20 @@ class Completion(unittest.TestCase):
                     self.skipTest(shell[0] + " is not installed")
                 terminal = Terminal(*shell)
                 self.addCleanup(terminal.close)
-                self.assertIsNotNone(terminal.type(begin + "\n", "ok> "))
+                self.assertTrue(terminal.shows(begin + "\n", "ok> "))
                 for keys, shown in [("dmq shel\t", "shell "), ("dmq show slots psl\t7", "pslot=7"),
                                     ("dmq --store redis+\tx", "redis+unix:///x"),
                                     ("dmq load examples/chas\t", "examples/chassis.json "),
                                     ('dmq --load "examples/chassis.json get card_inf\tx\f', "card_infx"),
                                     ('dmq --store mem:x --load "examples/chassis.json" get card_info devid=2 slotid=30 '
                                      "sslotid=\t", " sslotid=0 ")]:
-                    self.assertIsNotNone(terminal.type("\x15" + keys, shown), keys)
+                    self.assertTrue(terminal.shows("\x15" + keys, shown), keys)
 
 
 class Manual(unittest.TestCase):
     # An option that the page does not have is one that nobody finds; one that it has alone does not work.
     def test_every_command_and_option(self):
-        with open(os.path.join(PROJECT, "man/dmq.1")) as file:
-            page = file.read().replace("\\-", "-")
+        page = (PROJECT / "man/dmq.1").read_text().replace("\\-", "-")
         commands = complete("")
         section = page.split(".SH COMMANDS")[1].split("\n.SH")[0]
         self.assertEqual(sorted(re.findall(r"(?m)^\.TP\n\.BI?R? (\w+)", section)), sorted(commands))
@@ -118,11 +111,9 @@ class Manual(unittest.TestCase):
         self.assertEqual(set(re.findall(r"--[a-z-]*[a-z]", page)), options)
 
     def test_every_function_of_the_library(self):
-        with open(os.path.join(PROJECT, "man/tq_dm_cache.3")) as file:
-            named = set(re.findall(r"\b\w+(?=\(\))", file.read()))
-        script = os.path.join(PROJECT, "scripts/exported_symbols.py")
-        exported = {name for library in ["cache", "platform"] for name in subprocess.run(
-            [sys.executable, script, library], capture_output=True, text=True, check=True).stdout.split()}
+        named = set(re.findall(r"\b\w+(?=\(\))", (PROJECT / "man/tq_dm_cache.3").read_text()))
+        exported = {name for library in ["cache", "platform"] for name in subprocess.check_output(
+            [sys.executable, PROJECT / "scripts/exported_symbols.py", library], text=True).split()}
         self.assertLessEqual(named, exported)
 
 
@@ -133,22 +124,19 @@ class Store(unittest.TestCase):
 
     # Whoever may list processes could else read the store's password.
     def test_a_password_is_shown_to_nobody(self):
-        url = "mem:x://user:pass:w@rd@host"
-        with subprocess.Popen([DMQ, "--store", url, "shell"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                              env=ENV) as shell:
+        with subprocess.Popen([DMQ, "--store", "mem:x://user:pass:w@rd@host", "shell"], stdin=subprocess.PIPE,
+                              stdout=subprocess.PIPE, env=running.ENV) as shell:
             shell.stdin.write(b"echo ready\n")
             shell.stdin.flush()
             self.assertEqual(shell.stdout.readline(), b"ready\n")
-            with open(f"/proc/{shell.pid}/cmdline", "rb") as file:
-                words = file.read().split(b"\0")
+            words = Path(f"/proc/{shell.pid}/cmdline").read_bytes().split(b"\0")
             shell.stdin.close()
         if words[0] == DMQ.encode():  # and not an emulator, which keeps words of its own
             self.assertEqual(words[2], b"mem:" + b"*" * 18 + b"@host")
         self.assertIn(" redis://tom:****@h; ", dmq("redis://tom:s3cr@h").stderr)
-        for words in [["--store", "men://:pass:w@rd@host", "get"], ["men://pass:w@rd@host"],
-                      ["--store", "redis:/u:pass:w@rd@host", "get"], ["--store", "redis//u:w@rd@host", "get"],
-                      ["--loda", "x://pass:w@rd@host"]]:
-            messages = [line for line in dmq(*words).stderr.splitlines() if line.startswith("dmq: ")]
+        for words in ["--store men://:pass:w@rd@host get", "men://pass:w@rd@host", "--store redis:/u:pass:w@rd@host get",
+                      "--store redis//u:w@rd@host get", "--loda x://pass:w@rd@host"]:
+            messages = [line for line in dmq(*words.split()).stderr.splitlines() if line.startswith("dmq: ")]
             self.assertTrue(messages)
             self.assertNotIn("w@rd", "".join(messages))
 

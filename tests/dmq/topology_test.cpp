@@ -5,8 +5,6 @@
 
 #include <climits>
 
-#include "dmq/gen.h"
-
 namespace dmq {
 namespace {
 
@@ -131,43 +129,6 @@ TEST(Topology, RefusesWithFileEntryAndReason) {
     }
     EXPECT_EQ(refusal("{}"), "lab.json: a topology is an array of entries");
     EXPECT_NE(refusal("").find("lab.json: not JSON"), std::string::npos);
-}
-
-// A generated topology in which two kinds disagree shows faults that the cache does not have.
-TEST(Generator, EveryPortAgreesWithItsStaticPortCardAndChip) {
-    std::map<std::string, std::map<std::string, Json>> kinds;
-    for (const Json &made : make_topology({.devices = 3, .cards = 2, .ports = 40, .subcards = 1})) {
-        const Json &object = made["object"];
-        kinds[made["kind"]][object.contains("index") ? dump(object["index"]) : ""] = object;
-    }
-    EXPECT_EQ(kinds["p_dev.vsd_port"].size(), 3u * (2 * 40 + 4));
-    EXPECT_EQ(kinds["p_dev.vsl_port_info"].size(), 8u);
-    for (const auto &[place, port] : kinds["p_dev.vsd_port_attr"]) {
-        const Json &attr = kinds["p_dev.port_static"][place]["static_info"];
-        EXPECT_EQ(attr["hardware_name"], port["hardware_name"]);
-        EXPECT_EQ(attr["type"], port["llcbtype"]);
-        EXPECT_EQ(attr.value("unit", 0), port.value("unit", 0));
-        EXPECT_EQ(attr["user_port"], port["index"]["t_port"]);
-        const Json card = {{"t_mod", 0}, {"devid", port["dev"]}, {"slotid", port.value("physlot", 0)}, {"sslotid", 0}};
-        const Json &info = kinds["p_dev.card_info"][dump(card)];
-        EXPECT_EQ(info["user_slot"], port["slot"]);
-        EXPECT_EQ(info["card_nodeid"], port["node"]);
-        int listed = 0;
-        const Json type = {{"type", info["config_dev_type"]}};
-        for (const Json &chip : kinds["p_dev.dm_card_stattr_t"][dump(type)]["chip_attr_array"])
-            for (const Json &own : chip["port_attr"])
-                listed += own["lport"] == attr["lport"] && own["port"] == attr["port"] &&
-                          own.value("unit", 0) == attr.value("unit", 0) &&
-                          own.value("owner_subcard", 0) == port["index"]["t_sslot"];
-        EXPECT_EQ(listed, 1) << place;
-    }
-    auto &links = kinds["p_dev.vsl_port_info"];
-    for (const auto &[place, vsl] : links) {
-        Json peer = {{"devid", 0}, {"slotid", 0}, {"subslot", 0}, {"lport", 0}};
-        peer.update(vsl["peer_index"]);
-        ASSERT_TRUE(links.contains(dump(peer))) << place;
-        EXPECT_EQ(links[dump(peer)]["peer_mac"], vsl["mac"]) << place;
-    }
 }
 
 }  // namespace

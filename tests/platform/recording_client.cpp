@@ -5,7 +5,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 #include <algorithm>
-#include <atomic>
+#include <future>
 #include <sstream>
 
 #include "tests/platform/redis_server.h"
@@ -38,32 +38,22 @@ std::string describe(const ProtobufCMessage *message, int32_t error) {
     return error ? text + " error " + std::to_string(error) : text;
 }
 
+std::string describe(const store_msg &msg) {
+    const auto *object = static_cast<const ProtobufCMessage *>(msg.value);
+    if (msg.cmd == TQ_MOM_CMD_SUBSCRIBED) return msg.result ? "refused " + std::to_string(msg.result) : "confirmed";
+    if (msg.cmd == TQ_MOM_CMD_SET) return "set " + describe(object, msg.result);
+    if (msg.cmd == TQ_MOM_CMD_DELETE) return "deleted " + describe(object, msg.result);
+    if (msg.flag == 1) return msg.value ? "end with a value" : "end";
+    const auto *record = static_cast<const result_rec *>(msg.value);
+    return "has " + describe(record->obj, record->error);
+}
+
 }  // namespace
-
-std::vector<StoreUnderTest> stores_under_test() {
-    const auto new_mem = [] {
-        static std::atomic<int> count = 0;
-        return "mem:test" + std::to_string(count++);
-    };
-    return {{"mem",
-             new_mem,
-             {tq_mem_disconnect, tq_mem_reconnect, tq_mem_restart, tq_mem_lose_confirmations, tq_mem_put_bytes}},
-            redis_under_test()};
-}
-
-std::string store_name(const testing::TestParamInfo<StoreUnderTest> &store) {
-    return store.param.name;
-}
 
 std::string join(const Lines &lines) {
     std::string text;
     for (const std::string &line : lines) text += (text.empty() ? "" : ", ") + line;
     return text;
-}
-
-std::string sorted(Lines lines) {
-    std::sort(lines.begin(), lines.end());
-    return join(lines);
 }
 
 std::map<int, int> picture(const std::string &told) {
@@ -79,18 +69,18 @@ std::map<int, int> picture(const std::string &told) {
     return types;
 }
 
-Message card_of_type(int32_t slot, int32_t type) {
-    return card(1, slot, 0).set("config_dev_type", type);
+testing::AssertionResult has(const std::string &text, const std::string &words) {
+    if (text.find(words) != std::string::npos) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "no \"" << words << "\" in: " << text;
 }
 
-std::string describe(const store_msg &msg) {
-    const auto *object = static_cast<const ProtobufCMessage *>(msg.value);
-    if (msg.cmd == TQ_MOM_CMD_SUBSCRIBED) return msg.result ? "refused " + std::to_string(msg.result) : "confirmed";
-    if (msg.cmd == TQ_MOM_CMD_SET) return "set " + describe(object, msg.result);
-    if (msg.cmd == TQ_MOM_CMD_DELETE) return "deleted " + describe(object, msg.result);
-    if (msg.flag == 1) return msg.value ? "end with a value" : "end";
-    const auto *record = static_cast<const result_rec *>(msg.value);
-    return "has " + describe(record->obj, record->error);
+testing::AssertionResult has_lines(const std::string &text, long count) {
+    if (std::count(text.begin(), text.end(), '\n') == count) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "not " << count << " lines: " << text;
+}
+
+Message card_of_type(int32_t slot, int32_t type) {
+    return card(1, slot, 0).set("config_dev_type", type);
 }
 
 StandardError::StandardError() : before_(fcntl(2, F_DUPFD_CLOEXEC, 3)), file_(memfd_create("said", MFD_CLOEXEC)) {
@@ -125,14 +115,20 @@ RecordingClient::RecordingClient(const std::string &url) {
 
 void RecordingClient::close() {
     if (!handle_) return;
-    EXPECT_EQ(tq_mom_client_close(handle_), 0);
-    close_proxy(handle_);
-    handle_ = nullptr;
+    close_client(std::exchange(handle_, nullptr));
 }
 
 RecordingClient::Word *RecordingClient::word(const std::string &name) {
     const std::lock_guard lock(mutex_);
     return &words_.try_emplace(name, Word{this, name, {}}).first->second;
+}
+
+std::function<void()> RecordingClient::hold(const std::string &name) {
+    const auto gate = std::make_shared<std::promise<void>>();
+    word(name)->then = [gate, held = false](const store_msg &) mutable {
+        if (!std::exchange(held, true)) gate->get_future().wait();
+    };
+    return [gate] { gate->set_value(); };
 }
 
 void RecordingClient::subscribe(const std::string &name) {
@@ -153,8 +149,18 @@ void RecordingClient::follow_connection() {
     for (const uint32_t db : {1u, 3u}) EXPECT_EQ(tq_mom_client_set_reconnect_cb(handle_, db, on_reconnect, 0), 0);
 }
 
+void RecordingClient::follow_all() {
+    follow_connection();
+    EXPECT_TRUE(follow("sub"));
+    EXPECT_EQ(told(), "connected 0, sub: confirmed");
+}
+
+int32_t RecordingClient::write(const Message &object, uint32_t db) {
+    return tq_mom_set(handle_, db, object.get(), 0, 0);
+}
+
 void RecordingClient::set(int32_t slot, int32_t type, uint32_t db) {
-    EXPECT_EQ(tq_mom_set(handle_, db, card_of_type(slot, type).get(), 0, 0), 0);
+    EXPECT_EQ(write(card_of_type(slot, type), db), 0);
 }
 
 void RecordingClient::del(int32_t slot) {
@@ -171,6 +177,16 @@ std::string RecordingClient::get(int32_t slot) {
     EXPECT_EQ(tq_mom_tq_obj_free(object), 0);
     EXPECT_EQ(tq_mom_hash_res_free(record), 0);
     return text;
+}
+
+std::string RecordingClient::scanned() {
+    told();
+    scan("s");
+    EXPECT_TRUE(wait("s: end"));
+    Lines found = lines();
+    EXPECT_EQ(found.back(), "s: end");
+    std::sort(found.begin(), found.end());
+    return join(found);
 }
 
 Lines RecordingClient::scan_sync() {

@@ -35,16 +35,15 @@ inline void PrintTo(const StoreUnderTest &store, std::ostream *out) {
 }
 
 std::vector<StoreUnderTest> stores_under_test();
-StoreUnderTest redis_under_test();
 int32_t open_client(const std::string &url, tq_mom_handle **handle);  // with what its faults need
-void close_proxy(tq_mom_handle *handle);
-std::string store_name(const testing::TestParamInfo<StoreUnderTest> &store);
+void close_client(tq_mom_handle *handle);
 
 using Lines = std::vector<std::string>;
 std::string join(const Lines &lines);
-std::string sorted(Lines lines);
 // Type by slot, of whoever applies what has been told in that order.
 std::map<int, int> picture(const std::string &told);
+testing::AssertionResult has(const std::string &text, const std::string &words);
+testing::AssertionResult has_lines(const std::string &text, long count);
 
 class RecordingClient {
 public:
@@ -61,16 +60,21 @@ public:
 
     tq_mom_handle *handle() const { return handle_; }
     Word *word(const std::string &name);
+    std::function<void()> hold(
+        const std::string &name);  // at its first line from now on, until what is answered is called
 
     // They take the store's answer for granted; what it has to tell comes as lines.
     void subscribe(const std::string &name);
     bool follow(const std::string &name);  // and it is confirmed
     void scan(const std::string &name);
     void follow_connection();  // and the reconnects of databases 1 and 3
+    void follow_all();         // both, and what they tell first is dropped
+    int32_t write(const Message &object, uint32_t db = 1);
     void set(int32_t slot, int32_t type, uint32_t db = 1);
     void del(int32_t slot);
 
     std::string get(int32_t slot);  // by both ways of reading
+    std::string scanned();          // one scan's lines, sorted: one end mark, which came last, then objects
     Lines scan_sync();
 
     void note(const std::string &line);
@@ -107,6 +111,5 @@ private:
 };
 
 Message card_of_type(int32_t slot, int32_t type);
-std::string describe(const store_msg &msg);
 
 #endif

@@ -16,8 +16,6 @@
 
 namespace {
 
-constexpr int start_limit_s = 20;
-
 using Context = std::unique_ptr<redisContext, void (*)(redisContext *)>;
 
 Context connect(const std::string &path) {
@@ -59,28 +57,8 @@ int unix_socket(const std::string &path, decltype(::connect) *attach) {
 
 }  // namespace
 
-int start_program(std::vector<std::string> words) {
-    std::vector<char *> arguments;
-    for (std::string &word : words) arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    const int pid = fork();
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        execvp(arguments[0], arguments.data());
-        _exit(127);
-    }
-    return pid;
-}
-
-void end_program(int pid) {
-    ::kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
-}
-
-std::string command_at(const std::string &socket, const std::vector<std::string> &words, const std::string &password) {
-    const Context context = connect(socket);
-    if (!password.empty()) run(context.get(), {"AUTH", password});
-    return run(context.get(), words);
+void pass(std::chrono::milliseconds time) {
+    ::poll(nullptr, 0, static_cast<int>(time.count()));
 }
 
 RedisServer::RedisServer(const std::vector<std::string> &options) : options_(options) {
@@ -96,23 +74,32 @@ RedisServer::~RedisServer() {
 }
 
 void RedisServer::start() {
-    std::vector<std::string> words = {"redis-server", "--port",      "0",     "--save", "",
-                                      "--unixsocket", socket(),      "--dir", folder_,  "--logfile",
-                                      "redis.log",    "--daemonize", "no"};
+    std::vector<std::string> words = {"redis-server"};
     words.insert(words.end(), options_.begin(), options_.end());
-    pid_ = start_program(words);
-    for (int i = 0; i < start_limit_s * 100; i++) {
+    words.insert(words.end(), {"--port", "0", "--save", "", "--unixsocket", socket(), "--dir", folder_, "--logfile",
+                               "redis.log", "--daemonize", "no"});
+    std::vector<char *> arguments;
+    for (std::string &word : words) arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    pid_ = fork();
+    if (pid_ == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        execvp(arguments[0], arguments.data());
+        _exit(127);
+    }
+    const bool answers = wait_until([&] {
+        if (waitpid(pid_, nullptr, WNOHANG) == pid_) throw std::runtime_error("redis-server has ended");
         const Context context = connect(socket());
         const std::string answer = context->err ? "" : run(context.get(), {"PING"});
-        if (answer == "PONG" || answer.starts_with("NOAUTH")) return;
-        ::poll(nullptr, 0, 10);
-        if (waitpid(pid_, nullptr, WNOHANG) == pid_) break;
-    }
-    throw std::runtime_error("redis-server does not start");
+        return answer == "PONG" || answer.starts_with("NOAUTH");
+    });
+    if (!answers) throw std::runtime_error("redis-server does not start");
 }
 
 void RedisServer::kill() {
-    if (pid_ != 0) end_program(std::exchange(pid_, 0));
+    if (pid_ == 0) return;
+    ::kill(pid_, SIGKILL);
+    waitpid(std::exchange(pid_, 0), nullptr, 0);
 }
 
 void RedisServer::freeze(bool frozen) {
@@ -126,17 +113,30 @@ void RedisServer::restart(bool keep) {
     start();
 }
 
+std::string RedisServer::command(const std::vector<std::string> &words, const std::string &password) const {
+    const Context context = connect(socket());
+    if (!password.empty()) run(context.get(), {"AUTH", password});
+    return run(context.get(), words);
+}
+
 // Below those that the system gives to whoever connects.
 int RedisServer::listen_on_loopback() {
     static int port = 20000 + getpid() % 10000;
     while (command({"CONFIG", "SET", "port", std::to_string(++port)}) != "OK") continue;
-    return port;
+    return port_ = port;
 }
 
-long RedisServer::calls_of(const std::string &name) const {
-    const std::string info = command({"INFO", "commandstats"}), before = "cmdstat_" + name + ":calls=";
-    const size_t at = info.find(before);
-    return at == std::string::npos ? 0 : std::stol(info.substr(at + before.size()));
+void RedisServer::replicate(const RedisServer &master) const {
+    master.command({"CONFIG", "SET", "repl-diskless-sync-delay", "0"});
+    command({"REPLICAOF", "127.0.0.1", std::to_string(master.port_)});
+    const auto is_there = [&] { return command({"INFO", "replication"}).find("link_status:up") != std::string::npos; };
+    if (!wait_until(is_there)) throw std::runtime_error("redis-server does not replicate");
+}
+
+long RedisServer::number(const std::string &before) const {
+    const std::string info = command({"INFO", "everything"});
+    const size_t at = info.find("\n" + before);
+    return at == std::string::npos ? 0 : std::stol(info.substr(at + 1 + before.size()));
 }
 
 Proxy::Proxy(const std::string &listen_at, const std::string &server) : path_(listen_at), servers_({server}) {
@@ -215,10 +215,7 @@ bool Proxy::carry_some(Road &road, bool to_client) {
         if (m <= 0) return false;
         sent += static_cast<size_t>(m);
     }
-    if (!to_client) return true;
-    const std::lock_guard lock(mutex_);
-    carried_ += bytes.size();
-    carried_more_.notify_all();
+    if (to_client) carried_ += bytes.size();
     return true;
 }
 
@@ -249,9 +246,7 @@ void Proxy::lead_to(std::deque<std::string> servers) {
 }
 
 void Proxy::wait_for_bytes(size_t more, std::chrono::milliseconds limit) {
-    std::unique_lock lock(mutex_);
-    const size_t until = carried_ + more;
-    carried_more_.wait_for(lock, limit, [&] { return carried_ >= until; });
+    wait_until([&, until = carried_ + more] { return carried_ >= until; }, limit);
 }
 
 void Proxy::cut() {

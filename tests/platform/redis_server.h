@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <list>
@@ -16,26 +15,20 @@
 #include <thread>
 #include <vector>
 
+void pass(std::chrono::milliseconds time);  // where being slow is what is tested
+
 // Until it is so; false after a long while.
-template <class Done> bool wait_until(Done done) {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > limit) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+template <class Done> bool wait_until(Done done, std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    for (; !done(); pass(std::chrono::milliseconds(5))) {
+        if (std::chrono::steady_clock::now() > end) return false;
     }
     return true;
 }
 
-// Its process's number; it ends with the test program.
-int start_program(std::vector<std::string> words);
-void end_program(int pid);  // SIGKILL
-// One command of words at a socket; the answer as text, lists in brackets, errors too. Binary words are fine.
-std::string command_at(const std::string &socket, const std::vector<std::string> &words,
-                       const std::string &password = "");
-
 class RedisServer {
 public:
-    explicit RedisServer(const std::vector<std::string> &options = {});
+    explicit RedisServer(const std::vector<std::string> &options = {});  // a file may be the first
     ~RedisServer();
     RedisServer(const RedisServer &) = delete;
     RedisServer &operator=(const RedisServer &) = delete;
@@ -48,18 +41,18 @@ public:
     void freeze(bool frozen);  // SIGSTOP, SIGCONT
     void restart(bool keep);   // with its content, or empty
 
-    std::string command(const std::vector<std::string> &words, const std::string &password = "") const {
-        return command_at(socket(), words, password);
-    }
-    int listen_on_loopback();  // the port
-    long calls_of(const std::string &command) const;
+    // The answer as text, lists in brackets, errors too. Binary words are fine.
+    std::string command(const std::vector<std::string> &words, const std::string &password = "") const;
+    int listen_on_loopback();                         // the port
+    void replicate(const RedisServer &master) const;  // which listens there; waits for a copy of what it has
+    void lose_feeds() const { command({"CLIENT", "KILL", "TYPE", "pubsub"}); }
+    long number(const std::string &before) const;  // behind these words in what it tells of itself; 0: not there
+    long calls_of(const std::string &command) const { return number("cmdstat_" + command + ":calls="); }
 
 private:
-    void remove_content() const;
-
     std::string folder_;
     std::vector<std::string> options_;
-    int pid_ = 0;
+    int pid_ = 0, port_ = 0;
 };
 
 // Between one client and its server.
@@ -99,9 +92,8 @@ private:
     const std::string path_;
     int listener_ = -1;
     std::atomic<int> fences_to_drop_ = 0;
+    std::atomic<size_t> carried_ = 0;
     std::mutex mutex_;  // guards what follows
-    std::condition_variable carried_more_;
-    size_t carried_ = 0;
     bool refusing_ = false;
     std::deque<std::string> servers_;
     std::shared_ptr<const Bend> bend_to_come_;

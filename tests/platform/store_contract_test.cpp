@@ -1,9 +1,11 @@
 // What every store promises its clients, run over each store. A test waits for a push or an end mark of its own making:
 // the store's one order says that everything before it has come.
+#include <malloc.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
 #include <future>
+#include <thread>
 
 #include "tests/platform/recording_client.h"
 
@@ -16,15 +18,8 @@ protected:
     RecordingClient writer{url};
     RecordingClient reader{url};
 
-    // One scan's lines, in the order of their text: one end mark, which came last, then objects.
-    std::string scanned() {
-        reader.told();
-        reader.scan("s");
-        EXPECT_TRUE(reader.wait("s: end"));
-        Lines lines = reader.lines();
-        EXPECT_EQ(lines.back(), "s: end");
-        return sorted(lines);
-    }
+    void disconnect() { EXPECT_EQ(faults.disconnect(reader.handle()), 0); }
+    void reconnect() { EXPECT_EQ(faults.reconnect(reader.handle()), 0); }
 
     void put_bytes(int32_t slot, const std::string &bytes) {
         const auto *data = reinterpret_cast<const uint8_t *>(bytes.data());
@@ -33,14 +28,15 @@ protected:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(Stores, StoreContract, testing::ValuesIn(stores_under_test()), store_name);
+INSTANTIATE_TEST_SUITE_P(Stores, StoreContract, testing::ValuesIn(stores_under_test()),
+                         [](const auto &store) { return store.param.name; });
 
 // A reader whose pushes come out of order, or of other databases and kinds, shows a device tree that never was.
 TEST_P(StoreContract, PushesAndScansAreOneOrder) {
     ASSERT_TRUE(reader.follow("sub"));
     writer.set(3, 645);
     writer.set(9, 1, /*db=*/3);
-    EXPECT_EQ(tq_mom_set(writer.handle(), 1, complete().get(), 0, 0), 0);
+    EXPECT_EQ(writer.write(complete()), 0);
     writer.set(4, 7);
     writer.set(3, 646);
     writer.del(4);
@@ -49,12 +45,12 @@ TEST_P(StoreContract, PushesAndScansAreOneOrder) {
     ASSERT_TRUE(reader.wait("sub: set 5:1"));
     EXPECT_EQ(reader.told(),
               "sub: confirmed, sub: set 3:645, sub: set 4:7, sub: set 3:646, sub: deleted 4:0, sub: set 5:1");
-    EXPECT_EQ(scanned(), "s: end, s: has 3:646, s: has 5:1");
+    EXPECT_EQ(reader.scanned(), "s: end, s: has 3:646, s: has 5:1");
 
     writer.del(3);
     writer.del(5);
     EXPECT_TRUE(reader.wait("sub: deleted 5:0"));
-    EXPECT_EQ(scanned(), "s: end");  // a scan of nothing ends too
+    EXPECT_EQ(reader.scanned(), "s: end");  // a scan of nothing ends too
     EXPECT_EQ(writer.get(3), "nothing error -5");
 }
 
@@ -98,126 +94,128 @@ TEST_P(StoreContract, ARepeatedSubscriptionIsConfirmedAndDoublesNothing) {
     EXPECT_EQ(reader.told(), "a: confirmed, a: confirmed, b: confirmed, a: set 1:1, b: set 1:1");
 }
 
-// What was followed, and what was asked for while the connection was lost, must not be forgotten in silence.
+// What was followed, and what was asked for while the connection was lost, must not be forgotten in silence; one confirmation
+// that went missing would hold a cache in its first phase for ever. Whoever is told that a subscription stands, and reads
+// then, must not miss what is written next.
 TEST_P(StoreContract, AReconnectRestoresAndGivesWhatWasOwed) {
+    EXPECT_EQ(faults.lose_confirmations(reader.handle(), 2), 0);
+    for (const char *name : {"a", "b", "sub"}) reader.subscribe(name);
+    ASSERT_TRUE(reader.wait("sub: confirmed"));
     reader.follow_connection();
-    ASSERT_TRUE(reader.follow("sub"));
-    EXPECT_EQ(faults.disconnect(reader.handle()), 0);
+    disconnect();
     ASSERT_TRUE(reader.wait("lost"));
     writer.set(1, 1);
     reader.scan("void");
+    reader.word("late")->then = [&](const store_msg &msg) {
+        if (msg.cmd == TQ_MOM_CMD_SUBSCRIBED) writer.set(2, 2);
+    };
     reader.subscribe("late");
     const auto word = reinterpret_cast<uintptr_t>(reader.word("late"));
     EXPECT_EQ(tq_mom_client_connect(reader.handle(), 1, RecordingClient::on_ready, word), 0);
-    EXPECT_EQ(tq_mom_set(reader.handle(), 1, card(1, 2, 0).get(), 0, 0), TQ_MOM_E_UNREACHABLE);
+    EXPECT_EQ(reader.write(card(1, 2, 0)), TQ_MOM_E_UNREACHABLE);
     EXPECT_EQ(reader.get(1), "nothing error -4");
 
     auto connected = std::async(std::launch::async, tq_mom_client_connect_sync, reader.handle(), 1);
-    EXPECT_EQ(faults.reconnect(reader.handle()), 0);
+    reconnect();
     EXPECT_EQ(connected.get(), 0);
-    ASSERT_TRUE(reader.wait("reconnect 3 1"));
-    writer.set(2, 2);
     ASSERT_TRUE(reader.wait("late: set 2:2"));
-    EXPECT_EQ(reader.told(),
-              "connected 0, sub: confirmed, lost, connected 1, late: confirmed, late: ready, reconnect 1 1, "
-              "reconnect 3 1, sub: set 2:2, late: set 2:2");
-    EXPECT_EQ(scanned(), "s: end, s: has 1:1, s: has 2:2");
+    EXPECT_EQ(
+        reader.told(),
+        "sub: confirmed, connected 0, lost, connected 1, a: confirmed, b: confirmed, late: confirmed, late: ready, "
+        "reconnect 1 1, reconnect 3 1, a: set 2:2, b: set 2:2, sub: set 2:2, late: set 2:2");
+    EXPECT_EQ(reader.scanned(), "s: end, s: has 1:1, s: has 2:2");
 }
 
 // A client that takes a new server for the old one keeps objects that are not there.
 TEST_P(StoreContract, ARestartedStoreIsToldApart) {
     writer.set(1, 1);
-    RecordingClient(url).close();  // one that has gone is told nothing
+    mallopt(M_PERTURB, 0xa5);  // what is freed is not as it was
+    RecordingClient(url).close();
     reader.follow_connection();
     reader.subscribe("sub");
     for (const int32_t keep : {1, 0}) {
         EXPECT_EQ(faults.restart(writer.handle(), keep), 0);
-        EXPECT_EQ(faults.reconnect(reader.handle()), 0);
+        reconnect();
         EXPECT_EQ(faults.reconnect(writer.handle()), 0);
         ASSERT_TRUE(reader.wait("reconnect 3 2"));
-        EXPECT_EQ(scanned(), keep ? "s: end, s: has 1:1" : "s: end");
+        EXPECT_EQ(reader.scanned(), keep ? "s: end, s: has 1:1" : "s: end");
     }
     writer.set(2, 2);
     EXPECT_TRUE(reader.wait("sub: set 2:2"));
-}
-
-// One confirmation that went missing would hold a cache in its first phase for ever.
-TEST_P(StoreContract, ALostConfirmationIsGivenBeforeTheReconnect) {
-    EXPECT_EQ(faults.lose_confirmations(reader.handle(), 1), 0);
-    reader.subscribe("a");
-    reader.subscribe("b");
-    ASSERT_TRUE(reader.wait("b: confirmed"));
-    reader.follow_connection();
-    EXPECT_EQ(faults.disconnect(reader.handle()), 0);
-    EXPECT_EQ(faults.reconnect(reader.handle()), 0);
-    ASSERT_TRUE(reader.wait("reconnect 3 1"));
-    EXPECT_EQ(reader.told(),
-              "b: confirmed, connected 0, lost, connected 1, a: confirmed, reconnect 1 1, reconnect 3 1");
-}
-
-// Whoever is told that a subscription stands, and reads then, must not miss what is written next.
-TEST_P(StoreContract, WhatIsConfirmedAfterAReconnectIsInForce) {
-    const auto on_connection = [](tq_mom_handle *, int32_t, int32_t reason, void *client) {
-        if (reason != 0) static_cast<RecordingClient *>(client)->subscribe("late");
-    };
-    reader.word("late")->then = [&](const store_msg &msg) {
-        if (msg.cmd == TQ_MOM_CMD_SUBSCRIBED) writer.set(1, 5);
-    };
-    EXPECT_EQ(tq_mom_client_set_connection_cb(reader.handle(), on_connection, &reader), 0);
-    EXPECT_EQ(faults.disconnect(reader.handle()), 0);
-    EXPECT_EQ(faults.reconnect(reader.handle()), 0);
-    EXPECT_TRUE(reader.wait("late: set 1:5"));
 }
 
 // A scan that stops half way without a word, or claims to be complete, loses objects.
 TEST_P(StoreContract, AScanCutOffEndsByTheReconnect) {
     for (int32_t i = 0; i < 500; ++i) writer.set(i, 1);
     reader.follow_connection();
-    reader.word("cut")->then = [&](const store_msg &) { EXPECT_EQ(faults.disconnect(reader.handle()), 0); };
+    reader.word("cut")->then = [&](const store_msg &) { disconnect(); };
     reader.scan("cut");
     ASSERT_TRUE(reader.wait("lost"));
-    EXPECT_EQ(faults.reconnect(reader.handle()), 0);
+    reconnect();
     ASSERT_TRUE(reader.wait("reconnect 3 1"));
     const std::string told = reader.told();
-    EXPECT_EQ(told.find("cut: end"), std::string::npos);
-    EXPECT_EQ(told.find("499:1"), std::string::npos);
-    EXPECT_NE(scanned().find("499:1"), std::string::npos);
+    EXPECT_FALSE(has(told, "cut: end"));
+    EXPECT_FALSE(has(told, "499:1"));
+    EXPECT_TRUE(has(reader.scanned(), "499:1"));
 }
 
 // A change that waits in a busy client while its connection is lost belongs to what the next scan replaces.
 TEST_P(StoreContract, WhatWaitsWhenTheConnectionIsLostIsLostToo) {
-    std::promise<void> go_on;
-    reader.word("sub")->then = [&](const store_msg &msg) {
-        if (msg.cmd == TQ_MOM_CMD_SUBSCRIBED) go_on.get_future().wait();
-    };
+    const auto go_on = reader.hold("sub");
     ASSERT_TRUE(reader.follow("other"));
     ASSERT_TRUE(reader.follow("sub"));
     writer.set(1, 1);
     EXPECT_EQ(reader.get(1), "1:1");
     reader.set(2, 2);
-    EXPECT_EQ(faults.disconnect(reader.handle()), 0);
-    go_on.set_value();
-    EXPECT_EQ(faults.reconnect(reader.handle()), 0);
+    disconnect();
+    go_on();
+    reconnect();
     writer.set(3, 3);
     ASSERT_TRUE(reader.wait("sub: set 3:3"));
     EXPECT_EQ(reader.told(), "other: confirmed, sub: confirmed, other: set 3:3, sub: set 3:3");
 }
 
-// One faulty writer must neither crash the readers nor hide its object, nor the objects beside it.
+// One faulty writer must neither crash the readers nor hide its object, nor the objects beside it. A field of number 0 is
+// damage, too: it can be read, and is gone without a word where the object is copied.
 TEST_P(StoreContract, DamagedBytesAreReportedAndCounted) {
+    using namespace std::string_literals;
+    const auto whole = [](int32_t slot) { return packed(card_of_type(slot, 7).get()); };
+    const auto number_0 = "\x82\x80\x80\x80\x00\x01x"s;  // written in five bytes
+    const struct {
+        int32_t slot;
+        std::string bytes;
+        bool is_damaged = true;
+    } rows[] = {
+        {1, "\xff\xff\xff"},
+        {2, whole(1)},
+        {3, whole(3) + number_0},
+        {4, number_0 + whole(4)},
+        {5, whole(5) + "\x80\x80\x00\x05"s},
+        {6, whole(6) + "\x85\0tiny"s},
+        {7, whole(7) + "\x72\x07" + number_0},   // in static_info
+        {8, whole(8) + "\x2a\x07" + number_0},   // in the key
+        {9, whole(9) + "\xfa\x7f\x01x", false},  // a field that this schema does not know
+        {10, packed(card_of_type(10, 7).set("mac_addr", number_0).get()), false},
+    };
     ASSERT_TRUE(reader.follow("sub"));
+    std::string pushed = "sub: confirmed";
+    std::vector<std::string> scanned = {"s: end"};
+    uint64_t damaged = 0;
+    for (const auto &row : rows) {
+        put_bytes(row.slot, row.bytes);
+        const std::string shown = std::to_string(row.slot) + (row.is_damaged ? ":0 error -6" : ":7");
+        EXPECT_EQ(writer.get(row.slot), row.is_damaged ? "nothing error -6" : shown);
+        pushed += ", sub: set " + shown;
+        scanned.push_back("s: has " + shown);
+        damaged += row.is_damaged;
+    }
+    ASSERT_TRUE(reader.wait("sub: set 10:7"));
+    EXPECT_EQ(reader.told(), pushed);
+    std::sort(scanned.begin(), scanned.end());
+    EXPECT_EQ(reader.scanned(), join(scanned));
+    EXPECT_EQ(tq_mom_client_damaged(reader.handle()), 2 * damaged);
     writer.set(1, 1);
-    put_bytes(2, "\xff\xff\xff");
-    put_bytes(3, packed(card_of_type(1, 9).get()));  // another object's
-    writer.set(4, 4);
-    ASSERT_TRUE(reader.wait("sub: set 4:4"));
-    EXPECT_EQ(reader.told(),
-              "sub: confirmed, sub: set 1:1, sub: set 2:0 error -6, sub: set 3:0 error -6, sub: set 4:4");
-    EXPECT_EQ(scanned(), "s: end, s: has 1:1, s: has 2:0 error -6, s: has 3:0 error -6, s: has 4:4");
-    EXPECT_EQ(tq_mom_client_damaged(reader.handle()), 4u);
-    EXPECT_EQ(writer.get(2), "nothing error -6");
-    writer.set(2, 2);
-    EXPECT_EQ(writer.get(2), "2:2");
+    EXPECT_EQ(writer.get(1), "1:1");
 }
 
 // Whoever follows fields of one card must not be woken for its neighbours, nor twice for one change.
@@ -233,10 +231,9 @@ TEST_P(StoreContract, FieldSubscribersHearOfTheirFieldsOnly) {
     const auto follow = [&](const ProtobufCMessage *object, int32_t n) {
         return tq_mom_subscribe_field(reader.handle(), 1, object, 0, fields, callbacks, words, n);
     };
-    const auto set = [&](int32_t slot, int32_t type, int32_t others, int32_t port_num) {
-        const Message object =
-            card_of_type(slot, type).set("sw_status", others).set("user_slot", others).set("port_num", port_num);
-        EXPECT_EQ(tq_mom_set(writer.handle(), 1, object.get(), 0, 0), 0);
+    const auto set = [&](int32_t slot, int32_t type, int32_t others, int32_t node) {
+        Message object = card_of_type(slot, type).set("sw_status", others).set("user_slot", others);
+        EXPECT_EQ(writer.write(std::move(object).set("card_tipc_nodeid", node)), 0);
     };
     EXPECT_EQ(follow(key.get(), 3), 0);
     reader.wait("a: confirmed");
@@ -274,19 +271,13 @@ TEST_P(StoreContract, TheLoopsOwnThreadMayCallEverything) {
 
 // A process that closes its client while changes pour in must not be called back afterwards.
 TEST_P(StoreContract, CloseDropsWhatIsQueued) {
-    std::promise<void> in_callback, go_on;
-    reader.word("sub")->then = [&](const store_msg &msg) {
-        if (msg.cmd != TQ_MOM_CMD_SUBSCRIBED) return;
-        in_callback.set_value();
-        go_on.get_future().wait();
-    };
-    reader.subscribe("sub");
-    in_callback.get_future().wait();
+    const auto go_on = reader.hold("sub");
+    ASSERT_TRUE(reader.follow("sub"));
     for (int32_t i = 0; i < 100; ++i) writer.set(i, 1);
     reader.scan("s");
     EXPECT_EQ(tq_mom_client_drain(reader.handle(), 1), TQ_MOM_E_TIMEOUT);
     auto closed = std::async(std::launch::async, [&] { reader.close(); });
-    go_on.set_value();
+    go_on();
     closed.get();
     reader.told();
     writer.set(1, 2);
@@ -307,45 +298,37 @@ TEST_P(StoreContract, AHandleOutlivesItsCallsAndStaysWithItsProcess) {
         EXPECT_TRUE(error == TQ_MOM_E_ARGUMENT || error == TQ_MOM_E_UNREACHABLE) << error;
         return 0;
     };
-    std::vector<std::thread> callers;
-    for (int i = 0; i < 4; ++i) {
-        callers.emplace_back(
-            [&] { tq_mom_scan_sync(reader.handle(), 1, card(1, 0, 0).get(), 0, call_until_closed, &in_calls); });
-    }
+    const auto scan = [&] {
+        tq_mom_scan_sync(reader.handle(), 1, card(1, 0, 0).get(), 0, call_until_closed, &in_calls);
+    };
+    std::vector<std::jthread> callers;
+    while (callers.size() < 4) callers.emplace_back(scan);
     while (in_calls < 4) std::this_thread::yield();
     reader.close();
-    for (std::thread &caller : callers) caller.join();
+    callers.clear();
 
-    const Message object = card_of_type(1, 2);
-    const pid_t child = fork();
-    if (child == 0) {
-        int32_t error = 0;
+    const auto call_all = [handle = writer.handle()] {
+        const Message object = card_of_type(1, 2);
         tq_thread_timer timer = {};
-        tq_mom_handle *const handle = writer.handle();
+        const auto handler = [](tq_thread_timer *) { return 0; };
+        int32_t error = 0;
         const int32_t codes[] = {
             tq_mom_set(handle, 1, object.get(), 0, 0),
             tq_mom_get_sync(handle, 1, object.get(), &error) ? 0 : error,
             tq_mom_subscribe(handle, 1, object.get(), 0, RecordingClient::on_message, nullptr),
-            tq_thread_insert_timer(
-                handle->timer_master, &timer, [](tq_thread_timer *) { return 0; }, 0, 0, ""),
+            tq_thread_insert_timer(handle->timer_master, &timer, handler, 0, 0, ""),
             tq_mom_client_drain(handle, 100),
             tq_mom_client_close(handle),
         };
-        const bool refused = std::count(std::begin(codes), std::end(codes), TQ_MOM_E_ARGUMENT) == std::ssize(codes);
-        _exit(refused ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+        return std::ranges::count(codes, TQ_MOM_E_ARGUMENT) == std::ssize(codes);
+    };
+    EXPECT_EXIT(_exit(call_all() ? 0 : 1), testing::ExitedWithCode(0), "");
     EXPECT_EQ(writer.get(1), "1:1");
 }
 
-// A wrong URL is told in words, and nothing crashes on what is not there.
+// Nothing crashes on what is not there.
 TEST(Platform, RefusesWhatIsUnusable) {
     tq_mom_handle *none = nullptr;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(tq_mom_client_open("http://x", &none), TQ_MOM_E_URL);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("\"http://...\""), std::string::npos);
 
     // Without descriptors left there is a code, too, and no end of the process.
     rlimit limit = {};

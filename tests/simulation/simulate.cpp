@@ -89,7 +89,7 @@ private:
         } else if (roll < 95) {
             for (int32_t n = random.below(8); n >= 0; --n) deliver();
         } else if (roll < 96) {
-            older_ = content_;
+            random.percent(50) ? follower_comes_or_goes(random) : void(older_ = content_);
         } else if (up_ && g_cache_proc_done && !content_.empty()) {
             const auto &[place, object] = *std::next(content_.begin(), random.below(content_.size()));
             if (!object.damaged) client_sets_object(place.row, Message::unpack(kind_of(place.row), object.bytes));
@@ -309,7 +309,8 @@ private:
     // cached, at any time.
     void check_complete() const {
         for (const auto &[place, object] : content_) {
-            if (object.damaged || object.since >= up_since_ || !follows(place.row)) continue;
+            if (object.damaged || object.since >= up_since_ || !follows(place.row) || late_rows.contains(place.row))
+                continue;
             const Message wanted = Message::unpack(kind_of(place.row), object.bytes);
             if (!cache_shows(place.row, key_of(wanted.get()), wanted.get()))
                 fail("row %d key %s: applied, but not what the store has", place.row, key_text(wanted.get()).c_str());

@@ -67,6 +67,11 @@ void Listener::sets_own(int32_t row, const ProtobufCMessage *object) {
     add(heard.objects, object);
 }
 
+void Listener::begins_with(int32_t row, Picture cached) {
+    const std::lock_guard lock(mutex_);
+    rows_[static_cast<size_t>(row)].objects = std::move(cached);
+}
+
 // What was swept is remembered until it comes again: nobody is told when it goes.
 std::string Listener::difference(int32_t row, const Picture &cache) const {
     const std::lock_guard lock(mutex_);
@@ -79,4 +84,42 @@ std::string Listener::difference(int32_t row, const Picture &cache) const {
     const bool counted = stats.objects == cache.size() && stats.sets == heard.sets && stats.deletes == heard.deletes &&
                          stats.swept == heard.swept + gone;
     return counted ? "" : "the counters are wrong";
+}
+
+Follower::Follower(int32_t row, uint32_t flags) : row_(row), flags_(flags) {
+    if (flags & DM_CACHE_FOLLOW_FROM_NOW) objects_ = cached_picture(row);
+    if (dm_cache_follow(row, hear, this, flags) != 0) fail("row %d cannot be followed", row);
+}
+
+Follower::~Follower() {
+    dm_cache_unfollow(row_, hear, this);
+}
+
+void Follower::hear(const dm_cache_event *event, void *self) {
+    static_cast<Follower *>(self)->told(*event);
+}
+
+void Follower::told(const dm_cache_event &event) {
+    const std::lock_guard lock(mutex_);
+    const ProtobufCMessage *const any = event.after ? event.after : event.before;
+    const std::string key = key_bytes(any), before = event.before ? packed(event.before) : "";
+    const auto known = objects_.find(key);
+    const bool is_new = event.what == DM_CACHE_EVENT_ADDED, stays_equal = event.what == DM_CACHE_EVENT_UNCHANGED;
+    const bool is_gone = event.what == DM_CACHE_EVENT_DELETED || event.what == DM_CACHE_EVENT_SWEPT;
+    if (event.type != row_ || !event.before != is_new || !event.after != is_gone)
+        fail("row %d: an event of another shape", row_);
+    if (is_new != (known == objects_.end()))
+        fail("row %d: event %d of an object that is %s", row_, event.what, is_new ? "known" : "not known");
+    if (!is_new && known->second != before) fail("row %d: an object was something else before than was told", row_);
+    if (!is_gone && !is_new && stays_equal != (packed(event.after) == before))
+        fail("row %d: event %d, but the content says otherwise", row_, event.what);
+    if (stays_equal && !(flags_ & DM_CACHE_FOLLOW_UNCHANGED)) fail("row %d: told of what is unchanged", row_);
+    if (is_filled_ && event.phase == DM_CACHE_PHASE_FIRST) fail("row %d: the first picture comes again", row_);
+    is_filled_ |= event.phase != DM_CACHE_PHASE_FIRST;
+    is_gone ? void(objects_.erase(key)) : add(objects_, event.after);
+}
+
+std::string Follower::difference(const Picture &cache) const {
+    const std::lock_guard lock(mutex_);
+    return objects_ == cache ? "" : "a follower was told something else than is cached";
 }

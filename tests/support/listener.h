@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "tests/support/messages.h"
+#include "tq_dm_cache/dm_cache_follow.h"
 #include "tq_dm_cache/dm_cache_status.h"
 #include "tq_dm_cache/dm_types.h"
 
@@ -34,6 +35,9 @@ public:
     // The client is about to put an object into the cache itself.
     void sets_own(int32_t row, const ProtobufCMessage *object);
 
+    // The row is followed from now on, and holds what the client has put there.
+    void begins_with(int32_t row, Picture cached);
+
     // At rest: what was told, less what was swept, is what is cached, and the counters say so.
     std::string difference(int32_t row, const Picture &cache) const;
 
@@ -44,6 +48,29 @@ private:
     };
     mutable std::mutex mutex_;
     std::array<Heard, DM_ROW_COUNT> rows_;
+};
+
+// A follower's picture of a row, from what it is told alone. It stays where it is while it follows. Any thread.
+class Follower {
+public:
+    // Begins with what is there now, when it is not to be told of it.
+    Follower(int32_t row, uint32_t flags);
+    ~Follower();
+    Follower(const Follower &) = delete;
+
+    int32_t row() const { return row_; }
+    std::string difference(const Picture &cache) const;
+
+private:
+    static void hear(const dm_cache_event *event, void *self);
+    // Ends the run as failed when the event does not fit what was told before.
+    void told(const dm_cache_event &event);
+
+    const int32_t row_;
+    const uint32_t flags_;
+    mutable std::mutex mutex_;
+    Picture objects_;
+    bool is_filled_ = false;  // told of something behind the first phase
 };
 
 #endif

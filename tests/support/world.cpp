@@ -141,6 +141,20 @@ void World::follow(int32_t row, int32_t flag) {
     dm_cache_sub_obj(row, on_change, flag);
 }
 
+void World::follower_comes_or_goes(Random &chance) {
+    if (!followers.empty() && chance.percent(40))
+        return followers.erase(std::next(followers.begin(), chance.below(followers.size()))), void();
+    const int32_t row = rows[static_cast<size_t>(chance.below(rows.size()))];
+    const bool is_late = !obj_sub_list[row].enable;
+    say("client   follows row %d%s", row, is_late ? ", the first to do so" : "");
+    count("followers");
+    followers.emplace_back(row, static_cast<uint32_t>(chance.below(4)));
+    if (!is_late) return;
+    late_rows.insert(row);
+    listener.begins_with(row, cached_picture(row));
+    follow(row);
+}
+
 bool World::follows(int32_t row) {
     return obj_sub_list[row].enable && !(obj_sub_list[row].flag & DM_CACHE_NO_STORE);
 }
@@ -152,6 +166,8 @@ void World::told(int32_t row, int32_t operation, const ProtobufCMessage *message
 std::string World::difference_of(int32_t row) {
     Picture cache = cached_picture(row), store;
     if (std::string found = listener.difference(row, cache); !found.empty()) return found;
+    for (const Follower &each : followers)
+        if (std::string found = each.row() == row ? each.difference(cache) : ""; !found.empty()) return found;
     if (!read_store(row, store, cache)) return "the store cannot be read";
     return ::difference(cache, follows(row) ? store : Picture());
 }

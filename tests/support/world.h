@@ -5,7 +5,9 @@
 // at rest all of them are equal. One seed is one run. A road leads from the writer to the cache: it says how a write gets out,
 // what can go wrong on the way, and how all comes to rest. simulation/ has one in virtual time, faults/ one over a server.
 
+#include <list>
 #include <random>
+#include <set>
 #include <vector>
 
 #include "tests/support/listener.h"
@@ -51,6 +53,8 @@ protected:
 
     void follow(int32_t row, int32_t flag = 0);
     static bool follows(int32_t row);  // enabled, and stored
+    // A follower of any row, one that nobody has enabled too, comes or goes.
+    void follower_comes_or_goes(Random &chance);
 
     // At rest: what differs between the store, the cache and what clients were told; empty: nothing. Ends the run as failed
     // when lists and indexes do not fit together, which must never be.
@@ -61,7 +65,9 @@ protected:
     Random random;
     std::vector<int32_t> rows;  // that hold a kind
     Listener listener;          // told of every change, compared with the cache at rest
-    int64_t now = 0;            // in a trace
+    std::list<Follower> followers;
+    std::set<int32_t> late_rows;  // enabled after the start
+    int64_t now = 0;              // in a trace
 
 private:
     std::string difference_of(int32_t row);
