@@ -3,6 +3,11 @@
 
 namespace dm {
 
+const ProtobufCMessage *named_object(const store_msg &msg) {
+    if (is_push(msg.cmd) || !msg.value) return static_cast<const ProtobufCMessage *>(msg.value);
+    return carries_record(msg.cmd) ? static_cast<const result_rec *>(msg.value)->obj : nullptr;
+}
+
 ProtobufCMessage *carried_object(const store_msg &msg, bool in_record, const LogTag &log_tag, Caller caller) {
     if (!in_record) {
         if (!msg.value) DM_LOG_AS(caller, failure, "msg value is NULL\r\n");

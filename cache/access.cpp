@@ -43,8 +43,8 @@ int32_t cache_object(int32_t type, const ProtobufCMessage *obj, uint64_t since) 
     }
     deliver_soon();
     if (result >= 0) return 0;
-    status_refused(type);
     DM_LOG_AS((Caller{"dm_cache_set_obj"}), failure, "dm_cache_list_add error[%d]\r\n", result);
+    status_refused(type, obj);
     return result;
 }
 

@@ -37,8 +37,8 @@ int32_t apply_set(tq_mom_handle *handle, int32_t row, ProtobufCMessage *obj, Sto
         if (!stores_nothing(row)) result = stored ? store_shared(row, std::move(stored)) : store_object(row, obj);
     }
     if (result < 0) {
-        status_refused(row);
         DM_LOG_AS(caller, failure, "dm_cache_list_add error[%d]\r\n", result);
+        status_refused(row, obj);
         return result;
     }
     status_count(row, Count::sets);
@@ -59,7 +59,7 @@ int32_t apply_delete(tq_mom_handle *handle, int32_t row, ProtobufCMessage *obj) 
                       static_cast<void *>(nullptr));
     }
     if (!removed.message) {
-        status_refused(row);
+        status_refused(row, obj);
         return -1;
     }
     status_count(row, Count::deletes);
@@ -98,7 +98,7 @@ int32_t apply_live(tq_mom_handle *handle, store_msg *msg, void *privdata) {
     if (!is_push(msg->cmd) && !is_scanned(msg->cmd)) return 0;
     ProtobufCMessage *obj = carried_object(*msg, is_scanned(msg->cmd), log_tag, caller);
     if (!obj) {
-        if (brings_change(*msg)) status_refused(row);
+        if (brings_change(*msg)) status_refused(row, named_object(*msg));
         return -1;
     }
     apply(handle, row, msg->cmd, obj);

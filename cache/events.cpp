@@ -7,7 +7,7 @@
 
 #include "base/clock.h"
 #include "base/message.h"
-#include "cache/mutex.h"
+#include "base/mutex.h"
 #include "cache/row_sync.h"
 #include "cache/status.h"
 #include "tq_dm_cache/dm_cache_sync.h"
@@ -39,7 +39,7 @@ constexpr uint8_t joins = UINT8_MAX;  // its `what`
 constexpr int32_t lists = DM_ROW_COUNT + 1;  // of a row, and last those of applications
 
 // An event of a removal takes the element's own memory.
-static_assert(sizeof(Event) <= sizeof(dm_cache_list_node) && alignof(Event) <= alignof(dm_cache_list_node));
+static_assert(sizeof(Event) <= sizeof(dm_cache_list_node));
 
 pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards all that follows
 pthread_cond_t callback_done = PTHREAD_COND_INITIALIZER;
@@ -80,7 +80,7 @@ uint8_t phase_of(int32_t type) {
 OwnedEvent new_event(int32_t type, int32_t what) {
     OwnedEvent event(static_cast<Event *>(calloc(1, sizeof(Event))));
     if (!event) return nullptr;
-    event->type = static_cast<int8_t>(type);
+    event->type = static_cast<int16_t>(type);
     event->what = static_cast<uint8_t>(what);
     event->phase = phase_of(type);
     return event;
@@ -191,7 +191,7 @@ OwnedEvent new_join(int32_t type, bool with_objects) DM_REQUIRES_LOCK {
     auto *const join = static_cast<Join *>(calloc(1, sizeof(Join) + cached * sizeof(ProtobufCMessage *)));
     if (!join) return nullptr;
     OwnedEvent event(&join->event);
-    event->type = static_cast<int8_t>(type);
+    event->type = static_cast<int16_t>(type);
     event->what = joins;
     for (const dm_cache_list_node &node : elements)
         if (share_of(&node, join->objects()[join->count++]) != 0) return nullptr;
@@ -241,7 +241,7 @@ ProtobufCMessage *note_removed(int32_t type, int32_t what, OwnedNode &node) {
     list_empty_out(gone);
     auto *const event = reinterpret_cast<Event *>(gone);
     note_event(OwnedEvent(std::construct_at(
-        event, Event{nullptr, message, nullptr, static_cast<int8_t>(type), static_cast<uint8_t>(what), phase})));
+        event, Event{nullptr, message, nullptr, static_cast<int16_t>(type), static_cast<uint8_t>(what), phase})));
     return message;
 }
 

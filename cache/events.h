@@ -14,7 +14,7 @@ namespace dm {
 struct Event {
     Event *next;
     ProtobufCMessage *before, *after;
-    int8_t type;
+    int16_t type;
     uint8_t what, phase;
 };
 struct FreeEvent {

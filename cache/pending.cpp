@@ -126,7 +126,7 @@ int32_t dm_cache_mom_cache(store_msg *msg, int32_t row) {
     }
     if (!row_in_range(row)) return -1;
     const int32_t ret = queue_object(msg, row, Caller{});
-    if (ret != 0) status_refused(row);
+    if (ret != 0) status_refused(row, named_object(*msg));
     return ret;
 }
 

@@ -13,7 +13,7 @@
 
 #include "base/clock.h"
 #include "base/log.h"
-#include "cache/mutex.h"
+#include "base/mutex.h"
 #include "cache/row_sync.h"
 #include "port_index/trees.h"
 #include "tq_dm_cache/dm_cache_status.h"
@@ -27,9 +27,10 @@ namespace {
 struct RowStatus {
     uint32_t objects, sets, deletes, swept, refused;
     uint32_t callbacks, longest_callback_us;
-    uint32_t changed_ms;    // when the last object came, changed or went
-    uint32_t no_room;       // objects refused because the row was full
-    uint32_t no_room_told;  // how many of them a line has told of
+    uint32_t changed_ms;      // when the last object came, changed or went
+    uint32_t no_room;         // objects refused because the row was full
+    uint32_t no_room_told;    // how many of them a line has told of
+    char first_refused[120];  // its key, as a line shows it; the mutex
 };
 
 pthread_mutex_t status_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -69,6 +70,35 @@ void tell_of_no_room(int32_t row) {
             obj_sub_list[row].obj_tmpl->descriptor->name, DM_CACHE_LIST_LIMIT, now_refused);
 }
 
+// "devid=1 slotid=3 sslotid=0", of an object of the row's kind; else what is the matter.
+void write_key(int32_t row, const ProtobufCMessage *object, char *text, size_t size) {
+    const Kind *const kind = kind_of_row(row);
+    const bool has_key = kind && object && is_kind(object, kind->descriptor) && kind->index_offset > 0;
+    const ProtobufCMessage *const key = has_key ? key_of(object, kind->index_offset) : nullptr;
+    size_t length = static_cast<size_t>(std::snprintf(text, size, key ? "key" : "no key"));
+    for (unsigned i = 0; key && i < key->descriptor->n_fields && length < size; ++i) {
+        const ProtobufCFieldDescriptor &field = key->descriptor->fields[i];
+        int32_t value;
+        std::memcpy(&value, reinterpret_cast<const char *>(key) + field.offset, sizeof value);
+        length += static_cast<size_t>(std::snprintf(text + length, size - length, " %s=%d", field.name, value));
+    }
+}
+
+// A line for the first object that a row refuses, and one at each doubling.
+void tell_of_refused(int32_t row, uint32_t now_refused, const ProtobufCMessage *object) {
+    if ((now_refused & (now_refused - 1)) != 0) return;
+    char first[sizeof rows[row].first_refused];
+    {
+        Held held(status_mutex);
+        RowStatus &status = rows[row];
+        if (status.first_refused[0] == '\0') write_key(row, object, status.first_refused, sizeof first);
+        std::memcpy(first, status.first_refused, sizeof first);
+    }
+    const ProtobufCMessage *const kind = obj_sub_list[row].obj_tmpl;
+    DM_LOG_AS(Caller{"dm_cache_refused"}, failure, "row %d %s has refused %u, the first with %s.\r\n", row,
+              kind ? kind->descriptor->name : "without a kind", now_refused, first);
+}
+
 // Waits for a change of the status that makes `holds` true; -1 when the time is up.
 template <class Holds> int32_t wait_until(const Holds &holds, int32_t timeout_ms) {
     const timespec deadline = deadline_in(timeout_ms > 0 ? timeout_ms : 0);
@@ -100,8 +130,8 @@ bool status_synced() {
     return synced;
 }
 
-void status_refused(int32_t row) {
-    count(rows[row].refused, 1);
+void status_refused(int32_t row, const ProtobufCMessage *object) {
+    tell_of_refused(row, __atomic_add_fetch(&rows[row].refused, 1u, __ATOMIC_RELAXED), object);
     if (load(rows[row].no_room) != load(rows[row].no_room_told)) tell_of_no_room(row);
 }
 

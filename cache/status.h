@@ -5,15 +5,17 @@
 #include <cstdint>
 #include <ctime>
 
+#include <protobuf-c/protobuf-c.h>
+
 namespace dm {
 
 enum class Count { sets, deletes, swept };
 
 void status_count(int32_t row, Count what, uint32_t n = 1);
 
-// A change that has arrived does not end in the cache: every way on which one is lost comes here. Not under the cache lock:
-// it may write a line.
-void status_refused(int32_t row);
+// A change that has arrived does not end in the cache: every way on which one is lost comes here, with the object, if there is
+// one. Not under the cache lock: it may write a line.
+void status_refused(int32_t row, const ProtobufCMessage *object);
 
 // A row has no room for an object: status_refused() is to tell of it.
 void status_no_room(int32_t row);

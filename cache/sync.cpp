@@ -410,7 +410,7 @@ int32_t dm_cache_mom_callback_func(tq_mom_handle *handle, store_msg *msg, void *
         if (is_held(handle, msg, word)) {
             hold_row(handle, static_cast<int32_t>(word));
         } else if (msg && word > 0 && word < obj_sub_list_max && brings_change(*msg)) {
-            status_refused(static_cast<int32_t>(word));
+            status_refused(static_cast<int32_t>(word), named_object(*msg));
         }
         return -1;
     }
@@ -438,13 +438,13 @@ int32_t dm_cache_mom_callback_func(tq_mom_handle *handle, store_msg *msg, void *
         if (msg->value) {
             dm_cache_mom_cache(msg, row);
         } else if (brings_change(*msg)) {
-            status_refused(row);
+            status_refused(row, nullptr);
         }
         return 0;
     }
 
     apply_gathered(handle);
-    if (ends_no_gathering && brings_change(*msg)) status_refused(row);
+    if (ends_no_gathering && brings_change(*msg)) status_refused(row, named_object(*msg));
     if (msg->flag == 1 || state != State::live) return 0;
     DM_LOG(trace, "step 5, g_cache_proc_done = %d\n", load(g_cache_proc_done));
     const bool is_late_reply = is_scanned(msg->cmd) && load(row_sync[row].late) != 0;

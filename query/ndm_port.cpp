@@ -98,7 +98,7 @@ bool add_scanned(int32_t type, const ProtobufCMessage *obj, uint64_t since) {
         result = offer_object(type, obj, since);
     }
     deliver_soon();
-    if (result < 0) status_refused(type);
+    if (result < 0) status_refused(type, obj);
     return result == DM_CACHE_ADDED;
 }
 
@@ -149,7 +149,7 @@ int32_t _ndm_get_vsdid_by_objid(uint32_t objid, int32_t *vsdid, uint8_t rt) {
 const ProtobufCMessage *scanned_object(const store_msg &msg, int32_t row, Caller caller) {
     const ProtobufCMessage *obj = carried_object(msg, msg.cmd != TQ_MOM_CMD_SET, log_tag, caller);
     if (obj && is_kind(obj, kind_of_row(row)->descriptor)) return obj;
-    if (msg.value || msg.flag != 1) status_refused(row);
+    if (msg.value || msg.flag != 1) status_refused(row, named_object(msg));
     return nullptr;
 }
 

@@ -41,8 +41,8 @@ StoreReply::StoreReply(int32_t row, uint32_t db, const ProtobufCMessage *key, Re
         obj_ = tq_mom_get_sync(g_dm_global, db, request.message(), &error);
     }
     if (error == 0 && obj_ && is_kind(obj_, kind_of_row(row)->descriptor)) return;
-    if (obj_) status_refused(row);
     DM_LOG_AS(caller, failure, "unexpected, error:%d!\r\n", error);
+    if (obj_) status_refused(row, obj_);
     give_back(caller);
 }
 

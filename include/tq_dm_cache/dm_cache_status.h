@@ -31,6 +31,22 @@ DM_API int32_t dm_cache_wait_applied(uint32_t than, int32_t timeout_ms);
  */
 DM_API int32_t dm_cache_reason(char *buf, int32_t len);
 
+/*
+ * A line of the log, whole and without line break, of up to 1023 bytes: its level (2 failures, 1 notable events, 0 tracing), the
+ * module and function that it names, the line of the source. The texts are good during the call.
+ */
+typedef void (*dm_cache_log_cb)(int32_t level, const char *module, const char *function, int32_t line, const char *text,
+                                void *word);
+
+/*
+ * Hands the log's lines to a function instead of standard output; null: standard output again. Which lines there are is decided
+ * by g_dm_cache_level and g_ndm_lib_dbg_lvl, at any time. One call a line, one at a time, on the thread that has something to
+ * say, which may hold the cache lock: the function must not wait for another thread that uses the library, and what it makes
+ * the library say itself is dropped. When this returns, the function that was set before does not run any more. Any thread may
+ * call it.
+ */
+DM_API void dm_cache_set_log(dm_cache_log_cb callback, void *word);
+
 /* One row since the process began. What queries do does not count. The record may grow at its end. */
 typedef struct dm_cache_stats {
     uint8_t enabled;

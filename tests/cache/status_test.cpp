@@ -96,6 +96,25 @@ TEST(Status, SaysWhatItWaitsFor) {
     EXPECT_STREQ(cut, "row");
 }
 
+// A process that has a log of its own gets whole lines, and those of one thread at a time.
+TEST(Status, HandsItsLinesToASink) {
+    static Strings lines;
+    const auto sink = [](int32_t level, const char *module, const char *function, int32_t line, const char *said,
+                         void *word) {
+        EXPECT_GT(line, 0);
+        lines.push_back(std::to_string(level) + ' ' + module + ' ' + function + ": " + said +
+                        static_cast<char *>(word));
+        dm_cache_sub_obj(39, nullptr, 0);  // is heard by nobody
+        if (lines.size() == 2) dm_cache_set_log(nullptr, nullptr);
+    };
+    LogCapture log(2);
+    static char end[] = ".";
+    dm_cache_set_log(sink, end);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(dm_cache_set_obj(17, nullptr), -1);
+    EXPECT_EQ(drained(&lines), Strings(2, "2 dm_cache dm_cache_set_obj: invalid param.."));
+    EXPECT_EQ(log.take(), at_threshold(2, {"2 dm_cache_set_obj>invalid param.\r\n"}));
+}
+
 // One row that is never confirmed or scanned stops all others: the counters must name it.
 TEST(Status, CountsEachRowSinceTheProcessBegan) {
     start({1, 17});

@@ -223,10 +223,18 @@ TEST(Sync, RefusesWhatCannotBeStoredAndGoesOn) {
     obj_sub_list[17].obj_list->count = DM_CACHE_LIST_LIMIT;
     drained(&changes);
     LogCapture log(2);
+    const auto told_of = [](const std::string &count) {
+        return "2 dm_cache_refused>row 17 p_dev.card_info has refused " + count +
+               ", the first with key t_mod=0 devid=2 slotid=0 sslotid=0.\r\n";
+    };
     EXPECT_EQ(receive(17, SET, card(2, 0, 0)), 0);
-    EXPECT_EQ(log.take(), at_threshold(2, {"2 dm_cache_handle_setmsg>dm_cache_list_add error[-1]\r\n"}));
+    EXPECT_EQ(log.take(), at_threshold(2, {"2 dm_cache_handle_setmsg>dm_cache_list_add error[-1]\r\n", told_of("1")}));
     EXPECT_EQ(dm_cache_set_obj(17, card(2, 0, 0).get()), -1);
-    EXPECT_EQ(log.take(), at_threshold(2, {"2 dm_cache_set_obj>dm_cache_list_add error[-1]\r\n"}));
+    EXPECT_EQ(log.take(), at_threshold(2, {"2 dm_cache_set_obj>dm_cache_list_add error[-1]\r\n", told_of("2")}));
+    for (int i = 0; i < 6; ++i) dm_cache_set_obj(17, card(3, i, 0).get());
+    const std::string rest = log.take();
+    EXPECT_NE(rest.find(" 4, the first"), std::string::npos);
+    EXPECT_EQ(rest.find(" 5, the first"), std::string::npos);
     EXPECT_EQ(receive(17, SET, card(1, 5, 0)), 0);
     EXPECT_EQ(drained(&changes), Strings{"17 replaced 0.1.5.0"});
     EXPECT_EQ(obj_sub_list[17].obj_list->count, DM_CACHE_LIST_LIMIT);
