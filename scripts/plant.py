@@ -25,7 +25,7 @@ ROOT = Path(__file__).resolve().parent.parent
 COPY = ROOT / "build-plant" / "project"
 BUILD = ROOT / "build-plant" / "build"
 JOBS = f"-j{os.cpu_count()}"
-FAILED = re.compile(r"^\s+\d+ - (\S+) \((.*)\)$", re.MULTILINE)
+FAILED = re.compile(r"^\s+\d+ - (\S+)(?:  # .*)? \((.*)\)$", re.MULTILINE)
 
 
 @dataclass
