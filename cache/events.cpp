@@ -8,6 +8,7 @@
 #include "base/clock.h"
 #include "base/message.h"
 #include "base/mutex.h"
+#include "cache/gate.h"
 #include "cache/row_sync.h"
 #include "cache/status.h"
 #include "tq_dm_cache/dm_cache_sync.h"
@@ -178,8 +179,9 @@ void tell_of_what_is_there(Join &join) {
 }
 
 int32_t on_wake_up(tq_thread_timer *) {
+    const StoreCallback callback;
     store(wake_up_due, uint8_t{0});
-    deliver_events();
+    if (callback.may_run()) deliver_events();
     return 0;
 }
 
@@ -276,9 +278,10 @@ void deliver_events() {
 }
 
 void deliver_soon() {
-    if (!any(noted) || !g_dm_global) return;
+    tq_mom_handle *const handle = store_handle();
+    if (!any(noted) || !handle) return;
     if (__atomic_exchange_n(&wake_up_due, uint8_t{1}, __ATOMIC_SEQ_CST) != 0) return;
-    if (tq_thread_insert_timer(g_dm_global->timer_master, &wake_up, on_wake_up, 0, 0, "dmcache_follow") != 0)
+    if (tq_thread_insert_timer(handle->timer_master, &wake_up, on_wake_up, 0, 0, "dmcache_follow") != 0)
         store(wake_up_due, uint8_t{0});
 }
 
@@ -292,6 +295,7 @@ ChangeCallbacks::~ChangeCallbacks() {
 }
 
 void forget_events() {
+    if (__atomic_exchange_n(&wake_up_due, uint8_t{0}, __ATOMIC_SEQ_CST) != 0) tq_thread_cancel(&wake_up);
     Held held(mutex);
     while (const OwnedEvent event{take_first()})
         if (const Join *const join = as_join(event.get()); join && join->follower) join->follower->joined = true;

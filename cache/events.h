@@ -59,7 +59,7 @@ private:
     bool counted_;
 };
 
-// What is noted is forgotten, because the rows are emptied; the followers stay.
+// What is noted is forgotten, because the rows are emptied; the followers stay. No callback of the store client is inside.
 void forget_events();
 
 // Followers of a row, or of applications

@@ -12,6 +12,7 @@
 #include "base/rows.h"
 #include "cache/config.h"
 #include "cache/events.h"
+#include "cache/gate.h"
 #include "cache/row_sync.h"
 #include "cache/row_update.h"
 #include "cache/sync.h"
@@ -68,6 +69,8 @@ bool table_is_set_up() {
 }
 
 int32_t dm_cache_db_conn(void *, uintptr_t db) {
+    const StoreCallback callback;
+    if (!callback.may_run()) return 0;
     const auto number = static_cast<uint32_t>(db);
     DM_LOG(trace, "dm_cache: conn to db %d ready.\n", static_cast<int32_t>(number));
     const int32_t ret = dm_cache_subscribe(number);
@@ -76,6 +79,8 @@ int32_t dm_cache_db_conn(void *, uintptr_t db) {
 }
 
 int32_t dm_cache_reconnect_cb(void *, uint32_t db, int32_t reason, void *) {
+    const StoreCallback callback;
+    if (!callback.may_run()) return 0;
     if (reason == 1 || reason == 2) __atomic_store_n(&g_dm_db_connect_reason, reason + 1, __ATOMIC_RELAXED);
     subscribe_again(db);
     return 0;
@@ -148,6 +153,7 @@ int32_t dm_cache_init(tq_mom_handle *handle, const char *name) {
     using namespace dm;
     if (started()) {
         DM_LOG(trace, "dm_cache_init: already inited before.\n");
+        if (handle && handle != store_handle()) DM_LOG(failure, "another handle is in use: this one was not taken.\n");
         return 0;
     }
     if (!handle || !name) {
@@ -164,10 +170,23 @@ int32_t dm_cache_init(tq_mom_handle *handle, const char *name) {
     } else {
         set_up_table();
     }
-    g_dm_global = handle;
+    __atomic_store_n(&g_dm_global, handle, __ATOMIC_RELEASE);
+    open_gate();
     if (const int32_t ret = connect_databases(handle, name)) return ret;
     dm_cache_log_subobj_to_file();
     DM_LOG(trace, "rsync connect[%d].\n", 0);
     __atomic_store_n(&g_dm_cache_inited, uint8_t{1}, __ATOMIC_RELEASE);
+    return 0;
+}
+
+int32_t dm_cache_stop(void) {
+    using namespace dm;
+    if (!close_gate()) return -1;
+    __atomic_store_n(&g_dm_cache_inited, uint8_t{0}, __ATOMIC_RELEASE);
+    end_sync();
+    __atomic_store_n(&g_dm_global, nullptr, __ATOMIC_RELEASE);
+    CacheLock lock;
+    for (int32_t row = 0; row < obj_sub_list_max; ++row) discard_row(row);
+    forget_events();
     return 0;
 }

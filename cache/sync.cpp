@@ -34,6 +34,7 @@
 #include "base/store_message.h"
 #include "cache/apply.h"
 #include "cache/events.h"
+#include "cache/gate.h"
 #include "cache/pending.h"
 #include "cache/row_sync.h"
 #include "cache/row_update.h"
@@ -312,6 +313,8 @@ void resynchronise() {
 
 int32_t on_rescan_due(tq_thread_timer *timer) {
     const Caller caller{"dm_cache_tq_mom_scan_input_db_timer"};
+    const StoreCallback callback;
+    if (!callback.may_run()) return 0;
     const int32_t row = timer->arg;
     if (!row_in_range(row)) {
         DM_LOG_AS(caller, failure, "index err.\n");
@@ -336,6 +339,8 @@ void cancel_rescan(RowSync &row) {
 // Whatever was scanned or queued for a row before its subscription was restored is older than the rescan to come.
 int32_t on_subscribed_again(tq_mom_handle *handle, store_msg *msg, void *privdata) {
     const Caller caller{"dm_cache_tq_mom_subscribe_callback"};
+    const StoreCallback callback(handle);
+    if (!callback.may_run()) return 0;
     const auto word = reinterpret_cast<intptr_t>(privdata);
     if (!handle || !msg || msg->result != 0) {
         DM_LOG_AS(caller, failure, "input err.\n");
@@ -391,6 +396,11 @@ void begin_again() {
     store(restart_due, uint8_t{1});
 }
 
+void end_sync() {
+    for (RowSync &row : row_sync) cancel_rescan(row);
+    reset_machine();
+}
+
 }  // namespace dm
 
 using namespace dm;
@@ -404,6 +414,8 @@ int32_t dm_cache_subscribe(uint32_t db) {
 }
 
 int32_t dm_cache_mom_callback_func(tq_mom_handle *handle, store_msg *msg, void *privdata) {
+    const StoreCallback callback(handle);
+    if (!callback.may_run()) return 0;
     const auto word = reinterpret_cast<intptr_t>(privdata);
     if (!handle || !msg || !privdata || msg->result != 0) {
         DM_LOG(failure, "global or msg or privdata is NULL \r\n");

@@ -18,4 +18,8 @@ void subscribe_late(int32_t row);
 // database that is ready. On the starting thread.
 void begin_again();
 
+// For a stop: nothing waits for a timer or in the queue, and the machine is where it was before the first start. No callback of
+// the store client is inside.
+void end_sync();
+
 }  // namespace dm

@@ -1,6 +1,7 @@
 // Answers ndm/identifiers.h, requests.h, roles.h, slots.h and statics.h: identifiers and what they lead to, slot ranges of
 // device types, the system's MAC address, the reset request. Takes the cache lock to read the cache, and not to write the
 // reset request to the store.
+#include "cache/gate.h"
 #include "port_index/lookups.h"
 #include "query/shapes.h"
 #include "tq_dm_cache/ndm/identifiers.h"
@@ -389,7 +390,7 @@ int32_t ndm_reset_module_by_node_causelly(uint32_t node, const char *cause, cons
     request.devid = card.devid;
     request.slotid = card.slot;
     request.sslotid = card.sslot;
-    const int32_t ret = tq_mom_set(g_dm_global, 1, &request.base, 0, 0);
+    const int32_t ret = gate_is_closed() ? -1 : tq_mom_set(store_handle(), 1, &request.base, 0, 0);
     if (ret != 0) DM_LOG(failure, "reset the card request failed to send.\r\n");
     return ret;
 }

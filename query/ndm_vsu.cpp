@@ -1,5 +1,6 @@
 // Answers ndm/requests.h and virtual_switch.h: virtual switching: is this a unit of several chassis, which cards link them;
 // and subscriptions of a client's own. Takes the cache lock for the former.
+#include "cache/gate.h"
 #include "query/shapes.h"
 #include "tq_dm_cache/ndm/requests.h"
 #include "tq_dm_cache/ndm/virtual_switch.h"
@@ -20,7 +21,7 @@ int32_t subscribe_fields(ndm_lib_sub_info *req) {
     std::array<void *, NDM_LIB_SUB_FIELDS> words;
     callbacks.fill(ndm_lib_subcribe_com);
     words.fill(req);
-    return tq_mom_subscribe_field(g_dm_global, req->db, req->key, 0, req->fields, callbacks.data(), words.data(),
+    return tq_mom_subscribe_field(store_handle(), req->db, req->key, 0, req->fields, callbacks.data(), words.data(),
                                   req->field_num);
 }
 
@@ -48,10 +49,10 @@ int32_t ndm_vsl_cmp_ap(const void *port, const int32_t *vsl_ap) {
 int32_t ndm_lib_subcribe(ndm_lib_sub_info *req) {
     if (!req) return 0;
     if (req->subscribed) return 1;
-    if (req->field_num < 0 || req->field_num > NDM_LIB_SUB_FIELDS) return 0;
+    if (req->field_num < 0 || req->field_num > NDM_LIB_SUB_FIELDS || gate_is_closed()) return 0;
     const int32_t ret = req->field_num != 0
                             ? subscribe_fields(req)
-                            : tq_mom_subscribe(g_dm_global, req->db, req->key, 0, ndm_lib_subcribe_com, req);
+                            : tq_mom_subscribe(store_handle(), req->db, req->key, 0, ndm_lib_subcribe_com, req);
     if (ret != 0) return 0;
     req->subscribed = 1;
     return 1;
@@ -66,7 +67,7 @@ int32_t ndm_lib_subcribe_com(tq_mom_handle *handle, store_msg *msg, void *reques
     if (msg->cmd == TQ_MOM_CMD_SUBSCRIBED) {
         // The store hands the private word back as it is, so it serves as the callback's third argument.
         static char origin_scan[] = "scan";
-        return tq_mom_scan(g_dm_global, msg->db, req->key, 0, reinterpret_cast<tq_mom_msg_cb>(req->cb), origin_scan);
+        return tq_mom_scan(store_handle(), msg->db, req->key, 0, reinterpret_cast<tq_mom_msg_cb>(req->cb), origin_scan);
     }
     if (msg->flag == 1)
         req->scan_done = 1;

@@ -1,6 +1,7 @@
 // The calls of the store behind the fallback reads. The caller does not hold the cache lock.
 #include "query/store_read.h"
 
+#include "cache/gate.h"
 #include "cache/status.h"
 
 static constexpr dm::LogTag log_tag{"ndm_port", dm::Threshold::library};
@@ -33,12 +34,16 @@ StoreReply::StoreReply(int32_t row, uint32_t db, const ProtobufCMessage *key, Re
     : row_(row), since_(change_mark_now()) {
     Request request(row, key);
     int32_t error = 0;
+    if (gate_is_closed()) {
+        DM_LOG_AS(caller, failure, "unexpected, error:%d!\r\n", -1);
+        return;
+    }
     if (by == ReadBy::record) {
-        record_ = tq_mom_hgetall_sync(g_dm_global, db, request.message());
+        record_ = tq_mom_hgetall_sync(store_handle(), db, request.message());
         error = record_ ? record_->error : 0;
         obj_ = record_ ? record_->obj : nullptr;
     } else {
-        obj_ = tq_mom_get_sync(g_dm_global, db, request.message(), &error);
+        obj_ = tq_mom_get_sync(store_handle(), db, request.message(), &error);
     }
     if (error == 0 && obj_ && is_kind(obj_, kind_of_row(row)->descriptor)) return;
     DM_LOG_AS(caller, failure, "unexpected, error:%d!\r\n", error);
@@ -65,8 +70,8 @@ int32_t StoreReply::release() {
 
 int32_t scan_store(int32_t row, tq_mom_msg_cb callback, void *priv) {
     const obj_sub_entry &entry = obj_sub_list[row];
-    if (!entry.obj_tmpl) return -1;
-    return tq_mom_scan_sync(g_dm_global, entry.db_id, entry.obj_tmpl, 0, callback, priv);
+    if (!entry.obj_tmpl || gate_is_closed()) return -1;
+    return tq_mom_scan_sync(store_handle(), entry.db_id, entry.obj_tmpl, 0, callback, priv);
 }
 
 }  // namespace dm

@@ -71,6 +71,15 @@ DM_API int32_t dm_cache_follow(int32_t type, dm_cache_follow_cb callback, void *
  */
 DM_API int32_t dm_cache_unfollow(int32_t type, dm_cache_follow_cb callback, void *word);
 
+/*
+ * Ends what dm_cache_init() has begun: waits until no callback of the store client runs, empties the rows, forgets the handle.
+ * What is registered and who follows stays, and hears nothing of it; a dm_cache_init() to come, with another handle or the same,
+ * begins with an empty picture, as after a start that has failed. Close the handle after this, since until then its callbacks
+ * may come, which do nothing any more. Meanwhile reads of the store answer as if nothing was found. Not under the cache lock,
+ * and not while another thread uses what it has borrowed from the cache. 0 also when nothing has begun; -1 from within a callback.
+ */
+DM_API int32_t dm_cache_stop(void);
+
 #ifdef __cplusplus
 }
 #endif

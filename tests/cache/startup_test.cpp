@@ -2,15 +2,21 @@
 #include "tests/support/live_cache.h"
 #include "tests/support/log_capture.h"
 
+#include "tq_dm_cache/dm_cache_follow.h"
 #include "tq_dm_cache/dm_cache_status.h"
+#include "tq_dm_cache/dm_cache_sync.h"
 #include "tq_dm_cache/dm_port_index.h"
+#include "tq_dm_cache/ndm/card_ports.h"
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <functional>
+#include <future>
 #include <optional>
 #include <thread>
 
@@ -135,4 +141,94 @@ TEST(Start, TakesTheNumberOfChassisOnlyWithinItsRange) {
         EXPECT_EQ(refused_start("x"), -9);
         EXPECT_EQ(dm_get_vsu_switch_num_limit(), limit) << value;
     }
+}
+
+// A service that changes to another store must find nothing of the first, and hear nothing of it any more.
+TEST(Stop, LeavesNothingBehindAndLetsAnotherHandleIn) {
+    static int told = 0;
+    static std::function<void()> within;
+    const auto hear = [](const dm_cache_event *, void *) {
+        ++told;
+        if (within) within();
+    };
+    EXPECT_EQ(dm_cache_stop(), 0);
+    dm_cache_follow(17, hear, nullptr, 0);
+    start({1, 7, 30});
+    platform.put(static_port(1, 2, 3, 7));
+    platform.put(card(1, 3, 0));
+    platform.synchronise();
+    EXPECT_EQ(told, 1);
+    within = [] { EXPECT_EQ(dm_cache_stop(), -1); };
+    platform.push(card(1, 4, 0));
+    within = nullptr;
+    EXPECT_EQ(cached(17), 2);
+    receive(1, SET, complete());
+    receive(17, REPLY, card(1, 5, 0));  // gathered
+    platform.lose_connection(1, 1);
+    platform.confirm();
+    dm_cache_set_obj(17, card(1, 6, 0).get());
+    const auto old = platform.subscriptions;
+    EXPECT_EQ(dm_cache_stop(), 0);
+    EXPECT_TRUE(platform.timers.empty());
+    EXPECT_EQ(cached(7) + cached(17) + g_cache_proc_done, 0);
+    EXPECT_EQ(g_dm_global, nullptr);
+    EXPECT_EQ(dm_cache_wait_synced(0), -1);
+    const auto old_handle_says = [&] {
+        for (const Request &each : old) each.deliver(SET, card(1, 8, 0).get());
+    };
+    drained(&platform.calls);
+    old_handle_says();
+    platform.connections[0].reconnect(nullptr, 1, 2, nullptr);
+    int32_t type = 0;
+    EXPECT_EQ(ndm_get_card_type_by_slot(1, 3, 0, &type, 1), -1);
+    EXPECT_EQ(platform.calls, Strings());
+
+    tq_mom_handle other = platform.handle;
+    platform.connections.clear();
+    platform.subscriptions.clear();
+    platform.scans.clear();
+    EXPECT_EQ(dm_cache_init(&other, "other"), 0);
+    LogCapture log(2);
+    EXPECT_EQ(dm_cache_init(&platform.handle, "other"), 0);
+    EXPECT_EQ(log.take(), at_threshold(2, {"2 dm_cache_init>another handle is in use: this one was not taken.\n"}));
+    old_handle_says();
+    EXPECT_EQ(cached(17), 0);
+    for (const Connection &each : platform.connections) each.ready(nullptr, each.privdata);
+    EXPECT_EQ(platform.subscriptions.size(), 4U);
+    told = 0;
+    store_msg message{};
+    const auto say = [&](int32_t row, int32_t cmd, int32_t flag, void *value) {
+        message.cmd = cmd;
+        message.flag = flag;
+        message.value = value;
+        dm_cache_mom_callback_func(&other, &message, reinterpret_cast<void *>(static_cast<intptr_t>(row)));
+    };
+    for (const int32_t row : {1, 7, 17, 30}) say(row, SUBSCRIBED, 0, nullptr);
+    for (const int32_t row : {1, 7, 17, 30}) say(row, REPLY, 1, nullptr);
+    EXPECT_EQ(dm_cache_wait_synced(0), 0);
+    const Message one = card(1, 9, 0);
+    say(17, SET, 0, one.get());
+    EXPECT_EQ(cached(17) + told, 2);
+    EXPECT_EQ(dm_cache_unfollow(17, hear, nullptr), 0);
+}
+
+// Whoever stops waits for a callback that runs elsewhere.
+TEST(Stop, WaitsForACallback) {
+    static std::promise<void> entered, leave;
+    const auto wait = [](tq_mom_handle *, int32_t, int32_t, ProtobufCMessage *) {
+        entered.set_value();
+        leave.get_future().wait();
+        return 0;
+    };
+    dm_cache_sub_obj(17, wait, 0);
+    start({1});
+    platform.synchronise();
+    std::thread store_client([] { receive(17, SET, card(1, 3, 0)); });
+    entered.get_future().wait();
+    auto stopped = std::async(std::launch::async, dm_cache_stop);
+    EXPECT_EQ(stopped.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    leave.set_value();
+    EXPECT_EQ(stopped.get(), 0);
+    store_client.join();
+    EXPECT_EQ(cached(17), 0);
 }
