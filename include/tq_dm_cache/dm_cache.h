@@ -5,7 +5,8 @@
  * The cache: start it, lock it, follow kinds of objects, read and store objects.
  *
  * A client's order of calls: dm_cache_multi_thread_init(), dm_cache_sub_obj() for each kind, dm_cache_init() once. From
- * then on the store client's thread keeps the rows equal to the store. There is no shutdown.
+ * then on the store client's thread keeps the rows equal to the store. A follower (dm_cache_follow.h) may come at any time,
+ * and enables its row. There is no shutdown.
  *
  * Unless a function says otherwise:
  *   - `type` is a row number, 0..38 (dm_types.h);
@@ -47,7 +48,8 @@ DM_API int32_t dm_cache_multi_thread_init(void);
 DM_API int32_t dm_cache_lock(void);
 DM_API int32_t dm_cache_unlock(void);
 
-/* Registration: before dm_cache_init(). A row enabled later is subscribed only when its database reconnects. */
+/* Registration: before dm_cache_init(). A row that dm_cache_sub_obj() enables later is subscribed only when its database
+ * reconnects; one that dm_cache_follow() enables, at once. */
 
 /*
  * Follows a kind. `func` (may be null) is called after each of its changes, up to ten functions in order of

@@ -1,7 +1,8 @@
 """What a reader would lose: commands in README.md and docs/ print what stands there. Usage: readme_test.py BUILD-FOLDER ROOT
 
 In a ```console block each line `$ COMMAND` is run at the project's root; what it prints must be the lines below it, where
-`...` leaves lines out. Times of day and the milliseconds at the end of a row of `sync` are whatever they are.
+`...` leaves lines out. Times of day, how long a wait has lasted and the milliseconds at the end of a row of `sync` are
+whatever they are.
 """
 
 import re
@@ -14,6 +15,7 @@ build, root = Path(sys.argv[1]).resolve(), Path(sys.argv[2])
 
 def steady(text):
     text = re.sub(r"^\d\d:\d\d:\d\d\.\d{3} ", "HH:MM:SS.mmm ", text, flags=re.MULTILINE)
+    text = re.sub(r" for \d+\.\d s\b", " for S.s s", text)
     text = re.sub(r" +MS$", " MS", text, flags=re.MULTILINE)
     return re.sub(r"^( *\d+  p_dev\..*  yes .*?) +\d+$", r"\1 MS", text, flags=re.MULTILINE)
 
