@@ -6,7 +6,7 @@
  *
  * A client's order of calls: dm_cache_multi_thread_init(), dm_cache_sub_obj() for each kind, dm_cache_init() once. From
  * then on the store client's thread keeps the rows equal to the store. A follower (dm_cache_follow.h) may come at any time,
- * and enables its row. There is no shutdown.
+ * and enables its row. dm_cache_stop() ends it all.
  *
  * Unless a function says otherwise:
  *   - `type` is a row number, 0..38 (dm_types.h);
@@ -26,8 +26,9 @@ extern "C" {
 /*
  * Brings the cache to life: reads the number of chassis and this process's log threshold, sets up the table, connects
  * the store. 0 also when it runs already; a code of the store is handed back, and the next call starts afresh. `handle`
- * is kept for ever; of `name` 31 characters are kept. Call it from one thread, not under the cache lock, and before any other
- * thread uses the cache: it sets the table up without the lock.
+ * is kept until dm_cache_stop(): another one that is given meanwhile is not taken, and a line of the log says so. Of `name`
+ * 31 characters are kept. Call it from one thread, not under the cache lock, and before any other thread uses the cache: it
+ * sets the table up without the lock.
  */
 DM_API int32_t dm_cache_init(tq_mom_handle *handle, const char *name);
 
