@@ -4,6 +4,7 @@
 
 #include <signal.h>
 
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <thread>
@@ -26,7 +27,7 @@ private:
 };
 
 // A thread was left behind: its clients cannot be closed any more, and the process must end without cleaning up.
-inline bool left_behind = false;
+inline std::atomic<bool> left_behind = false;
 
 // Threads that are made meanwhile do not take the signals that end dmq, so the main thread does, whatever it waits for.
 class SignalsHeld {
