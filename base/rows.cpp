@@ -28,7 +28,7 @@ int32_t always_same_port(const ProtobufCMessage *, const ProtobufCMessage *) {
 
 // The template of a kind: what the store client is handed with every subscribe and scan.
 template <class T> T template_of;
-template <class T> using KeyOf = std::remove_pointer_t<decltype(T::index)>;
+using dm_cache::KeyOf;
 template <class T> KeyOf<T> template_key_of;
 
 // What a line of the table says beside kind and key.

@@ -5,35 +5,11 @@
 #include <cstddef>
 
 #include "base/message.h"
-#include "tq_dm_cache/p_dev.pb-c.h"
+#include "tq_dm_cache/dm_cache.hpp"
 
 namespace dm {
 
-// The row that holds a kind.
-template <class T> inline constexpr int32_t row_of = -1;
-template <> inline constexpr int32_t row_of<PDev__DpLibComplete> = DM_ROW_DP_LIB_COMPLETE;
-template <> inline constexpr int32_t row_of<PDev__DpLibMyInfo> = DM_ROW_DP_LIB_MY_INFO;
-template <> inline constexpr int32_t row_of<PDev__DeviceStaticInfo> = DM_ROW_DEVICE_STATIC_INFO;
-template <> inline constexpr int32_t row_of<PDev__DmDeviceStattrT> = DM_ROW_DM_DEVICE_STATTR;
-template <> inline constexpr int32_t row_of<PDev__DmPortAttrT> = DM_ROW_DM_PORT_ATTR;
-template <> inline constexpr int32_t row_of<PDev__CardStaticInfo> = DM_ROW_CARD_STATIC_INFO;
-template <> inline constexpr int32_t row_of<PDev__PortStatic> = DM_ROW_PORT_STATIC;
-template <> inline constexpr int32_t row_of<PDev__UnitCportInfo> = DM_ROW_UNIT_CPORT_INFO;
-template <> inline constexpr int32_t row_of<PDev__LportInfo> = DM_ROW_LPORT_INFO;
-template <> inline constexpr int32_t row_of<PDev__LocalPortInfo> = DM_ROW_LOCAL_PORT_INFO;
-template <> inline constexpr int32_t row_of<PDev__DmCardStattrT> = DM_ROW_DM_CARD_STATTR;
-template <> inline constexpr int32_t row_of<PDev__DpLibLrole> = DM_ROW_DP_LIB_LROLE;
-template <> inline constexpr int32_t row_of<PDev__DpLibMyChssInfo> = DM_ROW_DP_LIB_MY_CHSS_INFO;
-template <> inline constexpr int32_t row_of<PDev__LocalCardInfo> = DM_ROW_LOCAL_CARD_INFO;
-template <> inline constexpr int32_t row_of<PDev__DpLibGrole> = DM_ROW_DP_LIB_GROLE;
-template <> inline constexpr int32_t row_of<PDev__DeviceInfo> = DM_ROW_DEVICE_INFO;
-template <> inline constexpr int32_t row_of<PDev__CardInfo> = DM_ROW_CARD_INFO;
-template <> inline constexpr int32_t row_of<PDev__DmChipStattrT> = DM_ROW_DM_CHIP_STATTR;
-template <> inline constexpr int32_t row_of<PDev__VslPortInfo> = DM_ROW_VSL_PORT_INFO;
-template <> inline constexpr int32_t row_of<PDev__VsdPort> = DM_ROW_VSD_PORT;
-template <> inline constexpr int32_t row_of<PDev__VsdPortAttr> = DM_ROW_VSD_PORT_ATTR;
-template <> inline constexpr int32_t row_of<PDev__VsdInfo> = DM_ROW_VSD_INFO;
-template <> inline constexpr int32_t row_of<PDev__DeviceSyncInfo> = DM_ROW_DEVICE_SYNC_INFO;
+using dm_cache::row_of;
 
 // Which index a row has. `none`: the row is not port_index/'s to set up; static ports and logical ports have no trees.
 enum class Index : uint8_t { none, static_port, lport, local_port, global_port, vsd_port, card_type, chip_type };

@@ -68,7 +68,7 @@ def main():
     unknown = {name for folders, _ in rows.values() for name in folders} - set(rows)
     faults = [f"docs/architecture.md: no row for {name}" for name in sorted(unknown)]
     libraries = tuple(prefix for _, prefixes in rows.values() for prefix in prefixes)
-    listed = ["git", "ls-files", "--cached", "--others", "--exclude-standard", "*.c", "*.cpp", "*.h"]
+    listed = ["git", "ls-files", "--cached", "--others", "--exclude-standard", "*.c", "*.cpp", "*.h", "*.hpp"]
     sources = sorted(subprocess.run(listed, cwd=ROOT, check=True, text=True, capture_output=True).stdout.split())
     sources = [source for source in sources if (ROOT / source).is_file()]
     for source in sources:

@@ -14,7 +14,7 @@ step() { # step NAME COMMAND...: says how long it took; a failure does not hide 
     printf 'lint: %-12s %s, %s s\n' "$name" "$verdict" "$(($(date +%s) - begun))"
 }
 
-sources() { git ls-files --cached --others --exclude-standard -- '*.c' '*.cpp' '*.h' | while read -r f; do [ ! -f "$f" ] || echo "$f"; done; }
+sources() { git ls-files --cached --others --exclude-standard -- '*.c' '*.cpp' '*.h' '*.hpp' | while read -r f; do [ ! -f "$f" ] || echo "$f"; done; }
 
 format() { sources | xargs -n 16 -P "$jobs" clang-format-14 --dry-run --Werror; }
 
