@@ -1,4 +1,4 @@
-"""dmq as a person or a script meets it: answers, refusals and exit codes. Arguments: dmq, the example client."""
+"""dmq as a person or a script meets it: answers, refusals and exit codes. Arguments: dmq, the example clients in C and in C++."""
 
 import json
 import os
@@ -182,9 +182,10 @@ class CommandLine(unittest.TestCase):
         self.assertEqual(os.read(terminal, 1 << 16).decode().replace("\r\n", "\n"), piped.stdout)
         os.close(terminal)
 
-    def test_the_client_of_one_page(self):
-        told = subprocess.check_output(ARGUMENTS[0], text=True, timeout=30)
-        self.assertEqual(told, "row 16: device 1 was added\ndevice 1 is called switch-1\n")
+    def test_the_clients_of_one_page(self):
+        told = [subprocess.check_output(client, text=True, timeout=30) for client in ARGUMENTS]
+        self.assertEqual(told, ["row 16: device 1 was added\ndevice 1 is called switch-1\n",
+                                "slot 3: a card was added\nslot 3 is online\nslot 3 has 48 ports\n"])
 
 
 if __name__ == "__main__":
