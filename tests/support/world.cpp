@@ -173,7 +173,8 @@ std::string World::difference_of(int32_t row) {
 }
 
 std::string World::difference() {
-    if (!__atomic_load_n(&g_cache_proc_done, __ATOMIC_ACQUIRE) || dm_cache_wait_synced(0) != 0) return "the cache is not synchronised";
+    if (!__atomic_load_n(&g_cache_proc_done, __ATOMIC_ACQUIRE) || dm_cache_wait_synced(0) != 0)
+        return "the cache is not synchronised";
     for (const int32_t row : rows) {
         dm_cache_lock();
         check_list(row, elements(row));
