@@ -4,8 +4,10 @@
 namespace dm {
 
 const ProtobufCMessage *named_object(const store_msg &msg) {
-    if (is_push(msg.cmd) || !msg.value) return static_cast<const ProtobufCMessage *>(msg.value);
-    return carries_record(msg.cmd) ? static_cast<const result_rec *>(msg.value)->obj : nullptr;
+    if (msg.result != 0 || !msg.value) return nullptr;
+    if (is_push(msg.cmd)) return static_cast<const ProtobufCMessage *>(msg.value);
+    const auto *record = carries_record(msg.cmd) ? static_cast<const result_rec *>(msg.value) : nullptr;
+    return record && record->error == 0 ? record->obj : nullptr;
 }
 
 ProtobufCMessage *carried_object(const store_msg &msg, bool in_record, const LogTag &log_tag, Caller caller) {

@@ -24,7 +24,7 @@ inline bool brings_change(const store_msg &msg) {
     return (is_push(msg.cmd) || is_scanned(msg.cmd)) && (msg.value || msg.flag != 1);
 }
 
-// The object that a message is about, if it names one, usable or not; null when it does not.
+// The object that a message carries, for whoever only names it; null when there is none or it is not to be looked at.
 const ProtobufCMessage *named_object(const store_msg &msg);
 
 // The object that a message carries, itself or in a record; null, logged in the caller's name, when it carries none that can

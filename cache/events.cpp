@@ -10,6 +10,7 @@
 #include "base/mutex.h"
 #include "cache/gate.h"
 #include "cache/row_sync.h"
+#include "cache/startup.h"
 #include "cache/status.h"
 #include "tq_dm_cache/dm_cache_sync.h"
 
@@ -46,11 +47,12 @@ pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards all that follows
 pthread_cond_t callback_done = PTHREAD_COND_INITIALIZER;
 Follower *followers[lists];
 Event *first = nullptr, **last = &first;
-Event applied_event;  // there is one: a second application before the first is told is the same news
+Event applied_event;  // there is one: a second application before the first is told makes it come later
 bool applied_noted = false;
 bool delivering = false;
 pthread_t deliverer;                // while delivering
 const Follower *running = nullptr;  // whose callback runs
+uint64_t calls_done = 0;
 
 // Read without the mutex: how many events are noted, how many follow a row, how many of them want what is unchanged.
 uint32_t noted = 0, following[lists], wanting_unchanged[lists];
@@ -103,6 +105,14 @@ Event *take_first() {
     return event;
 }
 
+void take_out(const Event *event) {
+    Event **at = &first;
+    while (*at != event) at = &(*at)->next;
+    *at = event->next;
+    if (!*at) last = at;
+    count(noted, -1);
+}
+
 // A share of an element's message; a copy of one that a client has put there.
 int32_t share_of(const dm_cache_list_node *node, ProtobufCMessage *&out) {
     StoredMessage message;
@@ -120,10 +130,16 @@ Join *as_join(Event *event) {
 
 // Followers
 
-Follower **find_follower(int32_t type, dm_cache_follow_cb callback, const void *word) {
+Follower **find_follower(int32_t type, dm_cache_follow_cb callback, const void *word, bool has_left = false) {
     Follower **at = &followers[list_of(type)];
-    while (*at && ((*at)->callback != callback || (*at)->word != word || (*at)->left)) at = &(*at)->next;
+    while (*at && ((*at)->callback != callback || (*at)->word != word || (*at)->left != has_left)) at = &(*at)->next;
     return at;
+}
+
+// Of the follower that runs, unless this is its own thread.
+void wait_for_its_callback() {
+    if (pthread_equal(deliverer, pthread_self())) return;
+    for (const uint64_t before = calls_done; calls_done == before;) pthread_cond_wait(&callback_done, &mutex);
 }
 
 void set_flags(int32_t type, Follower &follower, uint32_t flags) {
@@ -141,6 +157,7 @@ bool call(Follower &follower, const dm_cache_event &event) {
     if (event.type != applications) status_callback(event.type, begun);
     pthread_mutex_lock(&mutex);
     running = nullptr;
+    ++calls_done;
     pthread_cond_broadcast(&callback_done);
     return !follower.left;
 }
@@ -250,9 +267,10 @@ ProtobufCMessage *note_removed(int32_t type, int32_t what, OwnedNode &node) {
 void note_applied(bool is_first) {
     if (!any(following[list_of(applications)])) return;
     Held held(mutex);
-    if (applied_noted) return;
+    const bool was_first = applied_noted && applied_event.phase == DM_CACHE_PHASE_FIRST;
+    if (applied_noted) take_out(&applied_event);
     applied_noted = true;
-    const auto phase = is_first ? DM_CACHE_PHASE_FIRST : DM_CACHE_PHASE_RESYNC;
+    const auto phase = is_first || was_first ? DM_CACHE_PHASE_FIRST : DM_CACHE_PHASE_RESYNC;
     applied_event = {nullptr, nullptr, nullptr, applications, DM_CACHE_EVENT_APPLIED, static_cast<uint8_t>(phase)};
     append(&applied_event);
 }
@@ -278,10 +296,9 @@ void deliver_events() {
 }
 
 void deliver_soon() {
-    tq_mom_handle *const handle = store_handle();
-    if (!any(noted) || !handle) return;
+    if (!any(noted) || !started()) return;
     if (__atomic_exchange_n(&wake_up_due, uint8_t{1}, __ATOMIC_SEQ_CST) != 0) return;
-    if (tq_thread_insert_timer(handle->timer_master, &wake_up, on_wake_up, 0, 0, "dmcache_follow") != 0)
+    if (tq_thread_insert_timer(store_handle()->timer_master, &wake_up, on_wake_up, 0, 0, "dmcache_follow") != 0)
         store(wake_up_due, uint8_t{0});
 }
 
@@ -326,7 +343,10 @@ int32_t add_follower(int32_t type, dm_cache_follow_cb callback, void *word, uint
 int32_t remove_follower(int32_t type, dm_cache_follow_cb callback, void *word) {
     Held held(mutex);
     Follower *const follower = *find_follower(type, callback, word);
-    if (!follower) return -1;
+    if (!follower) {  // another call may have ended it, whose callback still runs
+        if (*find_follower(type, callback, word, /*has_left=*/true)) wait_for_its_callback();
+        return -1;
+    }
     set_flags(type, *follower, 0);
     count(following[list_of(type)], -1);
     for (Event *event = first; event; event = event->next)
@@ -336,8 +356,7 @@ int32_t remove_follower(int32_t type, dm_cache_follow_cb callback, void *word) {
         return 0;
     }
     follower->left = true;  // who delivers frees it
-    if (pthread_equal(deliverer, pthread_self())) return 0;
-    while (running == follower) pthread_cond_wait(&callback_done, &mutex);
+    wait_for_its_callback();
     return 0;
 }
 

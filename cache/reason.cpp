@@ -70,7 +70,7 @@ void tell_of_unconfirmed(Sentence &sentence, const Rows &rows) {
     const RowSync &row = row_sync[rows.first];
     add_name(sentence, rows.first);
     if (rows.count > 1)
-        sentence.add(" and %u others are not subscribed, the first", rows.count - 1);
+        sentence.add(" and %u other%s are not subscribed, the first", rows.count - 1, rows.count > 2 ? "s" : "");
     else
         sentence.add(" is not subscribed, it");
     if (load(row.followed) == 0) return sentence.add(" has not been asked for, or was refused");
@@ -103,7 +103,8 @@ void tell_of_queue(Sentence &sentence, const Rows &rows) {
 
 // Others do not wait for a row that is apart; when all are, it is one of them that is waited for.
 void tell(Sentence &sentence) {
-    if (!started()) return sentence.add("dm_cache_init() has not been called, or has failed");
+    if (load(machine_is_live) != 0) return;
+    if (!started()) return sentence.add("dm_cache_init() has not finished");
     const Rows enabled = rows_that([](const RowSync &) { return true; });
     const Rows held = rows_that([](const RowSync &row) { return load(row.held) != 0; });
     if (enabled.count == 0) return sentence.add("no row is enabled");
@@ -118,7 +119,7 @@ void tell(Sentence &sentence) {
     if (unconfirmed.count > 0) return tell_of_unconfirmed(sentence, unconfirmed);
     const Rows unscanned = rows_that([&](const RowSync &row) { return waits(row) && load(row.scanned) == 0; });
     if (unscanned.count > 0) return tell_of_unscanned(sentence, unscanned);
-    if (!status_synced() || load(g_cache_proc_done) == 0) tell_of_queue(sentence, enabled);
+    tell_of_queue(sentence, enabled);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
-// How far the synchronisation of each row has come. cache/sync.cpp writes it, on the store client's callback thread and on
-// a timer's; cache/status.cpp reads it for whoever asks. So the words are atomic, and each is right by itself. Takes no lock.
+// How far the synchronisation of each row has come. cache/sync.cpp writes it, on the store client's callback thread and on a
+// timer's, `late` and `followed` on any thread, and cache/pending.cpp what is queued; status, reason and events read it for
+// whoever asks. So the words are atomic, and each is right by itself. Takes no lock.
 #pragma once
 
 #include "base/rows.h"
@@ -28,6 +29,7 @@ struct RowSync {
 };
 
 extern RowSync row_sync[DM_ROW_COUNT];
+extern uint8_t machine_is_live;
 extern uint32_t gathered_objects;  // that the application at hand began with, or the last one
 
 template <class Word> Word load(const Word &word) {

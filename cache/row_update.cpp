@@ -70,7 +70,7 @@ Removed take_out(int32_t type, dm_cache_list_node *node, int32_t what) DM_REQUIR
     last_removal[type] = ++changes;
     status_objects(type, row.obj_list->count);
     ProtobufCMessage *const message = note_removed(type, what, taken);
-    return {message, std::move(taken)};
+    return {message, std::move(taken), taken ? nullptr : share(message)};
 }
 
 // Of the row's kind and with its key: only such an object is looked into.

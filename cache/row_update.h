@@ -26,11 +26,11 @@ int32_t offer_object(int32_t type, const ProtobufCMessage *obj, uint64_t since) 
 // The cached object that is equal to this one, as another owner of it; empty when there is none.
 StoredMessage cached_equal(int32_t type, const ProtobufCMessage *obj) DM_REQUIRES_SHARED;
 
-// What has been taken out of a row. The message of one that followers are to be told of lives until they have been, else as
-// long as this.
+// What has been taken out of a row. The element itself, or, when it has become an event, a share of its message.
 struct Removed {
     ProtobufCMessage *message = nullptr;  // null: there was none
     OwnedNode node;
+    StoredMessage kept;
 };
 
 // Takes out the object that matches.

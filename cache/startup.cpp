@@ -135,16 +135,17 @@ bool started() {
     return __atomic_load_n(&g_dm_cache_inited, __ATOMIC_ACQUIRE) == 1;
 }
 
+// A database may become ready meanwhile: then both subscribe the row, rather than neither.
 void enable_row(int32_t row) {
     obj_sub_entry &entry = obj_sub_list[row];
-    const bool is_late = started();
     {
         CacheLock lock;
-        if (entry.enable != 0) return;
+        const bool is_late = subscribes_at_once(entry.db_id);
+        if (entry.enable != 0 && !(is_late && is_left_out(row))) return;
         if (is_late) expect_late(row);
         store(entry.enable, uint8_t{1});
     }
-    if (is_late) subscribe_late(row);  // all kinds live in databases that are always connected
+    if (subscribes_at_once(entry.db_id)) subscribe_late(row);
 }
 
 }  // namespace dm
@@ -172,10 +173,14 @@ int32_t dm_cache_init(tq_mom_handle *handle, const char *name) {
     }
     __atomic_store_n(&g_dm_global, handle, __ATOMIC_RELEASE);
     open_gate();
-    if (const int32_t ret = connect_databases(handle, name)) return ret;
+    if (const int32_t ret = connect_databases(handle, name)) {
+        subscribe_nothing_at_once();  // the client may close the handle
+        return ret;
+    }
     dm_cache_log_subobj_to_file();
     DM_LOG(trace, "rsync connect[%d].\n", 0);
     __atomic_store_n(&g_dm_cache_inited, uint8_t{1}, __ATOMIC_RELEASE);
+    deliver_soon();
     return 0;
 }
 

@@ -25,7 +25,7 @@
 // application may then come before the rescan has ended, and what the rescan still brings is applied live.
 //
 // Everything here runs on the store client's callback thread, rescans on the timer's, which owns nothing but its timer
-// record and the numbers of its row's scans. The state and the queue have no lock; takes the cache lock to change a list.
+// record and the numbers of its row's scans; what enables a row late runs on any thread, and writes that row's words only. The state and the queue have no lock; takes the cache lock to change a list.
 #include "cache/sync.h"
 
 #include "base/clock.h"
@@ -48,10 +48,23 @@ namespace dm {
 
 RowSync row_sync[DM_ROW_COUNT];
 uint32_t gathered_objects = 0;
+uint8_t machine_is_live = 0;
 
 namespace {
 
 enum class State { subscribing, early, gathering, applying, live } state = State::subscribing;
+
+// Other threads see no more of it than whether it is the last, and that once the application has been told.
+void enter(State next) {
+    state = next;
+    store(machine_is_live, uint8_t{0});
+}
+
+uint32_t subscribed_databases = 0;  // a bit for each
+
+uint32_t database_bit(uint32_t db) {
+    return db < 32 ? 1u << db : 0;
+}
 
 // A start has been made again: the callback thread is to begin from the first state.
 uint8_t restart_due = 0;
@@ -67,14 +80,18 @@ bool subscribing() {
 
 // Some row is to be scanned before the next application.
 void gather_again() {
-    if (state == State::early) state = State::subscribing;
-    if (state == State::applying || state == State::live) state = State::gathering;
+    if (state == State::early) enter(State::subscribing);
+    if (state == State::applying || state == State::live) enter(State::gathering);
 }
 
 // Calls `act` for each row that is followed in the store.
 template <class Act> void for_followed_rows(const Act &act) {
     for (int32_t row = 0; row < obj_sub_list_max; ++row)
         if (row_followed(obj_sub_list[row])) act(row, obj_sub_list[row]);
+}
+
+bool is_unconfirmed_late(const RowSync &row) {
+    return load(row.late) != 0 && load(row.confirmed) == 0;
 }
 
 // But for those that are apart, unless all of them are.
@@ -143,7 +160,9 @@ void scan_late_row(int32_t row) {
 }
 
 void scan_every_row() {
-    for_followed_rows([](int32_t row, const obj_sub_entry &) { scan_row_logged(row); });
+    for_followed_rows([](int32_t row, const obj_sub_entry &) {
+        if (!is_unconfirmed_late(row_sync[row])) scan_row_logged(row);  // its confirmation asks for its scan
+    });
     DM_LOG_AS(Caller{"dm_cache_mom_first_scan_data"}, notice, "all key rsync scan done. \n");
 }
 
@@ -176,7 +195,7 @@ void begin_gathering() {
     if (!every_followed_row(&RowSync::confirmed)) return;
     if (subscribing()) {
         forget_scans();  // what they brought was dropped
-        state = State::gathering;
+        enter(State::gathering);
     }
     DM_LOG_AS(Caller{"dm_cache_mom_start_scan"}, notice, "all key subscribe done. \n");
     DM_LOG_AS(Caller{"dm_cache_mom_start_scan"}, trace, "dm cache rsync subscribe finish.");
@@ -193,7 +212,7 @@ bool gathers_no_more() {
 
 // What was gathered is to be applied; before all is subscribed it never will be.
 void leave_gathering() {
-    state = subscribing() ? State::early : State::applying;
+    enter(subscribing() ? State::early : State::applying);
     set_proc_done(0);
 }
 
@@ -215,7 +234,7 @@ void row_is_scanned(int32_t number) {
 }
 
 void end_scan(store_msg *msg, int32_t row) {
-    if (!scan_counts(row_sync[row])) return;
+    if (!scan_counts(row_sync[row]) || is_unconfirmed_late(row_sync[row])) return;
     row_is_scanned(row);
     if (!gathers_no_more()) return;
     DM_LOG_AS(Caller{"dm_cache_mom_update_scan_over_list"}, notice, "all key scan done. \n");
@@ -233,13 +252,14 @@ void mark_every_row_dirty() {
 // The picture is complete; told once, by whichever of two nested applications comes to its end first.
 void leave_applying() {
     if (state != State::applying) return;
-    state = State::live;
+    enter(State::live);
     set_proc_done(1);
     for_followed_rows([](int32_t row, const obj_sub_entry &) {
         if (!is_apart(row_sync[row])) store(row_sync[row].filled, uint8_t{1});
     });
     note_applied(!status_synced());  // who has waited for it, and follows then, is not told of it
     status_applied();
+    store(machine_is_live, uint8_t{1});
 }
 
 // Of every enabled row, what is still marked.
@@ -297,7 +317,8 @@ void reset_machine() {
             store(*flag, uint8_t{0});
         scans_are_cut_off(row);
     }
-    state = State::subscribing;
+    enter(State::subscribing);
+    store(subscribed_databases, 0u);
     set_proc_done(0);
     status_restarted();
 }
@@ -383,6 +404,19 @@ int32_t subscribe_again(uint32_t db) {
     return ret;
 }
 
+bool is_left_out(int32_t row) {
+    const RowSync &sync = row_sync[row];
+    return load(sync.followed) == 0 && load(sync.confirmed) == 0 && load(sync.late) == 0;
+}
+
+bool subscribes_at_once(uint32_t db) {
+    return (load(subscribed_databases) & database_bit(db)) != 0;
+}
+
+void subscribe_nothing_at_once() {
+    store(subscribed_databases, 0u);
+}
+
 void expect_late(int32_t row) {
     store(row_sync[row].late, uint8_t{1});
 }
@@ -407,6 +441,7 @@ using namespace dm;
 
 int32_t dm_cache_subscribe(uint32_t db) {
     if (__atomic_exchange_n(&restart_due, uint8_t{0}, __ATOMIC_ACQ_REL)) reset_machine();
+    __atomic_or_fetch(&subscribed_databases, database_bit(db), __ATOMIC_SEQ_CST);
     for_followed_rows([=, caller = Caller{}](int32_t row, const obj_sub_entry &entry) {
         if (entry.db_id == db) follow_row(row, caller);
     });
@@ -431,8 +466,11 @@ int32_t dm_cache_mom_callback_func(tq_mom_handle *handle, store_msg *msg, void *
         return -1;
     }
     const auto row = static_cast<int32_t>(word);
-    const bool ends_no_gathering = msg->flag == 1 && state == State::live;  // what it brings is dropped
+    const bool ends_late_scan = msg->flag == 1 && state == State::live && is_apart(row_sync[row]);
+    const bool ends_no_gathering =
+        msg->flag == 1 && state == State::live && !ends_late_scan;  // what it brings is dropped
     if (msg->flag == 1) {
+        if (ends_late_scan && msg->value) apply_live(handle, msg, privdata);
         end_scan(msg, row);
         DM_LOG(notice, "scan done[%d] \n", row);
     }

@@ -14,6 +14,13 @@ int32_t subscribe_again(uint32_t db);
 void expect_late(int32_t row);
 void subscribe_late(int32_t row);
 
+// Enabled, but too late for the subscription of its database, and nobody has asked for it since.
+bool is_left_out(int32_t row);
+
+// The rows of a database have been subscribed: one that is enabled from now on has to be by itself. Any thread.
+bool subscribes_at_once(uint32_t db);
+void subscribe_nothing_at_once();
+
 // For another start after one that failed: disarms what waits for its timer, and has the machine begin again with the next
 // database that is ready. On the starting thread.
 void begin_again();

@@ -74,6 +74,7 @@ Exit run_watch(Context &context, const Command &command) {
     start_watch(kinds, options);
     if (command.background) return exit_yes;
     wait_for_end(command.watch_for);
+    if (is_watch_blocked()) std::_Exit(exit_yes);  // nor can the clients be closed, whose thread waits
     stop_watch();
     session.begin(command.settings.timeout);
     context.doubtful = context.doubtful && !is_whole(session);

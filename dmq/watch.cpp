@@ -25,7 +25,7 @@ struct Watch {
     size_t swept = 0;                     // since the last application
 };
 
-std::mutex guard;
+std::timed_mutex guard;  // held while a line is written, for as long as nobody reads it
 std::optional<Watch> watch;
 
 std::string time_text() {
@@ -150,6 +150,10 @@ void start_watch(const std::vector<Kind> &named, const WatchOptions &options) {
     if (code != 0) throw Failure(exit_no, "not enough memory to follow");
 }
 
+bool is_watch_blocked() {
+    return !std::unique_lock(guard, std::chrono::seconds(1));
+}
+
 // Followers first: one that is being told waits for the lock.
 void stop_watch() {
     dm_cache_unfollow(-1, on_event, nullptr);
@@ -159,8 +163,8 @@ void stop_watch() {
 }
 
 void tell_refused() {
-    const std::lock_guard lock(guard);
-    if (!watch) return;
+    const std::unique_lock lock(guard, std::try_to_lock);  // a line is being written: next time
+    if (!lock || !watch) return;
     for (auto &[row, told] : watch->refused) {
         const uint32_t more = stats_of(row).refused - told;
         if (more == 0) continue;

@@ -1,6 +1,6 @@
 // Following changes: one line for each object that was added, changed, deleted or swept out, for each lost and restored
 // connection, and for each resynchronisation. A watch is a follower of the cache (dm_cache_follow.h) that prints what it is
-// told, on the store client's thread. Its state has a lock of its own, under which nothing is called but what prints.
+// told, on the store client's thread. Its state has a lock of its own, which is held while a line is printed.
 #pragma once
 
 #include "dmq/names.h"
@@ -17,6 +17,9 @@ struct WatchOptions {
 // Starts following these kinds (all enabled ones when none is named), in place of an earlier watch. The cache is live.
 void start_watch(const std::vector<Kind> &kinds, const WatchOptions &options);
 void stop_watch();
+
+// A line is being written, and nobody reads it: the watch cannot be stopped. Waits for a second to be sure.
+bool is_watch_blocked();
 
 // Prints what the cache has refused since it was last asked. Waits for nothing.
 void tell_refused();

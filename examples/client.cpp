@@ -33,5 +33,6 @@ int main() {
             std::printf("slot %d has %d ports\n", cached.index->slotid, cached.port_num);
     }
     cards.stop();
+    dm_cache_stop();
     return tq_mom_client_close(handle);
 }

@@ -54,11 +54,13 @@ typedef void (*dm_cache_follow_cb)(const dm_cache_event *event, void *word);
 
 /*
  * Follows a row, or the ends of full applications (type -1). A row that nobody has enabled is: after the start it is
- * subscribed and scanned at once and filled as its objects arrive, and the other rows do not wait for it. The follower is
- * first told of every object that is there, as added, unless FROM_NOW; then of every change of every object: in order, none
+ * subscribed and scanned at once, and the other rows do not wait for it; it is filled as its objects arrive when the cache is
+ * live, else with the next application. The follower is first told of every object that is there, as added, unless FROM_NOW
+ * (what a late row's first scan brings comes after that, and is told); then of every change of every object: in order, none
  * left out, none twice. A pair of callback and word that follows the row already goes on with the new flags. `flags`: any of
  * DM_CACHE_FOLLOW_.. -1: a null callback, a row that holds no kind; -2: no memory, and nothing has changed. A subscription that
  * the store refuses is no failure: it is logged, and asked for again when the connection has been lost and is back.
+ * A row with DM_CACHE_NO_STORE holds nothing, so its followers hear nothing.
  * Not told: a start that begins again (what was cached is dropped, and comes again as added), and what a client changes in a
  * row's list by dm_list.h.
  */

@@ -54,7 +54,7 @@ TEST(Status, SaysWhatItWaitsFor) {
         EXPECT_LT(dm_cache_reason(text, sizeof text), 256);
         return std::regex_replace(std::string(text), std::regex("[0-9]+\\.[0-9] s"), "T");
     };
-    EXPECT_EQ(reason(), "dm_cache_init() has not been called, or has failed");
+    EXPECT_EQ(reason(), "dm_cache_init() has not finished");
     start({});
     EXPECT_EQ(reason(), "no row is enabled");
     for (const int32_t row : {1, 17, 21}) dm_cache_sub_obj(row, nullptr, 0);
