@@ -5,6 +5,7 @@
 #include <stdio.h>
 
 #include "tq_dm_cache/dm_cache.h"
+#include "tq_dm_cache/dm_cache_follow.h"
 #include "tq_dm_cache/dm_cache_status.h"
 #include "tq_dm_cache/p_dev.pb-c.h"
 #include "tq_dm_cache/tq_platform_bundled.h"
@@ -35,5 +36,6 @@ int main(void) {
     dm_cache_lock();
     if (dm_cache_get_obj(DM_ROW_DEVICE_INFO, &key, &cached) == 0) printf("device 1 is called %s\n", cached->devname);
     dm_cache_unlock();
+    dm_cache_stop();
     return tq_mom_client_close(handle);
 }
