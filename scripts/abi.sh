@@ -1,6 +1,7 @@
 #!/bin/sh
 # The binary interface of both libraries, on both machines, against the descriptions in abi/, which were written with the last
-# version. What only adds passes; a name that is gone or a record that changed does not.
+# version. What only adds passes, at the end of a record that may grow too (abi/growing.suppr); a name that is gone or a record
+# that changed does not.
 #   scripts/abi.sh           compares build/ and build-arm/
 #   scripts/abi.sh update    writes the descriptions anew: part of making a version
 set -eu
@@ -26,7 +27,7 @@ for machine in amd64:build armhf:build-arm; do
             continue
         fi
         zcat "abi/$name.abi.gz" > "$work/then"
-        if abidiff --no-added-syms "$work/then" "$work/now"; then echo "abi: $name: ok"; else failed=1; fi
+        if abidiff --suppressions abi/growing.suppr --no-added-syms "$work/then" "$work/now"; then echo "abi: $name: ok"; else failed=1; fi
     done
 done
 [ "$failed" -eq 0 ] || echo "abi: not what abi/ says; scripts/abi.sh update writes it anew when a version is made" >&2
