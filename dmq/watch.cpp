@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <thread>
 
 #include "dmq/deadline.h"
 #include "dmq/output.h"
@@ -25,7 +26,7 @@ struct Watch {
     size_t swept = 0;                     // since the last application
 };
 
-std::timed_mutex guard;  // held while a line is written, for as long as nobody reads it
+std::mutex guard;  // held while a line is written, for as long as nobody reads it
 std::optional<Watch> watch;
 
 std::string time_text() {
@@ -151,7 +152,9 @@ void start_watch(const std::vector<Kind> &named, const WatchOptions &options) {
 }
 
 bool is_watch_blocked() {
-    return !std::unique_lock(guard, std::chrono::seconds(1));
+    for (int tries = 100; tries > 0; --tries, std::this_thread::sleep_for(std::chrono::milliseconds(10)))
+        if (const std::unique_lock lock(guard, std::try_to_lock); lock) return false;
+    return true;
 }
 
 // Followers first: one that is being told waits for the lock.
