@@ -75,6 +75,7 @@ Client Session::open() {
 
 Session::~Session() {
     stop_watch();
+    if (starter_.joinable()) starter_.detach();
 }
 
 std::string Session::store_name() const {
@@ -91,16 +92,30 @@ void Session::open_reader() {
 void Session::start(const std::vector<Kind> &kinds) {
     if (started_) return;
     open_reader();
+    if (!starting_.valid()) begin_start(kinds);
+    if (starting_.wait_until(deadline_.end()) == std::future_status::timeout) {
+        left_behind = true;
+        deadline_.passed("the store did not answer", "waited for the cache to start");
+    }
+    starter_.join();
+    const auto [code, lacked_memory] = starting_.get();
+    if (lacked_memory) throw Failure(exit_no, "the cache: not enough memory");
+    if (code) throw Failure(exit_unreachable, "the store " + shown_ + " did not connect, code " + std::to_string(code));
+    started_ = true;
+}
+
+// Once: when a command has waited in vain, the next one waits for the same start.
+void Session::begin_start(const std::vector<Kind> &kinds) {
     dm_cache_multi_thread_init();
     for (const Kind &kind : kinds.empty() ? cached_kinds() : kinds) dm_cache_sub_obj(kind.row, nullptr, 0);
-    const auto [code, lacked_memory] = ask("the cache to start", [client = reader()] {
+    std::packaged_task<std::pair<int32_t, bool>()> task([client = reader()] {
         errno = 0;
         const int32_t answer = dm_cache_init(client, "dmq");
         return std::pair(answer, errno == ENOMEM);  // it may have started without a tree or two
     });
-    if (lacked_memory) throw Failure(exit_no, "the cache: not enough memory");
-    if (code) throw Failure(exit_unreachable, "the store " + shown_ + " did not connect, code " + std::to_string(code));
-    started_ = true;
+    starting_ = task.get_future();
+    const SignalsHeld held;
+    starter_ = std::thread(std::move(task));
 }
 
 void Session::synchronise(const std::vector<Kind> &kinds) {

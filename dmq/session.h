@@ -87,12 +87,15 @@ public:
 
 private:
     Client open();
+    void begin_start(const std::vector<Kind> &kinds);
 
     std::string store_, shown_;  // shown without its secret
     bool named_;
     Deadline deadline_;
     Client writer_;
     Client reader_;
+    std::future<std::pair<int32_t, bool>> starting_;  // the code, and whether memory was short
+    std::thread starter_;
     bool started_ = false;
     bool cut_off_ = false;
 };
