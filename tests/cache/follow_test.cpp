@@ -111,18 +111,30 @@ TEST(Follow, BeginsWithARowOfALiveCache) {
     platform.fire_timers();
     EXPECT_EQ(told(notes), Strings{"first added 9 0"});
     platform.calls.clear();
+    receive(1, SET, complete());
+    EXPECT_EQ(drained(&platform.calls),
+              Strings{"scan 1 p_dev.dp_lib_complete"});  // the late one's subscription is under way
+    receive_end(1);
     platform.push(slot(2));
     platform.confirm();
     EXPECT_EQ(platform.calls, Strings{"scan 1 p_dev.card_info"});
     receive(1, SET, {"p_dev.dp_lib_complete"});  // the others are scanned again, and wait for nobody
     receive_end(1);
-    EXPECT_EQ(g_cache_proc_done + dm_cache_applied(), 3U);
+    EXPECT_EQ(g_cache_proc_done + dm_cache_applied(), 4U);
     EXPECT_EQ(told(notes), Strings{"first added 2 0"});
     platform.answer_scans();
     EXPECT_EQ(told(notes), (Strings{"first added 1 1", "first swept 9 0", "first swept 2 0"}));
     EXPECT_EQ(g_cache_proc_done, 1);
     platform.push(slot(1, 2));
     EXPECT_EQ(told(notes), Strings{"live replaced 1 1 2"});
+
+    // One that was registered too late is subscribed by the first who follows it.
+    dm_cache_sub_obj(16, nullptr, 0);
+    platform.calls.clear();
+    EXPECT_EQ(dm_cache_follow(
+                  16, [](const dm_cache_event *, void *) {}, nullptr, 0),
+              0);
+    EXPECT_EQ(platform.calls.front(), "subscribe 1 p_dev.device_info");
 
     EXPECT_EQ(follow(later) + follow(from_now, DM_CACHE_FOLLOW_FROM_NOW), 0);
     EXPECT_EQ(follow(later, DM_CACHE_FOLLOW_UNCHANGED), 0);  // the same follower

@@ -44,11 +44,15 @@ void reply_with(ProtobufCMessage *object, int32_t error) {
     receive_value(17, REPLY, &record);
 }
 
+void *const not_to_be_looked_at = reinterpret_cast<void *>(16);
+
 // What a store's every message can be instead of an object that is stored.
 std::vector<Trouble> troubles() {
     return {
         {"damaged push", [] { receive_value(17, SET, card(1, 8, 0).get(), 0, /*result=*/-6); }},
         {"damaged push without its key", [] { receive_value(17, SET, nullptr, 0, /*result=*/-6); }},
+        {"unusable push", [] { receive_value(17, SET, not_to_be_looked_at, 0, /*result=*/-1); }},
+        {"unusable reply", [] { reply_with(reinterpret_cast<ProtobufCMessage *>(not_to_be_looked_at), 1); }},
         {"damaged reply", [] { reply_with(card(1, 8, 0).get(), -6); }},
         {"reply without an object", [] { reply_with(nullptr, 0); }},
         {"push of nothing", [] { receive_value(17, SET, nullptr); }},
