@@ -195,7 +195,7 @@ void Session::settle(uint32_t applied) {
 std::string waits_for() {
     std::string reason(static_cast<size_t>(dm_cache_reason(nullptr, 0)), '\0');
     dm_cache_reason(reason.data(), static_cast<int32_t>(reason.size()) + 1);
-    return reason.c_str();
+    return reason.substr(0, reason.find('\0'));  // it may be a shorter one by now
 }
 
 dm_cache_stats stats_of(int32_t row) {
