@@ -329,8 +329,10 @@ TEST_P(StoreContract, AHandleOutlivesItsCallsAndStaysWithItsProcess) {
 // Nothing crashes on what is not there.
 TEST(Platform, RefusesWhatIsUnusable) {
     tq_mom_handle *none = nullptr;
+    const RecordingClient client("mem:");
 
-    // Without descriptors left there is a code, too, and no end of the process.
+    // Without descriptors left there is a code, too, and no end of the process. (The sanitizer has looked at a client before,
+    // for which it needs a descriptor.)
     rlimit limit = {};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
     const rlimit none_left = {static_cast<rlim_t>(dup(0)) + 2, limit.rlim_max};
@@ -338,7 +340,6 @@ TEST(Platform, RefusesWhatIsUnusable) {
     EXPECT_EQ(tq_mom_client_open("mem:", &none), TQ_MOM_E_MEMORY);
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
 
-    const RecordingClient client("mem:");
     const Message keyless("p_dev.card_info"), keyed = card(1, 1, 0);
     for (tq_mom_handle *handle : {none, client.handle()}) {
         const ProtobufCMessage *object = handle ? keyless.get() : keyed.get();
