@@ -1,4 +1,4 @@
-// A mutex held for a scope: for the small mutexes under which nothing else is locked.
+// A mutex held for a scope: for the small mutexes under which nothing else of the library is locked.
 #pragma once
 
 #include <pthread.h>

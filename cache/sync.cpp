@@ -25,7 +25,8 @@
 // application may then come before the rescan has ended, and what the rescan still brings is applied live.
 //
 // Everything here runs on the store client's callback thread, rescans on the timer's, which owns nothing but its timer
-// record and the numbers of its row's scans; what enables a row late runs on any thread, and writes that row's words only. The state and the queue have no lock; takes the cache lock to change a list.
+// record and the numbers of its row's scans. What enables a row late runs on any thread, and writes words of that row alone.
+// The state and the queue have no lock; takes the cache lock to change a list.
 #include "cache/sync.h"
 
 #include "base/clock.h"
