@@ -1,24 +1,10 @@
 // Start-up: what a process gets from one call, and what is left when the call fails half way.
 #include "tests/support/live_cache.h"
-#include "tests/support/log_capture.h"
-
-#include "tq_dm_cache/dm_cache_follow.h"
-#include "tq_dm_cache/dm_cache_status.h"
-#include "tq_dm_cache/dm_cache_sync.h"
-#include "tq_dm_cache/dm_port_index.h"
 #include "tq_dm_cache/ndm/card_ports.h"
 
 #include <dlfcn.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cstdio>
-#include <functional>
-#include <future>
-#include <optional>
-#include <thread>
 
 namespace {
 
@@ -37,8 +23,7 @@ int32_t refused_start(const char *name) {
 }  // namespace
 
 // Stands in for the configuration file; every other file is opened as usual.
-extern "C" __attribute__((visibility("default"))) FILE *fopen(const char *path, const char *mode);
-FILE *fopen(const char *path, const char *mode) {
+extern "C" __attribute__((visibility("default"))) FILE *fopen(const char *path, const char *mode) {
     static const auto open = reinterpret_cast<decltype(&fopen)>(dlsym(RTLD_NEXT, "fopen"));
     if (std::string(path) != "/data/.orca/vsd/0/dev/cache.cfg") return open(path, mode);
     return config_file ? fmemopen(config_file->data(), config_file->size(), "r") : nullptr;

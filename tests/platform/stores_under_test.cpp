@@ -1,7 +1,4 @@
-// The stores as the contract tests see them. That on Redis: a server of its own, and for every client a proxy, so that one
-// can be cut off while the others go on.
-#include <map>
-
+// The stores as the contract tests see them. That on Redis: a server, and a proxy for every client, to cut off one alone.
 #include "platform/redis_wire.h"
 #include "tests/platform/recording_client.h"
 #include "tests/platform/redis_server.h"

@@ -20,12 +20,8 @@ int32_t call(const std::string &text) {
     }
     if (platform.during_call) platform.during_call(text);
     int32_t answer = 0;
-    size_t longest = 0;
-    for (const auto &[start, code] : platform.answers) {
-        if (!text.starts_with(start) || start.size() < longest) continue;
-        longest = start.size();
-        answer = code;
-    }
+    for (const auto &[start, code] : platform.answers)
+        if (text.starts_with(start)) answer = code;  // the longest comes last
     return answer;
 }
 

@@ -1,9 +1,7 @@
-#ifndef TQ_DM_TESTS_SCRIPTED_PLATFORM_H
-#define TQ_DM_TESTS_SCRIPTED_PLATFORM_H
-
 // A platform that does nothing by itself: it writes down what the library asks for, answers what the test says, and
 // delivers when the test calls. Timers run by hand, in virtual time. One thread at a time, except for synchronous reads
 // and writes of objects, which any thread may make meanwhile.
+#pragma once
 
 #include "tests/support/messages.h"
 
@@ -92,5 +90,3 @@ struct ScriptedPlatform {
 };
 
 extern ScriptedPlatform platform;
-
-#endif
