@@ -115,7 +115,7 @@ TEST(Status, CountsEachRowSinceTheProcessBegan) {
     uint8_t part[sizeof(dm_cache_stats)];
     std::memset(part, 0x5A, sizeof part);
     EXPECT_EQ(dm_cache_get_stats(17, reinterpret_cast<dm_cache_stats *>(part), 8), 0);
-    EXPECT_EQ(part[4], 1);
+    EXPECT_EQ(part[4], 3);
     EXPECT_EQ(part[8], 0x5A);
     for (const int32_t type : {-1, 39})
         EXPECT_EQ(dm_cache_get_stats(type, reinterpret_cast<dm_cache_stats *>(part), 8), -1);

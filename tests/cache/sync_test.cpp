@@ -162,15 +162,12 @@ TEST(Sync, RescansTheRowsOfAReconnectedDatabase) {
         EXPECT_EQ(g_dm_db_connect_reason, word);
     }
     EXPECT_EQ(drained(&platform.calls), Strings(3, "subscribe 1 p_dev.card_info"));
-    const Request second = platform.subscriptions.back();
+    Request second = platform.subscriptions.back();
     EXPECT_NE(second.callback, dm_cache_mom_callback_func);
     tq_mom_handle other{nullptr, reinterpret_cast<tq_thread_master *>(&platform)};
-    store_msg confirmation{};
-    confirmation.cmd = SUBSCRIBED;
+    second.handle = &other;
     platform.reconnect_scan_ms = 250;
-    EXPECT_EQ(second.callback(&other, &confirmation, second.privdata), 0);
-    EXPECT_EQ(second.callback(&other, &confirmation, second.privdata), 0);
-    EXPECT_EQ(second.deliver(SET, card(1, 4, 0).get()), 0);
+    for (const int32_t cmd : {SUBSCRIBED, SUBSCRIBED, SET}) EXPECT_EQ(second.deliver(cmd, card(1, 4, 0).get()), 0);
     EXPECT_EQ(drained(&platform.calls), (Strings{"scan_time 1", "timer 17 250 dmcache_scan", "scan_time 1", "cancel 17",
                                                  "timer 17 250 dmcache_scan"}));
     ASSERT_EQ(platform.timers.size(), 1U);
@@ -268,10 +265,8 @@ TEST(Sync, TakesADeliveryWithinAnApplication) {
         if (const auto deliver = std::exchange(within, nullptr)) deliver();
         return 0;
     };
-    start({1, 17, 32});
+    start_gathering({1, 17, 32});
     for (const int32_t row : {17, 32}) dm_cache_sub_obj(row, once, 0);
-    platform.become_ready();
-    platform.confirm();
     const auto scanned = [] {
         receive(32, REPLY, vsd(1));
         for (const int32_t slot : {1, 2, 3}) receive(17, REPLY, card(1, slot, 0));

@@ -45,7 +45,6 @@ public:
             do strike();
             while (random.percent(40));
             come_to_rest();
-            count("cycles");
         }
         tell([this] { ended_ = true; });
         writing_.join();

@@ -14,18 +14,14 @@
 #include "tests/support/messages.h"
 #include "tq_dm_cache/tq_platform_bundled.h"
 
-struct Faults {
+struct StoreUnderTest {
+    const char *name;
+    std::string (*new_store)();  // the URL of an empty store
     int32_t (*disconnect)(tq_mom_handle *);
     int32_t (*reconnect)(tq_mom_handle *);
     int32_t (*restart)(tq_mom_handle *, int32_t keep);
     int32_t (*lose_confirmations)(tq_mom_handle *, int32_t n);
     int32_t (*put_bytes)(tq_mom_handle *, uint32_t db, const ProtobufCMessage *, const uint8_t *, uint32_t length);
-};
-
-struct StoreUnderTest {
-    const char *name;
-    std::string (*new_store)();  // the URL of an empty store
-    Faults faults;
 };
 inline void PrintTo(const StoreUnderTest &store, std::ostream *out) {
     *out << store.name;

@@ -389,10 +389,10 @@ TEST_F(ServerInTrouble, RareOrdersAreNoOthers) {
     const struct {
         const char *what;
         int probe_ms;
+        std::string told, said;
         std::function<void()> act;
-        std::string told, said = "";
     } rows[] = {
-        {"a scan before its subscription stands", 3000,
+        {"a scan before its subscription stands", 3000, "sub: confirmed, s: has 1:1, s: end", "",
          [&] {
              proxy.hold_up(Roads::feeds, Way::there);
              reader->subscribe("sub");
@@ -400,18 +400,17 @@ TEST_F(ServerInTrouble, RareOrdersAreNoOthers) {
              reader->get(1);  // goes behind what the scan has sent
              writer.set(1, 1);
              proxy.go_on();
-         },
-         "sub: confirmed, s: has 1:1, s: end"},
-        {"a change behind a page that is late", 3000,
+         }},
+        {"a change behind a page that is late", 3000, "sub: confirmed, s: has 1:1, s: end, sub: set 1:2", "",
          [&] {
              EXPECT_TRUE(reader->follow("sub"));
              proxy.hold_up(Roads::commands, Way::back);
              once_called("hscan", [&] { reader->scan("s"); });
              writer.set(1, 2);
              proxy.go_on();
-         },
-         "sub: confirmed, s: has 1:1, s: end, sub: set 1:2"},
+         }},
         {"the mark of a scan that is over", 3000,
+         "sub: confirmed, r: has 1:2, r: end, sub: set 1:3, s: has 1:3, s: end", "",
          [&] {
              EXPECT_TRUE(reader->follow("sub"));
              reader->scan("r");
@@ -423,62 +422,56 @@ TEST_F(ServerInTrouble, RareOrdersAreNoOthers) {
              for (std::string name; names >> name;) server.command({"PUBLISH", name, "M\0\0\0\0011"s});
              writer.set(1, 3);
              proxy.go_on();
-         },
-         "sub: confirmed, r: has 1:2, r: end, sub: set 1:3, s: has 1:3, s: end"},
-        {"a page that is never told of", 500,
+         }},
+        {"a page that is never told of", 500, back, "echoes, and a request has no answer",
          [&] {
              proxy.bend(Roads::feeds, [](std::string &bytes, int) {
                  if (bytes.find("\nM") != std::string::npos) bytes.clear();
                  return true;
              });
              reader->scan("s");
-         },
-         back, "echoes, and a request has no answer"},
-        {"a confirmation that never comes", 500,
+         }},
+        {"a confirmation that never comes", 500, "lost, connected 1, sub: confirmed, reconnect 1 1, reconnect 3 1",
+         "echoes, and a request has no answer",
          [&] {
              proxy.drop_fences(1);
              reader->subscribe("sub");
-         },
-         "lost, connected 1, sub: confirmed, reconnect 1 1, reconnect 3 1", "echoes, and a request has no answer"},
-        {"a scan that waits behind a call goes with it", 60000,
+         }},
+        {"a scan that waits behind a call goes with it", 60000, "s: has 1:3, s: end", "",
          [&] {
              call_and_wait_for_the_answer();
              reader->scan("s");
              proxy.go_on();
-         },
-         "s: has 1:3, s: end"},
-        {"a scan that waits behind a call is lost with it", 3000,
+         }},
+        {"a scan that waits behind a call is lost with it", 3000, back + ", s: has 1:4, s: end", "",
          [&] {
              call_and_wait_for_the_answer();
              reader->scan("void");
              lose_and_scan_again(4);
-         },
-         back + ", s: has 1:4, s: end"},
-        {"a page whose mark is lost", 3000,
+         }},
+        {"a page whose mark is lost", 3000, back + ", s: has 1:5, s: end", "",
          [&] {
              proxy.hold_up(Roads::feeds, Way::back);
              reader->scan("void");
              EXPECT_EQ(reader->get(1), "1:4");  // comes behind the page
              lose_and_scan_again(5);
-         },
-         back + ", s: has 1:5, s: end"},
-        {"an address that leads to another server between the two connections", 300,
+         }},
+        {"an address that leads to another server between the two connections", 300, back,
+         "the address leads to two servers",
          [&] {
              proxy.cut();
              EXPECT_TRUE(reader->wait("lost"));
              proxy.lead_to({server.socket(), other.socket(), server.socket()});
              proxy.let_in();
-         },
-         back, "the address leads to two servers"},
-        {"a server that trickles while a client connects", 300,
+         }},
+        {"a server that trickles while a client connects", 300, back, "no answer",
          [&] {
              proxy.cut();
              proxy.bend(Roads::to_come, instead("$", milliseconds(20)));
              proxy.let_in();
              EXPECT_TRUE(log.wait("no answer"));
              proxy.bend(Roads::to_come, {});
-         },
-         back, "no answer"},
+         }},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);

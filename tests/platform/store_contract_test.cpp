@@ -10,7 +10,7 @@ namespace {
 
 class StoreContract : public testing::TestWithParam<StoreUnderTest> {
 protected:
-    const Faults &faults = GetParam().faults;
+    const StoreUnderTest &faults = GetParam();
     const std::string url = GetParam().new_store();
     RecordingClient writer{url};
     RecordingClient reader{url};

@@ -3,17 +3,6 @@
 #include "query/ndm_port.h"
 #include "tests/query/topology.h"
 
-static std::function<void(tq_mom_msg_cb, void *)> before_scan;
-
-extern "C" {
-decltype(tq_mom_scan_sync) __real_tq_mom_scan_sync;
-int32_t __wrap_tq_mom_scan_sync(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *tmpl, int32_t reserved,
-                                tq_mom_msg_cb callback, void *priv) {
-    if (before_scan) before_scan(callback, priv);
-    return __real_tq_mom_scan_sync(handle, db, tmpl, reserved, callback, priv);
-}
-}
-
 class StoreRead : public Topology {};
 
 namespace {
@@ -221,12 +210,11 @@ TEST_F(StoreRead, ScansForTheLocalPorts) {
 TEST_F(StoreRead, KeepsTheLaterOfTwoThatAScanBrings) {
     const auto local = [](int32_t lport) { return local_port(0, 1, lport).set("static_info.pd_medium_type", 2); };
     const auto global = [](int32_t ifx) { return global_port(4, 1, 3, 0, 7, ifx); };
-    const auto scan_brings = [](const Message &first, const Message &second, std::function<void()> between) {
-        before_scan = [&first, &second, between](tq_mom_msg_cb callback, void *priv) {
-            const Request asked{1, nullptr, callback, priv};
-            asked.deliver(SET, first.get());
-            between();
-            asked.deliver(SET, second.get());
+    const auto scan_brings_two = [](int32_t row, const Message(&objects)[3], bool pushed) {
+        platform.before_scan = [&objects, row, pushed](const Request &scan) {
+            scan.deliver(SET, objects[0].get());
+            if (pushed) receive(row, SET, objects[2]);
+            scan.deliver(SET, objects[1].get());
         };
     };
     set(10, "lport_num:2");
@@ -234,19 +222,15 @@ TEST_F(StoreRead, KeepsTheLaterOfTwoThatAScanBrings) {
     for (const bool pushed : {false, true}) {
         for (const int32_t row : {8, 30}) receive(row, DELETE, row == 8 ? local(1) : global(1));
         const Message ports[] = {local(11), local(12), local(13)}, globals[] = {global(21), global(22), global(23)};
-        scan_brings(ports[0], ports[1], [&] {
-            if (pushed) receive(8, SET, ports[2]);
-        });
+        scan_brings_two(8, ports, pushed);
         int32_t lport = 0, n = 1;
         EXPECT_EQ(dm::_ndm_get_my_card_multi_lport(&lport, &n, 1), 0);
         EXPECT_EQ(lport, pushed ? 13 : 12);
-        scan_brings(globals[0], globals[1], [&] {
-            if (pushed) receive(30, SET, globals[2]);
-        });
+        scan_brings_two(30, globals, pushed);
         EXPECT_EQ(ask(ndm_get_vsdid_by_objid_rt, 0x14040300, out), "0 4;");
         EXPECT_EQ(ndm_get_global_ifx_by_objid(0x14040300), pushed ? 23 : 22);
     }
-    before_scan = nullptr;
+    platform.before_scan = nullptr;
 }
 
 // A reply is of the kind that was asked for, or it is no answer.
@@ -272,15 +256,13 @@ TEST_F(StoreRead, ScansPastWhatIsNoObject) {
     const Message port = object(8, "index{cport:1} static_info{lport:11}"), other = global_port(4, 9, 9, 9, 7, 9),
                   alien = card(1, 3, 0);
     Strings answers;
-    before_scan = [&](tq_mom_msg_cb callback, void *priv) {
+    platform.before_scan = [&](const Request &scan) {
         result_rec bad = {port.get(), {}, 5}, empty = {nullptr, {}, 0};
-        const auto deliver = [&](int32_t cmd, void *value) {
-            return Request{1, nullptr, callback, priv}.deliver(cmd, value);
-        };
         // The last one is taken; or passed over, as it is not the port that is wanted.
-        answers.push_back(each(callback(&platform.handle, nullptr, priv), deliver(REPLY, nullptr), deliver(REPLY, &bad),
-                               deliver(REPLY, &empty), deliver(SET, nullptr), deliver(OTHER, port.get()),
-                               deliver(SET, alien.get()), deliver(SET, answers.empty() ? port.get() : other.get())));
+        answers.push_back(each(scan.callback(&platform.handle, nullptr, scan.privdata), scan.deliver(REPLY, nullptr),
+                               scan.deliver(REPLY, &bad), scan.deliver(REPLY, &empty), scan.deliver(SET, nullptr),
+                               scan.deliver(OTHER, port.get()), scan.deliver(SET, alien.get()),
+                               scan.deliver(SET, answers.empty() ? port.get() : other.get())));
     };
     int32_t lport, n = 1;
     EXPECT_EQ(dm::_ndm_get_my_card_multi_lport(&lport, &n, 1), 0);
@@ -289,5 +271,5 @@ TEST_F(StoreRead, ScansPastWhatIsNoObject) {
     EXPECT_EQ(answers, Strings(2, "-1 -1 -1 -1 -1 -1 -1 0;"));
     EXPECT_EQ(counters(8).refused - before[0], 5U);
     EXPECT_EQ(counters(30).refused - before[1], 5U);
-    before_scan = nullptr;
+    platform.before_scan = nullptr;
 }

@@ -78,7 +78,6 @@ public:
 private:
     void step() {
         ++now;
-        count("steps");
         if (!up_ && random.percent(15)) come_back();
         if (up_ && random.below(1000) < loss_rate_) lose();
         const int32_t roll = random.below(100);
