@@ -1,107 +1,12 @@
 // The cache lock: without it a reader's borrowed message is freed under its hands.
-#include "tests/support/messages.h"
+#include "tests/support/live_cache.h"
 
 #include "base/lock.h"
 
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
-#include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <fstream>
-#include <functional>
-#include <future>
-#include <string>
-#include <thread>
-#include <vector>
 
 using namespace std::chrono_literals;
-
-namespace {
-
-std::future<int32_t> lock_elsewhere() {
-    return std::async(std::launch::async, [] {
-        const int32_t answer = dm_cache_lock();
-        dm_cache_unlock();
-        return answer;
-    });
-}
-
-}  // namespace
-
-// A client of one thread leaves the lock out; it must not be stopped by one.
-TEST(Lock, DoesNothingUntilItIsMade) {
-    EXPECT_EQ(dm_cache_unlock(), 0);
-    EXPECT_EQ(dm_cache_lock(), 0);
-    auto other = lock_elsewhere();
-    ASSERT_EQ(other.wait_for(10s), std::future_status::ready);
-    EXPECT_EQ(other.get(), 0);
-}
-
-// A query takes the lock again inside a client's own hold; the first release must not let the writer in.
-TEST(Lock, IsRecursiveAndKeepsOthersOutUntilTheLastRelease) {
-    ASSERT_EQ(dm_cache_multi_thread_init(), 0);
-    dm_cache_init_obj(obj_sub_list);
-    EXPECT_EQ(dm_cache_lock(), 0);
-    EXPECT_EQ(dm_cache_lock(), 0);
-    EXPECT_EQ(dm_cache_set_obj(DM_ROW_CARD_INFO, card(1, 2, 0).get()), 0);
-    EXPECT_EQ(dm_cache_multi_thread_init(), 0);
-    std::thread([] { EXPECT_EQ(dm_cache_unlock(), EPERM); }).join();
-    auto other = lock_elsewhere();
-    EXPECT_EQ(dm_cache_unlock(), 0);
-    EXPECT_EQ(other.wait_for(50ms), std::future_status::timeout);
-    EXPECT_EQ(dm_cache_unlock(), 0);
-    ASSERT_EQ(other.wait_for(10s), std::future_status::ready);
-    EXPECT_EQ(other.get(), 0);
-}
-
-// Readers and writers by every side of the lock, nested as queries nest them: no reader sees half a change, none of the
-// changes is lost, and everybody gets to the end.
-TEST(Lock, ReadersShareAndWritersExclude) {
-    ASSERT_EQ(dm_cache_multi_thread_init(), 0);
-    constexpr int turns = 3000;
-    int64_t one = 0, other = 0;
-    std::atomic<int> torn = 0;
-    const auto look = [&] {
-        const dm::SharedCacheLock lock;
-        torn += one != other;
-    };
-    const std::function<void()> threads[] = {
-        look,
-        look,
-        [&] {
-            const dm::SharedCacheLock lock;
-            look();
-        },
-        [&] {
-            dm_cache_lock();
-            look();
-            ++one, ++other;
-            look();
-            dm_cache_unlock();
-        },
-        [&] {
-            const dm::CacheLock lock;
-            look();
-            ++one, ++other;
-        },
-        [&] {
-            const dm::CacheLock lock;
-            ++one, ++other;
-        },
-    };
-    std::vector<std::thread> running;
-    for (const auto &turn : threads)
-        running.emplace_back([&turn] {
-            for (int i = 0; i < turns; ++i) turn();
-        });
-    for (std::thread &thread : running) thread.join();
-    EXPECT_EQ(torn, 0);
-    EXPECT_EQ(one, 3 * turns);
-    EXPECT_EQ(other, one);
-}
 
 namespace {
 
@@ -122,6 +27,65 @@ std::thread waiting(const std::function<void()> &run) {
 }
 
 }  // namespace
+
+// A client of one thread leaves the lock out; it must not be stopped by one. A query takes the lock again inside a client's
+// own hold; the first release must not let the writer in.
+TEST(Lock, IsRecursiveAndKeepsOthersOutUntilTheLastRelease) {
+    EXPECT_EQ(dm_cache_unlock(), 0);
+    EXPECT_EQ(dm_cache_lock(), 0);
+    EXPECT_TRUE(another_thread_can_lock());
+    ASSERT_EQ(dm_cache_multi_thread_init(), 0);
+    dm_cache_init_obj(obj_sub_list);
+    EXPECT_EQ(dm_cache_lock(), 0);
+    EXPECT_EQ(dm_cache_lock(), 0);
+    EXPECT_EQ(dm_cache_set_obj(DM_ROW_CARD_INFO, card(1, 2, 0).get()), 0);
+    EXPECT_EQ(dm_cache_multi_thread_init(), 0);
+    std::thread([] { EXPECT_EQ(dm_cache_unlock(), EPERM); }).join();
+    auto other = std::async(std::launch::async, another_thread_can_lock);
+    EXPECT_EQ(dm_cache_unlock(), 0);
+    EXPECT_EQ(other.wait_for(50ms), std::future_status::timeout);
+    EXPECT_EQ(dm_cache_unlock(), 0);
+    EXPECT_TRUE(other.get());
+}
+
+// Readers and writers by every side of the lock, nested as queries nest them: no reader sees half a change, none of the
+// changes is lost, and everybody gets to the end.
+TEST(Lock, ReadersShareAndWritersExclude) {
+    ASSERT_EQ(dm_cache_multi_thread_init(), 0);
+    constexpr int turns = 3000;
+    int64_t one = 0, other = 0;
+    std::atomic<int> torn = 0;
+    const auto look = [&] {
+        const dm::SharedCacheLock lock;
+        torn += one != other;
+    };
+    const auto look_twice = [&] {
+        const dm::SharedCacheLock lock;
+        look();
+    };
+    const auto write = [&] {
+        dm_cache_lock();
+        look();
+        ++one, ++other;
+        look();
+        dm_cache_unlock();
+    };
+    const auto change = [&] {
+        const dm::CacheLock lock;
+        look();
+        ++one, ++other;
+    };
+    const std::function<void()> threads[] = {look, look, look_twice, write, change, change};
+    std::vector<std::thread> running;
+    for (const auto &turn : threads)
+        running.emplace_back([&turn] {
+            for (int i = 0; i < turns; ++i) turn();
+        });
+    for (std::thread &thread : running) thread.join();
+    EXPECT_EQ(torn, 0);
+    EXPECT_EQ(one, 3 * turns);
+    EXPECT_EQ(other, one);
+}
 
 // An object that is still being read must not be freed.
 TEST(Lock, IsHeldOnlyWhenTheLastReaderHasLeft) {

@@ -4,21 +4,34 @@
 
 #include "base/row_table.h"
 #include "cache/row_update.h"
-#include "tq_dm_cache/dm_port_index.h"
-
-#include <gtest/gtest.h>
 
 #include <random>
 
 namespace {
 
-dm_cache_list *list_of(int32_t row) {
-    return obj_sub_list[row].obj_list;
+constexpr auto list_of = [](int32_t row) { return obj_sub_list[row].obj_list; };
+
+using Nodes = std::vector<dm_cache_list_node *>;
+
+Nodes walked(int32_t row) {
+    Nodes nodes;
+    for (dm_cache_list_node &node : dm::Elements(list_of(row))) nodes.push_back(&node);
+    return nodes;
 }
 
-std::vector<dm_cache_list_node *> walked(int32_t row) {
-    std::vector<dm_cache_list_node *> nodes;
-    for (dm_cache_list_node &node : dm::Elements(list_of(row))) nodes.push_back(&node);
+// Every VSD's port at a place, in the order of the list: by the table, and by a walk.
+Nodes found_at(const int32_t *place) {
+    Nodes found;
+    const auto add = [](dm_cache_list_node *node, void *to) { static_cast<Nodes *>(to)->push_back(node); };
+    dm::for_elements_at(DM_ROW_VSD_PORT, place, add, &found);
+    return found;
+}
+Nodes walked_at(const int32_t *place) {
+    Nodes nodes = walked(DM_ROW_VSD_PORT);
+    std::erase_if(nodes, [place](const dm_cache_list_node *node) {
+        const PDev__VsdPortIndex &at = *reinterpret_cast<const PDev__VsdPort *>(node->obj)->index;
+        return !std::equal(place, place + 5, std::array{at.t_dev, at.t_slot, at.t_sslot, at.t_port, at.t_type}.begin());
+    });
     return nodes;
 }
 
@@ -33,13 +46,9 @@ bool remove(int32_t row, const ProtobufCMessage *object) {
     return dm::remove_object(row, object).message != nullptr;
 }
 
-int32_t never_the_same(const ProtobufCMessage *, const ProtobufCMessage *) {
-    return -1;
-}
-
 struct Elements {
     std::mt19937 random;
-    std::vector<dm_cache_list_node *> unlinked;
+    Nodes unlinked;
 
     explicit Elements(unsigned seed) : random(seed) {}
 
@@ -70,21 +79,17 @@ struct Elements {
             dm_cache_list_node *taken = dm_cache_list_del(list_of(row), obj_sub_list[row].cmp_func, one.get());
             EXPECT_EQ(taken, node);
             dm_cache_list_free(taken);
-        } else if (dice < 91 && node) {
-            ndm_cache_tree_del_node(&obj_sub_list[row], one.get());
-            dm_list_del_with_limit(&node->link, &list_of(row)->count);
-            unlinked.push_back(node);
         } else if (dice < 93 && node) {
             ndm_cache_tree_del_node(&obj_sub_list[row], one.get());
-            int32_t other_count = 0;
-            dm_list_del_with_limit(&node->link, &other_count);
-            --list_of(row)->count;
+            int32_t other_count = 1, *const count = &list_of(row)->count;
+            dm_list_del_with_limit(&node->link, dice < 91 ? count : &other_count);
+            *count -= 1 - other_count;
             unlinked.push_back(node);
-        } else if (dice < 95) {
-            dm_cache_list_add(list_of(row), one.get(), one.get()->descriptor, never_the_same);
         } else if (dice < 96) {
+            const auto never_the_same = [](const ProtobufCMessage *, const ProtobufCMessage *) { return -1; };
+            const auto always_the_same = [](const ProtobufCMessage *, const ProtobufCMessage *) { return 0; };
             dm_cache_list_add(list_of(row), one.get(), one.get()->descriptor,
-                              [](const ProtobufCMessage *, const ProtobufCMessage *) { return 0; });
+                              dice < 95 ? never_the_same : +always_the_same);
         } else if (dice < 97) {
             for (dm_cache_list_node *gone : walked(row))
                 if (random() % 2 == 0) remove(row, Message::copy(gone->obj).get());
@@ -104,24 +109,11 @@ struct Elements {
         ASSERT_EQ(found, expected ? expected->obj : nullptr);
     }
 
-    // Every VSD's port at a place, in the order of the list.
     void compare_place() {
         const Message one = object(DM_ROW_VSD_PORT);
         const PDev__VsdPortIndex &key = *one.as<PDev__VsdPort>()->index;
         const int32_t place[] = {key.t_dev, key.t_slot, key.t_sslot, key.t_port, key.t_type};
-        std::vector<dm_cache_list_node *> expected, found;
-        for (dm_cache_list_node *node : walked(DM_ROW_VSD_PORT)) {
-            const PDev__VsdPortIndex &at = *reinterpret_cast<const PDev__VsdPort *>(node->obj)->index;
-            if (std::equal(place, place + 5, std::array{at.t_dev, at.t_slot, at.t_sslot, at.t_port, at.t_type}.begin()))
-                expected.push_back(node);
-        }
-        dm::for_elements_at(
-            DM_ROW_VSD_PORT, place,
-            [](dm_cache_list_node *node, void *to) {
-                static_cast<std::vector<dm_cache_list_node *> *>(to)->push_back(node);
-            },
-            &found);
-        ASSERT_EQ(found, expected);
+        ASSERT_EQ(found_at(place), walked_at(place));
     }
 };
 
@@ -159,21 +151,8 @@ TEST(RowTable, HoldsAFullRow) {
             dm_cache_get_obj(30, key_of(port(i).get()), &found);
             ASSERT_EQ(found ? found->ifx : -1, i < DM_CACHE_LIST_LIMIT ? i : -1);
         }
-        std::vector<int32_t> at_place, expected;
         constexpr int32_t place[] = {1, 2, 0, 1, 7};
-        dm::for_elements_at(
-            30, place,
-            [](dm_cache_list_node *node, void *to) {
-                const auto *found = reinterpret_cast<const PDev__VsdPort *>(node->obj);
-                static_cast<std::vector<int32_t> *>(to)->push_back(found->ifx);
-            },
-            &at_place);
-        for (int32_t i = 0; i < DM_CACHE_LIST_LIMIT; ++i) {
-            const Message one = port(i);
-            const auto &at = *one.as<PDev__VsdPort>()->index;
-            if (at.t_dev == 1 && at.t_slot == 2 && at.t_port == 1) expected.push_back(i);
-        }
-        EXPECT_EQ(at_place, expected);
+        EXPECT_EQ(found_at(place), walked_at(place));
         const auto nodes = walked(30);
         for (size_t i = 0; i < nodes.size(); ++i) ASSERT_TRUE(remove(30, nodes[i * 7919 % nodes.size()]->obj));
         EXPECT_EQ(cached(30), 0);

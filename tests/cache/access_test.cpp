@@ -1,17 +1,9 @@
 // Reading and storing cached objects: what every query stands on.
 #include "tests/support/live_cache.h"
-#include "tests/support/log_capture.h"
-
-#include "tq_dm_cache/dm_port_index.h"
-#include "tq_dm_cache/p_dev.pb-c.h"
-
-#include <gtest/gtest.h>
 
 namespace {
 
-int32_t ignore(ProtobufCMessage *, uintptr_t *) {
-    return 0;
-}
+constexpr auto ignore = [](ProtobufCMessage *, uintptr_t *) { return 0; };
 
 // Notes the slot; its answer must not stop the walk.
 int32_t note_slot(ProtobufCMessage *object, uintptr_t *word) {
@@ -20,13 +12,8 @@ int32_t note_slot(ProtobufCMessage *object, uintptr_t *word) {
     return -1;
 }
 
-void *key(const Message &object) {
-    return key_of(object.get());
-}
-
-int32_t set(int32_t row, const Message &object) {
-    return dm_cache_set_obj(row, object.get());
-}
+constexpr auto key = [](const Message &object) { return key_of(object.get()); };
+constexpr auto set = [](int32_t row, const Message &object) { return dm_cache_set_obj(row, object.get()); };
 
 }  // namespace
 
@@ -135,16 +122,6 @@ TEST(Arguments, AreRefusedWhenOutOfRangeOrNull) {
                                  dm_cache_get_obj_index_list(17, nullptr, 2, &n),
                                  dm_cache_get_obj_index_list(17, buf, 2, nullptr),
                                  dm_cache_get_obj_index_list(17, buf, -1, &n),
-                                 dm_cache_init_obj(nullptr),
-                                 ndm_cache_init_port_obj(nullptr),
-                                 dm_init_cache_device_sync_info(nullptr),
-                                 ndm_init_cache_staticport(nullptr),
-                                 ndm_init_cache_localport(nullptr),
-                                 ndm_init_cache_globalport(nullptr),
-                                 ndm_init_cache_vsdport(nullptr),
-                                 ndm_init_cache_cardsta(nullptr),
-                                 ndm_init_cache_lportinfo(nullptr),
-                                 ndm_init_cache_chipsta(nullptr),
                                  ndm_cache_tree_add_node(nullptr, one.get()),
                                  ndm_get_static_port_by_index(1, 2, 3, 7, nullptr),
                                  ndm_get_static_port_by_index_with_subslot(1, 2, 0, 3, 7, nullptr),
@@ -161,6 +138,11 @@ TEST(Arguments, AreRefusedWhenOutOfRangeOrNull) {
                                  dm_cache_list_walk(nullptr, visit, nullptr),
                                  dm_cache_list_walk(list, nullptr, nullptr)})
         answers.push_back(answer);
+    for (auto *init :
+         {dm_cache_init_obj, ndm_cache_init_port_obj, dm_init_cache_device_sync_info, ndm_init_cache_staticport,
+          ndm_init_cache_localport, ndm_init_cache_globalport, ndm_init_cache_vsdport, ndm_init_cache_cardsta,
+          ndm_init_cache_lportinfo, ndm_init_cache_chipsta})
+        answers.push_back(init(nullptr));
     EXPECT_EQ(answers, std::vector<int32_t>(answers.size(), -1));
 
     for (auto *search : {dm_cache_list_find, dm_cache_list_del}) {

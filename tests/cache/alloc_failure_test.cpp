@@ -3,17 +3,7 @@
 // C++'s new stays apart, so that only the library and protobuf-c are counted. Plain builds only; one thread.
 #include "tests/support/live_cache.h"
 
-#include "tq_dm_cache/dm_cache_follow.h"
-#include "tq_dm_cache/dm_cache_status.h"
-#include "tq_dm_cache/dm_port_index.h"
-#include "tq_dm_cache/p_dev.pb-c.h"
-
-#include <gtest/gtest.h>
-
 #include <cerrno>
-#include <cstdlib>
-#include <functional>
-#include <new>
 #include <set>
 
 namespace {
@@ -76,15 +66,12 @@ namespace {
 
 using Call = std::function<int32_t()>;
 using Undo = std::function<void()>;  // takes back what a success did, or half of one
-using Holds =
-    std::function<bool()>;  // whole: all of it is there; intact: after a failure, what was there before still is
+using Holds = std::function<bool()>;
 
-bool nothing_to_lose() {
-    return true;
-}
-
-void each_allocation_fails(const char *name, const std::set<int32_t> &failures, const Call &call, const Undo &undo,
-                           const Holds &whole, const Holds &intact = nothing_to_lose, int32_t success = 0) {
+// Whole: all of it is there. Intact: after a failure, what was there before still is.
+void each_allocation_fails(
+    const char *name, const std::set<int32_t> &failures, const Call &call, const Undo &undo, const Holds &whole,
+    const Holds &intact = [] { return true; }, int32_t success = 0) {
     SCOPED_TRACE(name);
     call();  // what the C library allocates once
     undo();
@@ -246,10 +233,8 @@ TEST_F(OutOfMemory, MessagesOfTheStore) {
     const auto in_cache_or_refused = [&] {
         int32_t all = 0;
         for (const int32_t row : {7, 17, 30}) {
-            dm_cache_stats stats{};
-            dm_cache_get_stats(row, &stats, sizeof stats);
             const int32_t found = row == 30 && cached(7) ? in_trees(30, port) : cached(row);
-            all += found + static_cast<int32_t>(stats.refused);
+            all += found + static_cast<int32_t>(counters(row).refused);
         }
         return all;
     };

@@ -1,11 +1,5 @@
 // Registration of change callbacks.
 #include "tests/support/live_cache.h"
-#include "tests/support/log_capture.h"
-
-#include <gtest/gtest.h>
-
-#include <array>
-#include <utility>
 
 namespace {
 

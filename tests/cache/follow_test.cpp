@@ -1,17 +1,5 @@
-// Followers. A client that keeps a picture from what it is told shows another device for ever when one event is left out,
-// comes twice or in the wrong order.
+// Followers. One event that is left out, told twice or in the wrong order leaves a client's picture false for ever.
 #include "tests/support/live_cache.h"
-
-#include "tq_dm_cache/dm_cache_follow.h"
-#include "tq_dm_cache/dm_cache_status.h"
-#include "tq_dm_cache/p_dev.pb-c.h"
-
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <functional>
-#include <future>
-#include <utility>
 
 namespace {
 
@@ -22,9 +10,8 @@ struct Notes {
 };
 
 void note(const dm_cache_event *event, void *word) {
-    const char *const whats[] = {"added", "replaced", "deleted", "swept", "unchanged", "applied"}, *const phases[] = {
-                                                                                                       "first", "live",
-                                                                                                       "resync"};
+    const char *const whats[] = {"added", "replaced", "deleted", "swept", "unchanged", "applied"};
+    const char *const phases[] = {"first", "live", "resync"};
     const auto ports = [](const ProtobufCMessage *card) {
         return card ? ' ' + std::to_string(reinterpret_cast<const PDev__CardInfo *>(card)->port_num) : "";
     };
@@ -39,20 +26,12 @@ void note(const dm_cache_event *event, void *word) {
     if (const auto once = std::exchange(notes.within, nullptr)) once();
 }
 
-Strings told(Notes &notes) {
-    return drained(&notes.lines);
-}
-
-Message slot(int32_t number, int32_t ports = 0) {
-    return card(1, number, 0).set("port_num", ports);
-}
-
-int32_t follow(Notes &notes, uint32_t flags = 0, int32_t type = 17) {
+constexpr auto told = [](Notes &notes) { return drained(&notes.lines); };
+constexpr auto slot = [](int32_t number, int32_t ports = 0) { return card(1, number, 0).set("port_num", ports); };
+constexpr auto follow = [](Notes &notes, uint32_t flags = 0, int32_t type = 17) {
     return dm_cache_follow(type, note, &notes, flags);
-}
-int32_t unfollow(Notes &notes, int32_t type = 17) {
-    return dm_cache_unfollow(type, note, &notes);
-}
+};
+constexpr auto unfollow = [](Notes &notes, int32_t type = 17) { return dm_cache_unfollow(type, note, &notes); };
 
 }  // namespace
 
@@ -105,15 +84,15 @@ TEST(Follow, BeginsWithARowOfALiveCache) {
     platform.put(slot(1, 1));
     dm_cache_set_obj(17, slot(9).get());  // not in the store
     platform.calls.clear();
-    Notes notes, later, from_now;
+    Notes notes, later, from_now, of_another_row;
     EXPECT_EQ(follow(notes), 0);
     EXPECT_EQ(platform.calls, (Strings{"subscribe 1 p_dev.card_info", "timer 0 0 dmcache_follow"}));
     platform.fire_timers();
     EXPECT_EQ(told(notes), Strings{"first added 9 0"});
     platform.calls.clear();
     receive(1, SET, complete());
-    EXPECT_EQ(drained(&platform.calls),
-              Strings{"scan 1 p_dev.dp_lib_complete"});  // the late one's subscription is under way
+    // The late one's subscription is under way.
+    EXPECT_EQ(drained(&platform.calls), Strings{"scan 1 p_dev.dp_lib_complete"});
     receive_end(1);
     platform.push(slot(2));
     platform.confirm();
@@ -131,9 +110,7 @@ TEST(Follow, BeginsWithARowOfALiveCache) {
     // One that was registered too late is subscribed by the first who follows it.
     dm_cache_sub_obj(16, nullptr, 0);
     platform.calls.clear();
-    EXPECT_EQ(dm_cache_follow(
-                  16, [](const dm_cache_event *, void *) {}, nullptr, 0),
-              0);
+    EXPECT_EQ(follow(of_another_row, 0, 16), 0);
     EXPECT_EQ(platform.calls.front(), "subscribe 1 p_dev.device_info");
 
     EXPECT_EQ(follow(later) + follow(from_now, DM_CACHE_FOLLOW_FROM_NOW), 0);
@@ -146,6 +123,7 @@ TEST(Follow, BeginsWithARowOfALiveCache) {
     EXPECT_EQ(told(from_now), Strings{"live deleted 1 2"});
 
     for (Notes *each : {&notes, &later, &from_now}) EXPECT_EQ(unfollow(*each), 0);
+    EXPECT_EQ(unfollow(of_another_row, 16), 0);
 }
 
 // Followers come and go from within callbacks, their own and others', and while others are being told.
@@ -191,8 +169,8 @@ TEST(Follow, LetsFollowersComeAndGoAtAnyTime) {
     };
     auto ended = std::async(std::launch::async, [&] {
         entered.get_future().wait();
-        auto unfollowed =
-            std::async(std::launch::async, [&] { return unfollow(third) + static_cast<int32_t>(third.lines.size()); });
+        const auto end = [&] { return unfollow(third) + static_cast<int32_t>(third.lines.size()); };
+        auto unfollowed = std::async(std::launch::async, end);
         EXPECT_EQ(unfollowed.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
         leave.set_value();
         return unfollowed.get();

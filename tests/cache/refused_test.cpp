@@ -2,42 +2,14 @@
 // counters must say so whatever became of it, and no message of a store may be taken for what it is not.
 #include "tests/support/live_cache.h"
 
-#include "tq_dm_cache/dm_cache_status.h"
-#include "tq_dm_cache/p_dev.pb-c.h"
-
-#include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <cstring>
-#include <functional>
-
 namespace {
-
-uint32_t refused(int32_t row) {
-    dm_cache_stats stats{};
-    EXPECT_EQ(dm_cache_get_stats(row, &stats, sizeof stats), 0);
-    return stats.refused;
-}
 
 // Its copy, which is made by packing it, cannot be unpacked.
 Message uncopyable() {
-    static uint8_t value = 5;
-    Message one = card(1, 8, 0);
-    auto *unknown = static_cast<ProtobufCMessageUnknownField *>(std::calloc(1, sizeof(ProtobufCMessageUnknownField)));
-    unknown->wire_type = PROTOBUF_C_WIRE_TYPE_VARINT;
-    unknown->len = 1;
-    unknown->data = static_cast<uint8_t *>(std::malloc(1));
-    *unknown->data = value;
-    one.get()->unknown_fields = unknown;
-    one.get()->n_unknown_fields = 1;
+    Message one = Message::unpack(&p_dev__card_info__descriptor, packed(card(1, 8, 0).get()) + "\xC0\x3E\x05");
+    one.get()->unknown_fields->tag = 0;
     return one;
 }
-
-struct Trouble {
-    const char *name;
-    std::function<void()> arrive;
-};
 
 void reply_with(ProtobufCMessage *object, int32_t error) {
     result_rec record{object, {}, error};
@@ -46,9 +18,21 @@ void reply_with(ProtobufCMessage *object, int32_t error) {
 
 void *const not_to_be_looked_at = reinterpret_cast<void *>(16);
 
-// What a store's every message can be instead of an object that is stored.
-std::vector<Trouble> troubles() {
-    return {
+}  // namespace
+
+TEST(Refused, CountsWhateverDoesNotEndInTheCache) {
+    start_gathering({1, 17});
+    const auto gathered = [] {
+        receive(17, REPLY, card(1, 3, 0));
+        receive_end(17);
+        receive_end(1);
+    };
+    gathered();
+    // What a store's every message can be instead of an object that is stored.
+    const struct {
+        const char *name;
+        std::function<void()> arrive;
+    } troubles[] = {
         {"damaged push", [] { receive_value(17, SET, card(1, 8, 0).get(), 0, /*result=*/-6); }},
         {"damaged push without its key", [] { receive_value(17, SET, nullptr, 0, /*result=*/-6); }},
         {"unusable push", [] { receive_value(17, SET, not_to_be_looked_at, 0, /*result=*/-1); }},
@@ -59,52 +43,32 @@ std::vector<Trouble> troubles() {
         {"delete of nothing", [] { receive_value(17, DELETE, nullptr); }},
         {"reply of nothing", [] { receive_value(17, REPLY, nullptr); }},
         {"no key", [] { receive(17, REPLY_HASH, {"p_dev.card_info"}); }},
-        {"another kind",
-         [] {
-             receive(17, SET, {"p_dev.dp_lib_lrole", {{"local_master_slotid", 4}}});
-         }},
+        {"another kind", [] { receive(17, SET, Message("p_dev.dp_lib_lrole")); }},
         {"reply of another kind", [] { receive(17, REPLY, vsd_port(1, 2, 3, 7, 5)); }},
-        {"delete of another kind",
-         [] {
-             receive(17, DELETE, {"p_dev.dp_lib_lrole", {{"local_master_slotid", 4}}});
-         }},
+        {"delete of another kind", [] { receive(17, DELETE, Message("p_dev.dp_lib_lrole")); }},
         {"copy", [] { receive(17, SET, uncopyable()); }},
         {"not cached", [] { receive(17, DELETE, card(1, 8, 0)); }},
     };
-}
-
-}  // namespace
-
-TEST(Refused, CountsWhateverDoesNotEndInTheCache) {
-    start({1, 17});
-    platform.become_ready();
-    platform.confirm();
-    const auto gathered = [] {
-        receive(17, REPLY, card(1, 3, 0));
-        receive_end(17);
-        receive_end(1);
-    };
-    gathered();
-    for (const Trouble &trouble : troubles()) {
+    for (const auto &trouble : troubles) {
         SCOPED_TRACE(trouble.name);
         for (const bool live : {true, false}) {
-            const uint32_t before = refused(17), others = refused(1), applied = dm_cache_applied();
+            const uint32_t before = counters(17).refused, others = counters(1).refused, applied = dm_cache_applied();
             if (!live) receive(1, SET, complete());
             trouble.arrive();
             if (!live) gathered();
-            EXPECT_EQ(refused(17), before + 1) << (live ? "live" : "gathering");
-            EXPECT_EQ(refused(1), others);
+            EXPECT_EQ(counters(17).refused, before + 1) << (live ? "live" : "gathering");
+            EXPECT_EQ(counters(1).refused, others);
             EXPECT_EQ(cached(17), 1);
             EXPECT_EQ(dm_cache_applied(), applied + (live ? 0 : 1));
         }
     }
     // The last reply of a scan that nobody waits for is dropped with its object; an end mark is none.
-    const uint32_t before = refused(17);
+    const uint32_t before = counters(17).refused;
     receive(17, REPLY, card(1, 4, 0), /*flag=*/1);
     receive_end(17);
     receive_value(17, SUBSCRIBED, nullptr, 0, /*result=*/-6);
     receive(17, REPLY_GET, card(1, 4, 0));
-    EXPECT_EQ(refused(17), before + 1);
+    EXPECT_EQ(counters(17).refused, before + 1);
 }
 
 // A client's own copy of the schema has descriptors of its own: what is the same kind by name is stored.
@@ -112,7 +76,7 @@ TEST(Refused, TellsKindsByNameAndSize) {
     start({17, 12});
     EXPECT_EQ(dm_cache_set_obj(17, Message("p_dev.dp_lib_lrole").get()), -1);
     EXPECT_EQ(dm_cache_set_obj(12, card(1, 3, 0).get()), -1);
-    EXPECT_EQ(refused(17) + refused(12), 2U);
+    EXPECT_EQ(counters(17).refused + counters(12).refused, 2U);
     EXPECT_EQ(cached(17) + cached(12), 0);
 
     ProtobufCMessageDescriptor other = *card(1, 3, 0).get()->descriptor;
@@ -133,8 +97,7 @@ TEST(Refused, SaysThatARowIsFullWhenItBeginsAndAtEachDoubling) {
     start({1, 17});
     platform.synchronise();
     for (int32_t slot = 0; slot < DM_CACHE_LIST_LIMIT; ++slot) receive(17, SET, card(1, slot, 0));
-    const int standard_error = dup(STDERR_FILENO), file = memfd_create("stderr", MFD_CLOEXEC);
-    dup2(file, STDERR_FILENO);
+    Capture standard_error(STDERR_FILENO);
     receive(17, DELETE, card(2, 0, 0));
     receive(17, SET, {"p_dev.card_info"});
     receive(17, SET, card(1, 7, 0).set("port_num", 5));  // what is there is still replaced
@@ -146,15 +109,9 @@ TEST(Refused, SaysThatARowIsFullWhenItBeginsAndAtEachDoubling) {
     receive(1, SET, complete());  // what a scan brings finds the row as full
     for (int32_t slot = 0; slot < 8; ++slot) receive(17, REPLY, card(3, slot, 0));
     receive_end(1), receive_end(17);
-    dup2(standard_error, STDERR_FILENO);
-    std::string said(static_cast<size_t>(lseek(file, 0, SEEK_END)), '\0');
-    EXPECT_EQ(pread(file, said.data(), said.size(), 0), static_cast<ssize_t>(said.size()));
     std::string expected;
-    for (const char *times : {"1", "2", "4", "8", "16"})
-        expected +=
-            std::string("dm_cache: row 17 p_dev.card_info is full: 10000 objects cached, ") + times + " refused\n";
-    EXPECT_EQ(said, expected);
-    EXPECT_EQ(refused(17), 18U);
-    close(standard_error);
-    close(file);
+    for (const int times : {1, 2, 4, 8, 16})
+        expected += text("dm_cache: row 17 p_dev.card_info is full: 10000 objects cached, %d refused\n", times);
+    EXPECT_EQ(standard_error.take(), expected);
+    EXPECT_EQ(counters(17).refused, 18U);
 }

@@ -1,24 +1,10 @@
 // Start-up: what a process gets from one call, and what is left when the call fails half way.
 #include "tests/support/live_cache.h"
-#include "tests/support/log_capture.h"
-
-#include "tq_dm_cache/dm_cache_follow.h"
-#include "tq_dm_cache/dm_cache_status.h"
-#include "tq_dm_cache/dm_cache_sync.h"
-#include "tq_dm_cache/dm_port_index.h"
 #include "tq_dm_cache/ndm/card_ports.h"
 
 #include <dlfcn.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cstdio>
-#include <functional>
-#include <future>
-#include <optional>
-#include <thread>
 
 namespace {
 
@@ -37,8 +23,7 @@ int32_t refused_start(const char *name) {
 }  // namespace
 
 // Stands in for the configuration file; every other file is opened as usual.
-extern "C" __attribute__((visibility("default"))) FILE *fopen(const char *path, const char *mode);
-FILE *fopen(const char *path, const char *mode) {
+extern "C" __attribute__((visibility("default"))) FILE *fopen(const char *path, const char *mode) {
     static const auto open = reinterpret_cast<decltype(&fopen)>(dlsym(RTLD_NEXT, "fopen"));
     if (std::string(path) != "/data/.orca/vsd/0/dev/cache.cfg") return open(path, mode);
     return config_file ? fmemopen(config_file->data(), config_file->size(), "r") : nullptr;
@@ -193,21 +178,12 @@ TEST(Stop, LeavesNothingBehindAndLetsAnotherHandleIn) {
     EXPECT_EQ(log.take(), at_threshold(2, {"2 dm_cache_init>another handle is in use: this one was not taken.\n"}));
     old_handle_says();
     EXPECT_EQ(cached(17), 0);
-    for (const Connection &each : platform.connections) each.ready(nullptr, each.privdata);
-    EXPECT_EQ(platform.subscriptions.size(), 4U);
     told = 0;
-    store_msg message{};
-    const auto say = [&](int32_t row, int32_t cmd, int32_t flag, void *value) {
-        message.cmd = cmd;
-        message.flag = flag;
-        message.value = value;
-        dm_cache_mom_callback_func(&other, &message, reinterpret_cast<void *>(static_cast<intptr_t>(row)));
-    };
-    for (const int32_t row : {1, 7, 17, 30}) say(row, SUBSCRIBED, 0, nullptr);
-    for (const int32_t row : {1, 7, 17, 30}) say(row, REPLY, 1, nullptr);
+    platform.objects.clear();
+    platform.synchronise();
+    EXPECT_EQ(platform.subscriptions.size(), 4U);
     EXPECT_EQ(dm_cache_wait_synced(0), 0);
-    const Message one = card(1, 9, 0);
-    say(17, SET, 0, one.get());
+    platform.push(card(1, 9, 0));
     EXPECT_EQ(cached(17) + told, 2);
     EXPECT_EQ(dm_cache_unfollow(17, hear, nullptr), 0);
 }

@@ -3,10 +3,6 @@
 
 #include "tq_dm_cache/dm_cache.hpp"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-
 namespace {
 
 using namespace dm_cache;

@@ -9,9 +9,7 @@ namespace {
 
 const auto &card_type = *dm_schema_find_message("p_dev.card_info");
 
-Message card(const Json &object) {
-    return from_json(object, card_type, "");
-}
+constexpr auto card = [](const Json &object) { return from_json(object, card_type, ""); };
 
 // Two operators at two boards: the later one must hear of the other, not undo what he did.
 TEST(Edit, LeavesAloneWhatSomebodyElseHasChanged) {
@@ -50,8 +48,7 @@ TEST(Edit, LeavesAloneWhatSomebodyElseHasChanged) {
     }
 }
 
-// What the store holds need not be what a file may hold, or this schema knows: it is shown, and nothing of it is lost
-// because somebody sets another field.
+// What the store holds, a file may not hold or this schema not know: it is shown, and not lost when another field is set.
 TEST(Edit, KeepsWhatItDoesNotName) {
     const auto &chassis = *dm_schema_find_message("p_dev.dp_lib_my_chss_info");
     const std::string bytes("\x28\x07\x4a\x03\x61\xff\x62\xfa\x7f\x01x", 11);  // device_mode 7, dev_desc, field 2047

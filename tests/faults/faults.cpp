@@ -46,7 +46,6 @@ public:
             while (random.percent(40));
             follower_comes_or_goes(random);
             come_to_rest();
-            count("cycles");
         }
         tell([this] { ended_ = true; });
         writing_.join();
@@ -135,36 +134,33 @@ private:
 
     // At a moment of subscribing, scanning or following: when so many more bytes have come to the reader.
     void strike() {
-        static constexpr struct {
+        static const struct {
             const char *name;
-            void (Faults::*act)();
+            std::function<void(Faults &)> act;
         } faults[] = {
             {"restart with older content", &Faults::restart_with_older_content},
-            {"restart with its content", &Faults::restart_with_content},
-            {"restart empty", &Faults::restart_empty},
+            {"restart with its content", [](Faults &self) { self.server_.restart(true); }},
+            {"restart empty", [](Faults &self) { self.server_.restart(false); }},
             {"freeze", &Faults::freeze},
             {"cut off", &Faults::cut_off},
             {"hold up the reader", &Faults::hold_up},
-            {"kill subscribers", &Faults::kill_subscribers},
-            {"kill command connections", &Faults::kill_command_connections},
+            {"kill subscribers", [](Faults &self) { self.server_.lose_feeds(); }},
+            {"kill command connections",
+             [](Faults &self) {
+                 self.server_.command({"CLIENT", "KILL", "TYPE", "normal"});
+             }},
             {"full disk", &Faults::full_disk},
             {"slow answers", &Faults::slow_answers},
             {"another master for a moment", &Faults::be_replica},
-            {"emptied", &Faults::empty},
+            {"emptied", [](Faults &self) { self.server_.command({"FLUSHALL"}); }},
             {"a child", &Faults::have_child},
         };
         const auto bytes = static_cast<size_t>(random.below(size_t{1} << random.below(22)));
         const auto &fault = faults[random.below(std::size(faults))];
         say("after %zu bytes: %s", bytes, fault.name);
         proxy_.wait_for_bytes(bytes, std::chrono::seconds(1));
-        (this->*fault.act)();
+        fault.act(*this);
     }
-
-    void restart_with_content() { server_.restart(true); }
-    void restart_empty() { server_.restart(false); }
-    void kill_subscribers() { server_.command({"CLIENT", "KILL", "TYPE", "pubsub"}); }
-    void kill_command_connections() { server_.command({"CLIENT", "KILL", "TYPE", "normal"}); }
-    void empty() { server_.command({"FLUSHALL"}); }
 
     void restart_with_older_content() {
         server_.command({"SAVE"});

@@ -1,9 +1,7 @@
 // The capability file: what it may hold, and what is said about one that is wrong.
-#include <gtest/gtest.h>
-
 #include <fstream>
 
-#include "tq_dm_cache/tq_platform_bundled.h"
+#include "tests/platform/recording_client.h"
 
 namespace {
 
@@ -40,15 +38,13 @@ TEST_F(Capability, ReadsPlainNumbersOnly) {
 
 // Most systems have no such file; one that cannot be read must be found without a debugger.
 TEST_F(Capability, SaysWhereAFileIsWrong) {
-    testing::internal::CaptureStderr();
+    StandardError log;
     EXPECT_EQ(libtq_cap_get_g_cap_init("no such file.xml"), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-
-    testing::internal::CaptureStderr();
+    EXPECT_EQ(log.take(), "");
     EXPECT_EQ(open("<root>\n <a></b>\n</root>"), nullptr);
-    const std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_NE(said.find(path + ": line 2, column "), std::string::npos) << said;
-    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1);
+    const std::string said = log.take();
+    EXPECT_TRUE(has(said, path + ": line 2, column "));
+    EXPECT_TRUE(has_lines(said, 1));
 }
 
 }  // namespace

@@ -1,12 +1,7 @@
 // A client that writes down what it is told. mutex_ guards the lines and the words.
 #include "tests/platform/recording_client.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
-#include <algorithm>
-#include <future>
-#include <sstream>
+#include <regex>
 
 #include "tests/platform/redis_server.h"
 #include "tq_dm_cache/p_dev.pb-c.h"
@@ -56,16 +51,11 @@ std::string join(const Lines &lines) {
     return text;
 }
 
-std::map<int, int> picture(const std::string &told) {
+std::map<int, int> picture(const std::string &scanned) {
+    static const std::regex object("has ([0-9]+):([0-9]+)");
     std::map<int, int> types;
-    std::istringstream lines(told);
-    for (std::string line; std::getline(lines, line, ',');) {
-        const size_t colon = line.rfind(':'), blank = line.rfind(' ', colon);
-        if (colon == std::string::npos || blank == std::string::npos) continue;
-        const int slot = std::atoi(line.c_str() + blank), type = std::atoi(line.c_str() + colon + 1);
-        if (line.find("has ") != std::string::npos || line.find("set ") != std::string::npos) types[slot] = type;
-        if (line.find("deleted ") != std::string::npos) types.erase(slot);
-    }
+    for (std::sregex_iterator at(scanned.begin(), scanned.end(), object), end; at != end; ++at)
+        types[std::stoi(at->str(1))] = std::stoi(at->str(2));
     return types;
 }
 
@@ -83,28 +73,6 @@ Message card_of_type(int32_t slot, int32_t type) {
     return card(1, slot, 0).set("config_dev_type", type);
 }
 
-StandardError::StandardError() : before_(fcntl(2, F_DUPFD_CLOEXEC, 3)), file_(memfd_create("said", MFD_CLOEXEC)) {
-    dup2(file_, 2);
-}
-
-StandardError::~StandardError() {
-    dup2(before_, 2);
-    ::close(before_);
-    ::close(file_);
-}
-
-std::string StandardError::peek() const {
-    std::string text(static_cast<size_t>(lseek(file_, 0, SEEK_END) - taken_), '\0');
-    EXPECT_EQ(pread(file_, text.data(), text.size(), taken_), static_cast<ssize_t>(text.size()));
-    return text;
-}
-
-std::string StandardError::take() {
-    const std::string text = peek();
-    taken_ += static_cast<off_t>(text.size());
-    return text;
-}
-
 bool StandardError::wait(const std::string &words) const {
     return wait_until([&] { return peek().find(words) != std::string::npos; });
 }
@@ -114,8 +82,7 @@ RecordingClient::RecordingClient(const std::string &url) {
 }
 
 void RecordingClient::close() {
-    if (!handle_) return;
-    close_client(std::exchange(handle_, nullptr));
+    if (handle_) close_client(std::exchange(handle_, nullptr));
 }
 
 RecordingClient::Word *RecordingClient::word(const std::string &name) {
@@ -153,18 +120,6 @@ void RecordingClient::follow_all() {
     follow_connection();
     EXPECT_TRUE(follow("sub"));
     EXPECT_EQ(told(), "connected 0, sub: confirmed");
-}
-
-int32_t RecordingClient::write(const Message &object, uint32_t db) {
-    return tq_mom_set(handle_, db, object.get(), 0, 0);
-}
-
-void RecordingClient::set(int32_t slot, int32_t type, uint32_t db) {
-    EXPECT_EQ(write(card_of_type(slot, type), db), 0);
-}
-
-void RecordingClient::del(int32_t slot) {
-    EXPECT_EQ(tq_mom_del(handle_, 1, card(1, slot, 0).get()), 0);
 }
 
 std::string RecordingClient::get(int32_t slot) {
@@ -221,6 +176,14 @@ void RecordingClient::note(const std::string &line) {
 bool RecordingClient::wait(const std::string &line) {
     std::unique_lock lock(mutex_);
     return more_.wait_for(lock, limit, [&] { return std::find(lines_.begin(), lines_.end(), line) != lines_.end(); });
+}
+
+testing::AssertionResult RecordingClient::tells(const std::string &expected) {
+    const size_t last = expected.rfind(", ");
+    wait(last == std::string::npos ? expected : expected.substr(last + 2));
+    const std::string all = told();
+    if (all == expected) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "told: " << all << "\nexpected: " << expected;
 }
 
 Lines RecordingClient::lines() {

@@ -1,34 +1,27 @@
-#ifndef TQ_DM_TESTS_RECORDING_CLIENT_H
-#define TQ_DM_TESTS_RECORDING_CLIENT_H
-
 // The stores that the contract tests run over, and a client that writes down all it is told, one short line each. Objects
 // are cards of device 1: a line shows one as slot:type, and an error behind it.
+#pragma once
 
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <algorithm>
 #include <condition_variable>
 #include <functional>
+#include <future>
 #include <map>
-#include <mutex>
-#include <string>
-#include <vector>
 
+#include "tests/support/capture.h"
 #include "tests/support/messages.h"
 #include "tq_dm_cache/tq_platform_bundled.h"
 
-struct Faults {
+struct StoreUnderTest {
+    const char *name;
+    std::string (*new_store)();  // the URL of an empty store
     int32_t (*disconnect)(tq_mom_handle *);
     int32_t (*reconnect)(tq_mom_handle *);
     int32_t (*restart)(tq_mom_handle *, int32_t keep);
     int32_t (*lose_confirmations)(tq_mom_handle *, int32_t n);
     int32_t (*put_bytes)(tq_mom_handle *, uint32_t db, const ProtobufCMessage *, const uint8_t *, uint32_t length);
-};
-
-struct StoreUnderTest {
-    const char *name;
-    std::string (*new_store)();  // the URL of an empty store
-    Faults faults;
 };
 inline void PrintTo(const StoreUnderTest &store, std::ostream *out) {
     *out << store.name;
@@ -40,10 +33,10 @@ void close_client(tq_mom_handle *handle);
 
 using Lines = std::vector<std::string>;
 std::string join(const Lines &lines);
-// Type by slot, of whoever applies what has been told in that order.
-std::map<int, int> picture(const std::string &told);
+std::map<int, int> picture(const std::string &scanned);  // type by slot
 testing::AssertionResult has(const std::string &text, const std::string &words);
 testing::AssertionResult has_lines(const std::string &text, long count);
+Message card_of_type(int32_t slot, int32_t type);
 
 class RecordingClient {
 public:
@@ -60,8 +53,8 @@ public:
 
     tq_mom_handle *handle() const { return handle_; }
     Word *word(const std::string &name);
-    std::function<void()> hold(
-        const std::string &name);  // at its first line from now on, until what is answered is called
+    // Its callback waits at its first line from now on, until what is answered is called.
+    std::function<void()> hold(const std::string &name);
 
     // They take the store's answer for granted; what it has to tell comes as lines.
     void subscribe(const std::string &name);
@@ -69,17 +62,18 @@ public:
     void scan(const std::string &name);
     void follow_connection();  // and the reconnects of databases 1 and 3
     void follow_all();         // both, and what they tell first is dropped
-    int32_t write(const Message &object, uint32_t db = 1);
-    void set(int32_t slot, int32_t type, uint32_t db = 1);
-    void del(int32_t slot);
+    int32_t write(const Message &object, uint32_t db = 1) { return tq_mom_set(handle_, db, object.get(), 0, 0); }
+    void set(int32_t slot, int32_t type, uint32_t db = 1) { EXPECT_EQ(write(card_of_type(slot, type), db), 0); }
+    void del(int32_t slot) { EXPECT_EQ(tq_mom_del(handle_, 1, card(1, slot, 0).get()), 0); }
 
     std::string get(int32_t slot);  // by both ways of reading
     std::string scanned();          // one scan's lines, sorted: one end mark, which came last, then objects
     Lines scan_sync();
 
     void note(const std::string &line);
-    bool wait(const std::string &line);  // for one that is not told yet
-    Lines lines();                       // what was written down since the last time
+    bool wait(const std::string &line);                           // for one that is not told yet
+    testing::AssertionResult tells(const std::string &expected);  // waits for the last line of these: all that was told
+    Lines lines();                                                // what was written down since the last time
     std::string told() { return join(lines()); }
 
     static int32_t on_message(tq_mom_handle *handle, store_msg *msg, void *word);
@@ -93,23 +87,7 @@ private:
     Lines lines_;
 };
 
-// What goes to standard error, as long as this lives.
-class StandardError {
-public:
-    StandardError();
-    ~StandardError();
-    StandardError(const StandardError &) = delete;
-    StandardError &operator=(const StandardError &) = delete;
-
-    std::string peek() const;
-    std::string take();  // since the last time
+struct StandardError : Capture {
+    StandardError() : Capture(STDERR_FILENO) {}
     bool wait(const std::string &words) const;
-
-private:
-    int before_, file_;
-    off_t taken_ = 0;
 };
-
-Message card_of_type(int32_t slot, int32_t type);
-
-#endif

@@ -1,5 +1,4 @@
-// A Redis server of the tests' own, and proxies before it. Descriptors are shut down by whoever cuts, and closed by the
-// proxy's destructor only.
+// A Redis server of the tests' own, and proxies before it. Whoever cuts shuts descriptors down; the destructor closes them.
 #include "tests/platform/redis_server.h"
 
 #include <hiredis.h>

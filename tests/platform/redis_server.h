@@ -1,8 +1,6 @@
-#ifndef TQ_DM_TESTS_REDIS_SERVER_H
-#define TQ_DM_TESTS_REDIS_SERVER_H
-
 // A Redis server of the tests' own, on a unix socket in a temporary folder, and the road of one client to it, which can be
 // cut. A server ends with the test program, however that ends.
+#pragma once
 
 #include <atomic>
 #include <chrono>
@@ -31,7 +29,6 @@ public:
     explicit RedisServer(const std::vector<std::string> &options = {});  // a file may be the first
     ~RedisServer();
     RedisServer(const RedisServer &) = delete;
-    RedisServer &operator=(const RedisServer &) = delete;
 
     std::string socket() const { return folder_ + "/redis.sock"; }
     std::string url() const { return "redis+unix://" + socket(); }
@@ -66,7 +63,6 @@ public:
     Proxy(const std::string &listen_at, const std::string &server);
     ~Proxy();
     Proxy(const Proxy &) = delete;
-    Proxy &operator=(const Proxy &) = delete;
 
     void cut();  // ends what passes, and refuses to begin anew
     void let_in();
@@ -100,5 +96,3 @@ private:
     std::list<Road> roads_;
     std::thread thread_;
 };
-
-#endif

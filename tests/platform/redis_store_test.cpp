@@ -1,7 +1,4 @@
-// What only a store on a server has: credentials, permissions, limits, pages, writes in bulk. Each test has a server of its
-// own and waits for what its client is told.
-#include <cstdlib>
-
+// What only a store on a server has: credentials, permissions, limits, pages, writes in bulk. Each test has its own server.
 #include "platform/redis_wire.h"
 #include "tests/platform/recording_client.h"
 #include "tests/platform/redis_server.h"

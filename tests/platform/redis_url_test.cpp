@@ -1,7 +1,4 @@
 // Every form of a store's URL, right and wrong, as whoever opens it is told of it.
-#include <cstdlib>
-#include <string>
-
 #include "tests/platform/recording_client.h"
 
 namespace {
@@ -21,9 +18,7 @@ std::string said(const std::string &url, int32_t code) {
     return log.peek();
 }
 
-std::string socket_of(size_t length) {
-    return "/" + std::string(length - 1, 'x');
-}
+constexpr auto socket_of = [](size_t length) { return "/" + std::string(length - 1, 'x'); };
 
 // A log that shows a mistyped URL gives the password away, and one in words that are no URL is no help.
 TEST(RedisUrl, ThatIsWrongIsShownWithoutItsSecretAndSaysWhy) {

@@ -1,7 +1,6 @@
 // A store that moves from one board to the other, and those who say where it is: scripted ones that say anything, and a real
 // one that watches two servers, one of which dies.
 #include <sys/socket.h>
-#include <cstdlib>
 #include <fstream>
 
 #include "tests/platform/recording_client.h"
@@ -35,25 +34,20 @@ protected:
     StandardError log;
 
     // To whoever asks from now on; empty: nothing. What has no end ends by "...".
-    void say(Proxy &sentinel, const std::string &answer) {
-        sentinel.bend(Proxy::Roads::to_come, [this, answer](std::string &bytes, int client) {
-            ++answers;
-            bytes = answer;
-            if (answer != "...") return answer != "closes";
-            ::send(client, ":", 1, MSG_NOSIGNAL);
-            while (::send(client, "1", 1, MSG_NOSIGNAL) == 1) pass(milliseconds(1));
-            return false;
-        });
-    }
     void say(const std::string &by_a, const std::string &by_b, const std::string &by_c) {
-        say(a, by_a);
-        say(b, by_b);
-        say(c, by_c);
+        for (const auto &[sentinel, answer] : {std::pair(&a, by_a), {&b, by_b}, {&c, by_c}})
+            sentinel->bend(Proxy::Roads::to_come, [this, says = answer](std::string &bytes, int client) {
+                ++answers;
+                bytes = says;
+                if (says != "...") return says != "closes";
+                ::send(client, ":", 1, MSG_NOSIGNAL);
+                while (::send(client, "1", 1, MSG_NOSIGNAL) == 1) pass(milliseconds(1));
+                return false;
+            });
     }
 };
 
-// One sentinel that is gone, mistaken or mad must not keep a process from its store, and when none helps, whoever reads the
-// log must see which one says what.
+// One sentinel that is gone, mistaken or mad keeps no process from its store; when none helps, the log says who said what.
 TEST_F(ScriptedSentinels, AreAskedInTurnUntilOneHasAnAddress) {
     const std::string none = "*-1\r\n", empty_lists = "*2\r\n*-1\r\n*-1\r\n",
                       three = "*3\r\n$1\r\nh\r\n$1\r\n1\r\n$1\r\n1\r\n", refuses = "-ERR unknown command\r\n",

@@ -1,7 +1,4 @@
-// The stores as the contract tests see them. That on Redis: a server of its own, and for every client a proxy, so that one
-// can be cut off while the others go on.
-#include <map>
-
+// The stores as the contract tests see them. That on Redis: a server, and a proxy for every client, to cut off one alone.
 #include "platform/redis_wire.h"
 #include "tests/platform/recording_client.h"
 #include "tests/platform/redis_server.h"
@@ -59,10 +56,9 @@ int32_t put_bytes(tq_mom_handle *, uint32_t db, const ProtobufCMessage *object, 
 }  // namespace
 
 std::vector<StoreUnderTest> stores_under_test() {
-    return {{"mem",
-             new_mem,
-             {tq_mem_disconnect, tq_mem_reconnect, tq_mem_restart, tq_mem_lose_confirmations, tq_mem_put_bytes}},
-            {"redis", new_redis, {disconnect, reconnect, restart, lose_confirmations, put_bytes}}};
+    return {{"mem", new_mem, tq_mem_disconnect, tq_mem_reconnect, tq_mem_restart, tq_mem_lose_confirmations,
+             tq_mem_put_bytes},
+            {"redis", new_redis, disconnect, reconnect, restart, lose_confirmations, put_bytes}};
 }
 
 int32_t open_client(const std::string &url, tq_mom_handle **handle) {

@@ -1,28 +1,14 @@
 // The indexes over ports and attributes. A wrong key finds another port or none; a stale one reads freed memory.
 #include "tests/support/live_cache.h"
-#include "tests/support/log_capture.h"
-
-#include "tq_dm_cache/dm_port_index.h"
-#include "tq_dm_cache/p_dev.pb-c.h"
-
-#include <gtest/gtest.h>
 
 namespace {
 
-rbtree_root **tree(int32_t row, int number) {
-    return &obj_sub_list[row].port_tree->root[number];
-}
-
 void *found(int32_t row, int number, int64_t key) {
-    return dm_rbtree_find_node(tree(row, number), key);
+    return dm_rbtree_find_node(&obj_sub_list[row].port_tree->root[number], key);
 }
 
 void set(int32_t row, const Message &object) {
     EXPECT_EQ(dm_cache_set_obj(row, object.get()), 0);
-}
-
-void set_static(const Message &port) {
-    set(DM_ROW_PORT_STATIC, port);
 }
 
 // Stores an object and expects it under exactly these keys.
@@ -72,8 +58,8 @@ protected:
 
 // Queries form the same keys from what a user knows about a port: one bit off, and the port is not there.
 TEST_F(PortIndex, ComposesKeysFromTheFieldsOfEachKind) {
-    set_static(attributes(0, 6));
-    set_static(attributes(2, 262));
+    set(7, attributes(0, 6));
+    set(7, attributes(2, 262));
     const auto global = [](int32_t vsdid, int32_t ifx, int32_t sslot, int32_t dev) {
         return moved(global_port(vsdid, 1, 2, 3, 7, ifx), sslot, dev);
     };
@@ -135,8 +121,8 @@ TEST_F(PortIndex, TheFirstOfTwoEqualKeysIsFoundAndEitherTakesItAway) {
 
 // All five numbers name a static port; a search that drops one answers with a neighbour's attributes.
 TEST_F(PortIndex, FindsAStaticPortByItsWholeKey) {
-    set_static(attributes(0, 6));
-    set_static(attributes(2, 6));
+    set(7, attributes(0, 6));
+    set(7, attributes(2, 6));
     PDev__PortStatic *out = nullptr;
     EXPECT_EQ(ndm_get_static_port_by_index_with_subslot(1, 2, 2, 3, 7, &out), 0);
     EXPECT_EQ(&out->base, element(7, attributes(2, 6))->obj);

@@ -2,16 +2,8 @@
 // a device that never was, and a lock that is missing or held too long ends or stops the process.
 #include "tests/query/questions.h"
 #include "tests/support/live_cache.h"
-
-#include "tq_dm_cache/dm_port_index.h"
-#include "tq_dm_cache/dm_schema.h"
 #include "tq_dm_cache/ndm.h"
-#include "tq_dm_cache/p_dev.pb-c.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <future>
 #include <set>
 
 namespace {
@@ -25,8 +17,9 @@ thread_local int held_locks = 0;   // by this thread
 thread_local uint32_t dawdle = 0;  // not 0: this thread lets some deliveries pass whenever it has released the lock
 
 // Every query, and some again with other arguments.
-std::vector<Question> all_questions() {
-    std::vector<Question> all;
+const std::vector<Question> &queries() {
+    static std::vector<Question> all;
+    if (!all.empty()) return all;
     for (const std::string &name : Question::names()) all.emplace_back(name);
     for (const char *line : {"ndm_card_is_online slot=4",
                              "ndm_get_card_static_by_type card_type=646",
@@ -53,10 +46,6 @@ std::vector<Question> all_questions() {
                              "ndm_get_user_slot_name devid=2 user_slot=4",
                              "ndm_mb_is_local_master slot=30"})
         all.emplace_back(line);
-    return all;
-}
-const std::vector<Question> &queries() {
-    static const std::vector<Question> all = all_questions();
     return all;
 }
 
@@ -109,9 +98,7 @@ Message a_card(int32_t slot, int32_t sslot, int32_t type, int32_t v) {
     return of("card_info", {1, slot, sslot}, slot + v, {{"config_dev_type", type}, {"card_nodeid", 9 * slot + v}});
 }
 
-Message link(int32_t v) {
-    return of("vsl_port_info", {1, 3 + v}, 2 + v);
-}
+constexpr auto link = [](int32_t v) { return of("vsl_port_info", {1, 3 + v}, 2 + v); };
 
 void step() {
     ++steps;
@@ -222,11 +209,6 @@ void start_live(void (*told)()) {
     platform.synchronise();
 }
 
-bool another_thread_can_lock() {
-    const auto other = std::async(std::launch::async, [] { return dm_cache_lock() + dm_cache_unlock(); });
-    return other.wait_for(seconds(10)) == std::future_status::ready;
-}
-
 // Until told to stop, and so often at least; the first wrong answer ends it.
 void keep_asking(size_t from, int passes, const std::atomic<bool> *stop) {
     dawdle = static_cast<uint32_t>(from) + 1;
@@ -244,23 +226,20 @@ void keep_asking(size_t from, int passes, const std::atomic<bool> *stop) {
 
 // An empty cache in the place of every row's list and trees, to be seen by this thread whenever it holds neither side.
 struct Hidden {
-    dm_cache_list *lists[DM_ROW_COUNT];
-    ndm_cache_tree *trees[DM_ROW_COUNT];
     dm_cache_list empty{{&empty.head, &empty.head}, 0};
+    dm_cache_list *lists[DM_ROW_COUNT];
+    ndm_cache_tree *trees[DM_ROW_COUNT] = {};
 
-    Hidden() { hide(); }
-    ~Hidden() { show(); }
-    Hidden(const Hidden &) = delete;
-    void hide() {
-        for (int32_t row = 0; row < DM_ROW_COUNT; ++row) {
-            lists[row] = std::exchange(obj_sub_list[row].obj_list, obj_sub_list[row].obj_list ? &empty : nullptr);
-            trees[row] = std::exchange(obj_sub_list[row].port_tree, nullptr);
-        }
+    Hidden() {
+        for (int32_t row = 0; row < DM_ROW_COUNT; ++row) lists[row] = obj_sub_list[row].obj_list ? &empty : nullptr;
+        hide_or_show();
     }
-    void show() {
+    ~Hidden() { hide_or_show(); }
+    Hidden(const Hidden &) = delete;
+    void hide_or_show() {
         for (int32_t row = 0; row < DM_ROW_COUNT; ++row) {
-            obj_sub_list[row].obj_list = lists[row];
-            obj_sub_list[row].port_tree = trees[row];
+            std::swap(obj_sub_list[row].obj_list, lists[row]);
+            std::swap(obj_sub_list[row].port_tree, trees[row]);
         }
     }
 };
@@ -268,10 +247,10 @@ thread_local Hidden *hidden = nullptr;
 thread_local int hidden_holds = 0;
 
 void lock_taken() {
-    if (hidden && hidden_holds++ == 0) hidden->show();
+    if (hidden && hidden_holds++ == 0) hidden->hide_or_show();
 }
 void lock_to_be_released() {
-    if (hidden && --hidden_holds == 0) hidden->hide();
+    if (hidden && --hidden_holds == 0) hidden->hide_or_show();
 }
 
 }  // namespace

@@ -5,8 +5,6 @@
 #include "tq_dm_cache/ndm/port_lookup.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <sstream>
@@ -15,54 +13,29 @@ namespace {
 
 using dmq::Pass;
 
-const struct {
-    std::string_view parameter;
-    int64_t number;
-    const char *text = nullptr;
-} usual[] = {{"card_type", 645},
-             {"cause", 0, "cause"},
-             {"chip_type", 77},
-             {"cport", 2},
-             {"cpuid", 0},
-             {"dcm_addr", 259},
-             {"dev", 1},
-             {"device_type", 10},
-             {"devid", 1},
-             {"ifx", 101},
-             {"len", 64},
-             {"lport", 1},
-             {"mod_name", 0, "module"},
-             {"name", 0, "FE2"},
-             {"node", 3 << 26 | 1 << 18 | 3 << 8},
-             {"objid", 5 << 26 | 1 << 18 | 3 << 8 | 1},
-             {"phyid", 5 << 26 | 1 << 18 | 3 << 8 | 1},
-             {"physlot", 3},
-             {"port", 1},
-             {"reserved", 0},
-             {"rt", 1},
-             {"slot", 3},
-             {"sslot", 0},
-             {"sub_slot", 0},
-             {"type", 7},
-             {"unit", 0},
-             {"user_slot", 2},
-             {"user_sslot", 0},
-             {"vsdid", 0}};
-
-[[noreturn]] void wrong(const char *what, std::string_view name) {
-    std::fprintf(stderr, "question: no %s %.*s\n", what, static_cast<int>(name.size()), name.data());
+[[noreturn]] void wrong(const char *what, const std::string &name) {
+    std::fprintf(stderr, "question: no %s %s\n", what, name.c_str());
     std::abort();
-}
-
-uintptr_t usual_word(std::string_view parameter) {
-    const auto *at = std::ranges::find(usual, parameter, [](const auto &each) { return each.parameter; });
-    if (at == std::end(usual)) wrong("usual value of", parameter);
-    return at->text ? reinterpret_cast<uintptr_t>(at->text) : static_cast<uintptr_t>(at->number);
 }
 
 std::vector<std::string> words_of(std::string_view text) {
     std::istringstream stream{std::string(text)};
     return {std::istream_iterator<std::string>(stream), {}};
+}
+
+// A node or port identifier is that of device 1, slot 3; the port is number 1.
+uintptr_t usual_word(const std::string &parameter) {
+    static const std::vector<std::string> usual = words_of(
+        "card_type=645 cause=cause chip_type=77 cport=2 cpuid=0 dcm_addr=259 dev=1 device_type=10 devid=1 ifx=101 "
+        "len=64 "
+        "lport=1 mod_name=module name=FE2 node=0x0c040300 objid=0x14040301 phyid=0x14040301 physlot=3 port=1 "
+        "reserved=0 "
+        "rt=1 slot=3 sslot=0 sub_slot=0 type=7 unit=0 user_slot=2 user_sslot=0 vsdid=0");
+    const auto is_it = [&](const std::string &each) { return each.starts_with(parameter + '='); };
+    const auto at = std::ranges::find_if(usual, is_it);
+    if (at == usual.end()) wrong("usual value of", parameter);
+    const char *value = at->c_str() + parameter.size() + 1;
+    return std::isdigit(*value) ? std::strtoul(value, nullptr, 0) : reinterpret_cast<uintptr_t>(value);
 }
 
 // Numbers, texts and short arrays, or up to 256 messages. An array's length is asked for where its number is written.

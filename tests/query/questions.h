@@ -1,8 +1,5 @@
-#ifndef TQ_DM_TESTS_QUESTIONS_H
-#define TQ_DM_TESTS_QUESTIONS_H
-
-// Every query that can be asked with numbers and texts, by its name, over the list that is made of the headers: a query that
-// is added later is asked too.
+// Every query that can be asked with numbers and texts, by its name, over the list that is made of the headers.
+#pragma once
 
 #include "dmq/call.h"
 
@@ -12,8 +9,7 @@
 
 class Question {
 public:
-    // "ndm_get_card_type_by_slot devid=0 rt=1". Parameters that are not named have their usual numbers, those of
-    // concurrency_test.cpp's unit.
+    // "ndm_get_card_type_by_slot devid=0 rt=1". Parameters that are not named are usual ones of concurrency_test.cpp's unit.
     explicit Question(const std::string &line);
 
     static std::vector<std::string> names();  // of all queries that can be asked
@@ -37,5 +33,3 @@ private:
 inline bool is_number(dmq::Pass pass) {
     return pass < dmq::Pass::text;
 }
-
-#endif

@@ -2,34 +2,12 @@
 // cached although the cache has moved on brings back what is gone.
 #include "query/ndm_port.h"
 #include "tests/query/topology.h"
-#include "tq_dm_cache/dm_cache_status.h"
-
-#include <future>
-#include <thread>
-
-extern "C" {
-int32_t __real_tq_mom_scan_sync(tq_mom_handle *, uint32_t, const ProtobufCMessage *, int32_t, tq_mom_msg_cb, void *);
-int32_t __wrap_tq_mom_scan_sync(tq_mom_handle *, uint32_t, const ProtobufCMessage *, int32_t, tq_mom_msg_cb, void *);
-}
-
-static std::function<void(tq_mom_msg_cb, void *)> before_scan;
-
-int32_t __wrap_tq_mom_scan_sync(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *tmpl, int32_t reserved,
-                                tq_mom_msg_cb callback, void *priv) {
-    if (before_scan) before_scan(callback, priv);
-    return __real_tq_mom_scan_sync(handle, db, tmpl, reserved, callback, priv);
-}
 
 class StoreRead : public Topology {};
 
 namespace {
 
-void expect_unlocked() {
-    std::packaged_task<void()> take([] { EXPECT_EQ(dm_cache_lock() + dm_cache_unlock(), 0); });
-    auto taken = take.get_future();
-    std::thread(std::move(take)).detach();
-    EXPECT_EQ(taken.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-}
+constexpr auto expect_unlocked = [] { EXPECT_TRUE(another_thread_can_lock()); };
 
 // The answer and one field of a copy that is handed out, or the second entry of an array.
 template <class T, class Ask> std::string copied(int32_t T::*field, const Ask &ask_for) {
@@ -45,12 +23,6 @@ template <class Ask> std::string second(const Ask &ask_for) {
     return types ? each(answer, types[1]) : each(answer);
 }
 constexpr auto switches = &PDev__DmCardStattrT::switch_num;
-
-uint32_t refused(int32_t row) {
-    dm_cache_stats stats{};
-    dm_cache_get_stats(row, &stats, sizeof stats);
-    return stats.refused;
-}
 
 struct Read {
     const char *how;  // as a record, or as a bare object
@@ -201,11 +173,11 @@ TEST_F(StoreRead, ScansForAPort) {
     EXPECT_EQ(scanned("scan", 30, SET, global(0, 55)), "0 4;2 2 55;");
     EXPECT_EQ(scanned("get", 7, DELETE, static_port(1, 3, 0, 7)), "-1 ~;0 0 -1;");
     EXPECT_EQ(scanned("get", 7, SET, static_port(1, 3, 0, 7).set("static_info.user_port", 9)), "0 4;2 2 0;");
-    const uint32_t before = refused(30);
+    const uint32_t before = counters(30).refused;
     platform.during_read = [] { obj_sub_list[30].obj_list->count = DM_CACHE_LIST_LIMIT; };
     receive(30, DELETE, global(0, 0));
     EXPECT_EQ(ask(ndm_get_vsdid_by_objid_rt, wanted, out), "-1 ~;");
-    EXPECT_EQ(refused(30), before + 1);
+    EXPECT_EQ(counters(30).refused, before + 1);
     obj_sub_list[30].obj_list->count = 1;
 }
 
@@ -238,15 +210,11 @@ TEST_F(StoreRead, ScansForTheLocalPorts) {
 TEST_F(StoreRead, KeepsTheLaterOfTwoThatAScanBrings) {
     const auto local = [](int32_t lport) { return local_port(0, 1, lport).set("static_info.pd_medium_type", 2); };
     const auto global = [](int32_t ifx) { return global_port(4, 1, 3, 0, 7, ifx); };
-    const auto scan_brings = [](const Message &first, const Message &second, std::function<void()> between) {
-        before_scan = [&first, &second, between](tq_mom_msg_cb callback, void *priv) {
-            for (const Message *each : {&first, &second}) {
-                if (each == &second) between();
-                store_msg msg{};
-                msg.cmd = SET;
-                msg.value = each->get();
-                callback(&platform.handle, &msg, priv);
-            }
+    const auto scan_brings_two = [](int32_t row, const Message(&objects)[3], bool pushed) {
+        platform.before_scan = [&objects, row, pushed](const Request &scan) {
+            scan.deliver(SET, objects[0].get());
+            if (pushed) receive(row, SET, objects[2]);
+            scan.deliver(SET, objects[1].get());
         };
     };
     set(10, "lport_num:2");
@@ -254,19 +222,15 @@ TEST_F(StoreRead, KeepsTheLaterOfTwoThatAScanBrings) {
     for (const bool pushed : {false, true}) {
         for (const int32_t row : {8, 30}) receive(row, DELETE, row == 8 ? local(1) : global(1));
         const Message ports[] = {local(11), local(12), local(13)}, globals[] = {global(21), global(22), global(23)};
-        scan_brings(ports[0], ports[1], [&] {
-            if (pushed) receive(8, SET, ports[2]);
-        });
+        scan_brings_two(8, ports, pushed);
         int32_t lport = 0, n = 1;
         EXPECT_EQ(dm::_ndm_get_my_card_multi_lport(&lport, &n, 1), 0);
         EXPECT_EQ(lport, pushed ? 13 : 12);
-        scan_brings(globals[0], globals[1], [&] {
-            if (pushed) receive(30, SET, globals[2]);
-        });
+        scan_brings_two(30, globals, pushed);
         EXPECT_EQ(ask(ndm_get_vsdid_by_objid_rt, 0x14040300, out), "0 4;");
         EXPECT_EQ(ndm_get_global_ifx_by_objid(0x14040300), pushed ? 23 : 22);
     }
-    before_scan = nullptr;
+    platform.before_scan = nullptr;
 }
 
 // A reply is of the kind that was asked for, or it is no answer.
@@ -274,12 +238,12 @@ TEST_F(StoreRead, RefusesARepliedObjectOfAnotherKind) {
     platform.instead = vsd_port(1, 2, 3, 7, 5);
     for (const int32_t row : {2, 11, 17}) {
         drop(row, row == 11 ? line_card : row == 17 ? "index{devid:1 slotid:7 sslotid:2}" : "");
-        const uint32_t before = refused(row);
+        const uint32_t before = counters(row).refused;
         EXPECT_EQ(row == 2    ? ask(_ndm_get_my_card_type_rt, out, 1)
                   : row == 17 ? ask(ndm_get_card_type_by_slot, 1, 7, 2, out, 1)
                               : copied(switches, [](auto *to) { return dm::ndm_get_card_obj_by_type(645, to, 1); }),
                   row == 11 ? "-1;" : "-1 ~;");
-        EXPECT_EQ(refused(row), before + 1);
+        EXPECT_EQ(counters(row).refused, before + 1);
     }
     platform.instead = Message();
     EXPECT_EQ(platform.unreleased, 0);
@@ -288,29 +252,24 @@ TEST_F(StoreRead, RefusesARepliedObjectOfAnotherKind) {
 // What a damaged store hands to a scan must neither end it nor be taken for a port.
 TEST_F(StoreRead, ScansPastWhatIsNoObject) {
     set(10, "lport_num:2");
-    const uint32_t before[] = {refused(8), refused(30)};
+    const uint32_t before[] = {counters(8).refused, counters(30).refused};
     const Message port = object(8, "index{cport:1} static_info{lport:11}"), other = global_port(4, 9, 9, 9, 7, 9),
                   alien = card(1, 3, 0);
     Strings answers;
-    before_scan = [&](tq_mom_msg_cb callback, void *priv) {
+    platform.before_scan = [&](const Request &scan) {
         result_rec bad = {port.get(), {}, 5}, empty = {nullptr, {}, 0};
-        const auto deliver = [&](int32_t cmd, void *value) {
-            store_msg msg{};
-            msg.cmd = cmd;
-            msg.value = value;
-            return callback(&platform.handle, &msg, priv);
-        };
         // The last one is taken; or passed over, as it is not the port that is wanted.
-        answers.push_back(each(callback(&platform.handle, nullptr, priv), deliver(REPLY, nullptr), deliver(REPLY, &bad),
-                               deliver(REPLY, &empty), deliver(SET, nullptr), deliver(OTHER, port.get()),
-                               deliver(SET, alien.get()), deliver(SET, answers.empty() ? port.get() : other.get())));
+        answers.push_back(each(scan.callback(&platform.handle, nullptr, scan.privdata), scan.deliver(REPLY, nullptr),
+                               scan.deliver(REPLY, &bad), scan.deliver(REPLY, &empty), scan.deliver(SET, nullptr),
+                               scan.deliver(OTHER, port.get()), scan.deliver(SET, alien.get()),
+                               scan.deliver(SET, answers.empty() ? port.get() : other.get())));
     };
     int32_t lport, n = 1;
     EXPECT_EQ(dm::_ndm_get_my_card_multi_lport(&lport, &n, 1), 0);
     EXPECT_EQ(cached(8), 1);
     EXPECT_EQ(ask(ndm_get_vsdid_by_objid_rt, 0x14040300, out), "-1 ~;");
     EXPECT_EQ(answers, Strings(2, "-1 -1 -1 -1 -1 -1 -1 0;"));
-    EXPECT_EQ(refused(8) - before[0], 5U);
-    EXPECT_EQ(refused(30) - before[1], 5U);
-    before_scan = nullptr;
+    EXPECT_EQ(counters(8).refused - before[0], 5U);
+    EXPECT_EQ(counters(30).refused - before[1], 5U);
+    platform.before_scan = nullptr;
 }

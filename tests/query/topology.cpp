@@ -1,7 +1,6 @@
 // Describes the unit message by message, as the device manager would.
 #include "tests/query/topology.h"
 
-#include <cstdlib>
 #include <regex>
 
 // Ports of the card itself: 1, 2 (on both chips), 300, 556. Of sub-card 1: 40, and 41, which it does not know. Of sub-card 2,

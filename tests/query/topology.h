@@ -1,20 +1,10 @@
-#ifndef TQ_DM_TESTS_TOPOLOGY_H
-#define TQ_DM_TESTS_TOPOLOGY_H
-
 // A small unit in a live cache, and short ways to ask it. A chassis (device 1) has main boards in 30 and 31, line cards in
 // 3, where this process runs, and in 4, a sub-card in 3/1 and a card without description in 5. Device 2 is a box with a
 // sub-card, devices 3 and 4 are badly described. The store is empty.
+#pragma once
 
 #include "tests/support/live_cache.h"
-#include "tests/support/log_capture.h"
-
 #include "tq_dm_cache/ndm.h"
-#include "tq_dm_cache/p_dev.pb-c.h"
-
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <tuple>
 
 // An object from its fields: "index{devid:1} slot_index:-1,2 name:'a box'". Messages of a repeated field are named each by
 // each; of another field that is named twice the second holds.
@@ -85,5 +75,3 @@ template <class Ask> std::string over(std::initializer_list<int64_t> values, con
     for (const int64_t value : values) all += ask_with(static_cast<int32_t>(value));
     return all;
 }
-
-#endif

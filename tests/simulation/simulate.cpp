@@ -78,7 +78,6 @@ public:
 private:
     void step() {
         ++now;
-        count("steps");
         if (!up_ && random.percent(15)) come_back();
         if (up_ && random.below(1000) < loss_rate_) lose();
         const int32_t roll = random.below(100);
@@ -320,8 +319,7 @@ private:
                 client_sets_object(row, random_object(random, row, ghost_keys));
     }
 
-    // Once a full application was done on a connection: what the store has held unchanged since the connection was made is
-    // cached, at any time.
+    // After a full application on a connection: what has not changed in the store since it was made is cached, at any time.
     void check_complete() const {
         for (const auto &[place, object] : content_) {
             if (object.damaged || object.since >= up_since_ || !follows(place.row) || late_rows.contains(place.row))

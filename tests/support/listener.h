@@ -1,7 +1,5 @@
-#ifndef TQ_DM_TESTS_LISTENER_H
-#define TQ_DM_TESTS_LISTENER_H
-
 // Pictures of what a store and a cache hold, and a client that keeps one of its own from what it is told.
+#pragma once
 
 #include <array>
 #include <map>
@@ -28,8 +26,7 @@ std::string difference(const Picture &cache, const Picture &wanted);
 // Any thread.
 class Listener {
 public:
-    // A change callback: ends the run as failed when the change does not fit what was told before, or the cache does not
-    // show it.
+    // A change callback: a change that does not fit what was told before, or that the cache does not show, fails the run.
     void told(int32_t row, int32_t operation, const ProtobufCMessage *message);
 
     // The client is about to put an object into the cache itself.
@@ -72,5 +69,3 @@ private:
     Picture objects_;
     bool is_filled_ = false;  // told of something behind the first phase
 };
-
-#endif

@@ -1,13 +1,9 @@
-// Catches standard output in an anonymous file in memory.
+// The log as tests compare it.
 #include "tests/support/log_capture.h"
 
 #include "tq_dm_cache/dm_cache.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cstdarg>
-#include <cstdio>
 #include <regex>
 
 std::string text(const char *format, ...) {
@@ -33,27 +29,12 @@ std::string at_threshold(int threshold, const std::vector<std::string> &lines, i
     return all;
 }
 
-LogCapture::LogCapture(int threshold, int query_threshold)
-    : file_(memfd_create("log", MFD_CLOEXEC)), stdout_(dup(STDOUT_FILENO)) {
-    std::fflush(stdout);
-    dup2(file_, STDOUT_FILENO);
+LogCapture::LogCapture(int threshold, int query_threshold) : Capture(STDOUT_FILENO) {
     g_dm_cache_level = threshold;
     g_ndm_lib_dbg_lvl = query_threshold;
 }
 
-// What nobody took is passed on: it may be the report of a failed test.
-LogCapture::~LogCapture() {
-    const std::string rest = take();
-    dup2(stdout_, STDOUT_FILENO);
-    std::fputs(rest.c_str(), stdout);
-    close(stdout_);
-    close(file_);
-}
-
 std::string LogCapture::take() {
-    std::fflush(stdout);
-    std::string written(static_cast<size_t>(lseek(file_, 0, SEEK_END) - taken_), '\0');
-    taken_ += pread(file_, written.data(), written.size(), taken_);
     static const std::regex place("(\\[DM-CACHE\\]<\\w+:)[0-9]+:");
-    return std::regex_replace(written, place, "$1#:");
+    return std::regex_replace(Capture::take(), place, "$1#:");
 }

@@ -1,12 +1,9 @@
-#ifndef TQ_DM_TESTS_LOG_CAPTURE_H
-#define TQ_DM_TESTS_LOG_CAPTURE_H
-
 // What a test expects in the log, and what was written. One thread at a time.
+#pragma once
 
-#include <sys/types.h>
-
-#include <string>
 #include <vector>
+
+#include "tests/support/capture.h"
 
 // The text of printf with these arguments.
 __attribute__((format(printf, 1, 2))) std::string text(const char *format, ...);
@@ -17,20 +14,9 @@ __attribute__((format(printf, 1, 2))) std::string text(const char *format, ...);
 // with the other threshold.
 std::string at_threshold(int threshold, const std::vector<std::string> &lines, int query_threshold = 3);
 
-// Catches standard output in memory while it lives.
-class LogCapture {
+// Standard output, each line number of the log as #.
+class LogCapture : Capture {
 public:
     explicit LogCapture(int threshold = 0, int query_threshold = 3);  // writes g_dm_cache_level, g_ndm_lib_dbg_lvl
-    ~LogCapture();
-    LogCapture(const LogCapture &) = delete;
-
-    // What was written since the last call, each line number as #.
     std::string take();
-
-private:
-    int file_;
-    int stdout_;
-    off_t taken_ = 0;
 };
-
-#endif

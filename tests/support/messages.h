@@ -1,8 +1,5 @@
-#ifndef TQ_DM_TESTS_MESSAGES_H
-#define TQ_DM_TESTS_MESSAGES_H
-
-// Messages for tests: make one by the name of its kind, set fields by name, give it to the store or to the cache. Knows
-// the schema only; takes no lock.
+// Messages for tests: made by the name of their kind, their fields set by name. Knows the schema only; takes no lock.
+#pragma once
 
 #include "dmq/message.h"
 
@@ -13,8 +10,7 @@
 #include <string_view>
 #include <utility>
 
-// An owned message. A field is named by its path, "index.slotid"; messages on the way are made. A wrong path ends the
-// program with its name.
+// An owned message. A field is named by its path, "index.slotid"; messages on the way are made. A wrong path ends the run.
 class Message {
 public:
     using Field = std::pair<std::string_view, int64_t>;
@@ -67,5 +63,3 @@ Message static_port(int32_t dev, int32_t slot, int32_t port, int32_t type);  // 
 Message local_port(int32_t unit, int32_t cport, int32_t lport);
 Message global_port(int32_t vsdid, int32_t dev, int32_t slot, int32_t port, int32_t type, int32_t ifx);
 Message vsd_port(int32_t dev, int32_t slot, int32_t port, int32_t type, int32_t ifx);
-
-#endif

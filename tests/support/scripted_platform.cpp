@@ -22,12 +22,8 @@ int32_t call(const std::string &text) {
     }
     if (platform.during_call) platform.during_call(text);
     int32_t answer = 0;
-    size_t longest = 0;
-    for (const auto &[start, code] : platform.answers) {
-        if (!text.starts_with(start) || start.size() < longest) continue;
-        longest = start.size();
-        answer = code;
-    }
+    for (const auto &[start, code] : platform.answers)
+        if (text.starts_with(start)) answer = code;  // the longest comes last
     return answer;
 }
 
@@ -95,7 +91,7 @@ int32_t Request::deliver(int32_t cmd, void *value, int32_t flag, int32_t result)
     msg.value = value;
     msg.flag = flag;
     msg.result = result;
-    return callback(&platform.handle, &msg, privdata);
+    return callback(handle ? handle : &platform.handle, &msg, privdata);
 }
 
 int32_t Request::reply(const Message &object, bool damaged) const {
@@ -183,42 +179,43 @@ int32_t tq_mom_client_connect_sync(tq_mom_handle *, int32_t) {
     return call("connect_sync");
 }
 
-int32_t tq_mom_subscribe(tq_mom_handle *, uint32_t db, const ProtobufCMessage *tmpl, int32_t, tq_mom_msg_cb callback,
-                         void *privdata) {
+int32_t tq_mom_subscribe(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *tmpl, int32_t,
+                         tq_mom_msg_cb callback, void *privdata) {
     const int32_t answer = call(text("subscribe", db, tmpl));
     if (answer != 0) return answer;
-    const Request asked{db, tmpl->descriptor, callback, privdata};
+    const Request asked{db, tmpl->descriptor, callback, privdata, handle};
     const auto same = std::ranges::find_if(platform.subscriptions, [&](const Request &each) { return each.is(asked); });
     same == platform.subscriptions.end() ? platform.subscriptions.push_back(asked) : void(*same = asked);
     return 0;
 }
 
-int32_t tq_mom_subscribe_field(tq_mom_handle *, uint32_t db, const ProtobufCMessage *key, int32_t,
+int32_t tq_mom_subscribe_field(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *key, int32_t,
                                const uint32_t *field_numbers, tq_mom_msg_cb *callbacks, void **privdata, int32_t n) {
     std::string line = text("subscribe_field", db, key);
     for (int32_t i = 0; i < n; ++i) line += ' ' + std::to_string(field_numbers[i]);
     const int32_t answer = call(line);
     for (int32_t i = 0; i < n && answer == 0; ++i)
         platform.subscriptions.push_back(
-            {db, key->descriptor, callbacks[i], privdata[i], i > 0, true, field_numbers[i]});
+            {db, key->descriptor, callbacks[i], privdata[i], handle, i > 0, true, field_numbers[i]});
     return answer;
 }
 
-int32_t tq_mom_scan(tq_mom_handle *, uint32_t db, const ProtobufCMessage *tmpl, int32_t, tq_mom_msg_cb callback,
+int32_t tq_mom_scan(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *tmpl, int32_t, tq_mom_msg_cb callback,
                     void *privdata) {
     const int32_t answer = call(text("scan", db, tmpl));
-    if (answer == 0) platform.scans.push_back({db, tmpl->descriptor, callback, privdata});
+    if (answer == 0) platform.scans.push_back({db, tmpl->descriptor, callback, privdata, handle});
     return answer;
 }
 
 int32_t tq_mom_scan_sync(tq_mom_handle *, uint32_t db, const ProtobufCMessage *tmpl, int32_t, tq_mom_msg_cb callback,
                          void *privdata) {
+    const Request asked{db, tmpl->descriptor, callback, privdata};
+    if (platform.before_scan) platform.before_scan(asked);
     ++platform.reads;
     const int32_t answer = call(text("scan_sync", db, tmpl));
     const auto found = stored(db, tmpl->descriptor);
     if (platform.during_read) platform.during_read();
     if (answer != 0) return answer;
-    const Request asked{db, tmpl->descriptor, callback, privdata};
     for (const Message &object : found) asked.reply(object);
     return 0;
 }

@@ -1,9 +1,7 @@
-#ifndef TQ_DM_TESTS_SCRIPTED_PLATFORM_H
-#define TQ_DM_TESTS_SCRIPTED_PLATFORM_H
-
 // A platform that does nothing by itself: it writes down what the library asks for, answers what the test says, and
 // delivers when the test calls. Timers run by hand, in virtual time. One thread at a time, except for synchronous reads
 // and writes of objects, which any thread may make meanwhile.
+#pragma once
 
 #include "tests/support/messages.h"
 
@@ -22,9 +20,10 @@ struct Request {
     const ProtobufCMessageDescriptor *kind = nullptr;
     tq_mom_msg_cb callback = nullptr;
     void *privdata = nullptr;
-    bool confirmed = false;  // subscriptions only
-    bool sent = false;       // for a test that models the way to the store
-    uint32_t field = 0;      // subscriptions to a field only
+    tq_mom_handle *handle = nullptr;  // null: the platform's own
+    bool confirmed = false;           // subscriptions only
+    bool sent = false;                // for a test that models the way to the store
+    uint32_t field = 0;               // subscriptions to a field only
 
     bool is(const Request &other) const {
         return db == other.db && kind == other.kind && callback == other.callback && privdata == other.privdata;
@@ -68,8 +67,9 @@ struct ScriptedPlatform {
     static constexpr int32_t no_reply = INT32_MIN;
     std::map<std::string, int32_t> answers;
     std::function<void(const std::string &call)> during_call;
-    std::function<void()> during_read;  // the store has answered, the reader has not got it yet
-    Message instead;                    // what a synchronous read finds, whatever it asks for
+    std::function<void()> during_read;                 // the store has answered, the reader has not got it yet
+    std::function<void(const Request &)> before_scan;  // a synchronous one
+    Message instead;                                   // what a synchronous read finds, whatever it asks for
     int32_t reconnect_scan_ms = 10;
     std::map<std::string, int32_t> capabilities;
     int64_t now_ms = 0;
@@ -93,5 +93,3 @@ struct ScriptedPlatform {
 };
 
 extern ScriptedPlatform platform;
-
-#endif

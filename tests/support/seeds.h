@@ -1,10 +1,8 @@
-#ifndef TQ_DM_TESTS_SEEDS_H
-#define TQ_DM_TESTS_SEEDS_H
-
 // Programs that search: one seed is one run in a process of its own, since the library lives as long as its process.
 //
 //   PROGRAM --runs 2000 --SIZE 500 --first 1    many seeds
 //   PROGRAM --seed 17 --SIZE 500 --trace        one seed, with everything that happens
+#pragma once
 
 #include <cstdint>
 
@@ -16,8 +14,7 @@ struct SeedProgram {
     void (*run)(uint64_t seed, long size, bool trace);
 };
 
-// Returns when every run has ended: 0 when none failed, 1, or 2 for a wrong command line. Prints how many failed, and what
-// was counted.
+// Prints how many runs failed, and what was counted: 0 when none failed, 1, or 2 for a wrong command line.
 int run_seeds(const SeedProgram &program, int argc, char **argv);
 
 // Adds to what all runs did: each literal is a total of its own, at most 16. Any thread.
@@ -25,5 +22,3 @@ void count(const char *what, long more = 1);
 
 // Ends a run: says why, and how to see it again.
 [[noreturn]] void fail(const char *format, ...) __attribute__((format(printf, 1, 2)));
-
-#endif

@@ -3,11 +3,7 @@
 
 #include <algorithm>
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
-#include <set>
 
-#include "tq_dm_cache/dm_cache_status.h"
 #include "tq_dm_cache/dm_cache_sync.h"
 #include "tq_dm_cache/dm_port_index.h"
 
@@ -15,8 +11,7 @@ namespace {
 
 World *world = nullptr;
 
-// Every field of the key but the last takes one bit of `key`, the last takes the rest. Fields that do not tell objects
-// apart stay the same.
+// Each field of the key takes one bit of `key`, the last one the rest; one that tells no objects apart stays the same.
 void set_key(Message &message, int32_t row, int32_t key) {
     const auto fields = dmq::fields_of(*dmq::sub_type(*dmq::key_field(*kind_of(row))));
     for (const auto &field : fields) {

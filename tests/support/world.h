@@ -1,9 +1,7 @@
-#ifndef TQ_DM_TESTS_WORLD_H
-#define TQ_DM_TESTS_WORLD_H
-
 // A writer that changes a store by chance, the cache that follows the store, and clients that keep a picture of their own:
 // at rest all of them are equal. One seed is one run. A road leads from the writer to the cache: it says how a write gets out,
 // what can go wrong on the way, and how all comes to rest. simulation/ has one in virtual time, faults/ one over a server.
+#pragma once
 
 #include <list>
 #include <random>
@@ -74,5 +72,3 @@ private:
 
     const bool trace_, own_index_keys_;
 };
-
-#endif
