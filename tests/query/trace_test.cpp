@@ -1,4 +1,4 @@
-// What a listener is told of a query's reads, and the line about a row that nobody follows. Whoever
+// What a listener is told of a query's reads, which rows a query needs, and the line about a row that nobody follows. Whoever
 // looks for the cause of a wrong answer goes where these lead.
 #include "tests/query/topology.h"
 
@@ -110,4 +110,35 @@ TEST(Unfollowed, IsSaidOnceARowAndStart) {
     EXPECT_EQ(ndm_is_vsu() + ndm_get_device_num() + ndm_local_is_online(3, 0), 0);
     EXPECT_EQ(drained(&said), (Strings{line("13 p_dev.dp_lib_my_chss_info"), line("14 p_dev.local_card_info")}));
     dm_cache_set_log(nullptr, nullptr);
+}
+
+// Nobody needs to know which rows a question goes to.
+TEST(FollowFor, EnablesTheRowsOfAQuery) {
+    const auto enabled = [] {
+        std::string rows;
+        for (int32_t row = 0; row < obj_sub_list_max; ++row)
+            if (obj_sub_list[row].enable) rows += std::to_string(row) + ' ';
+        return rows;
+    };
+    for (const char *name : {"", "ndm_get_master_nod", "ndm_get_master_node ", static_cast<const char *>(nullptr)})
+        EXPECT_EQ(dm_cache_follow_for(name), -1);
+    EXPECT_EQ(dm_cache_follow_for("ndm_get_objid_by_slot_lport"), 0);  // a conversion
+    EXPECT_EQ(enabled(), "");
+    dm_cache_sub_obj(15, nullptr, DM_CACHE_NO_STORE);
+    EXPECT_EQ(dm_cache_follow_for("ndm_get_master_node"), 0);
+    EXPECT_EQ(enabled(), "15 ");
+    start({1});
+    platform.put(object("p_dev.dp_lib_grole", "global_master{devid:1 slotid:30}"));
+    platform.put(static_port(1, 3, 9, 7));
+    platform.put(global_port(0, 1, 3, 9, 7, 5));
+    platform.synchronise();
+    EXPECT_EQ(ndm_get_master_node(), 0xC041E00u);
+
+    platform.calls.clear();
+    EXPECT_EQ(dm_cache_follow_for("ndm_get_global_ifx_by_objid"), 0);
+    EXPECT_EQ(platform.calls, (Strings{"subscribe 1 p_dev.port_static", "subscribe 1 p_dev.vsd_port"}));
+    platform.confirm();
+    platform.answer_scans();
+    EXPECT_EQ(ndm_get_global_ifx_by_objid(0x14040309), 5);
+    EXPECT_EQ(enabled(), "1 7 15 30 ");
 }
