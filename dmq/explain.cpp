@@ -112,20 +112,24 @@ void print_road(const Question &question, const Road &road, const Json &values, 
                          {"because", cause}}));
 }
 
+// Nothing: it is live. A cache that is not live in time is explained as it is.
+std::optional<Failure> wait_until_live(Context &context, const Command &command) {
+    try {
+        context.synchronised({}, command.settings);
+        return std::nullopt;
+    } catch (const Failure &failure) {
+        if (failure.code != exit_timeout || left_behind) throw;
+        return failure;
+    }
+}
+
 }  // namespace
 
-// A cache that is not live in time is explained as it is.
 Exit run_explain(Context &context, const Command &command) {
     if (command.words.empty()) throw Failure(exit_usage, "explain needs the name of a query; see dmq call --list");
     const Query &query = find_query(command.words[0], "explain");
     const auto question = std::make_shared<Question>(query, command.words, "explain");
-    std::optional<Failure> late;
-    if (!query.pure) try {
-            context.synchronised({}, command.settings);
-        } catch (const Failure &failure) {
-            if (failure.code != exit_timeout || left_behind) throw;
-            late = failure;
-        }
+    const std::optional<Failure> late = query.pure ? std::nullopt : wait_until_live(context, command);
     const auto ask = [question, words = command.words, quiet = !command.settings.log] {
         Road road = walk_road(*question, quiet);
         const Json values = question->values(road.answer.result);
