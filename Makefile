@@ -105,9 +105,12 @@ lint-quick:
 	scripts/setup.sh build test lint
 	scripts/lint.sh quick
 
-# docs/queries.md, which is made of the headers of the queries.
+# docs/queries.md, which is made of the headers of the queries, and the rows that each reads, which is found by asking it.
 docs:
-	python3 scripts/queries.py docs
+	scripts/setup.sh build test
+	cmake --preset default
+	cmake --build build -j$(JOBS) --target query_reads
+	python3 scripts/queries.py docs build/tests/dmq/query_reads
 
 install: build/dmq/dmq
 	DESTDIR='$(DESTDIR)' cmake --install build --prefix '$(PREFIX)'

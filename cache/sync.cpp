@@ -33,6 +33,7 @@
 #include "base/lock.h"
 #include "base/log.h"
 #include "base/store_message.h"
+#include "base/trace.h"
 #include "cache/age.h"
 #include "cache/apply.h"
 #include "cache/events.h"
@@ -266,7 +267,9 @@ void leave_applying() {
     for_followed_rows([](int32_t row, const obj_sub_entry &) {
         if (!is_apart(row_sync[row])) has_become_equal(row_sync[row]);
     });
-    note_applied(!status_synced());  // who has waited for it, and follows then, is not told of it
+    const bool is_first = !status_synced();
+    if (is_first) expect_unfollowed(true);  // before it every answer may be wrong
+    note_applied(is_first);                 // who has waited for it, and follows then, is not told of it
     status_applied();
     store(machine_is_live, uint8_t{1});
 }
@@ -331,6 +334,7 @@ void reset_machine() {
     enter(State::subscribing);
     store(subscribed_databases, 0u);
     set_proc_done(0);
+    expect_unfollowed(false);
     status_restarted();
 }
 

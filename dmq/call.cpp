@@ -1,268 +1,14 @@
-// Any public query by its name: its arguments from words, its answer with the names and the meaning of what it wrote. What
-// an argument is for follows from its type and its name by one table. Each query takes the cache lock as its header says.
-#include "dmq/call.h"
-
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
+// `call`: any public query by its name, its answer with the names and the meaning of what it wrote. Each query takes the cache
+// lock as its header says.
+#include <memory>
 
 #include "dmq/complete.h"
+#include "dmq/question.h"
 #include "tq_dm_cache/ndm.h"
 
 namespace dmq {
 
 namespace {
-
-struct Argument;
-
-constexpr int32_t numbers_room = 512;
-constexpr size_t word_size = sizeof(void *);
-
-Json number_there(const Argument &argument, size_t i);
-Json number_handed_out(const Argument &argument, size_t i);
-Json object_handed_out(const Argument &argument, size_t i);
-Json text_there(const Argument &argument, size_t i);
-Json bytes_there(const Argument &argument, size_t i);
-
-// How many elements the query wrote.
-enum class Count { one, list, array };  // a list has memory here for all of them, so an empty one is one too
-
-// What dmq does with an argument: asks for it, passes a number of its own, or passes memory and shows what the query
-// writes there.
-constexpr struct Use {
-    Pass pass;
-    std::string_view name;                         // empty: any other
-    bool asked = false;                            // of the person
-    size_t size = 0;                               // of the memory
-    Json (*shown)(const Argument &, size_t) = {};  // an element that the query wrote; null: not shown
-    Count count = Count::one;
-    void (*release)(void *) = {};  // what the query hands out, an address a word
-} uses[] = {
-    {Pass::s32, "len"},
-    {Pass::s32, "reserved"},
-    {Pass::s32, "", true},
-    {Pass::u32, "", true},
-    {Pass::u8, "", true},
-    {Pass::text, "", true},
-    {Pass::s32_out, "reserved", false, word_size},
-    {Pass::s32_out, "lports", false, numbers_room * sizeof(int32_t), number_there, Count::list},
-    {Pass::s32_out, "", false, word_size, number_there},
-    {Pass::u32_out, "", false, word_size, number_there},
-    {Pass::u8_out, "mac", false, 6, bytes_there},
-    {Pass::u8_out, "", false, word_size, number_there},
-    {Pass::text_out, "", false, 1024, text_there},
-    {Pass::s32_array, "", false, word_size, number_handed_out, Count::array, std::free},
-    {Pass::u32_array, "", false, word_size, number_handed_out, Count::array, std::free},
-    {Pass::object, "ports", false, 256 * word_size, object_handed_out, Count::list, ndm_port_obj_free},
-    {Pass::object, "", false, word_size, object_handed_out, Count::one, ndm_port_obj_free},
-};
-
-struct Argument {
-    Argument() = default;
-    Argument(const Argument &) = delete;
-    ~Argument() {
-        for (size_t i = 0; use->release && i < memory.size() / word_size; ++i) use->release(at<void *>(i));
-    }
-
-    std::string_view name;
-    const Use *use = uses;
-    std::string memory;  // what its word points to
-    std::string before;
-    uintptr_t word = 0;
-
-    bool written() const { return memory != before; }
-    bool counts() const { return use->pass == Pass::s32_out && (name == "num" || name == "count"); }
-
-    template <class T> T at(size_t i) const {
-        T value;
-        std::memcpy(&value, memory.data() + i * sizeof value, sizeof value);
-        return value;
-    }
-};
-
-// `previous` is the argument before it: a length or a count speaks of that.
-void prepare(Argument &argument, Pass pass, const Argument *previous) {
-    static constexpr char untouched = '\xA5';  // so that it shows what a query leaves alone
-    const Use &use = *std::find_if(std::begin(uses), std::end(uses), [&](const Use &one) {
-        return one.pass == pass && (one.name.empty() || one.name == argument.name);
-    });
-    argument.use = &use;
-    if (use.pass == Pass::s32 && use.name == "len") argument.word = previous->memory.size();
-    if (use.size == 0) return;
-    argument.memory.assign(use.size, use.release ? '\0' : untouched);
-    if (argument.counts() && previous->use->count == Count::list && !previous->use->release)
-        std::memcpy(argument.memory.data(), &numbers_room, sizeof numbers_room);
-    argument.before = argument.memory;
-    argument.word = reinterpret_cast<uintptr_t>(argument.memory.data());
-}
-
-std::vector<Argument> arguments_of(const Query &query) {
-    std::vector<Argument> arguments(query.callable.passes.size());
-    std::string_view names = query.parameters;
-    for (size_t i = 0; i < arguments.size(); ++i) {
-        arguments[i].name = names.substr(0, names.find(' '));
-        names.remove_prefix(std::min(names.size(), arguments[i].name.size() + 1));
-        prepare(arguments[i], query.callable.passes[i], i ? &arguments[i - 1] : nullptr);
-    }
-    return arguments;
-}
-
-bool is_node(std::string_view name) {
-    return name == "node" || name == "nodes";
-}
-
-bool is_port(std::string_view name) {
-    return name == "objid" || name == "phyid";
-}
-
-// The enumeration whose values an argument takes or a query writes there, or null.
-const ProtobufCEnumDescriptor *enumeration_of(const Query &query, std::string_view name) {
-    return name == "type" || name == "port_type" ? dm_schema_find_enum(query.enumeration) : nullptr;
-}
-
-// "1/30/0": device, slot, and the sub-slot of a node or the logical port of a port.
-std::optional<int64_t> number_of_place(std::string_view name, const std::string &text) {
-    if (!is_node(name) && !is_port(name)) return std::nullopt;
-    const size_t first = text.find('/'), second = text.find('/', first + 1);
-    if (second == std::string::npos) return std::nullopt;
-    const std::string_view view = text;
-    const auto dev = whole_number<int32_t>(view.substr(0, first));
-    const auto slot = whole_number<int32_t>(view.substr(first + 1, second - first - 1));
-    const auto rest = whole_number<int32_t>(view.substr(second + 1));
-    const auto build = is_node(name) ? ndm_get_node_from_dev_slot_cpuid : ndm_get_objid_by_slot_lport;
-    uint32_t id = 0;
-    if (!dev || !slot || !rest || build(*dev, *slot, *rest, &id) != 0) return std::nullopt;
-    return id;
-}
-
-uintptr_t read_number(const Query &query, const Argument &argument, const std::string &text) {
-    const auto *names = enumeration_of(query, argument.name);
-    const auto *named = names ? protobuf_c_enum_descriptor_get_value_by_name(names, text.c_str()) : nullptr;
-    std::optional<int64_t> value = named ? std::optional<int64_t>(named->value) : whole_number<int64_t>(text);
-    if (!value) value = number_of_place(argument.name, text);
-    const int64_t least = argument.use->pass == Pass::s32 ? INT32_MIN : 0;
-    const int64_t most = argument.use->pass == Pass::s32  ? INT32_MAX
-                         : argument.use->pass == Pass::u8 ? UINT8_MAX
-                                                          : UINT32_MAX;
-    if (value && *value >= least && *value <= most) return static_cast<uintptr_t>(*value);
-    const std::string also = is_node(argument.name)   ? " or device/slot/sub-slot"
-                             : is_port(argument.name) ? " or device/slot/logical-port"
-                             : names                  ? " or a name of " + std::string(names->name)
-                                                      : "";
-    throw Failure(exit_usage, std::string(query.name) + ": " + std::string(argument.name) +
-                                  " needs a whole number from " + std::to_string(least) + " to " +
-                                  std::to_string(most) + also + ", not " + dump(text));
-}
-
-void read_words(const Query &query, std::vector<Argument> &arguments, const std::vector<std::string> &words) {
-    std::string wanted;
-    size_t count = 1;  // words[0] is the query
-    for (Argument &argument : arguments) {
-        if (!argument.use->asked) continue;
-        wanted += " " + std::string(argument.name);
-        if (count < words.size()) {
-            argument.memory = words[count];
-            argument.word = argument.use->pass == Pass::text ? reinterpret_cast<uintptr_t>(argument.memory.c_str())
-                                                             : read_number(query, argument, argument.memory);
-        }
-        ++count;
-    }
-    if (count != words.size())
-        throw Failure(exit_usage, "it is: call " + std::string(query.name) + wanted + "\n  " +
-                                      std::string(query.question) + "\n  " + std::string(query.prototype));
-}
-
-Json number_json(Pass pass, const void *numbers, size_t i) {
-    if (pass == Pass::u8_out) return static_cast<const uint8_t *>(numbers)[i];
-    if (pass == Pass::u32_out || pass == Pass::u32_array) return static_cast<const uint32_t *>(numbers)[i];
-    return static_cast<const int32_t *>(numbers)[i];
-}
-
-Json number_there(const Argument &argument, size_t i) {
-    return number_json(argument.use->pass, argument.memory.data(), i);
-}
-
-Json number_handed_out(const Argument &argument, size_t i) {
-    return number_json(argument.use->pass, argument.at<void *>(0), i);
-}
-
-Json object_handed_out(const Argument &argument, size_t i) {
-    const auto *object = argument.at<const ProtobufCMessage *>(i);
-    return object ? to_json(*object, Fields::set) : Json();
-}
-
-Json text_there(const Argument &argument, size_t) {
-    return argument.memory.c_str();
-}
-
-Json bytes_there(const Argument &argument, size_t) {
-    std::string bytes = argument.memory;
-    return to_hex({bytes.size(), reinterpret_cast<uint8_t *>(bytes.data())});
-}
-
-// What the query wrote there; null: nothing. More than one element are `count`.
-Json value_of(const Argument &argument, int64_t count) {
-    const Use &use = *argument.use;
-    if (!argument.written() && use.count != Count::list) return nullptr;
-    if (use.count == Count::one) return use.shown(argument, 0);
-    Json list = Json::array();
-    for (int64_t i = 0; i < count; ++i) list.push_back(use.shown(argument, static_cast<size_t>(i)));
-    return list;
-}
-
-// Every out-value by name. A list is counted by the argument behind it, else by the result.
-Json values_of(const std::vector<Argument> &arguments, int64_t result) {
-    Json values = Json::object();
-    for (size_t i = 0; i < arguments.size(); ++i) {
-        if (!arguments[i].use->shown) continue;
-        const bool counted = i + 1 < arguments.size() && arguments[i + 1].counts();
-        const bool known = counted && arguments[i + 1].written();
-        const int64_t count = !counted ? result : known ? arguments[i + 1].at<int32_t>(0) : 0;
-        values[std::string(arguments[i].name)] = value_of(arguments[i], count);
-    }
-    return values;
-}
-
-bool failed(int64_t result) {
-    return result < 0 || result == UINT32_MAX;
-}
-
-// Beside out-values the result says only whether they are an answer.
-bool answers(const Query &query, int64_t result, const Json &values) {
-    if (failed(result)) return false;
-    if (values.empty()) return result != 0 || !query.zero_is_no;
-    return std::none_of(values.begin(), values.end(), [&](const Json &value) {
-        return value == -1 || value == Json::array() || (query.yes_or_no && value == 0);
-    });
-}
-
-// A number that is made of fields, taken apart; nothing for any other.
-std::string fields_text(std::string_view name, uint32_t number) {
-    char text[128] = "";
-    int32_t dev = 0, slot = 0, sslot = 0;
-    ndm_get_dev_slot_cpuid_from_node(number, &dev, &slot, &sslot);
-    if (name == "dcm_addr") std::snprintf(text, sizeof text, "0x%08x", number);
-    if (is_node(name))
-        std::snprintf(text, sizeof text, "0x%08x: device %d, slot %d, sub-slot %d", number, dev, slot, sslot);
-    // Of a port's logical number two bits lie beside the slot.
-    if (is_port(name))
-        std::snprintf(text, sizeof text, "0x%08x: type %u, device %d, slot %d, sub-slot %d, logical port %u", number,
-                      number >> 26, dev, slot & 31, sslot, static_cast<uint32_t>(slot) >> 5 << 8 | (number & 0xFF));
-    return text;
-}
-
-// What a number means, when it says more than itself.
-std::string meaning_of(const Query &query, std::string_view name, bool has_outs, const Json &value) {
-    if (!value.is_number()) return "";
-    const bool is_result = name == "result";
-    if (is_result && failed(value)) return "no answer";
-    if (is_result && has_outs) return "";
-    if (query.yes_or_no) return value == 0 ? "no" : "yes";
-    const auto *names = is_result ? dm_schema_find_enum(query.enumeration) : enumeration_of(query, name);
-    if (const auto *named = names ? protobuf_c_enum_descriptor_get_value(names, value) : nullptr) return named->name;
-    if (is_result && query.question.starts_with("Which node")) name = "node";
-    return fields_text(name, static_cast<uint32_t>(value.get<int64_t>()));
-}
 
 void print_values(const Query &query, int64_t result, const Json &values) {
     Table table{{"name", "value"}, {}};
@@ -297,6 +43,12 @@ void print_json(const Query &query, int64_t result, const Json &values) {
                          {"meaning", meaning}}));
 }
 
+std::string explaining(const std::vector<std::string> &words) {
+    std::string line = "explain";
+    for (const auto &word : words) line += " " + shown(word);
+    return line;
+}
+
 Exit list_queries(const std::vector<std::string> &words, bool json) {
     Table table{{"function", "header", "prototype", "question", "callable"}, {}};
     std::string lines;
@@ -313,16 +65,6 @@ Exit list_queries(const std::vector<std::string> &words, bool json) {
     return table.rows.empty() ? exit_no : exit_yes;
 }
 
-const Query &find_query(const std::string &name) {
-    std::vector<std::string> names;
-    for (const Query &query : queries) {
-        if (query.name == name && query.callable.call) return query;
-        if (query.name == name) throw Failure(exit_usage, "call " + name + ": it takes what only a program has");
-        names.emplace_back(query.name);
-    }
-    throw Failure(exit_usage, "there is no query " + shown(name) + did_you_mean(name, names) + "; see dmq call --list");
-}
-
 }  // namespace
 
 Candidates next_query(const Asked &asked) {
@@ -337,23 +79,17 @@ Candidates next_query(const Asked &asked) {
 Exit run_call(Context &context, const Command &command) {
     if (command.list) return list_queries(command.words, command.settings.json);
     if (command.words.empty()) throw Failure(exit_usage, "call needs the name of a query; see dmq call --list");
-    const Query &query = find_query(command.words[0]);
-    const auto arguments = std::make_shared<std::vector<Argument>>(arguments_of(query));
-    read_words(query, *arguments, command.words);
-    std::vector<uintptr_t> words;
-    for (const Argument &argument : *arguments) words.push_back(argument.word);
-    auto ask = [&query, arguments, words = std::move(words)]() mutable {
-        errno = 0;
-        const int64_t answer = query.callable.call(query.callable.function, words.data());
-        return std::pair(answer, errno == ENOMEM);
-    };
+    const auto question = std::make_shared<Question>(find_query(command.words[0], "call"), command.words, "call");
+    const Query &query = question->query();
+    const auto ask = [question] { return question->ask(); };
     const auto [result, lacked_memory] =
         query.pure ? ask()
                    : context.synchronised({}, command.settings).ask(std::string(query.name) + " to answer", ask);
-    const Json values = values_of(*arguments, result);
+    const Json values = question->values(result);
     const auto print_all = command.settings.json ? print_json : print_values;
     print_all(query, result, values);
     if (lacked_memory) throw Failure(exit_no, std::string(query.name) + ": not enough memory");
+    if (failed(result)) note(explaining(command.words) + " tells why");
     return answers(query, result, values) ? exit_yes : exit_no;
 }
 

@@ -60,6 +60,7 @@ Exit run_delete(Context &context, const Command &command);
 Exit run_get(Context &context, const Command &command);
 Exit run_show(Context &context, const Command &command);
 Exit run_call(Context &context, const Command &command);
+Exit run_explain(Context &context, const Command &command);
 Exit run_sync(Context &context, const Command &command);
 Exit run_watch(Context &context, const Command &command);
 Exit run_store(Context &context, const Command &command);

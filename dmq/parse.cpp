@@ -17,6 +17,7 @@ Examples:
   dmq --load examples/chassis.json sync                row by row: subscribed, scanned, objects, time
   dmq --load examples/chassis.json get card_info slotid=30
   dmq --load examples/chassis.json call ndm_get_master_slotid
+  dmq --load examples/chassis.json explain ndm_card_is_online 1 9 0    why is it a no?
   dmq --load examples/chassis.json shell               many commands on one store
   dmq --load examples/chassis.json shell examples/tour.dmq
   dmq gen --devices 4 --cards 8 > big.json             a topology of any size
@@ -77,6 +78,10 @@ void query(CLI::App &app, Command &command) {
     app.add_flag("--list", command.list, "Which queries there are, or those with a word in name or question");
 }
 
+void question(CLI::App &app, Command &command) {
+    app.add_option("WORDS", command.words, "A query by its name, then its arguments");
+}
+
 void script(CLI::App &app, Command &command) {
     app.add_option("FILE", command.words, "A file of commands; none: standard input")->expected(0, 1);
 }
@@ -111,6 +116,10 @@ constexpr Verb verbs[] = {
      "  dmq --load examples/chassis.json call ndm_get_role_by_node 1/30/0   a node: device/slot/sub-slot\n"
      "  dmq call --list master\n",
      query, run_call, next_query},
+    {"explain", "What a query reads, what it finds, and why it does not answer",
+     "  dmq --load examples/chassis.json explain ndm_get_global_port_by_ifx 0 63\n"
+     "  dmq --load examples/chassis.json explain ndm_card_is_online 1 9 0\n",
+     question, run_explain, next_query},
     {"watch", "Follow changes, one line each",
      "  dmq watch card_info device_info\n  dmq watch --for 5 --json\n"
      "  watch &                      in a shell: go on with other commands\n",

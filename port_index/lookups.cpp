@@ -3,13 +3,16 @@
 #include "port_index/lookups.h"
 
 #include "base/list.h"
+#include "base/trace.h"
 #include "tq_dm_cache/ndm/port_lookup.h"
 
 namespace dm {
 
 dm_cache_list_node *find_indexed(int32_t row, int32_t tree, int64_t key) {
     ndm_cache_tree *set = obj_sub_list[row].port_tree;
-    return set ? static_cast<dm_cache_list_node *>(dm_rbtree_find_node(&set->root[tree], key)) : nullptr;
+    auto *node = set ? static_cast<dm_cache_list_node *>(dm_rbtree_find_node(&set->root[tree], key)) : nullptr;
+    if (is_to_be_told(node)) tell_tree_read(row, tree, key, node ? node->obj : nullptr);
+    return node;
 }
 
 namespace {

@@ -104,7 +104,7 @@ bool add_scanned(int32_t type, const ProtobufCMessage *obj, uint64_t since) {
 
 bool static_port_cached(const PDev__PortIndex &place) {
     SharedCacheLock lock;
-    return find_static_port(place) != nullptr;
+    return cached<PDev__PortStatic>(place) != nullptr;
 }
 
 // Makes sure that a port's static port is cached: without it the port could not be indexed.

@@ -28,12 +28,14 @@ template <class Key> const ProtobufCMessage *key_message(const Key &key) {
     return &key.base;
 }
 
+// Where every query reads the cache by key, and by a walk: the object or null, the list or null.
+const ProtobufCMessage *cached_object(int32_t row, const ProtobufCMessage *key) DM_REQUIRES_SHARED;
+dm_cache_list *walked_list(int32_t row) DM_REQUIRES_SHARED;
+
 // The cached object with this key, borrowed; null when there is none. Allocates nothing.
 template <class T, class Key = NoKey> const T *cached(const Key &key = {}) DM_REQUIRES_SHARED;
 template <class T, class Key> const T *cached(const Key &key) {
-    const T *found = nullptr;
-    dm_cache_get_obj(row_of<T>, key_message(key), &found);
-    return found;
+    return as<T>(cached_object(row_of<T>, key_message(key)));
 }
 
 // All cached objects of a kind, in order of insertion: `for (const T &object : all<T>())`.
@@ -53,17 +55,19 @@ public:
         Elements::Iterator at_;
     };
 
+    explicit All(dm_cache_list *list) : list_(list), elements_(list) {}
+
     Iterator begin() const { return Iterator(elements_.begin()); }
     Iterator end() const { return Iterator(elements_.end()); }
     int32_t size() const { return list_ ? list_->count : 0; }
 
 private:
-    dm_cache_list *list_ = obj_sub_list[row_of<T>].obj_list;
-    Elements elements_{list_};
+    dm_cache_list *list_;
+    Elements elements_;
 };
 template <class T> All<T> all() DM_REQUIRES_SHARED;
 template <class T> All<T> all() {
-    return {};
+    return All<T>(walked_list(row_of<T>));
 }
 
 // Lets `read` look at the cached object with this key, under the lock; false when there is none.

@@ -1,6 +1,7 @@
 // The calls of the store behind the fallback reads. The caller does not hold the cache lock.
 #include "query/store_read.h"
 
+#include "base/trace.h"
 #include "cache/gate.h"
 #include "cache/status.h"
 
@@ -32,11 +33,16 @@ uint64_t change_mark_now() {
 
 StoreReply::StoreReply(int32_t row, uint32_t db, const ProtobufCMessage *key, ReadBy by, Caller caller)
     : row_(row), since_(change_mark_now()) {
-    Request request(row, key);
+    const int32_t error = ask(db, key, by, caller);
+    tell_store_read(row, by == ReadBy::record ? DM_CACHE_READ_RECORD : DM_CACHE_READ_OBJECT, key, obj_, error);
+}
+
+int32_t StoreReply::ask(uint32_t db, const ProtobufCMessage *key, ReadBy by, Caller caller) {
+    Request request(row_, key);
     int32_t error = 0;
     if (gate_is_closed()) {
         DM_LOG_AS(caller, failure, "unexpected, error:%d!\r\n", -1);
-        return;
+        return -1;
     }
     if (by == ReadBy::record) {
         record_ = tq_mom_hgetall_sync(store_handle(), db, request.message());
@@ -45,10 +51,11 @@ StoreReply::StoreReply(int32_t row, uint32_t db, const ProtobufCMessage *key, Re
     } else {
         obj_ = tq_mom_get_sync(store_handle(), db, request.message(), &error);
     }
-    if (error == 0 && obj_ && is_kind(obj_, kind_of_row(row)->descriptor)) return;
+    if (error == 0 && obj_ && is_kind(obj_, kind_of_row(row_)->descriptor)) return 0;
     DM_LOG_AS(caller, failure, "unexpected, error:%d!\r\n", error);
-    if (obj_) status_refused(row, obj_);
+    if (obj_) status_refused(row_, obj_);
     give_back(caller);
+    return error;
 }
 
 StoreReply::~StoreReply() {
@@ -70,8 +77,11 @@ int32_t StoreReply::release() {
 
 int32_t scan_store(int32_t row, tq_mom_msg_cb callback, void *priv) {
     const obj_sub_entry &entry = obj_sub_list[row];
-    if (!entry.obj_tmpl || gate_is_closed()) return -1;
-    return tq_mom_scan_sync(store_handle(), entry.db_id, entry.obj_tmpl, 0, callback, priv);
+    const int32_t code = !entry.obj_tmpl || gate_is_closed()
+                             ? -1
+                             : tq_mom_scan_sync(store_handle(), entry.db_id, entry.obj_tmpl, 0, callback, priv);
+    tell_store_read(row, DM_CACHE_READ_SCAN, nullptr, nullptr, code);
+    return code;
 }
 
 }  // namespace dm

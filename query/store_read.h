@@ -43,6 +43,10 @@ public:
     int32_t give_back(Caller caller = Caller{});
 
 private:
+    // Asks the store for the object; its code.
+    int32_t ask(uint32_t db, const ProtobufCMessage *key, ReadBy by, Caller caller)
+        DM_LOCKS(locks_excluded(cache_mutex));
+
     int32_t row_;
     uint64_t since_;
     result_rec *record_ = nullptr;

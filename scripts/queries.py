@@ -1,18 +1,20 @@
 #!/usr/bin/env python3
 """What the public headers declare, and what is made of it: the list of queries that `dmq call` knows, and docs/queries.md.
 
-usage: queries.py cpp FILE      writes the list as C++
-       queries.py docs          writes docs/queries.md
-       queries.py check         fails when docs/queries.md is not what `docs` would write
+usage: queries.py cpp FILE          writes the list as C++
+       queries.py docs [PROGRAM]    writes docs/queries.md, and with PROGRAM query/read_rows.inc before it
+       queries.py check [PROGRAM]   fails when `docs` would write something else
 
 A query is a function of include/tq_dm_cache/ndm/*.h. The comment above one or more prototypes begins with the question
-that they answer; the block at a header's top holds for all of its queries.
+that they answer; the block at a header's top holds for all of its queries. PROGRAM is query_reads of the tests: it asks every
+query over the topologies in examples/ and prints which rows each has read.
 """
 
 import dataclasses
 import itertools
 import json
 import re
+import subprocess
 import sys
 import textwrap
 from pathlib import Path
@@ -20,6 +22,8 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parent.parent
 HEADERS = ROOT / "include" / "tq_dm_cache" / "ndm"
 DOCUMENT = ROOT / "docs" / "queries.md"
+READS = ROOT / "query" / "read_rows.inc"
+STORE_READS = {"record": "as a record", "object": "as an object", "scan": "by a scan"}
 TOKEN = re.compile(r"/\*(.*?)\*/|//[^\n]*|^#[^\n]*|\bDM_API\s+([^;{]*)[;{]", re.DOTALL | re.MULTILINE)
 
 
@@ -120,11 +124,52 @@ def files_of_queries():
             for name in re.findall(r"^[\w:]+ \**(_?ndm_\w+|dm_\w+)\(", path.read_text(), re.MULTILINE)}
 
 
+def traced(program):
+    """What query/read_rows.inc is to be: the rows that the queries read."""
+    topologies = sorted(path.relative_to(ROOT) for path in (ROOT / "examples").glob("*.json"))
+    return subprocess.run([program, *topologies], cwd=ROOT, check=True, text=True, stdout=subprocess.PIPE).stdout
+
+
+def reads_of_queries():
+    """{query: what it reads, as a sentence}"""
+    text = READS.read_text()
+    kinds = dict(re.findall(r"^//   (\d+) (\S+)$", text, re.MULTILINE))
+    return {query: " ".join(sentences_of(reads.split(", ") if reads else [], kinds))
+            for query, reads in re.findall(r'^\{name\("(\w+)"\), rows\([^)]*\)\},(?:  // (.*))?$', text, re.MULTILINE)}
+
+
+def sentences_of(reads, kinds):
+    if not reads:
+        return ["Reads no row."]
+    cached, stored = {}, []
+    for read in reads:
+        row, how, *tree = read.split()
+        if how in STORE_READS:
+            stored.append(f"row {row} {STORE_READS[how]}")
+        else:
+            text = {"key": "by key", "walk": "object by object", "index": "for the index", "tree": "by"}[how]
+            cached.setdefault(row, []).append(text + "".join(f" `{name}`" for name in tree))
+    told = [f"row {row} `{kinds[row]}` " + " and ".join(hows) for row, hows in cached.items()]
+    return ["Reads " + ", ".join(told) + "."] + (["From the store: " + ", ".join(stored) + "."] if stored else [])
+
+
+def reads_text(alike, reads):
+    """One sentence for all of them, or one each."""
+    known = [(query.name, reads[query.name]) for query in alike if query.name in reads]
+    if len({sentence for _, sentence in known}) <= 1:
+        return textwrap.fill(known[0][1], 120) if known else ""
+    return "\n".join(textwrap.fill(f"- `{name}`: r{sentence[1:]}", 120, subsequent_indent="  ") for name, sentence in known)
+
+
 def document():
     files = files_of_queries()
+    reads = reads_of_queries()
     groups = [(header, *block_of(header)) for header in sorted(HEADERS.glob("*.h"))]
     yield "# Queries\n\nEvery question that a client can ask, by the header that declares it; `ndm.h` includes them all. Made of the\n"
-    yield "headers by `make docs`. `dmq call FUNCTION ARGS` asks any of them from a command line.\n\n"
+    yield "headers by `make docs`. `dmq call FUNCTION ARGS` asks any of them from a command line, `dmq explain FUNCTION ARGS` tells how\n"
+    yield "it comes to its answer. Which rows each reads has been found by asking it over the topologies of `examples/`; a form with\n"
+    yield "`rt` or `_rt` reads from the store what is not cached. `dm_cache_follow_for()` enables just these rows. *For the index*: a\n"
+    yield "port is found by its numbers only while its static port is cached.\n\n"
     for _, title, _ in groups:
         yield f"- [{title}](#{re.sub('[^a-z0-9 -]', '', title.lower()).replace(' ', '-')})\n"
     queries = read_queries()
@@ -138,6 +183,8 @@ def document():
             if alike[0].rest:
                 yield "\n" + textwrap.fill(alike[0].rest, 120, break_on_hyphens=False) + "\n"
             answered_in = dict.fromkeys(files[query.name] for query in alike)
+            if told := reads_text(alike, reads):
+                yield "\n" + told + "\n"
             yield "\nIn " + " and ".join(f"`{file}`" for file in answered_in) + ".\n"
 
 
@@ -145,9 +192,14 @@ def main():
     asked = sys.argv[1:]
     if asked[:1] == ["cpp"] and len(asked) == 2:
         Path(asked[1]).write_text("".join(cpp()))
-    elif asked == ["docs"]:
+    elif asked[:1] == ["docs"] and len(asked) <= 2:
+        for program in asked[1:]:
+            READS.write_text(traced(program))
         DOCUMENT.write_text("".join(document()))
-    elif asked == ["check"]:
+    elif asked[:1] == ["check"] and len(asked) <= 2:
+        for program in asked[1:]:
+            if READS.read_text() != traced(program):
+                sys.exit("query/read_rows.inc is not what the queries read; run make docs")
         if not DOCUMENT.is_file() or DOCUMENT.read_text() != "".join(document()):
             sys.exit("docs/queries.md is not what the headers say; run make docs")
     else:

@@ -74,6 +74,14 @@ DM_API int32_t dm_cache_follow(int32_t type, dm_cache_follow_cb callback, void *
 DM_API int32_t dm_cache_unfollow(int32_t type, dm_cache_follow_cb callback, void *word);
 
 /*
+ * Enables the rows that a query of ndm.h reads, by its name, such as "ndm_get_master_node", and no others: as dm_cache_sub_obj()
+ * with no function before the start, else as dm_cache_follow() does, and the query answers when they are filled
+ * (dm_cache_get_stats()). Rows that are followed already stay as they are. Which rows a query reads stands in docs/queries.md. -1:
+ * a null pointer, or there is no query of that name.
+ */
+DM_API int32_t dm_cache_follow_for(const char *query);
+
+/*
  * Ends what dm_cache_init() has begun: waits until no callback of the store client runs, empties the rows, forgets the handle.
  * What is registered and who follows stays, and hears nothing of it; a dm_cache_init() to come, with another handle or the same,
  * begins with an empty picture, as after a start that has failed. Close the handle after this, since until then its callbacks

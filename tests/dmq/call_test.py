@@ -1,4 +1,4 @@
-"""dmq call: every query by its name, its arguments, its answer and exit code. Argument: dmq."""
+"""dmq call and explain: every query by its name, its arguments, its answer, and why there is none. Argument: dmq."""
 
 import json
 import re
@@ -78,6 +78,66 @@ class Call(unittest.TestCase):
             done = dmq(*CHASSIS, lines=[f"call ndm_reset_module_by_node_causelly {node} heat dmq",
                                         "delete dm_lib_reset_req mod_name=dmq cause=heat action=1 sn=0"])
             self.assertEqual((done.returncode, "no such object" in done.stderr), (code, code == 1), done)
+
+    # Who meets a -1 is told where its cause is looked up.
+    def test_points_to_the_cause(self):
+        for words, told in [("ndm_get_slot_num -1", "dmq: explain ndm_get_slot_num -1 tells why\n"),
+                            ("ndm_get_slot_num 1", ""), ("ndm_card_is_online 1 9 0", "")]:
+            self.assertEqual(dmq(*CHASSIS, "call", *words.split()).stderr, told)
+
+
+class Explain(unittest.TestCase):
+    # A cause that is not the cause costs whoever believes it a day.
+    def test_reads_and_causes(self):
+        changes = ["delete port_static t_dev=1 t_slot=2 t_port=7 t_type=8 t_sslot=0", "delete local_port_info",
+                   "set vsd_port t_vsdid=0 t_dev=1 t_slot=2 t_port=5 t_type=8 t_sslot=0 ifx=62",
+                   "delete vsd_port t_vsdid=0 t_dev=1 t_slot=2 t_port=6 t_type=8 t_sslot=0"]
+        port = "has devid=1 slot=2 port=7 with ifx=63"
+        no_static = ", not indexed: its static port (row 7, same place) is not cached"
+        rows = [
+            ("ndm_card_is_online 1 30 0", 1, "17 key +", "the answer comes from the cache, row 17 p_dev.card_info"),
+            ("ndm_card_is_online 1 9 0", 0, "17 key -", "row 17 p_dev.card_info has no devid=1 slotid=9 sslotid=0 (20 objects)"),
+            ("ndm_get_global_port_by_ifx 0 63", -1, "30 ifx 63 -", f"row 30 {port}{no_static}"),
+            ("ndm_get_global_port_by_ss_phyid 1 1 7", -1, "30 ss_phyid 100729095 -", f"row 30 {port}, which may be meant{no_static}"),
+            ("ndm_get_static_port_by_dm_phyid 1 1 0 7", -1, "30 dm_phyid 16842759 -, 31 dm_phyid 16842759 -", f"row 31 {port}, which may be meant{no_static}"),
+            ("ndm_get_global_port_by_lsm_key 1 2 7 8", -1, "30 lsm 134283783 -", f"row 30 {port}{no_static}"),
+            ("ndm_get_global_port_by_ifx 0 62", -1, "30 ifx 62 -", "row 30 has devid=1 slot=2 port=5 with ifx=62, which has that "
+             "key: another one had it too and took it along when it went"),
+            ("ndm_get_global_port_by_ifx 0 9999", -1, "30 ifx 9999 -", "no object of row 30 p_dev.vsd_port has that key (399 objects)"),
+            ("ndm_get_my_lport_num", -1, "10 key -", "row 10 p_dev.local_port_info is empty"),
+            ("_ndm_get_my_lport_num 1", -1, "10 key -, 10 record -", "neither the cache nor the store has row 10 p_dev.local_port_info"),
+            ("ndm_get_slot_num_rt 2", 8, "16 key +", "the answer comes from the cache, row 16 p_dev.device_info"),
+            ("ndm_is_vsl_card 1 9", 0, "13 key +, 21 walk +", "none of the 4 objects of row 21 p_dev.vsl_port_info fits"),
+            ("ndm_get_poe_support_by_objid 1/1/5", 0, "17 key +, 11 type 200 +", "that is what row 11 p_dev.dm_card_stattr_t says"),
+            ("ndm_get_physlot_by_userslot 1 32 0", -1, "16 key +", "all that it read was found, and has no answer: row 16 "
+             "p_dev.device_info is the last; the query says: invalid userslot: 32. min 1, max 4"),
+            ("ndm_get_objid_by_slot_lport 1 77 3", -1, "", "slot=77 is refused: with 1 the query goes on; the query says: Invalid parameter"),
+            ("ndm_mb_is_local_master 1 7", 0, "", "slot=7 is refused: with 0 the query goes on"),
+            ("ndm_get_userslot_from_boardname M7", -1, "", "name=M7 is refused, nothing was read"),
+            ("ndm_get_my_devid_rt", -1, "", "it reads nothing: that is its only answer"),
+            ("ndm_get_node_from_dev_slot_cpuid 2 3 1", 0, "", "the answer is computed from the arguments"),
+        ]
+        done = dmq(*CHASSIS, lines=["sync", *changes] + [f"explain --json {words}" for words, *_ in rows])
+        told = [json.loads(line) for line in done.stdout.splitlines() if line.startswith('{"function"')]
+        self.assertEqual(len(told), len(rows), done)
+        for (words, result, reads, cause), answer in zip(rows, told):
+            with self.subTest(words):
+                read = [f"{one['row']} " + (f"{one['tree']} {one['key']}" if "tree" in one else one["how"]) +
+                        (" +" if one["found"] else " -") for one in answer["reads"]]
+                self.assertEqual((answer["result"], ", ".join(read), answer["because"]), (result, reads, cause))
+
+    # A cache that is not live is explained as it is; what it lacks may come from the store.
+    def test_a_cache_that_is_not_live(self):
+        done = dmq(*CHASSIS, lines=["store lose 1", "explain ndm_get_slot_num_rt 2 --timeout 0.2",
+                                    "explain ndm_is_vsu --timeout 0.2"])
+        self.assertIn("""
+  row 16 p_dev.device_info, devid=2 ........................ not cached
+  store, row 16 p_dev.device_info, devid=2 ................. found
+  the answer comes from the store, row 16 p_dev.device_info
+""", done.stdout)
+        self.assertRegex(done.stdout, "because: row 13 p_dev.dp_lib_my_chss_info is not live yet: row 1 .* not been confirmed")
+        self.assertRegex(done.stderr, "line 2: not synchronised after 0.2 s: row 1")
+        self.assertEqual(done.returncode, 4)
 
 
 if __name__ == "__main__":

@@ -1,0 +1,230 @@
+// Why a query did not answer, told from what it has read and from the cache as it is now. Takes the cache lock to look at it.
+#include <algorithm>
+#include <map>
+
+#include "dmq/output.h"
+#include "dmq/reads.h"
+#include "dmq/session.h"
+#include "dmq/topology.h"
+#include "tq_dm_cache/dm_port_index.h"
+#include "tq_dm_cache/ndm.h"
+#include "tq_dm_cache/p_dev.pb-c.h"
+
+namespace dmq {
+
+namespace {
+
+// What ports of two rows have in common: their place, and the numbers by which trees find them.
+struct PortFacts {
+    PDev__PortIndex place;
+    int32_t vsdid, ifx, dev, physlot, slot;
+};
+
+template <class T> PortFacts facts_of(const T &port, int32_t vsdid) {
+    PortFacts facts{.place = P_DEV__PORT_INDEX__INIT,
+                    .vsdid = vsdid,
+                    .ifx = port.ifx,
+                    .dev = static_cast<int32_t>(port.dev),
+                    .physlot = port.physlot,
+                    .slot = static_cast<int32_t>(port.slot)};
+    facts.place.t_dev = port.index->t_dev;
+    facts.place.t_slot = port.index->t_slot;
+    facts.place.t_port = port.index->t_port;
+    facts.place.t_type = port.index->t_type;
+    facts.place.t_sslot = port.index->t_sslot;
+    return facts;
+}
+
+// Null: the object is no port.
+std::optional<PortFacts> port_facts(int32_t row, const ProtobufCMessage &object) {
+    if (row == DM_ROW_VSD_PORT) {
+        const auto &port = reinterpret_cast<const PDev__VsdPort &>(object);
+        return facts_of(port, port.index->t_vsdid);
+    }
+    if (row == DM_ROW_VSD_PORT_ATTR) return facts_of(reinterpret_cast<const PDev__VsdPortAttr &>(object), 0);
+    return std::nullopt;
+}
+
+enum class Match { no, maybe, yes };
+
+Match exactly(bool same) {
+    return same ? Match::yes : Match::no;
+}
+Match perhaps(bool same) {
+    return same ? Match::maybe : Match::no;
+}
+
+// Would a port that is in no tree be found by this key? Its static port would say a part of most keys, and is not known: then
+// the rest decides.
+Match port_match(const PortFacts &port, const Read &read) {
+    const auto key = static_cast<uint32_t>(read.tree_key);
+    const auto dev = static_cast<uint32_t>(port.dev), physlot = static_cast<uint32_t>(port.physlot);
+    const std::string tree = tree_name(read.row, read.tree);
+    if (tree == "ifx")
+        return exactly(key == (static_cast<uint32_t>(port.vsdid) << 24 | static_cast<uint32_t>(port.ifx)));
+    if (tree == "dm_phyid") return perhaps(key >> 16 == (dev << 8 | physlot));
+    if (tree == "ss_phyid") return perhaps((key & 0xFFFFFF00) == (0x06000000 | dev << 16 | physlot << 8));
+    const uint32_t at = dev << 16 | static_cast<uint32_t>(port.slot) << 8;
+    if (read.row == DM_ROW_VSD_PORT_ATTR) return perhaps((key & 0xFFFF00) == at);
+    const int64_t packed = static_cast<int32_t>(static_cast<uint32_t>(port.place.t_type) << 24 | at |
+                                                static_cast<uint32_t>(port.place.t_port));
+    return exactly(read.tree_key == (static_cast<int64_t>(port.place.t_sslot) << 32 | packed));
+}
+
+// The same of any object that a tree of its row should find.
+Match match_of(const ProtobufCMessage &object, const Read &read) {
+    if (const auto port = port_facts(read.row, object)) return port_match(*port, read);
+    if (read.row != DM_ROW_UNIT_CPORT_INFO) return Match::no;
+    const PDev__UnitCportIndex &index = *reinterpret_cast<const PDev__UnitCportInfo &>(object).index;
+    if (tree_name(read.row, read.tree) == "lport") return Match::maybe;
+    return exactly(read.tree_key ==
+                   static_cast<int32_t>(static_cast<uint32_t>(index.cport) << 16 | static_cast<uint32_t>(index.unit)));
+}
+
+std::string place_text(const PortFacts &port) {
+    std::string text = "devid=" + std::to_string(port.place.t_dev) + " slot=" + std::to_string(port.place.t_slot);
+    if (port.place.t_sslot) text += " sslot=" + std::to_string(port.place.t_sslot);
+    return text + " port=" + std::to_string(port.place.t_port) + " with ifx=" + std::to_string(port.ifx);
+}
+
+// What is the matter with a row, so that nothing is found there? Empty: nothing.
+std::string trouble_of(int32_t row) {
+    const dm_cache_stats stats = stats_of(row);
+    if (!stats.enabled) return row_name(row) + " is not followed: nobody has asked for it";
+    if (obj_sub_list[row].flag & DM_CACHE_NO_STORE)
+        return row_name(row) + " is registered with DM_CACHE_NO_STORE, so it holds nothing";
+    if (stats.held) return "the store refuses " + row_name(row) + " for now";
+    const std::string waits = waits_for();
+    if (!stats.scanned || !waits.empty())
+        return row_name(row) + " is not live yet" + (waits.empty() ? "" : ": " + waits);
+    return "";
+}
+
+// Why is an object in no tree?
+std::string unindexed(int32_t row, const ProtobufCMessage &object) {
+    const auto port = port_facts(row, object);
+    if (!port) return "it has no static_info";
+    const PDev__PortStatic *found = nullptr;
+    dm_cache_get_obj(DM_ROW_PORT_STATIC, &port->place, &found);
+    const std::string which = "its static port (row " + std::to_string(DM_ROW_PORT_STATIC) + ", same place) ";
+    if (found) return found->static_info ? "its keys have got no memory" : which + "has no static_info";
+    const std::string trouble = trouble_of(DM_ROW_PORT_STATIC);
+    return which + "is not cached" + (trouble.empty() ? "" : ": " + trouble);
+}
+
+std::string told_of(const ProtobufCMessage &object, const Read &read, const std::string &what) {
+    const auto port = port_facts(read.row, object);
+    return "row " + std::to_string(read.row) + " has " + (port ? place_text(*port) : key_words(object)) + what;
+}
+
+// The object that a tree should have found, and why it is not in it. Empty: there is none.
+std::string missing_from_tree(const Read &read) {
+    const CacheLock lock;
+    const dm_cache_list *list = obj_sub_list[read.row].obj_list;
+    const ProtobufCMessage *candidate = nullptr;
+    for (const dm_list_head *link = list ? list->head.next : nullptr; list && link != &list->head; link = link->next) {
+        const auto &node = *reinterpret_cast<const dm_cache_list_node *>(link);
+        if (node.key && node.key->key[read.tree] == read.tree_key)
+            return told_of(*node.obj, read,
+                           ", which has that key: another one had it too and took it along when it went");
+        const Match match = node.key ? Match::no : match_of(*node.obj, read);
+        if (match == Match::yes) return told_of(*node.obj, read, ", not indexed: " + unindexed(read.row, *node.obj));
+        if (match == Match::maybe && !candidate) candidate = node.obj;
+    }
+    if (!candidate) return "";
+    return told_of(*candidate, read, ", which may be meant, not indexed: " + unindexed(read.row, *candidate));
+}
+
+// What a read that found nothing says of the row as a whole. Empty: nothing.
+std::string specific(const Read &read) {
+    if (read.of_store()) {
+        if (read.code && !read.is_not_there())
+            return "the store answered code " + std::to_string(read.code) + " for " + row_name(read.row);
+        return "";
+    }
+    const std::string trouble = trouble_of(read.row);
+    if (!trouble.empty()) return trouble;
+    return read.how == DM_CACHE_READ_TREE ? missing_from_tree(read) : "";
+}
+
+std::string general(const Read &read) {
+    const std::string row = row_name(read.row);
+    const std::string key = read.key.is_object() && !read.key.empty() ? " " + words_of_key(read.key) : "";
+    if (read.of_store()) return "neither the cache nor the store has " + row + key;
+    const uint32_t objects = stats_of(read.row).objects;
+    if (objects == 0) return row + " is empty";
+    const std::string among = " (" + counted_objects(objects) + ")";
+    if (read.how == DM_CACHE_READ_TREE) return "no object of " + row + " has that key" + among;
+    return row + " has no" + key + among;
+}
+
+// A value that an argument might have had instead; empty: none is known.
+std::string instead_of(const std::string &name, const std::string &word, int attempt) {
+    static const char *const numbers[] = {"1", "0", "2", "30"};
+    if (name == "rt") return "";
+    const std::string value = is_node(name) || is_port(name) ? "1/0/1" : numbers[attempt];
+    return value == word ? "" : value;
+}
+
+// The argument without which the query goes on: "slot=77 is refused". Empty: it is not one alone.
+std::string refused_argument(const Question &question, const std::vector<std::string> &words) {
+    size_t at = 0;
+    for (const auto &[name, value] : question.asked().items()) {
+        ++at;
+        for (int attempt = 0; attempt < 4; ++attempt) {
+            const std::string other = instead_of(name, words[at], attempt);
+            if (other.empty() || value.is_string()) continue;
+            std::vector<std::string> changed = words;
+            changed[at] = other;
+            Question trial(question.query(), changed, "explain");
+            const Road road = walk_road(trial, /*quiet=*/true);
+            const Json values = trial.values(road.answer.result);
+            if (!road.reads.empty() || answers(trial.query(), road.answer.result, values))
+                return name + "=" + cell_text(value) + " is refused: with " + other + " the query goes on";
+        }
+    }
+    return "";
+}
+
+std::string said_too(const Road &road) {
+    return road.said.empty() ? "" : "; the query says: " + road.said;
+}
+
+std::string cause_of_refusal(const Question &question, const Road &road, const std::vector<std::string> &words) {
+    const Json &asked = question.asked();
+    if (asked.empty()) return "it reads nothing: that is its only answer" + said_too(road);
+    std::string refused = refused_argument(question, words);
+    if (refused.empty() && asked.size() == 1)
+        refused = asked.begin().key() + "=" + cell_text(asked.front()) + " is refused, nothing was read";
+    return (refused.empty() ? "an argument is refused, nothing was read" : refused) + said_too(road);
+}
+
+}  // namespace
+
+std::string cause_of(const Question &question, const Road &road, const Json &values,
+                     const std::vector<std::string> &words) {
+    const auto &reads = road.reads;
+    if (road.answer.lacked_memory) return "there was not enough memory";
+    const auto last_found = std::find_if(reads.rbegin(), reads.rend(), [](const Read &read) { return read.found; });
+    if (answers(question.query(), road.answer.result, values)) {
+        if (reads.empty()) return "the answer is computed from the arguments";
+        if (last_found == reads.rend()) return "the answer is what is said when nothing is found";
+        return (last_found->of_store() ? "the answer comes from the store, " : "the answer comes from the cache, ") +
+               row_name(last_found->row);
+    }
+    if (reads.empty()) return cause_of_refusal(question, road, words);
+    for (auto read = reads.rbegin(); read != reads.rend(); ++read) {
+        if (read->found) continue;
+        if (const std::string cause = specific(*read); !cause.empty()) return cause;
+    }
+    if (!reads.back().found) return general(reads.back());
+    const std::string row = row_name(reads.back().row);
+    if (reads.back().how == DM_CACHE_READ_WALK) {
+        const std::string objects = counted_objects(static_cast<size_t>(reads.back().code));
+        return "none of the " + objects + " of " + row + " fits" + said_too(road);
+    }
+    if (!failed(road.answer.result)) return "that is what " + row + " says";
+    return "all that it read was found, and has no answer: " + row + " is the last" + said_too(road);
+}
+
+}  // namespace dmq
