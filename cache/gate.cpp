@@ -54,8 +54,4 @@ void open_gate() {
     if (gate_now() == closed) set_gate(open_again);
 }
 
-bool gate_is_closed() {
-    return gate_now() == closed;
-}
-
 }  // namespace dm

@@ -1,4 +1,5 @@
-// Who is inside: callbacks of the store client that run in the cache, which dm_cache_stop() waits for and then keeps out. Any
+// Who is inside: callbacks of the store client that run in the cache, and calls that use the client's handle, which
+// dm_cache_stop() waits for and then keeps out. Any
 // thread; has a mutex of its own, under which nothing else is locked.
 #pragma once
 
@@ -11,7 +12,7 @@ inline tq_mom_handle *store_handle() {
     return __atomic_load_n(&g_dm_global, __ATOMIC_ACQUIRE);
 }
 
-// One callback, from its begin to its end; callbacks within callbacks are one each.
+// One callback, or one call that uses the handle, from its begin to its end; those within others are one each.
 class StoreCallback {
 public:
     // Of this handle, or, null, of whichever is in use.
@@ -20,7 +21,7 @@ public:
     StoreCallback(const StoreCallback &) = delete;
     StoreCallback &operator=(const StoreCallback &) = delete;
 
-    // False: the cache has been stopped, or the handle is one that it had before; the callback is to do nothing.
+    // False: the cache has been stopped, or the handle is one that it had before; nothing is to be done.
     bool may_run() const { return may_run_; }
 
 private:
@@ -32,8 +33,5 @@ bool close_gate();
 
 // Lets those of the handle in use in.
 void open_gate();
-
-// Once closed, and not opened since: there is no store to be asked.
-bool gate_is_closed();
 
 }  // namespace dm

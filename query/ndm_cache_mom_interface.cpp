@@ -390,7 +390,8 @@ int32_t ndm_reset_module_by_node_causelly(uint32_t node, const char *cause, cons
     request.devid = card.devid;
     request.slotid = card.slot;
     request.sslotid = card.sslot;
-    const int32_t ret = gate_is_closed() ? -1 : tq_mom_set(store_handle(), 1, &request.base, 0, 0);
+    const StoreCallback inside;
+    const int32_t ret = !inside.may_run() ? -1 : tq_mom_set(store_handle(), 1, &request.base, 0, 0);
     if (ret != 0) DM_LOG(failure, "reset the card request failed to send.\r\n");
     return ret;
 }

@@ -49,7 +49,8 @@ int32_t ndm_vsl_cmp_ap(const void *port, const int32_t *vsl_ap) {
 int32_t ndm_lib_subcribe(ndm_lib_sub_info *req) {
     if (!req) return 0;
     if (req->subscribed) return 1;
-    if (req->field_num < 0 || req->field_num > NDM_LIB_SUB_FIELDS || gate_is_closed()) return 0;
+    const StoreCallback inside;
+    if (req->field_num < 0 || req->field_num > NDM_LIB_SUB_FIELDS || !inside.may_run()) return 0;
     const int32_t ret = req->field_num != 0
                             ? subscribe_fields(req)
                             : tq_mom_subscribe(store_handle(), req->db, req->key, 0, ndm_lib_subcribe_com, req);

@@ -40,7 +40,8 @@ StoreReply::StoreReply(int32_t row, uint32_t db, const ProtobufCMessage *key, Re
 int32_t StoreReply::ask(uint32_t db, const ProtobufCMessage *key, ReadBy by, Caller caller) {
     Request request(row_, key);
     int32_t error = 0;
-    if (gate_is_closed()) {
+    const StoreCallback inside;
+    if (!inside.may_run()) {
         DM_LOG_AS(caller, failure, "unexpected, error:%d!\r\n", -1);
         return -1;
     }
@@ -77,7 +78,8 @@ int32_t StoreReply::release() {
 
 int32_t scan_store(int32_t row, tq_mom_msg_cb callback, void *priv) {
     const obj_sub_entry &entry = obj_sub_list[row];
-    const int32_t code = !entry.obj_tmpl || gate_is_closed()
+    const StoreCallback inside;
+    const int32_t code = !entry.obj_tmpl || !inside.may_run()
                              ? -1
                              : tq_mom_scan_sync(store_handle(), entry.db_id, entry.obj_tmpl, 0, callback, priv);
     tell_store_read(row, DM_CACHE_READ_SCAN, nullptr, nullptr, code);
