@@ -152,6 +152,11 @@ void common_options(CLI::App &app, Settings &settings, bool in_shell) {
                        "The store's URL: mem:, mem:NAME, redis://HOST:PORT, redis+unix:///PATH, "
                        "redis-sentinel://HOST:PORT,../NAME")
             ->envname("DMQ_STORE");
+        app.add_option(
+            "--attach", settings.attach,
+            "Show the cache of a running process: NAME, NAME.PID or PID in the folder, or its socket's path");
+        app.add_option("--inspect", settings.inspect, "The folder where processes let themselves be inspected")
+            ->envname("DM_CACHE_INSPECT");
         app.add_option("--load", settings.load, "Fill the store from this file first; may be repeated")
             ->take_all()
             ->expected(1);
@@ -170,6 +175,18 @@ void common_options(CLI::App &app, Settings &settings, bool in_shell) {
     if (in_shell && rest[0] == "shell") throw Failure(exit_usage, "a shell runs no shell");
     throw Failure(exit_usage,
                   "there is no command " + shown(rest[0]) + did_you_mean(rest[0], names) + "; see dmq --help");
+}
+
+// What is seen of another process is its cache; it is not followed, and its store is written by its own client.
+void refuse_attached(const Command &command) {
+    const auto verb =
+        std::find_if(std::begin(verbs), std::end(verbs), [&](const Verb &v) { return v.run == command.run; });
+    constexpr Exit (*own[])(Context &, const Command &) = {run_load, run_set, run_delete, run_watch, run_store};
+    if (command.settings.attach.empty()) return;
+    if (std::find(std::begin(own), std::end(own), command.run) != std::end(own))
+        throw Failure(exit_usage, std::string(verb->name) + " is not for a process that dmq is attached to");
+    if (!command.settings.load.empty())
+        throw Failure(exit_usage, "--load fills a store, and --attach shows the cache of a process");
 }
 
 }  // namespace
@@ -210,6 +227,7 @@ std::optional<Command> parse(const std::vector<std::string> &words, const Settin
     if (const auto rest = app.remaining(); !rest.empty())
         refuse_rest(rest, asked.empty() ? nullptr : asked[0], in_shell);
     if (!command.run) throw Failure(exit_usage, "say what to do; see dmq --help");
+    refuse_attached(command);
     if (command.settings.log) g_dm_cache_level = g_ndm_lib_dbg_lvl = *command.settings.log;
     return command;
 }
