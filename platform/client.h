@@ -59,6 +59,7 @@ public:
     Loop &loop() { return loop_; }
     Store &store() { return *store_; }
     uint64_t damaged() const { return damaged_; }
+    const std::string &shown_store() const { return shown_store_; }
 
     void connect(tq_mom_ready_cb ready, uintptr_t privdata);
     bool wait_connected(std::chrono::milliseconds timeout);
@@ -104,6 +105,7 @@ private:
     void call_ready();
 
     tq_mom_handle handle_ = {};
+    std::string shown_store_;  // its URL without what may be secret
     const uint32_t process_;
 
     std::mutex calls_mutex_;  // guards what follows; taken last
