@@ -163,7 +163,7 @@ bool Inspection::connect() {
         if (hello.what == DM_INSPECT_HELLO) return true;
         if (hello.what != DM_INSPECT_BUSY) fail("this is no process that lets itself be inspected");
     } else if (errno != EAGAIN) {
-        fail(errno == ECONNREFUSED ? "its process has ended" : std::strerror(errno));
+        fail(errno == ECONNREFUSED ? process_has_ended : std::strerror(errno));
     }
     close(std::exchange(fd_, -1));
     return false;

@@ -40,6 +40,9 @@ std::vector<Inspected> inspected_in(const std::string &folder);
 // The socket that is meant: a path, NAME, NAME.PID or PID in the folder. Throws a Failure when there is none, or more than one.
 std::string find_inspected(const std::string &wanted, const std::string &folder);
 
+// How the message of a Failure ends when the socket of a dead process is meant.
+constexpr const char *process_has_ended = "its process has ended";
+
 // One connection to such a process.
 class Inspection {
 public:

@@ -43,6 +43,8 @@ void change(CLI::App &app, Command &command) {
     app.add_flag("--create", command.create, "Also make objects that are not there yet");
 }
 
+void nothing(CLI::App &, Command &) {}
+
 void optional_words(CLI::App &app, Command &command) {
     app.add_option("WORDS", command.words, "A kind by name or row number, then field=value..");
 }
@@ -131,6 +133,12 @@ constexpr Verb verbs[] = {
      "  dmq --load examples/chassis.json shell\n  echo 'get card_info' | dmq --load examples/box.json shell\n"
      "  dmq --load examples/chassis.json shell examples/tour.dmq\n",
      script, run_shell, nullptr},
+    {"clients", "Who is there: processes that let themselves be inspected, and clients of the store's server",
+     "  dmq --inspect /run/dm clients\n  DM_CACHE_INSPECT=/run/dm DMQ_STORE=redis://db dmq clients --json\n", nothing,
+     run_clients, nullptr},
+    {"verify", "Is a live cache equal to its store? Tells what differs, and stays so",
+     "  dmq --store redis://db verify\n  dmq --store redis://db --attach cards verify vsd_port port_static\n", kinds,
+     run_verify, next_kind},
     {"store", "Compare cache and store; make an embedded store misbehave",
      "  store compare                is every row equal to the store?\n"
      "  store disconnect             cut the cache off; store reconnect lets it in again\n"

@@ -53,6 +53,8 @@ public:
     // The time of the next command begins.
     void begin(double timeout) { deadline_ = Deadline(timeout); }
 
+    int32_t time_left() const { return deadline_.left(); }  // milliseconds
+
     // Runs a call that may wait for the store. Throws a Failure when the command's time is over; the call may then still
     // run, so everything that it uses belongs to it, but the clients.
     template <class Call> auto ask(const std::string &awaited, Call call) {

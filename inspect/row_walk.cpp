@@ -51,6 +51,7 @@ void take(RowWalk &walk, const obj_sub_entry &row, const dm_cache_list_node *nod
     dm_inspect_object &about = walk.about[walk.count];
     about = {};
     about.type = walk.type;
+    about.by_client = node->stored == 0;
     tell_index(row, node, about);
     walk.objects[walk.count++] = message.release();
 }

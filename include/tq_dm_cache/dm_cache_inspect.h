@@ -77,7 +77,8 @@ typedef struct dm_inspect_object {
     uint8_t trees;   /* of its row */
     uint8_t indexed; /* it has keys */
     uint8_t found[NDM_CACHE_TREES];
-    uint8_t reserved[6];
+    uint8_t by_client; /* the message is one that a client has put into the list itself */
+    uint8_t reserved[5];
     int64_t key[NDM_CACHE_TREES];
 } dm_inspect_object;
 
