@@ -61,16 +61,23 @@ bool add_process(Outgoing &out, const ProcessTexts &texts) {
     return place;
 }
 
-bool add_row(Outgoing &out, int32_t type) {
+// A start after one that has failed sets the table up under the lock.
+dm_inspect_row row_now(int32_t type) {
+    const SharedCacheLock lock;
     const obj_sub_entry &entry = obj_sub_list[type];
-    dm_inspect_row row = {.type = type,
-                          .flag = entry.flag,
-                          .db = entry.db_id,
-                          .callbacks = entry.func_num,
-                          .followers = followers_of(type),
-                          .reserved = 0,
-                          .age_ms = started() && dm_cache_age_ms ? dm_cache_age_ms(type) : -1,
-                          .stats = {}};
+    return {.type = type,
+            .flag = entry.flag,
+            .db = entry.db_id,
+            .callbacks = entry.func_num,
+            .followers = followers_of(type),
+            .reserved = 0,
+            .age_ms = -1,
+            .stats = {}};
+}
+
+bool add_row(Outgoing &out, int32_t type) {
+    dm_inspect_row row = row_now(type);
+    if (started() && dm_cache_age_ms) row.age_ms = dm_cache_age_ms(type);
     dm_cache_get_stats(type, &row.stats, sizeof row.stats);
     return add(out, DM_INSPECT_ROW, &row, sizeof row, 0);
 }

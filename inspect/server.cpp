@@ -271,15 +271,6 @@ void begin_server(tq_mom_handle *handle, const char *folder, const char *safe_na
 
 }  // namespace
 
-void start_begins(tq_mom_handle *handle) {
-    char safe_name[sizeof dm_cache_my_name];
-    std::memcpy(safe_name, dm_cache_my_name, sizeof safe_name);
-    make_safe(safe_name);
-    if (tq_mom_client_set_name) tq_mom_client_set_name(handle, safe_name);
-    const char *const folder = secure_getenv("DM_CACHE_INSPECT");
-    if (folder && *folder != '\0' && !server) begin_server(handle, folder, safe_name);
-}
-
 // Whoever waits for the listener is woken when it is shut.
 void stop_begins() {
     if (!server) return;
@@ -291,6 +282,16 @@ void stop_begins() {
     unlink(s->address.sun_path);
     close_all(*s);
     free(s);
+}
+
+void start_begins(tq_mom_handle *handle) {
+    char safe_name[sizeof dm_cache_my_name];
+    std::memcpy(safe_name, dm_cache_my_name, sizeof safe_name);
+    make_safe(safe_name);
+    if (tq_mom_client_set_name) tq_mom_client_set_name(handle, safe_name);
+    const char *const folder = secure_getenv("DM_CACHE_INSPECT");
+    stop_begins();  // of a start that failed: its handle may have gone
+    if (folder && *folder != '\0') begin_server(handle, folder, safe_name);
 }
 
 }  // namespace dm
