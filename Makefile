@@ -1,5 +1,7 @@
 # Thin: what a person types. The build itself is CMake's (CMakePresets.json has one preset a build folder).
 JOBS ?= $(shell nproc)
+# Tests wait more than they compute.
+TEST_JOBS ?= $(shell expr 2 \* $(JOBS))
 PREFIX ?= /usr/local
 
 .PHONY: run run-redis test asan tsan test-arm abi abi-update lint lint-quick docs simulate faults plant bench bench-cache install packages packages-test clean
@@ -32,7 +34,7 @@ test asan tsan:
 	scripts/setup.sh build test server
 	cmake --preset $(PRESET)
 	cmake --build $(DIR) -j$(JOBS)
-	ctest --preset $(PRESET) -j$(JOBS)
+	ctest --preset $(PRESET) -j$(TEST_JOBS)
 
 # The same on 32-bit ARM, under an emulator.
 test-arm:
@@ -40,7 +42,7 @@ test-arm:
 	cmake --preset arm
 	cmake --build build-arm -j$(JOBS)
 	scripts/library_size.py build-arm --strip arm-linux-gnueabihf-strip --limit
-	ctest --preset arm -j$(JOBS)
+	ctest --preset arm -j$(TEST_JOBS)
 
 # Both libraries on both machines, against the interface of the last version; abi-update describes a new one.
 abi abi-update:

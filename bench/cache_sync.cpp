@@ -1,11 +1,13 @@
-// A first synchronisation and one that finds everything as it was, each in a process that has done nothing else: processor
-// time beside two packed copies of each object, on a thread of its own and on fresh memory as the cache's are; and memory.
+// A first synchronisation and some that find everything as it was, in a process that has done nothing else: processor time
+// beside two packed copies of each object, on a thread of its own and on fresh memory as the cache's are; memory; and how
+// often a change callback, and beside it a follower, is told of what has not changed.
 #include <malloc.h>
 #include <unistd.h>
 #include <algorithm>
 #include <thread>
 
 #include "bench/cache.h"
+#include "tq_dm_cache/dm_cache_follow.h"
 #include "tq_dm_cache/dm_cache_status.h"
 
 namespace bench {
@@ -57,13 +59,40 @@ size_t allocated() {
     return info.uordblks + info.hblkhd;
 }
 
+constexpr int32_t port_rows[] = {DM_ROW_PORT_STATIC, DM_ROW_VSD_PORT};
+uint32_t told;  // the store client's thread; read when it has applied
+
+int32_t count_callback(tq_mom_handle *, int32_t, int32_t, ProtobufCMessage *) {
+    ++told;
+    return 0;
+}
+void count_event(const dm_cache_event *, void *) {
+    ++told;
+}
+
+// Processor time of a resynchronisation, but for the store's.
+double synchronise_again(const Client &client, double store) {
+    const PDev__DpLibComplete complete = P_DEV__DP_LIB_COMPLETE__INIT;
+    const uint32_t applied = dm_cache_applied();
+    told = 0;
+    const double begun = process_time();
+    set(client, complete.base);
+    check(dm_cache_wait_applied(applied, 600'000), "the next application");
+    return process_time() - begun - store;
+}
+
 constexpr const char *figures[] = {"first, ms",
                                    "again, ms",
                                    "rival, ms",
                                    "resident MB before a resynchronisation",
                                    "resident MB after it",
                                    "bytes an object, message included",
-                                   "bytes an object, packed copies"};
+                                   "bytes an object, packed copies",
+                                   "again with followers, ms",
+                                   "followers told",
+                                   "again with callbacks, ms",
+                                   "callbacks",
+                                   "resident MB more with followers"};
 
 }  // namespace
 
@@ -87,19 +116,27 @@ int print_synchronisation(int count) {
     const size_t cached = allocated() - before;
 
     const double resident = resident_mb();
-    const PDev__DpLibComplete complete = P_DEV__DP_LIB_COMPLETE__INIT;
-    const uint32_t applied = dm_cache_applied();
-    begun = process_time();
-    set(client, complete.base);
-    check(dm_cache_wait_applied(applied, 600'000), "the next application");
-    const double again = process_time() - begun - store;
+    const double again = synchronise_again(client, store);
     const double resident_after = resident_mb();
 
     const size_t before_copies = allocated();
     const double rival = copy_twice(all);
     const double objects = 2.0 * count;
-    std::printf("%f %f %f %f %f %f %f\n", first, again, rival, resident, resident_after,
-                static_cast<double>(cached) / objects, static_cast<double>(allocated() - before_copies) / 2 / objects);
+    const size_t copies = allocated() - before_copies;
+    const double alone = resident_mb();
+    for (const int32_t row : port_rows)
+        check(dm_cache_follow(row, count_event, nullptr, DM_CACHE_FOLLOW_FROM_NOW), "follow");
+    const double with_followers = synchronise_again(client, store);
+    const uint32_t events = told;
+    const double more = resident_mb() - alone;
+    for (const int32_t row : port_rows) {
+        check(dm_cache_unfollow(row, count_event, nullptr), "unfollow");
+        dm_cache_sub_obj(row, count_callback, 0);
+    }
+    const double with_callbacks = synchronise_again(client, store);
+    std::printf("%f %f %f %f %f %f %f %f %u %f %u %f\n", first, again, rival, resident, resident_after,
+                static_cast<double>(cached) / objects, static_cast<double>(copies) / 2 / objects, with_followers,
+                events, with_callbacks, told, more);
     return 0;
 }
 

@@ -33,6 +33,7 @@
 #include "base/lock.h"
 #include "base/log.h"
 #include "base/store_message.h"
+#include "cache/age.h"
 #include "cache/apply.h"
 #include "cache/events.h"
 #include "cache/gate.h"
@@ -57,6 +58,7 @@ enum class State { subscribing, early, gathering, applying, live } state = State
 
 // Other threads see no more of it than whether it is the last, and that once the application has been told.
 void enter(State next) {
+    if (state == State::live && next != State::live) age_grows_from_now();
     state = next;
     store(machine_is_live, uint8_t{0});
 }

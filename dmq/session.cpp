@@ -131,6 +131,7 @@ void Session::begin_start(const std::vector<Kind> &kinds) {
 // All of the process is read before the cache is touched: a shell goes on with what it had.
 void Session::take_picture(const std::vector<Kind> &kinds) {
     Picture picture;
+    picture_ms_ = now_ms();
     {
         Inspection inspection(attached_, deadline_);
         inspection.read_process(picture);
@@ -224,6 +225,11 @@ void Session::settle(uint32_t applied) {
     if (tq_mom_client_drain(reader(), deadline_.left()))
         deadline_.passed("the cache was not told everything", "waited for the store client to deliver");
     tell_refused();
+}
+
+int64_t now_ms() {
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
 std::string waits_for() {

@@ -72,7 +72,7 @@ public:
 
     // The process that is shown in place of dmq's own cache; null: none is.
     const Picture *picture() const { return picture_ ? &*picture_ : nullptr; }
-    bool is_named() const { return named_; }  // the store is
+    int64_t picture_ms() const { return picture_ms_; }  // when it was begun
 
     // Starts the cache for these kinds (all when none is named) and returns at once. A second start changes nothing.
     void start(const std::vector<Kind> &kinds);
@@ -104,6 +104,7 @@ private:
     bool named_;
     std::string attached_;  // the path of a process's socket
     std::optional<Picture> picture_;
+    int64_t picture_ms_ = 0;
     Deadline deadline_;
     Client writer_;
     Client reader_;
@@ -112,6 +113,9 @@ private:
     bool started_ = false;
     bool cut_off_ = false;
 };
+
+// Milliseconds of the clock that no person sets.
+int64_t now_ms();
 
 // What keeps the cache from being complete? Empty: nothing.
 std::string waits_for();

@@ -15,7 +15,9 @@ namespace dmq {
 
 namespace {
 
-constexpr auto other_process_time = std::chrono::seconds(1);  // for another process to apply what it has been told
+constexpr auto between_looks = std::chrono::milliseconds(250);  // at another process
+constexpr int64_t unknown_age_ms =
+    1000;  // in which another process, that does not tell how old its rows are, has heard everything
 constexpr int most_rounds = 20;
 
 using Place = std::pair<int32_t, std::string>;  // a row, and an object's packed key
@@ -93,6 +95,8 @@ struct Difference {
     Message store, cache;
     std::string store_bytes, cache_bytes, index, why;
     std::vector<uint64_t> changes;  // heard of, of all that it depends on, before it was read
+    int64_t first_ms = 0;           // when that was
+    bool is_behind = false;         // another process may not have heard of it yet
 
     bool same_as(const Difference &other) const {
         return store_bytes == other.store_bytes && cache_bytes == other.cache_bytes && index == other.index;
@@ -208,7 +212,8 @@ struct Read {
     Differences differences;
 };
 
-void compare_row(Session &session, const Kind &kind, const std::map<Place, uint64_t> &changes, Read &read) {
+void compare_row(Session &session, const Kind &kind, const std::map<Place, uint64_t> &changes, int64_t now,
+                 Read &read) {
     const Content store = stored(session, kind);
     const Cached cache = cached(session, kind.row);
     std::set<std::string> keys;
@@ -233,8 +238,24 @@ void compare_row(Session &session, const Kind &kind, const std::map<Place, uint6
         found.why = why(kind.row, found, seen);
         const Place place(kind.row, key);
         found.changes = changes_of(changes, place, !found.index.empty());
+        found.first_ms = now;
         read.differences.emplace(place, std::move(found));
     }
+}
+
+// What had changed until then is in the row, by the last look at it.
+bool has_heard_since(const Session &session, int32_t row, int64_t first_ms) {
+    if (!session.picture()) return true;
+    const int64_t age = session.picture()->rows[static_cast<size_t>(row)].age_ms;
+    return session.picture_ms() - first_ms >= (age < 0 ? unknown_age_ms : age);
+}
+
+// Differs as it did, and the store has told of no change of it since.
+bool is_still(const Place &place, const Difference &now, const Differences &open,
+              const std::map<Place, uint64_t> &after) {
+    const auto first = open.find(place);
+    return first != open.end() && first->second.same_as(now) &&
+           changes_of(after, place, !now.index.empty()) == first->second.changes;
 }
 
 // Told
@@ -301,11 +322,12 @@ Exit run_verify(Context &context, const Command &command) {
     for (int round = 0; round < most_rounds && (all || !open.empty()); ++round) {
         if (round > 0 && attached) {
             const auto left = std::chrono::milliseconds(session.time_left());
-            std::this_thread::sleep_for(std::min<std::chrono::milliseconds>(left, other_process_time));
+            std::this_thread::sleep_for(std::min(left, between_looks));
         }
         if (round > 0 && !session.time_left()) break;
         feed.mark();
         const auto before = feed.changes();
+        const int64_t before_ms = now_ms();
         if (round > 0 && attached) session.synchronise({});
         if (!is_live(session)) {
             if (round == 0) throw Failure(exit_no, "the cache is not live, so it need not be equal: " + waits_for());
@@ -315,23 +337,31 @@ Exit run_verify(Context &context, const Command &command) {
         for (const Kind &kind : kinds) {
             const bool is_open =
                 std::any_of(open.begin(), open.end(), [&](const auto &one) { return one.first.first == kind.row; });
-            if (all || is_open) compare_row(session, kind, before, read);
+            if (all || is_open) compare_row(session, kind, before, before_ms, read);
         }
         feed.mark();
         const auto after = feed.changes();
         if (all) objects = read.objects;
         if (!all) std::erase_if(read.differences, [&](const auto &one) { return !open.contains(one.first); });
         all = false;
-        for (auto at = read.differences.begin(); at != read.differences.end();) {
-            auto &[place, now] = *at;
-            const auto first = open.find(place);
-            const bool is_same = first != open.end() && first->second.same_as(now);
-            const bool is_still = is_same && changes_of(after, place, !now.index.empty()) == first->second.changes;
-            if (is_still) told.emplace(place, std::move(now));
-            at = is_still ? read.differences.erase(at) : std::next(at);
+        for (auto &[place, now] : read.differences) {
+            if (!is_still(place, now, open, after)) continue;
+            const Difference &first = open.at(place);
+            now.first_ms = first.first_ms;
+            now.is_behind = !has_heard_since(session, place.first, first.first_ms);
+            if (!now.is_behind) told.emplace(place, std::move(now));
         }
+        for (const auto &entry : told) read.differences.erase(entry.first);
         open = std::move(read.differences);
-        for (const auto &entry : told) open.erase(entry.first);
+    }
+    // One that does not hear, or does not get on, stays as it is.
+    for (auto at = open.begin(); at != open.end();) {
+        if (!at->second.is_behind) {
+            ++at;
+            continue;
+        }
+        at->second.why = "the process has not heard of the store, or not got on, for a while";
+        told.insert(open.extract(at++));
     }
 
     const bool json = command.settings.json;

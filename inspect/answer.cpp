@@ -12,9 +12,6 @@
 #include "cache/startup.h"
 #include "tq_dm_cache/dm_cache_status.h"
 
-// Where the library has none, no age is promised.
-extern "C" __attribute__((weak)) DM_API int64_t dm_cache_age_ms(int32_t type);
-
 namespace dm {
 namespace {
 
@@ -77,7 +74,7 @@ dm_inspect_row row_now(int32_t type) {
 
 bool add_row(Outgoing &out, int32_t type) {
     dm_inspect_row row = row_now(type);
-    if (started() && dm_cache_age_ms) row.age_ms = dm_cache_age_ms(type);
+    if (started()) row.age_ms = dm_cache_age_ms(type);
     dm_cache_get_stats(type, &row.stats, sizeof row.stats);
     return add(out, DM_INSPECT_ROW, &row, sizeof row, 0);
 }

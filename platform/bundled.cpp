@@ -118,6 +118,15 @@ int32_t tq_mom_store_clients(tq_mom_handle *handle, tq_mom_store_client_cb callb
     });
 }
 
+int64_t tq_mom_client_heard_ms(tq_mom_handle *handle) {
+    int64_t ago = -1;
+    with_client(handle, [&](Client &client) {
+        ago = client.heard_ms_ago();
+        return 0;
+    });
+    return ago;
+}
+
 int32_t tq_mom_client_drain(tq_mom_handle *handle, int32_t timeout_ms) {
     return with_client(handle, [&](Client &client) -> int32_t {
         if (client.loop().on_own_thread()) return TQ_MOM_E_ARGUMENT;

@@ -25,6 +25,12 @@ store_msg new_msg(const Request &request, int32_t cmd) {
     return msg;
 }
 
+// Counts a delivery off when it is over, also when it throws.
+struct Delivered {
+    std::atomic<uint64_t> &undelivered;
+    ~Delivered() { --undelivered; }
+};
+
 // Who hears of a change of an object whose fields are followed, each once. An object that comes or goes changes all of
 // its fields.
 std::vector<Listener> affected(const Request &request, const Changed &event) {
@@ -102,7 +108,9 @@ std::unique_ptr<Client> Client::open(const char *url, int32_t &error) {
     client->handle_ = {client.get(), &client->loop_};
     client->shown_store_ = url_without_secret(url);
     client->store_ = open_store(url, *client, client->loop_, error);
-    return client->store_ ? std::move(client) : nullptr;
+    if (!client->store_) return nullptr;
+    client->tells_at_once_ = client->store_->tells_at_once();
+    return client;
 }
 
 Client::~Client() {
@@ -194,22 +202,53 @@ int32_t Client::replace(const Target &target, const ProtobufCMessage *before, co
     return store_->replace(target.place, stored, made);
 }
 
+template <class Deliver> void Client::post_counted(Deliver deliver) {
+    ++undelivered_;
+    loop_.post([this, deliver = std::move(deliver)] {
+        const Delivered delivered{undelivered_};
+        deliver();
+    });
+}
+
 void Client::post(Event event) {
+    note_heard();
     const uint64_t epoch = epoch_;
-    loop_.post(
+    post_counted(
         [this, epoch, event = std::move(event)] { std::visit([&](const auto &e) { deliver(e, epoch); }, event); });
 }
 
+void Client::heard_until(Clock::time_point when) {
+    const uint64_t epoch = epoch_;
+    loop_.post([this, epoch, when] {
+        if (epoch == epoch_) heard_until_ = when.time_since_epoch();
+    });
+}
+
 void Client::lost() {
+    note_heard();
     ++epoch_;
-    loop_.post([this] {
+    post_counted([this] {
         up_ = false;
         tell_connection(0);
     });
 }
 
 void Client::connected(int32_t reason, std::vector<Ticket> owed) {
-    loop_.post([this, reason, owed = std::move(owed)] { on_connected(reason, owed); });
+    post_counted([this, reason, owed = std::move(owed)] { on_connected(reason, owed); });
+}
+
+// The connection stands, or stood until now. A clock read before the count: what is posted meanwhile is younger.
+void Client::note_heard() {
+    if (!tells_at_once_) return;
+    const Clock::duration now = Clock::now().time_since_epoch();
+    if (undelivered_ == 0) heard_until_ = now;
+}
+
+int64_t Client::heard_ms_ago() {
+    if (store_->up()) note_heard();
+    const Clock::duration until = heard_until_;
+    if (until == never) return -1;
+    return std::chrono::ceil<std::chrono::milliseconds>(Clock::now().time_since_epoch() - until).count();
 }
 
 // It was in force, and a loss since then is told behind it.

@@ -60,6 +60,7 @@ public:
     Store &store() { return *store_; }
     uint64_t damaged() const { return damaged_; }
     const std::string &shown_store() const { return shown_store_; }
+    int64_t heard_ms_ago();
 
     void connect(tq_mom_ready_cb ready, uintptr_t privdata);
     bool wait_connected(std::chrono::milliseconds timeout);
@@ -76,6 +77,8 @@ public:
 private:
     bool is_closing();
 
+    static constexpr Clock::duration never = Clock::duration::min();
+
     struct Ready {
         tq_mom_ready_cb callback;
         uintptr_t privdata;
@@ -89,8 +92,12 @@ private:
 
     // What the store tells, on any thread.
     void post(Event event) override;
+    void heard_until(Clock::time_point when) override;
     void lost() override;
     void connected(int32_t reason, std::vector<Ticket> owed) override;
+
+    template <class Deliver> void post_counted(Deliver deliver);
+    void note_heard();
 
     // Its delivery, on the loop's thread.
     void deliver(const Confirmed &event, uint64_t epoch);
@@ -115,6 +122,9 @@ private:
 
     std::atomic<uint64_t> epoch_ = 0;  // how often the connection was lost: events of an earlier epoch are void
     std::atomic<uint64_t> damaged_ = 0;
+    std::atomic<uint64_t> undelivered_ = 0;            // what the store has posted and the loop has not run
+    std::atomic<Clock::duration> heard_until_{never};  // of the clock: what was told until then has been delivered
+    std::atomic<bool> tells_at_once_ = false;
     bool up_ = true;  // as the loop's thread has been told
 
     std::mutex mutex_;  // guards what follows; taken before the store's lock, never while a callback runs

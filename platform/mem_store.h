@@ -20,6 +20,7 @@ public:
 
     void end() override {}
     bool up() const override;
+    bool tells_at_once() const override { return true; }
     int32_t rescan_delay_ms() const override { return 10; }
     void follow(const Place &place, const std::string *key, const Ticket &ticket) override;
     void scan(const Place &place, const Ticket &ticket) override;

@@ -296,6 +296,7 @@ void RedisStore::lose() {
     scans_.clear();
     page_asked_ = false;
     echo_heard_ = echo_asked_;
+    echo_times_.clear();
 }
 
 // A caller has found out before the loop has. A call of an earlier connection says nothing of this one.
@@ -353,6 +354,7 @@ void RedisStore::ask_echo() {
         const std::lock_guard lock(mutex_);
         if (!up_) return;
         ++echo_asked_;
+        echo_times_.push_back(Clock::now());
         for (const auto *place : places_) hashes.push_back(place->first);
     }
     const std::string keys = std::to_string(hashes.size()), id = random_id();
@@ -403,7 +405,12 @@ const char *RedisStore::take_echo() {
         bool &has_objects = places_[i]->second.has_objects;
         replaced_ |= std::exchange(has_objects, there[i] == '1') && !has_objects;
     }
-    return replaced_ ? other_content : nullptr;
+    if (replaced_) return other_content;
+    if (!echo_times_.empty()) {
+        sink_.heard_until(echo_times_.front());
+        echo_times_.pop_front();
+    }
+    return nullptr;
 }
 
 void RedisStore::take_change(Channel &channel) {

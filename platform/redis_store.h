@@ -35,6 +35,7 @@ public:
 
     void end() override;
     bool up() const override;
+    bool tells_at_once() const override { return false; }
     int32_t rescan_delay_ms() const override { return rescan_delay_ms_; }
     void follow(const Place &place, const std::string *key, const Ticket &ticket) override;
     void scan(const Place &place, const Ticket &ticket) override;
@@ -145,6 +146,7 @@ private:
     size_t most_at_once_ = 256;  // to ask for in a page. Fewer after a connection was lost with one under way: a server
                                  // that cuts off whoever asks for so much would do it again, and again
     uint64_t echo_asked_ = 0, echo_heard_ = 0;  // the last one's number
+    std::deque<Clock::time_point> echo_times_;  // when those were asked for that are not heard yet
     uint64_t echo_before_ = 0;                  // the last one that was asked for before the page or fence that is owed
     RedisHolds holds_;
     // By the hash, or the server's word, and whether of writes.

@@ -81,6 +81,8 @@ class Sink {
 public:
     virtual ~Sink() = default;
     virtual void post(Event event) = 0;
+    // What the store told until then, by this clock, has been posted.
+    virtual void heard_until(Clock::time_point when) = 0;
     virtual void lost() = 0;  // what was posted and is not delivered yet is lost too, but for confirmations
     // With the confirmations that could not be posted: all of these are in force now.
     virtual void connected(int32_t reason, std::vector<Ticket> owed) = 0;
@@ -95,6 +97,8 @@ public:
     virtual void end() = 0;
 
     virtual bool up() const = 0;
+    // Whatever it tells is posted before the call that changes it returns; else heard_until() says how far it has come.
+    virtual bool tells_at_once() const = 0;
     virtual int32_t rescan_delay_ms() const = 0;
 
     // Every change of a place; of one object only, when its key is given, though others may be told, too. Repeating it for

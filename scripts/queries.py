@@ -36,7 +36,7 @@ def declarations(header):
             comment = ""
         end = token.end()
         if token[2]:
-            yield comment, " ".join(token[2].split())
+            yield comment, re.sub(r"\bDM_OUT\((\w+)\) ", r"\1 **", " ".join(token[2].split()))
         elif token[1] is not None:
             comment = " ".join(" ".join(comment_lines(token[1])).split())
 

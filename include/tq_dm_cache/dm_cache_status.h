@@ -32,6 +32,14 @@ DM_API int32_t dm_cache_wait_applied(uint32_t than, int32_t timeout_ms);
 DM_API int32_t dm_cache_reason(char *buf, int32_t len);
 
 /*
+ * How old is a row's picture? At most so many milliseconds ago it was equal to the store, but for objects that the cache has
+ * refused and what the client itself has put into the row. It grows while the connection is lost or the cache gathers. -1: no
+ * promise, for the row is out of range, not enabled, not filled yet, held or refused by the store, the cache is stopped, or the
+ * platform does not tell (the bundled one does: tq_mom_client_heard_ms()). The store client's thread may call it too.
+ */
+DM_API int64_t dm_cache_age_ms(int32_t type);
+
+/*
  * A line of the log, whole and without line break, of up to 1023 bytes: its level (2 failures, 1 notable events, 0 tracing), the
  * module and function that it names, the line of the source. The texts are good during the call.
  */

@@ -11,6 +11,7 @@
  */
 
 #include "dm_list.h"
+#include "dm_out.h"
 #include "dm_rbtree.h"
 #include "dm_types.h"
 
@@ -55,10 +56,11 @@ DM_API int32_t ndm_cache_tree_del_node(obj_sub_entry *row, const void *message);
 
 /* Which static port sits at this place? `out` is the cached p_dev.port_static itself, borrowed; null when not cached. */
 DM_API int32_t ndm_get_static_port_by_index_with_subslot(int32_t t_dev, int32_t t_slot, int32_t t_sslot, int32_t t_port,
-                                                         int32_t t_type, void *out);
+                                                         int32_t t_type, DM_OUT(PDev__PortStatic) out);
 
 /* The same with sub-slot 0. */
-DM_API int32_t ndm_get_static_port_by_index(int32_t t_dev, int32_t t_slot, int32_t t_port, int32_t t_type, void *out);
+DM_API int32_t ndm_get_static_port_by_index(int32_t t_dev, int32_t t_slot, int32_t t_port, int32_t t_type,
+                                            DM_OUT(PDev__PortStatic) out);
 
 #ifdef __cplusplus
 }

@@ -175,6 +175,13 @@ DM_API int32_t tq_mom_store_clients(tq_mom_handle *handle, tq_mom_store_client_c
 DM_API uint64_t tq_mom_client_damaged(tq_mom_handle *handle);
 
 /*
+ * At most so many milliseconds ago, everything that the store had told until then has been delivered to the callbacks; -1: not
+ * since the handle was opened. A Redis store is asked five times in the time in which a silent one is given up. It grows while
+ * the connection is lost. Any thread, callbacks included.
+ */
+DM_API int64_t tq_mom_client_heard_ms(tq_mom_handle *handle);
+
+/*
  * Waits until the loop has run everything that was due when this was called, timers included. What callbacks asked for
  * meanwhile may still be to come, and what a server has not sent yet. TQ_MOM_E_TIMEOUT after timeout_ms. Not from the
  * loop's own thread: TQ_MOM_E_ARGUMENT.

@@ -96,6 +96,51 @@ TEST(Status, SaysWhatItWaitsFor) {
     EXPECT_STREQ(cut, "row");
 }
 
+// The age of a picture while the store goes on being heard: a row that is not whole must not seem to be fresh.
+TEST(Status, PromisesAnAgeOnlyForARowThatIsWhole) {
+    const auto ages = [] {
+        Strings all;
+        for (const int32_t row : {17, 21, 30, -1}) all.push_back(std::to_string(dm_cache_age_ms(row)));
+        return all;
+    };
+    platform.heard_ms = 5'000'000;
+    const Strings nothing(4, "-1");
+    EXPECT_EQ(ages(), nothing);
+    start({17, 21});
+    platform.answers = {{"subscribe 3 p_dev.vsl_port_info", -3}};
+    platform.become_ready();
+    platform.confirm();
+    EXPECT_EQ(ages(), nothing);
+    platform.answer_scans();
+    EXPECT_EQ(ages(), nothing);  // row 21 holds the machine
+    platform.answers = {};
+    for (const uint32_t db : {1U, 3U}) platform.lose_connection(db, 1);
+    platform.confirm();
+    platform.fire_timers();
+    platform.answer_scans();
+    EXPECT_EQ(ages(), (Strings{"5000000", "5000000", "-1", "-1"}));
+    dm_cache_follow(
+        30, [](const dm_cache_event *, void *) {}, nullptr, 0);
+    EXPECT_EQ(ages()[2], "-1");
+    platform.confirm();
+    platform.answer_scans();
+    EXPECT_EQ(ages()[2], "5000000");
+
+    for (const uint32_t db : {1U, 3U}) platform.lose_connection(db, 1);
+    platform.heard_ms = 0;  // the new connection
+    for (int i = 0; i < 3; ++i) EXPECT_GE(dm_cache_age_ms(17), 5'000'000);
+    platform.confirm();
+    platform.fire_timers();
+    receive_value(21, REPLY, nullptr, 0, TQ_MOM_RESULT_HELD);
+    for (const int32_t row : {17, 30}) receive_end(row);
+    EXPECT_EQ(ages(), (Strings{"0", "-1", "0", "-1"}));
+    platform.heard_ms = -1;
+    EXPECT_EQ(ages(), nothing);
+    platform.heard_ms = 0;
+    EXPECT_EQ(dm_cache_stop(), 0);
+    EXPECT_EQ(ages(), nothing);
+}
+
 // A process that has a log of its own gets whole lines, and those of one thread at a time.
 TEST(Status, HandsItsLinesToASink) {
     static Strings lines;

@@ -44,11 +44,13 @@ public:
         for (; now < cycles; now++) {
             do strike();
             while (random.percent(40));
+            follower_comes_or_goes(random);
             come_to_rest();
             count("cycles");
         }
         tell([this] { ended_ = true; });
         writing_.join();
+        followers.clear();
         tq_mom_client_close(reader_);
         tq_mom_client_close(writer_);
     }

@@ -126,6 +126,42 @@ TEST_P(StoreContract, AReconnectRestoresAndGivesWhatWasOwed) {
     EXPECT_EQ(reader.scanned(), "s: end, s: has 1:1, s: has 2:2");
 }
 
+// A picture that is told to be younger than it is hides a store that nobody hears any more.
+TEST_P(StoreContract, WhatWasHeardHasBeenDelivered) {
+    using Clock = std::chrono::steady_clock;
+    using std::chrono::milliseconds;
+    const auto age = [&] { return milliseconds(tq_mom_client_heard_ms(reader.handle())); };
+    EXPECT_EQ(tq_mom_client_heard_ms(nullptr), -1);
+    std::atomic<int32_t> seen = 0;
+    reader.word("sub")->then = [&](const store_msg &msg) {
+        if (msg.cmd == TQ_MOM_CMD_SET && ++seen % 16 == 0) std::this_thread::sleep_for(milliseconds(3));
+    };
+    ASSERT_TRUE(reader.follow("sub"));
+    std::vector<Clock::time_point> written;
+    for (bool any = false; written.size() < 300 || !any;) {
+        writer.set(1, static_cast<int32_t>(written.size()));
+        written.push_back(Clock::now());
+        const milliseconds ago = age();
+        any |= ago.count() >= 0;
+        const auto promised = ago.count() < 0 ? 0 : std::count_if(written.begin(), written.end(), [&](auto time) {
+            return time <= written.back() - ago;
+        });
+        ASSERT_GE(seen, promised) << ago.count();
+    }
+    reader.follow_connection();
+    disconnect();
+    ASSERT_TRUE(reader.wait("lost"));
+    const auto lost = Clock::now();
+    for (int i = 0; i < 20; ++i) {
+        std::this_thread::sleep_for(milliseconds(2));
+        const auto away = Clock::now() - lost;
+        EXPECT_GE(age(), away);
+    }
+    reconnect();
+    ASSERT_TRUE(reader.wait("reconnect 3 1"));
+    while (age() > Clock::now() - lost) std::this_thread::sleep_for(milliseconds(1));
+}
+
 // A client that takes a new server for the old one keeps objects that are not there.
 TEST_P(StoreContract, ARestartedStoreIsToldApart) {
     writer.set(1, 1);

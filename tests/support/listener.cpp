@@ -87,8 +87,10 @@ std::string Listener::difference(int32_t row, const Picture &cache) const {
 }
 
 Follower::Follower(int32_t row, uint32_t flags) : row_(row), flags_(flags) {
+    dm_cache_lock();  // nothing happens between the picture and the first event
     if (flags & DM_CACHE_FOLLOW_FROM_NOW) objects_ = cached_picture(row);
     if (dm_cache_follow(row, hear, this, flags) != 0) fail("row %d cannot be followed", row);
+    dm_cache_unlock();
 }
 
 Follower::~Follower() {

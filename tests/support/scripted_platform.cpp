@@ -1,6 +1,8 @@
 // The scripted platform: the platform's functions write down, look up the answer, and hand out copies.
 #include "tests/support/scripted_platform.h"
 
+#include "tq_dm_cache/tq_platform_bundled.h"
+
 #include <algorithm>
 #include <mutex>
 #include <utility>
@@ -158,6 +160,10 @@ void ScriptedPlatform::synchronise() {
     become_ready();
     confirm();
     answer_scans();
+}
+
+int64_t tq_mom_client_heard_ms(tq_mom_handle *) {
+    return platform.heard_ms;
 }
 
 int32_t tq_mom_client_connect(tq_mom_handle *, uint32_t db, tq_mom_ready_cb ready, uintptr_t privdata) {

@@ -73,6 +73,7 @@ struct ScriptedPlatform {
     int32_t reconnect_scan_ms = 10;
     std::map<std::string, int32_t> capabilities;
     int64_t now_ms = 0;
+    int64_t heard_ms = -1;
 
     // The store's content, for synchronous reads and for synchronise(). An equal key replaces.
     void put(const Message &object, uint32_t db = 1);

@@ -16,7 +16,7 @@
  *     room for 8 entries or as many as the card has chips, whichever is more; entries without a chip are 0.
  */
 
-#include "../dm_api.h"
+#include "../dm_out.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -30,7 +30,7 @@ DM_API int32_t _ndm_get_my_card_type_rt(int32_t *card_type, uint8_t rt);
  * What are the static attributes of this card? `card` receives a copy of the p_dev.dm_card_stattr_t, to be released
  * with ndm_port_obj_free(), or null. The card's own type is read from the store for any rt but 0.
  */
-DM_API int32_t _ndm_get_my_card_obj_rt(void *card, uint8_t rt);
+DM_API int32_t _ndm_get_my_card_obj_rt(DM_OUT(PDev__DmCardStattrT) card, uint8_t rt);
 
 /* How many logical ports does this card have? */
 DM_API int32_t _ndm_get_my_lport_num(uint8_t rt);
