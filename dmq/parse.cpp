@@ -19,6 +19,7 @@ Examples:
   dmq --load examples/chassis.json call ndm_get_master_slotid
   dmq --load examples/chassis.json shell               many commands on one store
   dmq --load examples/chassis.json shell examples/tour.dmq
+  dmq --attach cards show ports                        what a running process has
   dmq gen --devices 4 --cards 8 > big.json             a topology of any size
 
 The store is that of --store, else of DMQ_STORE, else mem:, which lives as long as the process: fill it with --load.

@@ -23,7 +23,7 @@ template <class F> int32_t with_mem_store(tq_mom_handle *handle, F &&fault) {
 // What stands behind a word of a line, up to the next blank.
 std::string field_of(std::string_view line, std::string_view word) {
     const size_t at = line.find(word);
-    if (at == line.npos) return {};
+    if (at == std::string_view::npos) return {};
     const std::string_view rest = line.substr(at + word.size());
     return std::string(rest.substr(0, rest.find(' ')));
 }
@@ -39,7 +39,7 @@ void tell_clients(std::string_view list, tq_mom_store_client_cb callback, void *
     while (!list.empty()) {
         const size_t end = list.find('\n');
         const std::string line = " " + std::string(list.substr(0, end));
-        list.remove_prefix(end == list.npos ? list.size() : end + 1);
+        list.remove_prefix(end == std::string_view::npos ? list.size() : end + 1);
         if (line.size() < 2 || number_of(field_of(line, " sub=")) != 0) continue;
         const std::string name = field_of(line, " name="), address = field_of(line, " addr=");
         const tq_mom_store_client client = {name.c_str(), address.c_str(), number_of(field_of(line, " age=")),

@@ -93,6 +93,8 @@ class Attach(WithFolder):
         other = self.process()
         self.assertIn(f"which process is meant by dmq: {', '.join(sorted([process.name, other.name]))}?",
                       self.dmq("--attach", "dmq", "show").stderr)
+        self.assertEqual(sorted(dmq("complete", "--inspect", self.folder, "--attach", "").stdout.split()),
+                         sorted([process.name, other.name]))
         self.assertIn("in which folder is dmq?", dmq("--attach", "dmq", "show", DM_CACHE_INSPECT="").stderr)
         process.shell.send_signal(signal.SIGSTOP)
         done = self.dmq("--attach", f"{self.folder}/{process.name}", "--timeout", "0.2", "show")
