@@ -4,6 +4,8 @@
 
 #include <array>
 #include <map>
+#include <string>
+#include <vector>
 
 #include "dmq/deadline.h"
 #include "dmq/message.h"

@@ -76,7 +76,7 @@ bool send_more(Client &client) {
     Answer &answer = client.answer;
     Outgoing &out = answer.out;
     if (out.sent == out.filled && !go_on(answer)) return false;
-    const ssize_t n = send(client.fd, out.bytes.get() + out.sent, out.filled - out.sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+    const ssize_t n = send(client.fd, out.bytes.get() + out.sent, out.filled - out.sent, MSG_NOSIGNAL);
     if (n < 0) return errno == EAGAIN || errno == EINTR;
     out.sent += static_cast<uint32_t>(n);
     const int64_t now = now_ms();
@@ -90,10 +90,10 @@ bool send_more(Client &client) {
 // No more than the line is read: what is asked next waits in the socket. False: it is no question, or nobody is there.
 bool hear(Client &client, const ProcessTexts &texts) {
     char *const at = client.line + client.heard;
-    ssize_t n = recv(client.fd, at, sizeof client.line - client.heard, MSG_PEEK | MSG_DONTWAIT);
+    ssize_t n = recv(client.fd, at, sizeof client.line - client.heard, MSG_PEEK);
     if (n < 0) return errno == EAGAIN || errno == EINTR;
     const auto *const end = static_cast<const char *>(std::memchr(at, '\n', static_cast<size_t>(n)));
-    n = recv(client.fd, at, static_cast<size_t>(end ? end - at + 1 : n), MSG_DONTWAIT);
+    n = recv(client.fd, at, static_cast<size_t>(end ? end - at + 1 : n), 0);
     if (n <= 0) return false;
     client.heard += static_cast<uint32_t>(n);
     if (!end) return client.heard < sizeof client.line;
@@ -106,7 +106,7 @@ bool hear(Client &client, const ProcessTexts &texts) {
 
 void send_away(int fd) {
     const dm_inspect_record busy = {0, DM_INSPECT_BUSY};
-    send(fd, &busy, sizeof busy, MSG_NOSIGNAL | MSG_DONTWAIT);
+    send(fd, &busy, sizeof busy, MSG_NOSIGNAL);
     close(fd);
 }
 
