@@ -70,13 +70,22 @@ void count_event(const dm_cache_event *, void *) {
     ++told;
 }
 
-// Processor time of a resynchronisation, but for the store's.
-double synchronise_again(const Client &client, double store) {
+void content_is_complete(const Client &client) {
     const PDev__DpLibComplete complete = P_DEV__DP_LIB_COMPLETE__INIT;
+    set(client, complete.base);
+}
+
+void reconnect(const Client &client) {
+    check(tq_mem_disconnect(client.get()), "disconnect");
+    check(tq_mem_reconnect(client.get()), "reconnect");
+}
+
+// Processor time of a resynchronisation, but for the store's.
+double synchronise_again(const Client &client, void (*cause)(const Client &), double store) {
     const uint32_t applied = dm_cache_applied();
     told = 0;
     const double begun = process_time();
-    set(client, complete.base);
+    cause(client);
     check(dm_cache_wait_applied(applied, 600'000), "the next application");
     return process_time() - begun - store;
 }
@@ -88,9 +97,10 @@ constexpr const char *figures[] = {"first, ms",
                                    "resident MB after it",
                                    "bytes an object, message included",
                                    "bytes an object, packed copies",
-                                   "again with followers, ms",
+                                   "after a reconnect, ms",
+                                   "the same with followers, ms",
                                    "followers told",
-                                   "again with callbacks, ms",
+                                   "the same with callbacks, ms",
                                    "callbacks",
                                    "resident MB more with followers"};
 
@@ -116,7 +126,7 @@ int print_synchronisation(int count) {
     const size_t cached = allocated() - before;
 
     const double resident = resident_mb();
-    const double again = synchronise_again(client, store);
+    const double again = synchronise_again(client, content_is_complete, store);
     const double resident_after = resident_mb();
 
     const size_t before_copies = allocated();
@@ -124,19 +134,20 @@ int print_synchronisation(int count) {
     const double objects = 2.0 * count;
     const size_t copies = allocated() - before_copies;
     const double alone = resident_mb();
+    const double reconnected = synchronise_again(client, reconnect, store);
     for (const int32_t row : port_rows)
         check(dm_cache_follow(row, count_event, nullptr, DM_CACHE_FOLLOW_FROM_NOW), "follow");
-    const double with_followers = synchronise_again(client, store);
+    const double with_followers = synchronise_again(client, reconnect, store);
     const uint32_t events = told;
     const double more = resident_mb() - alone;
     for (const int32_t row : port_rows) {
         check(dm_cache_unfollow(row, count_event, nullptr), "unfollow");
         dm_cache_sub_obj(row, count_callback, 0);
     }
-    const double with_callbacks = synchronise_again(client, store);
-    std::printf("%f %f %f %f %f %f %f %f %u %f %u %f\n", first, again, rival, resident, resident_after,
-                static_cast<double>(cached) / objects, static_cast<double>(copies) / 2 / objects, with_followers,
-                events, with_callbacks, told, more);
+    const double with_callbacks = synchronise_again(client, reconnect, store);
+    std::printf("%f %f %f %f %f %f %f %f %f %u %f %u %f\n", first, again, rival, resident, resident_after,
+                static_cast<double>(cached) / objects, static_cast<double>(copies) / 2 / objects, reconnected,
+                with_followers, events, with_callbacks, told, more);
     return 0;
 }
 

@@ -23,10 +23,17 @@ int64_t heard_ms_ago() {
     return tq_mom_client_heard_ms && handle ? tq_mom_client_heard_ms(handle) : -1;
 }
 
+// What the store keeps of the row is cached. One that is not to be cached is empty.
 bool is_kept_equal(int32_t row) {
-    const RowSync &sync = row_sync[row];
-    return row_followed(obj_sub_list[row]) && load(sync.filled) != 0 && load(sync.followed) != 0 &&
-           load(sync.confirmed) != 0 && load(sync.held) == 0;
+    return row_followed(obj_sub_list[row]) && (obj_sub_list[row].flag & DM_CACHE_NO_STORE) == 0 &&
+           load(row_sync[row].equal) != 0;
+}
+
+int64_t age_of_machine() {
+    const int64_t ago = heard_ms_ago();  // first: what was delivered before the cache became live has been applied then
+    if (load(machine_is_live) != 0) return ago;
+    const int64_t equal_until = load(equal_until_ms);
+    return equal_until == never ? -1 : now_ms() - equal_until + 1;  // rounded up
 }
 
 }  // namespace
@@ -43,8 +50,6 @@ using namespace dm;
 int64_t dm_cache_age_ms(int32_t type) {
     const StoreCallback inside;  // dm_cache_stop() waits for it, and the handle stays
     if (!inside.may_run() || !row_in_range(type) || !is_kept_equal(type)) return -1;
-    const int64_t ago = heard_ms_ago();  // first: what was delivered before the cache became live has been applied then
-    if (load(machine_is_live) != 0) return ago;
-    const int64_t equal_until = load(equal_until_ms);
-    return equal_until == never ? -1 : now_ms() - equal_until + 1;  // rounded up
+    const int64_t age = age_of_machine();
+    return is_kept_equal(type) ? age : -1;  // a row that became another one meanwhile has no such age
 }

@@ -297,6 +297,8 @@ void deliver_events() {
 
 void deliver_soon() {
     if (!any(noted) || !started()) return;
+    const StoreCallback inside;  // dm_cache_stop() waits for it, and the handle stays
+    if (!inside.may_run()) return;
     if (__atomic_exchange_n(&wake_up_due, uint8_t{1}, __ATOMIC_SEQ_CST) != 0) return;
     if (tq_thread_insert_timer(store_handle()->timer_master, &wake_up, on_wake_up, 0, 0, "dmcache_follow") != 0)
         store(wake_up_due, uint8_t{0});

@@ -16,6 +16,7 @@ struct RowSync {
     uint8_t held;       // the store refuses its subscription or scan for now
     uint8_t late;       // enabled after the start, and not yet scanned: any thread
     uint8_t filled;     // its first scan since the start has been applied
+    uint8_t equal;  // to the store when it was last live: all that was pushed and scanned has been applied, none held
 
     // Scans are numbered as they are asked for, and end in that order. What one up to `stale` brings is older than what the
     // row gathers now: its end does not count.

@@ -109,6 +109,12 @@ bool every_followed_row(uint8_t RowSync::*is_done) {
     return all_done && (any_done || !any_apart);
 }
 
+// All that a row has to follow has come, and nothing is missing but what the store has not told yet.
+void has_become_equal(RowSync &row) {
+    store(row.filled, uint8_t{1});
+    store(row.equal, static_cast<uint8_t>(load(row.followed) != 0 && load(row.confirmed) != 0));
+}
+
 // Scans of a row
 
 // A lost connection, or a new start, has cut off every scan.
@@ -229,7 +235,7 @@ void row_is_scanned(int32_t number) {
             CacheLock lock;
             status_count(number, Count::swept, sweep(number));  // what a scan that came late did not bring
         }
-        store(row.filled, uint8_t{1});
+        has_become_equal(row);
         deliver_events();
     }
     store(row.held, uint8_t{0});
@@ -258,7 +264,7 @@ void leave_applying() {
     enter(State::live);
     set_proc_done(1);
     for_followed_rows([](int32_t row, const obj_sub_entry &) {
-        if (!is_apart(row_sync[row])) store(row_sync[row].filled, uint8_t{1});
+        if (!is_apart(row_sync[row])) has_become_equal(row_sync[row]);
     });
     note_applied(!status_synced());  // who has waited for it, and follows then, is not told of it
     status_applied();
@@ -300,6 +306,7 @@ void apply_gathered(tq_mom_handle *handle) {
 
 void hold_row(tq_mom_handle *handle, int32_t row) {
     store(row_sync[row].held, uint8_t{1});
+    store(row_sync[row].equal, uint8_t{0});
     if (subscribing()) return begin_gathering();
     if (!gathers_no_more()) return;
     DM_LOG(notice, "all key scan done. \n");
@@ -316,7 +323,8 @@ void reset_machine() {
     for (int32_t number = 0; number < obj_sub_list_max; ++number) {
         RowSync &row = row_sync[number];
         drop_pending(number);
-        for (uint8_t *flag : {&row.followed, &row.confirmed, &row.scanned, &row.held, &row.late, &row.filled})
+        for (uint8_t *flag :
+             {&row.followed, &row.confirmed, &row.scanned, &row.held, &row.late, &row.filled, &row.equal})
             store(*flag, uint8_t{0});
         scans_are_cut_off(row);
     }
@@ -429,7 +437,11 @@ void subscribe_late(int32_t row) {
 }
 
 void begin_again() {
-    for (RowSync &row : row_sync) cancel_rescan(row);
+    for (RowSync &row : row_sync) {
+        cancel_rescan(row);
+        store(row.equal, uint8_t{0});
+    }
+    store(machine_is_live, uint8_t{0});  // the rows are empty before the callback thread knows
     store(restart_due, uint8_t{1});
 }
 

@@ -71,8 +71,8 @@ void tell_object(const dm_cache_event &event, const char *name, Colour colour, c
         const bool change = event.what == DM_CACHE_EVENT_REPLACED;
         text += change ? field + " " + change_text(value) : field + "=" + dump(value);
     }
-    print_line(time_text() + "  " + coloured(colour, name) + std::string(9 - std::strlen(name), ' ') +
-               object_name(object) + text);
+    print_line(time_text() + "  " + coloured(colour, name) +
+               std::string(std::max(9 - std::strlen(name), size_t{1}), ' ') + object_name(object) + text);
 }
 
 Json content(const ProtobufCMessage &object) {

@@ -25,12 +25,6 @@ store_msg new_msg(const Request &request, int32_t cmd) {
     return msg;
 }
 
-// Counts a delivery off when it is over, also when it throws.
-struct Delivered {
-    std::atomic<uint64_t> &undelivered;
-    ~Delivered() { --undelivered; }
-};
-
 // Who hears of a change of an object whose fields are followed, each once. An object that comes or goes changes all of
 // its fields.
 std::vector<Listener> affected(const Request &request, const Changed &event) {
@@ -202,16 +196,28 @@ int32_t Client::replace(const Target &target, const ProtobufCMessage *before, co
     return store_->replace(target.place, stored, made);
 }
 
+// What is lost for lack of memory, here or there, is missed until all is scanned again.
 template <class Deliver> void Client::post_counted(Deliver deliver) {
+    const auto counted = [this](const auto &act) {
+        try {
+            act();
+        } catch (...) {
+            has_missed_ = true;
+            --undelivered_;
+            throw;
+        }
+    };
     ++undelivered_;
-    loop_.post([this, deliver = std::move(deliver)] {
-        const Delivered delivered{undelivered_};
-        deliver();
+    counted([&] {
+        loop_.post([this, counted, deliver = std::move(deliver)] {
+            counted(deliver);
+            --undelivered_;
+        });
     });
 }
 
 void Client::post(Event event) {
-    note_heard();
+    if (tells_at_once_) note_heard(Clock::now());
     const uint64_t epoch = epoch_;
     post_counted(
         [this, epoch, event = std::move(event)] { std::visit([&](const auto &e) { deliver(e, epoch); }, event); });
@@ -220,12 +226,12 @@ void Client::post(Event event) {
 void Client::heard_until(Clock::time_point when) {
     const uint64_t epoch = epoch_;
     loop_.post([this, epoch, when] {
-        if (epoch == epoch_) heard_until_ = when.time_since_epoch();
+        if (epoch == epoch_ && !has_missed_) heard_until_ = when.time_since_epoch();
     });
 }
 
 void Client::lost() {
-    note_heard();
+    if (tells_at_once_) note_heard(Clock::now());
     ++epoch_;
     post_counted([this] {
         up_ = false;
@@ -237,15 +243,14 @@ void Client::connected(int32_t reason, std::vector<Ticket> owed) {
     post_counted([this, reason, owed = std::move(owed)] { on_connected(reason, owed); });
 }
 
-// The connection stands, or stood until now. A clock read before the count: what is posted meanwhile is younger.
-void Client::note_heard() {
-    if (!tells_at_once_) return;
-    const Clock::duration now = Clock::now().time_since_epoch();
-    if (undelivered_ == 0) heard_until_ = now;
+// The connection stood then, and what is posted meanwhile is younger.
+void Client::note_heard(Clock::time_point then) {
+    if (undelivered_ == 0 && !has_missed_) heard_until_ = then.time_since_epoch();
 }
 
 int64_t Client::heard_ms_ago() {
-    if (store_->up()) note_heard();
+    const Clock::time_point now = Clock::now();  // before it is asked whether the connection stands
+    if (tells_at_once_ && store_->up()) note_heard(now);
     const Clock::duration until = heard_until_;
     if (until == never) return -1;
     return std::chrono::ceil<std::chrono::milliseconds>(Clock::now().time_since_epoch() - until).count();
@@ -315,6 +320,7 @@ void Client::confirm(const Request &request) {
 // The store follows everything again already; what was owed comes before the news.
 void Client::on_connected(int32_t reason, const std::vector<Ticket> &owed) {
     up_ = true;
+    has_missed_ = false;
     std::map<uint32_t, tq_mom_reconnect_cb> reconnect;
     {
         const std::lock_guard lock(mutex_);

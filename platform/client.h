@@ -97,7 +97,7 @@ private:
     void connected(int32_t reason, std::vector<Ticket> owed) override;
 
     template <class Deliver> void post_counted(Deliver deliver);
-    void note_heard();
+    void note_heard(Clock::time_point then);
 
     // Its delivery, on the loop's thread.
     void deliver(const Confirmed &event, uint64_t epoch);
@@ -125,7 +125,8 @@ private:
     std::atomic<uint64_t> undelivered_ = 0;            // what the store has posted and the loop has not run
     std::atomic<Clock::duration> heard_until_{never};  // of the clock: what was told until then has been delivered
     std::atomic<bool> tells_at_once_ = false;
-    bool up_ = true;  // as the loop's thread has been told
+    std::atomic<bool> has_missed_ = false;  // memory was missing for something that the store told on this connection
+    bool up_ = true;                        // as the loop's thread has been told
 
     std::mutex mutex_;  // guards what follows; taken before the store's lock, never while a callback runs
     std::condition_variable back_;

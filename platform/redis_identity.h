@@ -21,7 +21,7 @@ std::string unfit(const Identity &identity);
 bool same_content(const Identity &before, const Identity &now);
 
 // What only one client hears, or nobody at a replica, is not replicated. KEYS: hashes to ask about. ARGV: an id for a store
-// that has none; the channel of an echo, or '': then the identity is the answer.
+// that has none; the channel of an echo, or '': then the identity is the answer; the echo's number.
 inline constexpr std::string_view identity_script = R"(
 local server, replication = redis.call('INFO', 'server'), redis.call('INFO', 'replication')
 local function of(text, name) return string.match(text, name .. ':(%w*)') or '' end
@@ -36,7 +36,7 @@ if ARGV[2] == '' then return is end
 local there = ''
 for _, hash in ipairs(KEYS) do there = there .. (redis.pcall('EXISTS', hash) == 0 and '0' or '1') end
 redis.set_repl(redis.REPL_NONE)
-redis.call('PUBLISH', ARGV[2], struct.pack('>c0I4c0I4c0', 'E', #is, is, #there, there)))";
+redis.call('PUBLISH', ARGV[2], struct.pack('>c0I4c0I4c0I4c0', 'E', #is, is, #there, there, #ARGV[3], ARGV[3])))";
 
 // A command: what has just been connected to is asked for its identity.
 std::string identity_question();

@@ -3,6 +3,7 @@
 #include "platform/redis_store.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <utility>
 
@@ -350,17 +351,18 @@ void RedisStore::tick() {
 void RedisStore::ask_echo() {
     if (link_.is_waiting()) return;
     std::vector<std::string> hashes;
+    std::string number;
     {
         const std::lock_guard lock(mutex_);
         if (!up_) return;
-        ++echo_asked_;
+        number = std::to_string(++echo_asked_);
         echo_times_.push_back(Clock::now());
         for (const auto *place : places_) hashes.push_back(place->first);
     }
     const std::string keys = std::to_string(hashes.size()), id = random_id();
     Words words = {"EVAL", identity_script, keys};
     words.insert(words.end(), hashes.begin(), hashes.end());
-    words.insert(words.end(), {id, private_channel_});
+    words.insert(words.end(), {id, private_channel_, number});
     link_.post(words);
 }
 
@@ -391,7 +393,14 @@ const char *RedisStore::take(std::string_view channel) {
 
 // A hash that is there no more, though the last that was told of it was no deletion, has been removed by other means.
 const char *RedisStore::take_echo() {
-    echo_heard_ = std::min(echo_heard_ + 1, echo_asked_);
+    const std::string_view text = frame_.strings[2];
+    uint64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size() || number > echo_asked_)
+        return "an echo that nobody asked for";
+    if (number <= echo_heard_) return nullptr;  // of an earlier connection
+    while (echo_asked_ - number + 1 < echo_times_.size()) echo_times_.pop_front();
+    echo_heard_ = number;
     if (!page_asked_ && fence_answered_ == fence_due_) echo_before_ = echo_asked_;
     if (echo_heard_ > echo_before_ + echoes_without_answer) return "echoes, and a request has no answer";
     Identity now;
@@ -406,10 +415,8 @@ const char *RedisStore::take_echo() {
         replaced_ |= std::exchange(has_objects, there[i] == '1') && !has_objects;
     }
     if (replaced_) return other_content;
-    if (!echo_times_.empty()) {
-        sink_.heard_until(echo_times_.front());
-        echo_times_.pop_front();
-    }
+    sink_.heard_until(echo_times_.front());
+    echo_times_.pop_front();
     return nullptr;
 }
 

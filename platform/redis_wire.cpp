@@ -24,9 +24,9 @@ bool take_string(std::string_view &bytes, std::string_view &string) {
 bool right_number(char letter, size_t strings) {
     switch (letter) {
         case 'S':
-        case 'E':
             return strings == 2;
         case 'C':
+        case 'E':
             return strings == 3;
         case 'D':
         case 'M':

@@ -12,7 +12,9 @@
 // A frame is a letter and strings, each behind its length as four bytes, highest first:
 //   S key value          was set                      C key value before   was replaced, to followers of fields
 //   D key                was deleted                  M scan               here a scan's next page belongs
-//   E identity hashes    an echo: what the server is just now, and a digit for each hash that was asked about, 1: it exists
+//   E identity hashes number
+//                        an echo: what the server is just now, a digit for each hash that was asked about, 1: it exists, and
+//                        the number that the asker gave it
 //
 // Beside the kinds there is one more hash, dm:store. Under `id` it has a word of chance that the first client writes: with the
 // server's own names it makes the identity of the content. Another one, and all that was read before means nothing.

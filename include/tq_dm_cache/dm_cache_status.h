@@ -35,7 +35,8 @@ DM_API int32_t dm_cache_reason(char *buf, int32_t len);
  * How old is a row's picture? At most so many milliseconds ago it was equal to the store, but for objects that the cache has
  * refused and what the client itself has put into the row. It grows while the connection is lost or the cache gathers. -1: no
  * promise, for the row is out of range, not enabled, not filled yet, held or refused by the store, the cache is stopped, or the
- * platform does not tell (the bundled one does: tq_mom_client_heard_ms()). The store client's thread may call it too.
+ * platform does not tell (the bundled one does: tq_mom_client_heard_ms(), on a Redis server from a fifth of the probe time on). A
+ * row with DM_CACHE_NO_STORE has none. The store client's thread may call it too.
  */
 DM_API int64_t dm_cache_age_ms(int32_t type);
 

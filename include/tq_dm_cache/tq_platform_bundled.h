@@ -175,9 +175,10 @@ DM_API int32_t tq_mom_store_clients(tq_mom_handle *handle, tq_mom_store_client_c
 DM_API uint64_t tq_mom_client_damaged(tq_mom_handle *handle);
 
 /*
- * At most so many milliseconds ago, everything that the store had told until then has been delivered to the callbacks; -1: not
- * since the handle was opened. A Redis store is asked five times in the time in which a silent one is given up. It grows while
- * the connection is lost. Any thread, callbacks included.
+ * At most so many milliseconds ago, everything that the store had told until then has been delivered to the callbacks, but for
+ * what a reconnect has voided and a scan brings again; -1: not since the handle was opened. A Redis store is asked five times
+ * in the time in which a silent one is given up, and not while a long answer comes in. It grows while the connection is lost,
+ * and until the next reconnect when memory was missing for something that was told. Any thread, callbacks included.
  */
 DM_API int64_t tq_mom_client_heard_ms(tq_mom_handle *handle);
 

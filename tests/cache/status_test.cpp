@@ -106,7 +106,7 @@ TEST(Status, PromisesAnAgeOnlyForARowThatIsWhole) {
     platform.heard_ms = 5'000'000;
     const Strings nothing(4, "-1");
     EXPECT_EQ(ages(), nothing);
-    start({17, 21});
+    start({1, 17, 21});
     platform.answers = {{"subscribe 3 p_dev.vsl_port_info", -3}};
     platform.become_ready();
     platform.confirm();
@@ -132,12 +132,24 @@ TEST(Status, PromisesAnAgeOnlyForARowThatIsWhole) {
     platform.confirm();
     platform.fire_timers();
     receive_value(21, REPLY, nullptr, 0, TQ_MOM_RESULT_HELD);
-    for (const int32_t row : {17, 30}) receive_end(row);
+    for (const int32_t row : {1, 17, 30}) receive_end(row);
     EXPECT_EQ(ages(), (Strings{"0", "-1", "0", "-1"}));
+    receive(1, SET, complete());
+    for (int scan = 0; scan < 2; ++scan) receive_end(21);  // what the store has held back so far waits for the others
+    EXPECT_EQ(ages()[1], "-1");
+    for (const int32_t row : {1, 17, 30}) receive_end(row);
+    EXPECT_EQ(ages(), (Strings{"0", "0", "0", "-1"}));
     platform.heard_ms = -1;
     EXPECT_EQ(ages(), nothing);
     platform.heard_ms = 0;
     EXPECT_EQ(dm_cache_stop(), 0);
+    EXPECT_EQ(ages(), nothing);
+    platform.answers = {{"connect_sync", -7}};
+    EXPECT_EQ(dm_cache_init(&platform.handle, "test"), -7);
+    platform.synchronise();
+    EXPECT_EQ(ages()[0], "0");
+    platform.answers = {{"connect 3", -7}};  // the rows are emptied, and stay so
+    EXPECT_EQ(dm_cache_init(&platform.handle, "test"), -7);
     EXPECT_EQ(ages(), nothing);
 }
 

@@ -133,8 +133,10 @@ TEST_P(StoreContract, WhatWasHeardHasBeenDelivered) {
     const auto age = [&] { return milliseconds(tq_mom_client_heard_ms(reader.handle())); };
     EXPECT_EQ(tq_mom_client_heard_ms(nullptr), -1);
     std::atomic<int32_t> seen = 0;
+    std::atomic<bool> no_memory = false;
     reader.word("sub")->then = [&](const store_msg &msg) {
         if (msg.cmd == TQ_MOM_CMD_SET && ++seen % 16 == 0) std::this_thread::sleep_for(milliseconds(3));
+        if (no_memory) throw std::bad_alloc();
     };
     ASSERT_TRUE(reader.follow("sub"));
     std::vector<Clock::time_point> written;
@@ -149,17 +151,23 @@ TEST_P(StoreContract, WhatWasHeardHasBeenDelivered) {
         ASSERT_GE(seen, promised) << ago.count();
     }
     reader.follow_connection();
-    disconnect();
-    ASSERT_TRUE(reader.wait("lost"));
-    const auto lost = Clock::now();
-    for (int i = 0; i < 20; ++i) {
-        std::this_thread::sleep_for(milliseconds(2));
-        const auto away = Clock::now() - lost;
-        EXPECT_GE(age(), away);
+    while (static_cast<size_t>(seen) < written.size()) std::this_thread::sleep_for(milliseconds(1));
+    for (const bool is_missed : {true, false}) {
+        no_memory = is_missed;
+        is_missed ? writer.set(2, 2) : disconnect();
+        ASSERT_TRUE(reader.wait(is_missed ? "sub: set 2:2" : "lost"));
+        const auto begun = Clock::now();
+        for (int i = 0; i < 20; ++i) {
+            std::this_thread::sleep_for(milliseconds(2));
+            const auto away = Clock::now() - begun;
+            EXPECT_GE(age(), away);
+        }
+        no_memory = false;
+        if (is_missed) disconnect();
+        reconnect();
+        ASSERT_TRUE(reader.wait("reconnect 3 1"));
+        while (age() > Clock::now() - begun) std::this_thread::sleep_for(milliseconds(1));
     }
-    reconnect();
-    ASSERT_TRUE(reader.wait("reconnect 3 1"));
-    while (age() > Clock::now() - lost) std::this_thread::sleep_for(milliseconds(1));
 }
 
 // A client that takes a new server for the old one keeps objects that are not there.

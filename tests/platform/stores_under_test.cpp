@@ -70,7 +70,7 @@ int32_t open_client(const std::string &url, tq_mom_handle **handle) {
     static int count = 0;
     const std::string at = server->socket() + "." + std::to_string(count++);
     auto proxy = std::make_unique<Proxy>(at, server->socket());
-    const int32_t error = tq_mom_client_open(("redis+unix://" + at).c_str(), handle);
+    const int32_t error = tq_mom_client_open(("redis+unix://" + at + "?probe=2500").c_str(), handle);
     if (error == 0) proxies[*handle] = std::move(proxy);
     return error;
 }

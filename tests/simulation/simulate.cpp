@@ -95,6 +95,21 @@ private:
             if (!object.damaged) client_sets_object(place.row, Message::unpack(kind_of(place.row), object.bytes));
         }
         pass_time();
+        if (random.percent(20)) check_ages();
+    }
+
+    // All that the store told has been delivered: a row that claims to be equal to the store now is.
+    void check_ages() {
+        if (!up_ || !stream_.empty() || !control_.empty()) return;
+        platform.heard_ms = 0;
+        for (const int32_t row : rows) {
+            if (dm_cache_age_ms(row) != 0) continue;
+            count("rows that are told to be equal");
+            Picture cache = cached_picture(row), store;
+            read_store(row, store, cache);
+            if (const std::string found = ::difference(cache, store); !found.empty())
+                fail("row %d is told to be equal to the store: %s", row, found.c_str());
+        }
     }
 
     void pass_time() {
