@@ -313,6 +313,14 @@ ChangeCallbacks::~ChangeCallbacks() {
     deliver_events();
 }
 
+uint32_t events_noted() {
+    return load(noted);
+}
+
+uint32_t followers_of(int32_t type) {
+    return load(following[list_of(type)]);
+}
+
 void forget_events() {
     if (__atomic_exchange_n(&wake_up_due, uint8_t{0}, __ATOMIC_SEQ_CST) != 0) tq_thread_cancel(&wake_up);
     Held held(mutex);

@@ -59,6 +59,10 @@ private:
     bool counted_;
 };
 
+// How many events are noted and not told yet, and how many follow a row. Any thread, no lock.
+uint32_t events_noted();
+uint32_t followers_of(int32_t type);
+
 // What is noted is forgotten, because the rows are emptied; the followers stay. No callback of the store client is inside.
 void forget_events();
 

@@ -96,11 +96,15 @@ int32_t store_held(int32_t type, const ProtobufCMessage *obj) DM_REQUIRES_LOCK {
     return put_message(type, node, std::move(message));
 }
 
+bool changed_since(const dm_cache_list_node *node, uint64_t mark) DM_REQUIRES_SHARED {
+    return static_cast<uint32_t>(changes) - node->changed < changes - mark;
+}
+
 bool overtaken(int32_t type, const ProtobufCMessage *obj, uint64_t since) DM_REQUIRES_LOCK {
     if (since == never_overtaken) return false;
     if (last_removal[type] > since) return true;
     const dm_cache_list_node *node = find(type, obj);
-    return node && static_cast<uint32_t>(changes) - node->changed < changes - since;
+    return node && changed_since(node, since);
 }
 
 }  // namespace
@@ -125,6 +129,10 @@ StoredMessage cached_equal(int32_t type, const ProtobufCMessage *obj) {
 
 uint64_t change_mark() {
     return changes;
+}
+
+bool is_where_it_was(int32_t type, const dm_cache_list_node *node, uint64_t mark) {
+    return last_removal[type] <= mark || !changed_since(node, mark);
 }
 
 int32_t offer_object(int32_t type, const ProtobufCMessage *obj, uint64_t since) {

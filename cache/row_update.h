@@ -17,6 +17,9 @@ int32_t store_shared(int32_t type, StoredMessage message) DM_REQUIRES_LOCK;
 // What has changed so far, to be noted before an object is read from the store.
 uint64_t change_mark() DM_REQUIRES_SHARED;
 
+// An element that is cached now was cached at that mark too, and has the place in the list that it had. No for some that have.
+bool is_where_it_was(int32_t type, const dm_cache_list_node *node, uint64_t mark) DM_REQUIRES_SHARED;
+
 // Stores an object whose read began at a mark, as store_object() does; kept_out when the row stores nothing, or the object
 // is overtaken: its key has been set since, or may have been deleted, so that storing it would undo a newer change.
 constexpr int32_t kept_out = 2;

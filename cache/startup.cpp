@@ -173,6 +173,7 @@ int32_t dm_cache_init(tq_mom_handle *handle, const char *name) {
     }
     __atomic_store_n(&g_dm_global, handle, __ATOMIC_RELEASE);
     open_gate();
+    start_begins(handle);
     if (const int32_t ret = connect_databases(handle, name)) {
         subscribe_nothing_at_once();  // the client may close the handle
         return ret;
@@ -187,6 +188,7 @@ int32_t dm_cache_init(tq_mom_handle *handle, const char *name) {
 int32_t dm_cache_stop(void) {
     using namespace dm;
     if (!close_gate()) return -1;
+    stop_begins();
     __atomic_store_n(&g_dm_cache_inited, uint8_t{0}, __ATOMIC_RELEASE);
     end_sync();
     __atomic_store_n(&g_dm_global, nullptr, __ATOMIC_RELEASE);

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "tq_dm_cache/tq_platform.h"
+
 namespace dm {
 
 // dm_cache_init has finished. Any thread.
@@ -11,5 +13,10 @@ bool started();
 // Enables a row that holds a kind, if nobody has. After the start it is subscribed at once. Any thread, not under the cache
 // lock; takes it.
 void enable_row(int32_t row);
+
+// What inspect/ does, above the cache: when a start has set the rows up and is about to connect, with the handle that it was given,
+// and before a stop empties the rows. On the caller's thread, not under the cache lock.
+void start_begins(tq_mom_handle *handle);
+void stop_begins();
 
 }  // namespace dm

@@ -64,6 +64,8 @@ Exit run_explain(Context &context, const Command &command);
 Exit run_sync(Context &context, const Command &command);
 Exit run_watch(Context &context, const Command &command);
 Exit run_store(Context &context, const Command &command);
+Exit run_clients(Context &context, const Command &command);
+Exit run_verify(Context &context, const Command &command);
 Exit run_gen(Context &context, const Command &command);
 Exit run_shell(Context &context, const Command &command);
 

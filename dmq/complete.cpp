@@ -64,6 +64,11 @@ void add_options(Candidates &candidates, const CLI::App &app) {
     }
 }
 
+void add_processes(Candidates &candidates, const Settings &settings) {
+    for (const auto &one : inspected_in(settings.inspect))
+        candidates.push_back({one.name + "." + std::to_string(one.pid), ""});
+}
+
 // Does the line have this field=value, of whatever value, already?
 bool is_named(const Line &line, const Candidate &candidate) {
     const size_t equals = candidate.word.find('=');
@@ -78,6 +83,7 @@ Candidates candidates_of(const Line &line, CLI::App &app, const Settings &settin
         for (const auto &[option, value, what] : option_values) {
             if (option == line.open->get_name()) candidates.push_back({value, what});
         }
+        if (line.open->get_name() == "--attach") add_processes(candidates, settings);
     } else if (word.starts_with("-")) {
         if (line.verb) add_options(candidates, *app.get_subcommand(line.verb->name));
         add_options(candidates, app);
@@ -99,7 +105,8 @@ Candidates answer(std::vector<std::string> words) {
     if (!words.empty()) words.pop_back();
     Line line;
     for (const auto &before : words) take(line, app, before);
-    if (!line.open) app.parse(std::vector<std::string>(line.options.rbegin(), line.options.rend()));
+    if (line.open && !line.options.empty() && line.options.back() == line.open->get_name()) line.options.pop_back();
+    app.parse(std::vector<std::string>(line.options.rbegin(), line.options.rend()));
     return candidates_of(line, app, command.settings, word);
 }
 

@@ -20,6 +20,7 @@ Examples:
   dmq --load examples/chassis.json explain ndm_card_is_online 1 9 0    why is it a no?
   dmq --load examples/chassis.json shell               many commands on one store
   dmq --load examples/chassis.json shell examples/tour.dmq
+  dmq --attach cards show ports                        what a running process has
   dmq gen --devices 4 --cards 8 > big.json             a topology of any size
 
 The store is that of --store, else of DMQ_STORE, else mem:, which lives as long as the process: fill it with --load.
@@ -43,6 +44,8 @@ void change(CLI::App &app, Command &command) {
     deletion(app, command);
     app.add_flag("--create", command.create, "Also make objects that are not there yet");
 }
+
+void nothing(CLI::App &, Command &) {}
 
 void optional_words(CLI::App &app, Command &command) {
     app.add_option("WORDS", command.words, "A kind by name or row number, then field=value..");
@@ -140,6 +143,12 @@ constexpr Verb verbs[] = {
      "  dmq --load examples/chassis.json shell\n  echo 'get card_info' | dmq --load examples/box.json shell\n"
      "  dmq --load examples/chassis.json shell examples/tour.dmq\n",
      script, run_shell, nullptr},
+    {"clients", "Who is there: processes that let themselves be inspected, and clients of the store's server",
+     "  dmq --inspect /run/dm clients\n  DM_CACHE_INSPECT=/run/dm DMQ_STORE=redis://db dmq clients --json\n", nothing,
+     run_clients, nullptr},
+    {"verify", "Is a live cache equal to its store? Tells what differs, and stays so",
+     "  dmq --store redis://db verify\n  dmq --store redis://db --attach cards verify vsd_port port_static\n", kinds,
+     run_verify, next_kind},
     {"store", "Compare cache and store; make an embedded store misbehave",
      "  store compare                is every row equal to the store?\n"
      "  store disconnect             cut the cache off; store reconnect lets it in again\n"
@@ -161,6 +170,11 @@ void common_options(CLI::App &app, Settings &settings, bool in_shell) {
                        "The store's URL: mem:, mem:NAME, redis://HOST:PORT, redis+unix:///PATH, "
                        "redis-sentinel://HOST:PORT,../NAME")
             ->envname("DMQ_STORE");
+        app.add_option(
+            "--attach", settings.attach,
+            "Show the cache of a running process: NAME, NAME.PID or PID in the folder, or its socket's path");
+        app.add_option("--inspect", settings.inspect, "The folder where processes let themselves be inspected")
+            ->envname("DM_CACHE_INSPECT");
         app.add_option("--load", settings.load, "Fill the store from this file first; may be repeated")
             ->take_all()
             ->expected(1);
@@ -179,6 +193,18 @@ void common_options(CLI::App &app, Settings &settings, bool in_shell) {
     if (in_shell && rest[0] == "shell") throw Failure(exit_usage, "a shell runs no shell");
     throw Failure(exit_usage,
                   "there is no command " + shown(rest[0]) + did_you_mean(rest[0], names) + "; see dmq --help");
+}
+
+// What is seen of another process is its cache; it is not followed, and its store is written by its own client.
+void refuse_attached(const Command &command) {
+    const auto verb =
+        std::find_if(std::begin(verbs), std::end(verbs), [&](const Verb &v) { return v.run == command.run; });
+    constexpr Exit (*own[])(Context &, const Command &) = {run_load, run_set, run_delete, run_watch, run_store};
+    if (command.settings.attach.empty()) return;
+    if (std::find(std::begin(own), std::end(own), command.run) != std::end(own))
+        throw Failure(exit_usage, std::string(verb->name) + " is not for a process that dmq is attached to");
+    if (!command.settings.load.empty())
+        throw Failure(exit_usage, "--load fills a store, and --attach shows the cache of a process");
 }
 
 }  // namespace
@@ -219,6 +245,7 @@ std::optional<Command> parse(const std::vector<std::string> &words, const Settin
     if (const auto rest = app.remaining(); !rest.empty())
         refuse_rest(rest, asked.empty() ? nullptr : asked[0], in_shell);
     if (!command.run) throw Failure(exit_usage, "say what to do; see dmq --help");
+    refuse_attached(command);
     if (command.settings.log) g_dm_cache_level = g_ndm_lib_dbg_lvl = *command.settings.log;
     return command;
 }

@@ -8,12 +8,15 @@
 
 #include "dmq/output.h"
 #include "dmq/watch.h"
+#include "tq_dm_cache/dm_cache_follow.h"
 
 namespace dmq {
 
 namespace {
 
 constexpr size_t objects_at_a_time = 1024;  // between two looks at the progress
+
+const Picture *shown_picture = nullptr;  // the session's, while it is attached
 
 Client open_store(const std::string &url, const std::string &shown) {
     tq_mom_handle *handle = nullptr;
@@ -64,6 +67,10 @@ Session::Session(const Settings &settings)
     std::vector<std::vector<Entry>> topologies;
     for (const auto &file : settings.load) topologies.push_back(read_topology(file));
     begin(settings.timeout);
+    if (!settings.attach.empty()) {
+        attached_ = find_inspected(settings.attach, settings.inspect);
+        unsetenv("DM_CACHE_INSPECT");  // what is only a picture is not to be looked into
+    }
     writer_ = open();
     for (auto &topology : topologies) write(std::move(topology));
 }
@@ -75,6 +82,7 @@ Client Session::open() {
 
 Session::~Session() {
     stop_watch();
+    if (started_ && !left_behind && std::getenv("DM_CACHE_INSPECT")) dm_cache_stop();  // its socket goes
     if (starter_.joinable()) starter_.detach();
 }
 
@@ -107,7 +115,9 @@ void Session::start(const std::vector<Kind> &kinds) {
 // Once: when a command has waited in vain, the next one waits for the same start.
 void Session::begin_start(const std::vector<Kind> &kinds) {
     dm_cache_multi_thread_init();
-    for (const Kind &kind : kinds.empty() ? cached_kinds() : kinds) dm_cache_sub_obj(kind.row, nullptr, 0);
+    for (const Kind &kind : kinds.empty() ? cached_kinds() : kinds) {
+        if (attached_.empty()) dm_cache_sub_obj(kind.row, nullptr, 0);
+    }
     std::packaged_task<std::pair<int32_t, bool>()> task([client = reader()] {
         errno = 0;
         const int32_t answer = dm_cache_init(client, "dmq");
@@ -118,7 +128,32 @@ void Session::begin_start(const std::vector<Kind> &kinds) {
     starter_ = std::thread(std::move(task));
 }
 
+// All of the process is read before the cache is touched: a shell goes on with what it had.
+void Session::take_picture(const std::vector<Kind> &kinds) {
+    Picture picture;
+    picture_ms_ = now_ms();
+    {
+        Inspection inspection(attached_, deadline_);
+        inspection.read_process(picture);
+        Progress progress("reading rows");
+        const auto &rows = kinds.empty() ? cached_kinds() : kinds;
+        for (size_t i = 0; i < rows.size(); ++i) {
+            inspection.read_objects(picture, rows[i].row);
+            progress.show(i, rows.size());
+        }
+    }
+    if (started_) {
+        dm_cache_stop();
+        started_ = false;
+        starting_ = {};
+    }
+    start({});
+    fill_cache(picture);
+    shown_picture = &picture_.emplace(std::move(picture));
+}
+
 void Session::synchronise(const std::vector<Kind> &kinds) {
+    if (!attached_.empty()) return take_picture(kinds);
     start(kinds);
     Progress progress("synchronising, rows scanned");
     while (true) {
@@ -192,13 +227,20 @@ void Session::settle(uint32_t applied) {
     tell_refused();
 }
 
+int64_t now_ms() {
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
 std::string waits_for() {
+    if (shown_picture) return shown_picture->reason;
     std::string reason(static_cast<size_t>(dm_cache_reason(nullptr, 0)), '\0');
     dm_cache_reason(reason.data(), static_cast<int32_t>(reason.size()) + 1);
     return reason.substr(0, reason.find('\0'));  // it may be a shorter one by now
 }
 
 dm_cache_stats stats_of(int32_t row) {
+    if (shown_picture) return shown_picture->rows[static_cast<size_t>(row)].stats;
     dm_cache_stats stats{};
     dm_cache_get_stats(row, &stats, sizeof stats);
     return stats;

@@ -1,11 +1,12 @@
 // One run of dmq: two clients of the store and, when a command needs it, the cache. The cache follows the store through
 // `reader`; what dmq itself writes goes through `writer`, so that the cache can be cut off alone. The cache is started as
-// any client starts it, once a process. No lock of its own; commands run on one thread.
+// any client starts it, once a process. Attached to another process, the cache follows nothing and is filled with that process's
+// objects for each command. No lock of its own; commands run on one thread.
 #pragma once
 
 #include <optional>
 
-#include "dmq/deadline.h"
+#include "dmq/attach.h"
 #include "dmq/names.h"
 #include "dmq/topology.h"
 #include "tq_dm_cache/dm_cache_status.h"
@@ -15,7 +16,9 @@ namespace dmq {
 
 // Options that every command has.
 struct Settings {
-    std::string store;  // empty: not named, which is mem:
+    std::string store;    // empty: not named, which is mem:
+    std::string attach;   // a process whose cache is shown; empty: dmq's own, which follows the store
+    std::string inspect;  // the folder where processes let themselves be inspected; empty: not named
     std::vector<std::string> load;
     bool json = false;
     double timeout = 10;     // seconds, of all waits of a command
@@ -50,6 +53,8 @@ public:
     // The time of the next command begins.
     void begin(double timeout) { deadline_ = Deadline(timeout); }
 
+    int32_t time_left() const { return deadline_.left(); }  // milliseconds
+
     // Runs a call that may wait for the store. Throws a Failure when the command's time is over; the call may then still
     // run, so everything that it uses belongs to it, but the clients.
     template <class Call> auto ask(const std::string &awaited, Call call) {
@@ -65,10 +70,15 @@ public:
     // Opens the client that the cache is to have, without starting the cache.
     void open_reader();
 
+    // The process that is shown in place of dmq's own cache; null: none is.
+    const Picture *picture() const { return picture_ ? &*picture_ : nullptr; }
+    int64_t picture_ms() const { return picture_ms_; }  // when it was begun
+
     // Starts the cache for these kinds (all when none is named) and returns at once. A second start changes nothing.
     void start(const std::vector<Kind> &kinds);
 
-    // The same, and waits until it equals the store. Throws a Failure that names the row which holds it back.
+    // The same, and waits until it equals the store. Throws a Failure that names the row which holds it back. Attached: makes it
+    // equal to what the process has now.
     void synchronise(const std::vector<Kind> &kinds);
 
     // The cache is up and connected: it will see what is written now.
@@ -88,9 +98,13 @@ public:
 private:
     Client open();
     void begin_start(const std::vector<Kind> &kinds);
+    void take_picture(const std::vector<Kind> &kinds);
 
     std::string store_, shown_;  // shown without its secret
     bool named_;
+    std::string attached_;  // the path of a process's socket
+    std::optional<Picture> picture_;
+    int64_t picture_ms_ = 0;
     Deadline deadline_;
     Client writer_;
     Client reader_;
@@ -99,6 +113,9 @@ private:
     bool started_ = false;
     bool cut_off_ = false;
 };
+
+// Milliseconds of the clock that no person sets.
+int64_t now_ms();
 
 // What keeps the cache from being complete? Empty: nothing.
 std::string waits_for();
@@ -121,6 +138,7 @@ template <class Visit> void each_cached(int32_t row, Visit visit) {
     dm_cache_foreach_obj(row, call, reinterpret_cast<uintptr_t>(&visit));
 }
 
+// Of the cache that is shown, be it another process's.
 dm_cache_stats stats_of(int32_t row);
 
 }  // namespace dmq

@@ -218,6 +218,11 @@ Content stored(Session &session, const Kind &kind) {
 }
 
 bool is_whole(Session &session) {
+    if (const Picture *picture = session.picture()) {
+        if (picture->live()) return true;
+        note(picture->shown_name() + " is not live: " + picture->reason);
+        return false;
+    }
     static uint64_t told = 0;
     const uint64_t met = tq_mom_client_damaged(session.reader());
     const bool damaged = met != std::exchange(told, met);

@@ -1,5 +1,7 @@
 // What only the bundled platform has: opening and closing a client, hearing of its connection, and the embedded store's
 // faults.
+#include <charconv>
+
 #include "platform/client.h"
 #include "platform/guard.h"
 #include "platform/mem_store.h"
@@ -16,6 +18,34 @@ template <class F> int32_t with_mem_store(tq_mom_handle *handle, F &&fault) {
         auto *mem = dynamic_cast<MemClient *>(&client.store());
         return mem ? fault(*mem) : TQ_MOM_E_ARGUMENT;
     });
+}
+
+// What stands behind a word of a line, up to the next blank.
+std::string field_of(std::string_view line, std::string_view word) {
+    const size_t at = line.find(word);
+    if (at == std::string_view::npos) return {};
+    const std::string_view rest = line.substr(at + word.size());
+    return std::string(rest.substr(0, rest.find(' ')));
+}
+
+uint32_t number_of(const std::string &text) {
+    uint32_t number = 0;
+    std::from_chars(text.data(), text.data() + text.size(), number);
+    return number;
+}
+
+// A line a connection: "id=3 addr=10.0.0.7:4242 name=cards age=35 idle=0 sub=0 ..". Each client has two, and one of them subscribes.
+void tell_clients(std::string_view list, tq_mom_store_client_cb callback, void *word) {
+    while (!list.empty()) {
+        const size_t end = list.find('\n');
+        const std::string line = " " + std::string(list.substr(0, end));
+        list.remove_prefix(end == std::string_view::npos ? list.size() : end + 1);
+        if (line.size() < 2 || number_of(field_of(line, " sub=")) != 0) continue;
+        const std::string name = field_of(line, " name="), address = field_of(line, " addr=");
+        const tq_mom_store_client client = {name.c_str(), address.c_str(), number_of(field_of(line, " age=")),
+                                            number_of(field_of(line, " idle="))};
+        callback(&client, word);
+    }
 }
 
 }  // namespace
@@ -60,6 +90,32 @@ uint64_t tq_mom_client_damaged(tq_mom_handle *handle) {
         return 0;
     });
     return damaged;
+}
+
+int32_t tq_mom_client_store(tq_mom_handle *handle, char *text, uint32_t size) {
+    if (!text || size == 0) return TQ_MOM_E_ARGUMENT;
+    return with_client(handle, [&](Client &client) {
+        text[client.shown_store().copy(text, size - 1)] = '\0';
+        return 0;
+    });
+}
+
+int32_t tq_mom_client_set_name(tq_mom_handle *handle, const char *name) {
+    if (!name) return TQ_MOM_E_ARGUMENT;
+    return with_client(handle, [&](Client &client) {
+        client.store().set_name(name);
+        return 0;
+    });
+}
+
+int32_t tq_mom_store_clients(tq_mom_handle *handle, tq_mom_store_client_cb callback, void *word) {
+    if (!callback) return TQ_MOM_E_ARGUMENT;
+    return with_client(handle, [&](Client &client) {
+        std::string list;
+        const int32_t code = client.store().list_clients(list);
+        if (code == 0) tell_clients(list, callback, word);
+        return code;
+    });
 }
 
 int64_t tq_mom_client_heard_ms(tq_mom_handle *handle) {

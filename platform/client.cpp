@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "platform/process.h"
+#include "platform/redis_url.h"
 
 namespace tq {
 
@@ -99,6 +100,7 @@ bool Client::close() {
 std::unique_ptr<Client> Client::open(const char *url, int32_t &error) {
     std::unique_ptr<Client> client(new Client);
     client->handle_ = {client.get(), &client->loop_};
+    client->shown_store_ = url_without_secret(url);
     client->store_ = open_store(url, *client, client->loop_, error);
     if (!client->store_) return nullptr;
     client->tells_at_once_ = client->store_->tells_at_once();

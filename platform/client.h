@@ -59,6 +59,7 @@ public:
     Loop &loop() { return loop_; }
     Store &store() { return *store_; }
     uint64_t damaged() const { return damaged_; }
+    const std::string &shown_store() const { return shown_store_; }
     int64_t heard_ms_ago();
 
     void connect(tq_mom_ready_cb ready, uintptr_t privdata);
@@ -111,6 +112,7 @@ private:
     void call_ready();
 
     tq_mom_handle handle_ = {};
+    std::string shown_store_;  // its URL without what may be secret
     const uint32_t process_;
 
     std::mutex calls_mutex_;  // guards what follows; taken last

@@ -4,6 +4,7 @@
 #define TQ_PLATFORM_MEM_STORE_H
 
 #include "platform/store.h"
+#include "tq_dm_cache/tq_platform_bundled.h"
 
 namespace tq {
 
@@ -29,6 +30,8 @@ public:
     int32_t write_many(const std::vector<Write> &writes, size_t &taken, size_t &refused) override;
     int32_t erase(const Place &place, const std::string &key) override;
     int32_t replace(const Place &place, const ObjectPtr &before, const ObjectPtr &after) override;
+    void set_name(std::string_view) override {}
+    int32_t list_clients(std::string &) override { return TQ_MOM_E_ARGUMENT; }
 
     // Faults; each answers 0.
     int32_t disconnect();

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -13,6 +14,7 @@ namespace tq {
 
 namespace {
 
+constexpr size_t longest_name = 63;
 constexpr size_t most_bytes = (512u << 20) + (64u << 10);  // of a reply that is half read: a server's longest string
 
 timeval timeval_of(std::chrono::milliseconds time) {
@@ -53,6 +55,30 @@ std::string auth_command(const Credentials &credentials) {
     if (user.empty() && password.empty()) return {};
     if (user.empty()) return formatted({"AUTH", password});
     return formatted({"AUTH", user, password});
+}
+
+ConnectionName::ConnectionName() {
+    set(program_invocation_short_name);
+}
+
+// The server takes no blanks, and what is not printable would come back in its list.
+void ConnectionName::set(std::string_view name) {
+    std::string safe(name.substr(0, longest_name));
+    const auto may_stay = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '-'; };
+    std::replace_if(
+        safe.begin(), safe.end(), [&](char c) { return !may_stay(c); }, '_');
+    const std::lock_guard lock(mutex_);
+    name_ = std::move(safe);
+}
+
+std::string ConnectionName::text() const {
+    const std::lock_guard lock(mutex_);
+    return name_;
+}
+
+std::string ConnectionName::command() const {
+    const std::string name = text();
+    return formatted({"CLIENT", "SETNAME", name});
 }
 
 bool RedisConnection::open(const Address &server, std::chrono::milliseconds limit, bool is_blocking) {

@@ -43,6 +43,19 @@ std::string formatted(const Words &command);
 // What presents the credentials; empty when there are none.
 std::string auth_command(const Credentials &credentials);
 
+// What a server's list of clients calls the connections of one client. Any thread.
+class ConnectionName {
+public:
+    ConnectionName();  // the program's
+    void set(std::string_view name);
+    std::string text() const;
+    std::string command() const;  // tells the server; one that refuses it has nameless clients
+
+private:
+    mutable std::mutex mutex_;
+    std::string name_;
+};
+
 // One thread at a time, but for shut(), by which another ends a wait. After a failure nothing that follows is believed:
 // whoever owns the connection closes it.
 class RedisConnection {

@@ -36,8 +36,9 @@ template <void (RedisFeed::*act)()> RedisFeed::EventPtr RedisFeed::new_event(int
     return made;
 }
 
-RedisFeed::RedisFeed(const RedisUrl &url, Loop &loop, FeedOwner &owner)
+RedisFeed::RedisFeed(const RedisUrl &url, const ConnectionName &name, Loop &loop, FeedOwner &owner)
     : url_(url),
+      name_(name),
       loop_(loop),
       owner_(owner),
       timer_(new_event<&RedisFeed::on_timer>(-1, 0)),
@@ -75,6 +76,8 @@ void RedisFeed::connect() {
     connection_.add(auth);
     asked_.push_back({What::identity});
     connection_.add(identity_question());
+    asked_.push_back({What::name});
+    connection_.add(name_.command());
     owner_.subscribe_all();
     event_add(writable_.get(), nullptr);  // it may still be on its way
     start_timer(url_.probe / ticks_of_silence);
@@ -176,7 +179,7 @@ void RedisFeed::take(const redisReply &reply) {
 void RedisFeed::take_answer(const Asked &asked, const redisReply &reply) {
     const bool is_list = reply.type == REDIS_REPLY_ARRAY && reply.elements == 3;
     const std::string_view word = is_list ? text_of(*reply.element[0]) : std::string_view();
-    if (asked.what == What::credentials && reply.type == REDIS_REPLY_STATUS) return;
+    if ((asked.what == What::credentials || asked.what == What::name) && reply.type == REDIS_REPLY_STATUS) return;
     if (asked.what == What::subscription && word == "subscribe" && text_of(*reply.element[1]) == asked.channel) {
         return owner_.subscribed(asked.channel, {});
     }
@@ -192,6 +195,7 @@ void RedisFeed::take_answer(const Asked &asked, const redisReply &reply) {
 // What the server says to the credentials may quote them.
 void RedisFeed::take_error(const Asked &asked, std::string_view text) {
     if (text.starts_with("LOADING")) reached_ = false;
+    if (asked.what == What::name) return;
     if (asked.what == What::credentials) {
         return lose("the server refuses the credentials (" + std::string(text.substr(0, text.find(' '))) + ")");
     }

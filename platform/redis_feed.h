@@ -44,7 +44,7 @@ public:
 // Tells its owner of all that happens on the connection, on the loop's thread.
 class RedisFeed {
 public:
-    RedisFeed(const RedisUrl &url, Loop &loop, FeedOwner &owner);
+    RedisFeed(const RedisUrl &url, const ConnectionName &name, Loop &loop, FeedOwner &owner);
 
     void begin(const Address &server);  // later it finds the server itself
     void subscribe(const std::string &channel) { ask({What::subscription, channel}, {"SUBSCRIBE", channel}); }
@@ -65,7 +65,7 @@ public:
 private:
     enum class State { waiting, connecting, up };
     using EventPtr = std::unique_ptr<event, FreeEvent>;
-    enum class What { credentials, identity, subscription, fence };
+    enum class What { credentials, identity, name, subscription, fence };
     struct Asked {
         What what;
         std::string channel = {};
@@ -85,6 +85,7 @@ private:
     std::chrono::milliseconds next_delay();
 
     const RedisUrl &url_;
+    const ConnectionName &name_;
     Loop &loop_;
     FeedOwner &owner_;
     Address server_;

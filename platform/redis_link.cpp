@@ -46,6 +46,7 @@ int32_t RedisLink::ask_identity(Identity &identity, std::string &fault) {
     const std::string auth = auth_command(url_.credentials);
     connection_.add(auth);
     connection_.add(identity_question());
+    connection_.add(name_.command());
     for (int answers = auth.empty() ? 1 : 2; answers > 0; answers--) {
         const Reply reply = read_answer();
         if (!reply) return TQ_MOM_E_UNREACHABLE;
@@ -61,9 +62,9 @@ int32_t RedisLink::ask_identity(Identity &identity, std::string &fault) {
             return TQ_MOM_E_UNREACHABLE;
         }
         fault = unfit(identity);
-        return fault.empty() ? 0 : TQ_MOM_E_REFUSED;
+        if (!fault.empty()) return TQ_MOM_E_REFUSED;
     }
-    return 0;
+    return read_answer() ? 0 : TQ_MOM_E_UNREACHABLE;  // to the name, whatever it is
 }
 
 Reply RedisLink::call(const Words &command) {
@@ -107,13 +108,13 @@ bool RedisLink::call_many(size_t count, const Command &command, const Take &take
     return true;
 }
 
-void RedisLink::post(const std::vector<Words> &commands, bool is_transaction) {
+void RedisLink::post(const std::vector<Words> &commands, bool is_transaction, bool may_be_refused) {
     std::string bytes;
     for (const Words &command : commands) bytes += formatted(command);
     {
         const std::lock_guard lock(posted_mutex_);
         posted_.reserve(posted_.size() + bytes.size());
-        posted_owed_.push_back({commands.size(), is_transaction});
+        posted_owed_.push_back({commands.size(), is_transaction, may_be_refused});
         posted_ += bytes;
     }
     send_posted();
@@ -199,7 +200,7 @@ void RedisLink::take_owed(Reply reply) {
         return;
     }
     Owed &owed = owed_.front();
-    if (is_error(*reply) && owed.fault.empty()) owed.fault = text_of(*reply);
+    if (is_error(*reply) && owed.fault.empty() && !owed.may_be_refused) owed.fault = text_of(*reply);
     for (size_t i = 0; i < reply->elements && owed.fault.empty(); ++i) {
         if (is_error(*reply->element[i])) owed.fault = text_of(*reply->element[i]);
     }

@@ -18,7 +18,7 @@ namespace tq {
 // taken for another request's; whoever loses count loses the connection.
 class RedisLink {
 public:
-    explicit RedisLink(const RedisUrl &url) : url_(url) {}
+    RedisLink(const RedisUrl &url, const ConnectionName &name) : url_(url), name_(name) {}
 
     // Connects, tries the credentials out and asks who the server is. 0, or TQ_MOM_E_UNREACHABLE, TQ_MOM_E_DENIED or
     // TQ_MOM_E_REFUSED with a fault in words.
@@ -39,6 +39,8 @@ public:
     bool call_many(size_t count, const Command &command, const Take &take);
     // Waits for no call under way: whoever is in one sends it along.
     void post(const Words &command) { post({command}, /*is_transaction=*/false); }
+    // The same, and a refusal is no fault.
+    void post_wish(const Words &command) { post({command}, /*is_transaction=*/false, /*may_be_refused=*/true); }
     // The last command answers for all.
     void post_transaction(const std::vector<Words> &commands) { post(commands, /*is_transaction=*/true); }
     struct Transaction {
@@ -71,10 +73,11 @@ private:
     struct Owed {
         size_t answers;
         bool is_transaction;
+        bool may_be_refused;
         std::string fault = {};
     };
     int32_t ask_identity(Identity &identity, std::string &fault);
-    void post(const std::vector<Words> &commands, bool is_transaction);
+    void post(const std::vector<Words> &commands, bool is_transaction, bool may_be_refused = false);
     void take_posted();
     void send_posted();
     void notice_silence();
@@ -86,6 +89,7 @@ private:
     void receive_owed();
 
     const RedisUrl &url_;
+    const ConnectionName &name_;
 
     std::mutex mutex_;  // guards the connection and what follows
     RedisConnection connection_;

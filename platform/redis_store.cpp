@@ -49,7 +49,7 @@ ObjectPtr new_object(std::string_view key, std::string_view bytes) {
 }  // namespace
 
 RedisStore::RedisStore(const RedisUrl &url, Sink &sink, Loop &loop)
-    : url_(url), sink_(sink), loop_(loop), link_(url_), feed_(url_, loop, *this), holds_(url_.shown) {}
+    : url_(url), sink_(sink), loop_(loop), link_(url_, name_), feed_(url_, name_, loop, *this), holds_(url_.shown) {}
 
 std::unique_ptr<Store> RedisStore::open(const RedisUrl &url, Sink &sink, Loop &loop, int32_t &error) {
     std::unique_ptr<RedisStore> store(new RedisStore(url, sink, loop));
@@ -75,6 +75,21 @@ int32_t RedisStore::start() {
 
 void RedisStore::end() {
     link_.end();
+}
+
+// Once it has subscribed to something, the feed's connection may not be named any more: its next one is.
+void RedisStore::set_name(std::string_view name) {
+    name_.set(name);
+    const std::string safe = name_.text();
+    link_.post_wish({"CLIENT", "SETNAME", safe});
+}
+
+int32_t RedisStore::list_clients(std::string &list) {
+    const Reply reply = link_.call({"CLIENT", "LIST"});
+    if (!reply) return TQ_MOM_E_UNREACHABLE;
+    if (reply->type != REDIS_REPLY_STRING) return TQ_MOM_E_REFUSED;
+    list = text_of(*reply);
+    return 0;
 }
 
 bool RedisStore::up() const {

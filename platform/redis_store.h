@@ -45,6 +45,8 @@ public:
     int32_t write_many(const std::vector<Write> &writes, size_t &taken, size_t &refused) override;
     int32_t erase(const Place &place, const std::string &key) override;
     int32_t replace(const Place &place, const ObjectPtr &before, const ObjectPtr &after) override;
+    void set_name(std::string_view name) override;
+    int32_t list_clients(std::string &list) override;
 
 private:
     using Channels = std::map<std::string, Channel, std::less<>>;
@@ -114,6 +116,7 @@ private:
     Sink &sink_;
     Loop &loop_;
     const std::string private_channel_ = new_private_channel();
+    ConnectionName name_;
     RedisLink link_;
     Identity link_identity_;  // written before the loop's thread opens the link again
     std::promise<bool> started_;

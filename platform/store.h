@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -117,6 +118,11 @@ public:
     // Writes, or erases when `after` is null, if what the store has is still `before`, null for nothing; else
     // TQ_MOM_E_CHANGED. At least one of them is an object, both have the same key.
     virtual int32_t replace(const Place &place, const ObjectPtr &before, const ObjectPtr &after) = 0;
+
+    // What others see this client called, where a store has others; and who is connected, as the server lists it: TQ_MOM_E_ARGUMENT
+    // when there is no server.
+    virtual void set_name(std::string_view name) = 0;
+    virtual int32_t list_clients(std::string &list) = 0;
 };
 
 // Opens the store that a URL names, for a client with that loop. Null, after one line on standard error: see `error`; the

@@ -66,7 +66,8 @@
  * deleted so is not heard of until the next scan.
  * Redis permissions that a client needs: keys dm:*, channels dm:*, and the commands auth, eval, evalsha, exec, exists, hget,
  * hgetall, hscan, hset, hdel, info, multi, publish, pubsub, subscribe, unsubscribe. Without evalsha every write sends its
- * script, without exists a removed hash is not noticed, and a client that only reads needs neither hset nor hdel.
+ * script, without exists a removed hash is not noticed, and a client that only reads needs neither hset nor hdel. With
+ * client|setname the server's list of clients has names, with client|list tq_mom_store_clients() has an answer.
  *
  * A handle belongs to the process that opened it. In a child of fork() every call of it answers TQ_MOM_E_ARGUMENT, closing
  * included, and touches neither its sockets nor its locks; a child opens a handle of its own.
@@ -144,6 +145,31 @@ DM_API int32_t tq_mom_replace(tq_mom_handle *handle, uint32_t db, const Protobuf
  */
 typedef void (*tq_mom_connection_cb)(tq_mom_handle *handle, int32_t connected, int32_t reason, void *privdata);
 DM_API int32_t tq_mom_client_set_connection_cb(tq_mom_handle *handle, tq_mom_connection_cb callback, void *privdata);
+
+/* Writes the URL of the client's store as it may be shown, like tq_mom_url_without_secret(). */
+DM_API int32_t tq_mom_client_store(tq_mom_handle *handle, char *text, uint32_t size);
+
+/*
+ * What others see the client called among those of its server: letters, digits, dots and minuses, 63 at most; anything else becomes an
+ * underscore. Until then it is called like its program. A server that forbids it goes on without a name. dm_cache_init() gives the
+ * client the name that it was given. The connection that hears has its name from the next time it connects on.
+ */
+DM_API int32_t tq_mom_client_set_name(tq_mom_handle *handle, const char *name);
+
+/* A client of the store's server: its connection for requests. Good during the call that tells of it. */
+typedef struct tq_mom_store_client {
+    const char *name; /* empty: it has none */
+    const char *address;
+    uint32_t age_s;  /* since it connected */
+    uint32_t idle_s; /* since it last asked something */
+} tq_mom_store_client;
+
+/*
+ * Tells who is connected to the store's server, this client included. TQ_MOM_E_ARGUMENT for a store without a server, TQ_MOM_E_REFUSED
+ * when the server does not say. The callback runs on the caller's thread.
+ */
+typedef void (*tq_mom_store_client_cb)(const tq_mom_store_client *client, void *word);
+DM_API int32_t tq_mom_store_clients(tq_mom_handle *handle, tq_mom_store_client_cb callback, void *word);
 
 /* How many damaged values this client has met. */
 DM_API uint64_t tq_mom_client_damaged(tq_mom_handle *handle);

@@ -66,6 +66,10 @@ TEST_F(RedisStore, TheStatedPermissionsSuffice) {
     EXPECT_EQ(server.command(user), "OK");
     RecordingClient client(as("dm:pw") + "?probe=500");
     client.follow_all();
+    EXPECT_EQ(tq_mom_client_set_name(client.handle(), "cards"), 0);  // refused, and no trouble
+    EXPECT_EQ(tq_mom_store_clients(
+                  client.handle(), [](const tq_mom_store_client *, void *) {}, nullptr),
+              TQ_MOM_E_REFUSED);
     client.set(1, 2);
     ASSERT_TRUE(client.wait("sub: set 1:2"));
     EXPECT_EQ(client.scanned(), "s: end, s: has 1:2");
@@ -87,6 +91,27 @@ TEST_F(RedisStore, TheStatedPermissionsSuffice) {
     server.command({"ACL", "SETUSER", "dm", "-info"});  // what an echo needs: it is missed
     EXPECT_TRUE(client.wait("lost"));
     EXPECT_TRUE(has(log.take(), "can't run this command"));
+}
+
+// Who holds a server up is found by the name, which is no help when it is lost with a connection.
+TEST_F(RedisStore, KnowsItsClientsByTheirNames) {
+    RecordingClient client(server.url());
+    EXPECT_EQ(tq_mom_client_set_name(client.handle(), "a card\n/1"), 0);
+    const auto connected = [&] {
+        std::string names;
+        const auto add = [](const tq_mom_store_client *one, void *word) {
+            static_cast<std::string *>(word)->append(one->name).append(" ");
+        };
+        EXPECT_EQ(tq_mom_store_clients(client.handle(), add, &names), 0);
+        return names;
+    };
+    EXPECT_EQ(connected(), "a_card__1 ");
+    client.follow_all();
+    server.lose_feeds();
+    ASSERT_TRUE(client.wait("reconnect 3 1"));
+    const std::string list = server.command({"CLIENT", "LIST"});
+    EXPECT_TRUE(has(list.substr(list.find("name=a_card__1") + 1), "name=a_card__1")) << list;
+    EXPECT_EQ(connected(), "a_card__1 ");
 }
 
 // A page above a server's limit for a client cuts off whoever scans. So would one that came by the subscriber's connection,

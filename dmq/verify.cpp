@@ -1,0 +1,381 @@
+// verify: is a live cache equal to its store, while both of them change? What differs once may be a change on its way. A difference is
+// told when it is found twice with the same content on both sides, and the store has told of no change of that object since before
+// it was first read: not until a mark, asked for after the second reading, had come back through the store's feed. What the feed
+// tells comes on the store client's thread; its counts have a lock of their own.
+#include <algorithm>
+#include <condition_variable>
+#include <cstdlib>
+#include <mutex>
+#include <set>
+
+#include "dmq/command.h"
+#include "tq_dm_cache/dm_port_index.h"
+
+namespace dmq {
+
+namespace {
+
+constexpr auto between_looks = std::chrono::milliseconds(250);  // at another process
+constexpr int64_t unknown_age_ms =
+    1000;  // in which another process, that does not tell how old its rows are, has heard everything
+constexpr int most_rounds = 20;
+
+using Place = std::pair<int32_t, std::string>;  // a row, and an object's packed key
+
+// Hears of the changes of rows, and counts them by object.
+class Feed {
+    // Callbacks may come until the client is closed.
+    struct Heard {
+        std::mutex lock;
+        std::condition_variable changed;
+        std::map<Place, uint64_t> changes;
+        size_t answers = 0;
+    };
+    static Heard &heard() {
+        static Heard *const kept = new Heard;
+        return *kept;
+    }
+
+public:
+    Feed(Session &session, const std::vector<Kind> &kinds) : session_(session), kinds_(kinds) {
+        const size_t before = answers();
+        for (const Kind &kind : kinds_) subscribe(kind);
+        wait_for(before + kinds_.size());
+    }
+    Feed(const Feed &) = delete;
+
+    // Returns when all has been heard that the store had to tell when it was called.
+    void mark() {
+        const size_t before = answers();
+        subscribe(kinds_.front());
+        wait_for(before + 1);
+    }
+    std::map<Place, uint64_t> changes() {
+        const std::lock_guard guard(heard().lock);
+        return heard().changes;
+    }
+
+private:
+    static int32_t hear(tq_mom_handle *, store_msg *msg, void *privdata) {
+        const auto row = static_cast<int32_t>(reinterpret_cast<intptr_t>(privdata));
+        const auto *object = static_cast<const ProtobufCMessage *>(msg->value);
+        const std::lock_guard guard(heard().lock);
+        if (msg->cmd == TQ_MOM_CMD_SUBSCRIBED) ++heard().answers;
+        if ((msg->cmd == TQ_MOM_CMD_SET || msg->cmd == TQ_MOM_CMD_DELETE) && object)
+            ++heard().changes[{row, packed_key(*object)}];
+        heard().changed.notify_all();
+        return 0;
+    }
+    void subscribe(const Kind &kind) {
+        const Message any = new_message(*kind.type);
+        void *const row = reinterpret_cast<void *>(static_cast<intptr_t>(kind.row));
+        if (tq_mom_subscribe(session_.reader(), kind.db, any.get(), 0, hear, row))
+            throw Failure(exit_unreachable, "cannot follow " + std::string(kind.type->name));
+    }
+    static size_t answers() {
+        const std::lock_guard guard(heard().lock);
+        return heard().answers;
+    }
+    void wait_for(size_t answers) {
+        std::unique_lock guard(heard().lock);
+        if (!heard().changed.wait_for(guard, std::chrono::milliseconds(session_.time_left()),
+                                      [&] { return heard().answers >= answers; }))
+            throw Failure(exit_timeout, "the store did not answer in time: waited for a mark in its feed");
+    }
+
+    Session &session_;
+    const std::vector<Kind> kinds_;
+};
+
+// A row as the cache has it.
+using Cached = std::map<std::string, Seen>;
+
+// What is the matter with one object, and the bytes of both sides, null where it is not.
+struct Difference {
+    Message store, cache;
+    std::string store_bytes, cache_bytes, index, why;
+    std::vector<uint64_t> changes;  // heard of, of all that it depends on, before it was read
+    int64_t first_ms = 0;           // when that was
+    bool is_behind = false;         // another process may not have heard of it yet
+
+    bool same_as(const Difference &other) const {
+        return store_bytes == other.store_bytes && cache_bytes == other.cache_bytes && index == other.index;
+    }
+};
+using Differences = std::map<Place, Difference>;
+
+Message copy_of(const Message &object) {
+    return object ? copy(*object) : nullptr;
+}
+
+dm_inspect_object about_node(const obj_sub_entry &row, const dm_cache_list_node &node) {
+    dm_inspect_object about{};
+    about.by_client = node.stored == 0;
+    if (!row.port_tree) return about;
+    about.trees = static_cast<uint8_t>(row.port_tree->tree_num);
+    about.indexed = node.key != nullptr;
+    for (int32_t i = 0; node.key && i < row.port_tree->tree_num; ++i) {
+        about.key[i] = node.key->key[i];
+        const void *found = dm_rbtree_find_node(&row.port_tree->root[i], about.key[i]);
+        about.found[i] = found == &node ? DM_INSPECT_FINDS_OBJECT
+                         : found        ? DM_INSPECT_FINDS_ANOTHER
+                                        : DM_INSPECT_FINDS_NOTHING;
+    }
+    return about;
+}
+
+Cached cached(const Session &session, int32_t row) {
+    Cached found;
+    if (const Picture *picture = session.picture()) {
+        for (const auto &[about, object] : picture->objects.at(row))
+            found.emplace(packed_key(*object), Seen{about, copy(*object)});
+        return found;
+    }
+    const CacheLock lock;
+    const obj_sub_entry &entry = obj_sub_list[row];
+    for (auto *link = entry.obj_list->head.next; link != &entry.obj_list->head; link = link->next) {
+        const auto &node = *reinterpret_cast<const dm_cache_list_node *>(link);
+        found.emplace(packed_key(*node.obj), Seen{about_node(entry, node), copy(*node.obj)});
+    }
+    return found;
+}
+
+// Indexes
+
+std::string tree_name(int32_t row, int32_t tree) {
+    constexpr const char *of_ports[] = {"ifx", "dm_phyid", "ss_phyid", "lsm"},
+                         *of_local[] = {"unit and cport", "lport"};
+    if (row == DM_ROW_UNIT_CPORT_INFO) return of_local[tree & 1];
+    return row == DM_ROW_VSD_PORT || row == DM_ROW_VSD_PORT_ATTR ? of_ports[tree & 3] : "type";
+}
+
+std::string hex(int64_t key) {
+    char text[24];
+    std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(key));
+    return text;
+}
+
+// What is wrong with an object's keys, by the static ports that are cached; empty: nothing. That another object is found by one
+// of them is nothing wrong.
+std::string index_fault(int32_t row, const Seen &seen) {
+    const CacheLock lock;
+    ndm_cache_tree *const set = obj_sub_list[row].port_tree;
+    if (!set || seen.about.trees == 0) return "";
+    dm_cache_list_node probe{};
+    probe.obj = seen.object.get();
+    const bool has_keys = set->gen_key(&probe) == 0 && probe.key;
+    const std::unique_ptr<ndm_cache_key, void (*)(void *)> key(probe.key, std::free);
+    if (!has_keys) return seen.about.indexed ? "indexed, though its keys cannot be known" : "";
+    if (!seen.about.indexed) return "not indexed, though its keys are known";
+    for (int32_t tree = 0; tree < std::min<int32_t>(set->tree_num, seen.about.trees); ++tree) {
+        if (seen.about.key[tree] != key->key[tree])
+            return "indexed wrongly, by " + tree_name(row, tree) + " " + hex(seen.about.key[tree]) + " instead of " +
+                   hex(key->key[tree]);
+        if (seen.about.found[tree] == DM_INSPECT_FINDS_NOTHING)
+            return "not found by " + tree_name(row, tree) + " " + hex(key->key[tree]);
+    }
+    return "";
+}
+
+// The object's own changes, and those of all static ports when its keys come from one of them.
+std::vector<uint64_t> changes_of(const std::map<Place, uint64_t> &changes, const Place &place, bool with_ports) {
+    const auto own = changes.find(place);
+    std::vector<uint64_t> counts = {own == changes.end() ? 0 : own->second, 0};
+    for (const auto &[other, count] : changes) {
+        if (with_ports && other.first == DM_ROW_PORT_STATIC) counts[1] += count;
+    }
+    return counts;
+}
+
+// Comparison
+
+std::string why(int32_t row, const Difference &difference, const Seen *seen) {
+    const dm_cache_stats stats = stats_of(row);
+    if (!difference.index.empty()) {
+        return difference.index.starts_with("not found")
+                   ? "another object with the same key took it along when it went, or memory was short"
+                   : "";
+    }
+    if (stats.held) return "the store refuses the row to the cache";
+    if (!stats.subscribed) return "the row is not subscribed";
+    if (!stats.scanned) return "the row's scan has not ended";
+    if (stats.queued) return std::to_string(stats.queued) + " changes of the row wait in the queue";
+    if (seen && seen->about.by_client) return "changed by the client itself";
+    if (!difference.cache && stats.objects >= DM_CACHE_LIST_LIMIT) return "the row is full";
+    if (!difference.cache && stats.refused)
+        return "the cache has refused " + counted_objects(stats.refused) + " of the row";
+    return "written past the library, or changed by the client itself";
+}
+
+struct Read {
+    size_t objects = 0;
+    Differences differences;
+};
+
+void compare_row(Session &session, const Kind &kind, const std::map<Place, uint64_t> &changes, int64_t now,
+                 Read &read) {
+    const Content store = stored(session, kind);
+    const Cached cache = cached(session, kind.row);
+    std::set<std::string> keys;
+    for (const auto &entry : store.objects) keys.insert(entry.first);
+    for (const auto &entry : cache) keys.insert(entry.first);
+    read.objects += keys.size();
+    for (const std::string &key : keys) {
+        const auto there = store.objects.find(key);
+        const auto here = cache.find(key);
+        const Seen *const seen = here == cache.end() ? nullptr : &here->second;
+        Difference found;
+        if (there != store.objects.end()) found.store_bytes = "x" + there->second;
+        if (seen) found.cache_bytes = "x" + pack(*seen->object);
+        if (seen && found.store_bytes == found.cache_bytes) found.index = index_fault(kind.row, *seen);
+        if (found.store_bytes == found.cache_bytes && found.index.empty()) continue;
+        if (there != store.objects.end()) found.store = unpack(*kind.type, there->second);
+        if (seen) found.cache = copy_of(seen->object);
+        const Message &any = found.store ? found.store : found.cache;
+        const std::string name = any ? object_name(*any) : "";
+        const bool is_damaged = std::find(store.damaged.begin(), store.damaged.end(), name) != store.damaged.end();
+        if (is_damaged) continue;  // it is nowhere
+        found.why = why(kind.row, found, seen);
+        const Place place(kind.row, key);
+        found.changes = changes_of(changes, place, !found.index.empty());
+        found.first_ms = now;
+        read.differences.emplace(place, std::move(found));
+    }
+}
+
+// What had changed until then is in the row, by the last look at it.
+bool has_heard_since(const Session &session, int32_t row, int64_t first_ms) {
+    if (!session.picture()) return true;
+    const int64_t age = session.picture()->rows[static_cast<size_t>(row)].age_ms;
+    return session.picture_ms() - first_ms >= (age < 0 ? unknown_age_ms : age);
+}
+
+// Differs as it did, and the store has told of no change of it since.
+bool is_still(const Place &place, const Difference &now, const Differences &open,
+              const std::map<Place, uint64_t> &after) {
+    const auto first = open.find(place);
+    return first != open.end() && first->second.same_as(now) &&
+           changes_of(after, place, !now.index.empty()) == first->second.changes;
+}
+
+// Told
+
+Json side(const Message &object, const Message &other, bool json) {
+    if (!object) return nullptr;
+    if (json) return to_json(*object, Fields::set);
+    if (!other) return "there";
+    std::string text;
+    const Json changes = differences(*object, *other);
+    for (const auto &[field, change] : changes.items())
+        text += (text.empty() ? "" : ", ") + field + "=" + dump(change["old"]);
+    return text.empty() ? "other fields, that dmq does not know" : text;
+}
+
+void add(Table &table, int32_t row, const Difference &found, bool json) {
+    const Message &any = found.store ? found.store : found.cache;
+    if (!any) return;
+    const bool is_index = !found.index.empty();
+    table.rows.push_back({row, any->descriptor->name, key_words(*any),
+                          is_index && !json ? Json("there") : side(found.store, found.cache, json),
+                          is_index && !json ? Json(found.index) : side(found.cache, found.store, json),
+                          is_index && json ? Json(found.index) : Json(found.why.empty() ? Json() : Json(found.why))});
+}
+
+// Rows that the cache is to have.
+std::vector<Kind> rows_of(const std::vector<std::string> &names, const Session &session) {
+    std::vector<Kind> wanted, kinds;
+    for (const auto &name : names) wanted.push_back(find_cached_kind(name));
+    for (const Kind &kind : names.empty() ? cached_kinds() : wanted) {
+        const Picture *picture = session.picture();
+        const bool is_stored = !picture || !(picture->rows[static_cast<size_t>(kind.row)].flag & DM_CACHE_NO_STORE);
+        if (stats_of(kind.row).enabled && is_stored)
+            kinds.push_back(kind);
+        else if (!names.empty())
+            note("row " + std::to_string(kind.row) + " " + kind.type->name + " is not kept by the process");
+    }
+    return kinds;
+}
+
+bool is_live(const Session &session) {
+    return session.picture() ? session.picture()->live() : waits_for().empty();
+}
+
+}  // namespace
+
+Exit run_verify(Context &context, const Command &command) {
+    const bool attached = !command.settings.attach.empty();
+    if (attached && command.settings.store.empty())
+        throw Failure(exit_usage, "verify compares with the store that --store or DMQ_STORE names");
+    Session &session = context.synchronised({}, command.settings);
+    if (session.is_cut_off()) throw Failure(exit_no, "the cache is cut off from the store");
+    const std::vector<Kind> kinds = rows_of(command.words, session);
+    if (kinds.empty()) throw Failure(exit_no, "there is no row to be compared");
+    std::vector<Kind> heard = kinds;
+    const Kind ports = find_cached_kind(std::to_string(DM_ROW_PORT_STATIC));
+    if (std::none_of(kinds.begin(), kinds.end(), [&](const Kind &kind) { return kind.row == ports.row; }))
+        heard.push_back(ports);
+    Feed feed(session, heard);
+
+    Differences open, told;
+    size_t objects = 0;
+    bool all = true;  // are to be read: only once
+    for (int round = 0; round < most_rounds && (all || !open.empty()); ++round) {
+        if (round > 0 && attached) {
+            const auto left = std::chrono::milliseconds(session.time_left());
+            std::this_thread::sleep_for(std::min(left, between_looks));
+        }
+        if (round > 0 && !session.time_left()) break;
+        feed.mark();
+        const auto before = feed.changes();
+        const int64_t before_ms = now_ms();
+        if (round > 0 && attached) session.synchronise({});
+        if (!is_live(session)) {
+            if (round == 0) throw Failure(exit_no, "the cache is not live, so it need not be equal: " + waits_for());
+            continue;
+        }
+        Read read;
+        for (const Kind &kind : kinds) {
+            const bool is_open =
+                std::any_of(open.begin(), open.end(), [&](const auto &one) { return one.first.first == kind.row; });
+            if (all || is_open) compare_row(session, kind, before, before_ms, read);
+        }
+        feed.mark();
+        const auto after = feed.changes();
+        if (all) objects = read.objects;
+        if (!all) std::erase_if(read.differences, [&](const auto &one) { return !open.contains(one.first); });
+        all = false;
+        for (auto &[place, now] : read.differences) {
+            if (!is_still(place, now, open, after)) continue;
+            const Difference &first = open.at(place);
+            now.first_ms = first.first_ms;
+            now.is_behind = !has_heard_since(session, place.first, first.first_ms);
+            if (!now.is_behind) told.emplace(place, std::move(now));
+        }
+        for (const auto &entry : told) read.differences.erase(entry.first);
+        open = std::move(read.differences);
+    }
+    // One that does not hear, or does not get on, stays as it is.
+    for (auto at = open.begin(); at != open.end();) {
+        if (!at->second.is_behind) {
+            ++at;
+            continue;
+        }
+        at->second.why = "the process has not heard of the store, or not got on, for a while";
+        told.insert(open.extract(at++));
+    }
+
+    const bool json = command.settings.json;
+    Table table{{"row", "kind", "key", "store", "cache", "why"}, {}};
+    for (const auto &[place, found] : told) add(table, place.first, found, json);
+    if (json || !table.rows.empty()) print_table(table, json);
+    if (!json)
+        print_line(counted_objects(objects) + " of " + std::to_string(kinds.size()) + " rows compared, " +
+                   (told.empty() ? "none differs" : std::to_string(told.size()) + " differ"));
+    if (!open.empty())
+        note(counted_objects(open.size()) +
+             " changed all the while, so that they could not be compared; the first is " +
+             object_name(open.begin()->second.store ? *open.begin()->second.store : *open.begin()->second.cache));
+    return !told.empty() ? exit_no : !open.empty() ? exit_timeout : exit_yes;
+}
+
+}  // namespace dmq

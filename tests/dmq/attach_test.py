@@ -1,0 +1,206 @@
+"""dmq and other processes: their caches, who is there, and whether they are equal to their store. Argument: dmq.
+
+The process that is looked into is a shell of dmq."""
+
+import contextlib
+import json
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import threading
+import time
+import unittest
+
+import running
+from running import CHASSIS, DMQ, PROJECT, dmq
+
+
+class Process:
+    """A shell of dmq that others may look into."""
+
+    def __init__(self, folder, *words):
+        self.shell = subprocess.Popen([DMQ, *words, "shell"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
+                                      env={**running.ENV, "DM_CACHE_INSPECT": folder}, cwd=PROJECT)
+        self.name = f"dmq.{self.shell.pid}"
+        self("sync 17")
+
+    def __call__(self, *lines):
+        self.shell.stdin.write("\n".join([*lines, "echo done", ""]))
+        self.shell.stdin.flush()
+        return list(iter(self.shell.stdout.readline, "done\n"))
+
+    def end(self):
+        with contextlib.suppress(BrokenPipeError):
+            self.shell.stdin.close()
+        self.shell.stdout.close()
+        self.shell.wait()
+
+
+class WithFolder(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = folder.name
+
+    def process(self, *words):
+        process = Process(self.folder, *words)
+        self.addCleanup(process.end)
+        return process
+
+    def dmq(self, *words, **env):
+        return dmq("--inspect", self.folder, *words, **env)
+
+
+class Attach(WithFolder):
+    # Whoever looks into a process must not be shown what another cache has.
+    def test_answers_as_the_process_would(self):
+        process = self.process(*CHASSIS)
+        process("store disconnect", "set card_info devid=1 slotid=30 sslotid=0 is_online=false",
+                "delete port_static t_dev=1 t_slot=2 t_sslot=0 t_port=7 t_type=8")
+        commands = ["get", "show ports slot=1/2", "show system", "show cards", "call ndm_get_master_slotid",
+                    "call ndm_card_is_online 1 30 0", "get device_info devid=1 --json"]
+        for command in commands:
+            with self.subTest(command):
+                self.assertEqual(self.dmq("--attach", "dmq", *command.split()).stdout, "".join(process(command)))
+        shell = subprocess.run([DMQ, "--attach", f"{self.folder}/{process.name}", "shell"], input="\n".join(commands),
+                               capture_output=True, text=True, env=running.ENV, cwd=PROJECT)
+        self.assertEqual(shell.stdout, "".join("".join(process(command)) for command in commands))
+        counters = json.loads(self.dmq("--attach", "dmq", "sync", "17", "--json").stdout)[0]
+        self.assertEqual((counters["objects"], counters["sets"], counters["scanned"]), (20, 20, True))
+
+    def test_what_is_refused(self):
+        process = self.process(*CHASSIS)
+        open(self.folder + "/no_socket.1", "w").close()
+        for words, code, message in [
+            (["--attach", "dqm", "show"], 3, f"no process dqm answers in {self.folder} (did you mean dmq?)"),
+            (["--attach", "no_socket", "show"], 3, "no process no_socket answers"),
+            (["--attach", self.folder + "/no_socket.1", "show"], 3, "no_socket.1: its process has ended"),
+            (["--attach", self.folder + "/none", "show"], 3, "none: No such file or directory"),
+            (["--attach", process.name, "set", "card_info"], 2, "set is not for a process that dmq is attached to"),
+            (["--attach", process.name, "watch"], 2, "watch is not for a process"),
+            (["--attach", process.name, *CHASSIS, "show"], 2, "--load fills a store"),
+            (["--attach", process.name, "get", "card_info", "slotid=99"], 1, ""),
+            (["--attach", str(process.shell.pid), "get", "card_info"], 0, ""),
+        ]:
+            with self.subTest(words):
+                done = self.dmq(*words)
+                self.assertEqual(done.returncode, code, done.stderr)
+                self.assertIn(message, done.stderr)
+        other = self.process()
+        self.assertIn(f"which process is meant by dmq: {', '.join(sorted([process.name, other.name]))}?",
+                      self.dmq("--attach", "dmq", "show").stderr)
+        self.assertEqual(sorted(dmq("complete", "--inspect", self.folder, "--attach", "").stdout.split()),
+                         sorted([process.name, other.name]))
+        self.assertIn("in which folder is dmq?", dmq("--attach", "dmq", "show", DM_CACHE_INSPECT="").stderr)
+        process.shell.send_signal(signal.SIGSTOP)
+        done = self.dmq("--attach", f"{self.folder}/{process.name}", "--timeout", "0.2", "show")
+        process.shell.send_signal(signal.SIGCONT)
+        self.assertEqual((done.returncode, "does not answer" in done.stderr), (4, True), done.stderr)
+
+
+class Server(WithFolder):
+    """Processes on one Redis server."""
+
+    def setUp(self):
+        super().setUp()
+        if not shutil.which("redis-server"):
+            self.skipTest("redis-server is not installed")
+        self.socket = self.folder + "/store.sock"
+        self.store = ("--store", "redis+unix://" + self.socket)
+        server = subprocess.Popen(["redis-server", "--port", "0", "--unixsocket", self.socket, "--dir", self.folder,
+                                   "--save", ""], stdout=subprocess.DEVNULL)
+        self.addCleanup(server.wait)
+        self.addCleanup(server.terminate)
+        end = time.monotonic() + 60
+        while not os.path.exists(self.socket) and time.monotonic() < end:
+            time.sleep(0.01)
+        self.assertEqual(dmq(*self.store, "load", "examples/chassis.json").returncode, 0)
+
+    def command(self, line):
+        """Of the server's own language: written past every client."""
+        with socket.socket(socket.AF_UNIX) as server:
+            server.connect(self.socket)
+            server.sendall(line.encode() + b"\r\n")
+            answer = server.recv(65536).decode()
+        self.assertFalse(answer.startswith("-"), answer)
+        return answer
+
+    def verify(self, *words):
+        done = self.dmq(*self.store, "--timeout", "60", *words, "verify", "--json")
+        return done.returncode, [(it["row"], it["key"], it["why"]) for it in json.loads(done.stdout or "null") or []], done.stderr
+
+    # A difference that is none sends an operator after a fault that is not there; one that is not told leaves him with it.
+    def test_verify_tells_what_differs_while_everything_changes(self):
+        process = self.process(*self.store)
+        stop = threading.Event()
+        ports = "t_vsdid=0 t_dev=1 t_slot=2 t_type=8 t_sslot=0"
+        written = 0
+
+        def write():
+            nonlocal written
+            with subprocess.Popen([DMQ, *self.store, "shell"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
+                                  env=running.ENV, cwd=PROJECT) as shell:
+                while not stop.is_set():
+                    for port in range(1, 40):
+                        shell.stdin.write(f"set vsd_port {ports} t_port={port} link_state={written % 2} "
+                                          f"ifx={70000 + 100 * (written % 3) + port}\n"
+                                          f"set port_static t_dev=1 t_slot=2 t_sslot=0 t_port={port} t_type=8 "
+                                          f"static_info.lport={100 * (written % 2) + port}\n")
+                    shell.stdin.write("echo done\n")
+                    shell.stdin.flush()
+                    while shell.stdout.readline() != "done\n":
+                        pass
+                    written += 1
+                shell.stdin.close()
+
+        writer = threading.Thread(target=write)
+        writer.start()
+        try:
+            for words in [(), ("--attach", "dmq")] * 2:
+                self.assertEqual(self.verify(*words)[:2], (0, []), words)
+        finally:
+            stop.set()
+            writer.join()
+        self.assertGreater(written, 1)
+        card = "devid=1 slotid=30 sslotid=0"
+        self.command("COPY dm:1:p_dev.card_info kept")
+        process(f"set vsd_port {ports} t_port=45 ifx=80000", f"set vsd_port {ports} t_port=46 ifx=80000",
+                f"delete vsd_port {ports} t_port=45", f"set card_info {card} is_online=false")
+        self.command("EVAL \"return redis.call('HSET', KEYS[1], unpack(redis.call('HGETALL', 'kept')))\" 1 dm:1:p_dev.card_info")
+        self.command("EVAL \"return redis.call('HDEL', KEYS[1], redis.call('HKEYS', KEYS[1])[1])\" 1 dm:1:p_dev.local_card_info")
+        code, told, _ = self.verify("--attach", "dmq")
+        past = "written past the library, or changed by the client itself"
+        self.assertEqual((code, [(row, why) for row, _, why in told]),
+                         (1, [(14, past), (17, past), (30, "not found by ifx 0x13880")]))
+        self.assertEqual([key for _, key, _ in told[1:]], [card, "t_vsdid=0 t_dev=1 t_slot=2 t_port=46 t_type=8 t_sslot=0"])
+        self.assertIn("is_online=true  is_online=false", self.dmq(*self.store, "--attach", "dmq", "verify", "17").stdout)
+        self.assertEqual(self.verify()[:2], (0, []))
+        self.assertIn("verify compares with the store that --store", self.dmq("--attach", "dmq", "verify").stderr)
+
+    def test_clients_are_told_by_their_names(self):
+        process, dead = self.process(*self.store), self.process(*CHASSIS)
+        dead.shell.kill()
+        dead.shell.wait()
+        done = self.dmq(*self.store, "clients", "--json")
+        first, *connected = json.loads(done.stdout)
+        self.assertEqual([first[what] for what in ["name", "pid", "state", "objects", "store"]],
+                         ["dmq", process.shell.pid, "live", 1371, self.store[1]])
+        self.assertEqual({it["name"] for it in connected}, {"dmq"})
+        self.assertIn(f"left their sockets behind: {dead.name}", done.stderr)
+        self.assertEqual(dmq("clients", DM_CACHE_INSPECT="").returncode, 2)
+        # Whoever may not name itself, nor ask for others, is a client all the same.
+        self.command("ACL SETUSER mute on >word ~dm:* &dm:* +@all -client|setname -client|list")
+        mute = ("--store", f"redis+unix://mute:word@{self.socket}")
+        self.process(*mute)
+        self.assertEqual(dmq(*mute, "sync", "17").returncode, 0)
+        self.assertIn("does not say who is connected", dmq(*mute, "clients").stderr)
+        names = re.findall(r" user=mute .*| name= .* user=mute", self.command("CLIENT LIST"))
+        self.assertGreater(len(names), 0)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=running.sys.argv[:1])
