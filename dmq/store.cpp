@@ -27,7 +27,7 @@ int32_t take_scanned(tq_mom_handle *, store_msg *msg, void *privdata) {
     if (!record || !record->obj) return 0;
     if (record->error == TQ_MOM_E_MEMORY) out_of_memory();
     if (msg->result || record->error) {
-        content.damaged.push_back(object_name(*record->obj));
+        content.damaged[packed_key(*record->obj)] = copy(*record->obj);
     } else {
         take(content, *record->obj);
     }
@@ -59,7 +59,7 @@ std::vector<std::string> unequal(const Kind &kind, const Content &store, const C
     }
     for (const auto &name : missing(kind, store, cache)) lines.push_back(name + ": only in the store");
     for (const auto &name : missing(kind, cache, store)) lines.push_back(name + ": only in the cache");
-    for (const auto &name : store.damaged) lines.push_back(name + ": damaged in the store");
+    for (const auto &[key, left] : store.damaged) lines.push_back(object_name(*left) + ": damaged in the store");
     return lines;
 }
 
@@ -157,7 +157,8 @@ bool row_is_whole(Session &session, const Kind &kind, bool damaged) {
     session.settle();
     const auto names = missing(kind, store, cached(kind.row));
     if (damaged) {
-        for (const auto &name : store.damaged) note(name + ": damaged in the store, so its value is not in the cache");
+        for (const auto &[key, left] : store.damaged)
+            note(object_name(*left) + ": damaged in the store, so its value is not in the cache");
     }
     const std::string lacks = names.empty()
                                   ? "no object of the store now"

@@ -7,10 +7,10 @@
 
 namespace dmq {
 
-// What one kind holds on one side: packed objects by their packed key.
+// What one kind holds on one side, by packed key: packed objects, and of the damaged ones what is left, their keys.
 struct Content {
     std::map<std::string, std::string> objects;
-    std::vector<std::string> damaged;  // their names
+    std::map<std::string, Message> damaged;
 };
 
 Content stored(Session &session, const Kind &kind);

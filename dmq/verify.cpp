@@ -92,11 +92,12 @@ using Cached = std::map<std::string, Seen>;
 
 // What is the matter with one object, and the bytes of both sides, null where it is not.
 struct Difference {
-    Message store, cache;
+    Message store, cache;  // of one that is damaged in the store, its key is left
     std::string store_bytes, cache_bytes, index, why;
     std::vector<uint64_t> changes;  // heard of, of all that it depends on, before it was read
     int64_t first_ms = 0;           // when that was
     bool is_behind = false;         // another process may not have heard of it yet
+    bool is_damaged = false;        // in the store
 
     bool same_as(const Difference &other) const {
         return store_bytes == other.store_bytes && cache_bytes == other.cache_bytes && index == other.index;
@@ -191,6 +192,7 @@ std::vector<uint64_t> changes_of(const std::map<Place, uint64_t> &changes, const
 
 std::string why(int32_t row, const Difference &difference, const Seen *seen) {
     const dm_cache_stats stats = stats_of(row);
+    if (difference.is_damaged) return "its bytes in the store mean nothing, so the cache refuses them";
     if (!difference.index.empty()) {
         return difference.index.starts_with("not found")
                    ? "another object with the same key took it along when it went, or memory was short"
@@ -218,6 +220,7 @@ void compare_row(Session &session, const Kind &kind, const std::map<Place, uint6
     const Cached cache = cached(session, kind.row);
     std::set<std::string> keys;
     for (const auto &entry : store.objects) keys.insert(entry.first);
+    for (const auto &entry : store.damaged) keys.insert(entry.first);
     for (const auto &entry : cache) keys.insert(entry.first);
     read.objects += keys.size();
     for (const std::string &key : keys) {
@@ -225,16 +228,16 @@ void compare_row(Session &session, const Kind &kind, const std::map<Place, uint6
         const auto here = cache.find(key);
         const Seen *const seen = here == cache.end() ? nullptr : &here->second;
         Difference found;
+        const auto left = store.damaged.find(key);
+        found.is_damaged = left != store.damaged.end();
+        if (found.is_damaged) found.store_bytes = "damaged";
         if (there != store.objects.end()) found.store_bytes = "x" + there->second;
         if (seen) found.cache_bytes = "x" + pack(*seen->object);
         if (seen && found.store_bytes == found.cache_bytes) found.index = index_fault(kind.row, *seen);
         if (found.store_bytes == found.cache_bytes && found.index.empty()) continue;
+        if (found.is_damaged) found.store = copy(*left->second);
         if (there != store.objects.end()) found.store = unpack(*kind.type, there->second);
         if (seen) found.cache = copy_of(seen->object);
-        const Message &any = found.store ? found.store : found.cache;
-        const std::string name = any ? object_name(*any) : "";
-        const bool is_damaged = std::find(store.damaged.begin(), store.damaged.end(), name) != store.damaged.end();
-        if (is_damaged) continue;  // it is nowhere
         found.why = why(kind.row, found, seen);
         const Place place(kind.row, key);
         found.changes = changes_of(changes, place, !found.index.empty());
@@ -271,13 +274,23 @@ Json side(const Message &object, const Message &other, bool json) {
     return text.empty() ? "other fields, that dmq does not know" : text;
 }
 
+Json store_side(const Difference &found, bool json) {
+    if (found.is_damaged) return "damaged";
+    if (!found.index.empty() && !json) return "there";
+    return side(found.store, found.cache, json);
+}
+
+Json cache_side(const Difference &found, bool json) {
+    if (found.is_damaged && found.cache && !json) return "there";
+    if (!found.index.empty() && !json) return found.index;
+    return side(found.cache, found.store, json);
+}
+
 void add(Table &table, int32_t row, const Difference &found, bool json) {
     const Message &any = found.store ? found.store : found.cache;
     if (!any) return;
     const bool is_index = !found.index.empty();
-    table.rows.push_back({row, any->descriptor->name, key_words(*any),
-                          is_index && !json ? Json("there") : side(found.store, found.cache, json),
-                          is_index && !json ? Json(found.index) : side(found.cache, found.store, json),
+    table.rows.push_back({row, any->descriptor->name, key_words(*any), store_side(found, json), cache_side(found, json),
                           is_index && json ? Json(found.index) : Json(found.why.empty() ? Json() : Json(found.why))});
 }
 

@@ -62,7 +62,8 @@ class Attach(WithFolder):
         process("store disconnect", "set card_info devid=1 slotid=30 sslotid=0 is_online=false",
                 "delete port_static t_dev=1 t_slot=2 t_sslot=0 t_port=7 t_type=8")
         commands = ["get", "show ports slot=1/2", "show system", "show cards", "call ndm_get_master_slotid",
-                    "call ndm_card_is_online 1 30 0", "get device_info devid=1 --json"]
+                    "call ndm_card_is_online 1 30 0", "get device_info devid=1 --json",
+                    "explain ndm_get_global_port_by_ifx 0 63", "explain ndm_card_is_online 1 31 1"]
         for command in commands:
             with self.subTest(command):
                 self.assertEqual(self.dmq("--attach", "dmq", *command.split()).stdout, "".join(process(command)))
@@ -71,6 +72,16 @@ class Attach(WithFolder):
         self.assertEqual(shell.stdout, "".join("".join(process(command)) for command in commands))
         counters = json.loads(self.dmq("--attach", "dmq", "sync", "17", "--json").stdout)[0]
         self.assertEqual((counters["objects"], counters["sets"], counters["scanned"]), (20, 20, True))
+
+    # A no of a process that follows too little is not the store's.
+    def test_explain_names_a_row_that_the_process_does_not_follow(self):
+        with subprocess.Popen([DMQ, *CHASSIS, "watch", "card_info"], stdout=subprocess.PIPE, text=True, cwd=PROJECT,
+                              env={**running.ENV, "DM_CACHE_INSPECT": self.folder}) as watcher:
+            self.addCleanup(watcher.kill)
+            watcher.stdout.readline()
+            self.assertIn("because: row 13 p_dev.dp_lib_my_chss_info is not followed: nobody has asked for it",
+                          self.dmq("--attach", "dmq", "explain", "ndm_is_vsu").stdout)
+            watcher.kill()
 
     def test_what_is_refused(self):
         process = self.process(*CHASSIS)
@@ -172,13 +183,15 @@ class Server(WithFolder):
                 f"delete vsd_port {ports} t_port=45", f"set card_info {card} is_online=false")
         self.command("EVAL \"return redis.call('HSET', KEYS[1], unpack(redis.call('HGETALL', 'kept')))\" 1 dm:1:p_dev.card_info")
         self.command("EVAL \"return redis.call('HDEL', KEYS[1], redis.call('HKEYS', KEYS[1])[1])\" 1 dm:1:p_dev.local_card_info")
+        self.command("EVAL \"return redis.call('HSET', KEYS[1], redis.call('HKEYS', KEYS[1])[1], string.char(255))\" 1 dm:1:p_dev.device_info")
         code, told, _ = self.verify("--attach", "dmq")
         past = "written past the library, or changed by the client itself"
         self.assertEqual((code, [(row, why) for row, _, why in told]),
-                         (1, [(14, past), (17, past), (30, "not found by ifx 0x13880")]))
-        self.assertEqual([key for _, key, _ in told[1:]], [card, "t_vsdid=0 t_dev=1 t_slot=2 t_port=46 t_type=8 t_sslot=0"])
+                         (1, [(14, past), (16, "its bytes in the store mean nothing, so the cache refuses them"), (17, past),
+                              (30, "not found by ifx 0x13880")]))
+        self.assertEqual([key for _, key, _ in told[2:]], [card, "t_vsdid=0 t_dev=1 t_slot=2 t_port=46 t_type=8 t_sslot=0"])
         self.assertIn("is_online=true  is_online=false", self.dmq(*self.store, "--attach", "dmq", "verify", "17").stdout)
-        self.assertEqual(self.verify()[:2], (0, []))
+        self.assertEqual([row for row, _, _ in self.verify()[1]], [16])
         self.assertIn("verify compares with the store that --store", self.dmq("--attach", "dmq", "verify").stderr)
 
     def test_clients_are_told_by_their_names(self):
