@@ -383,7 +383,8 @@ Exit run_verify(Context &context, const Command &command) {
     if (json || !table.rows.empty()) print_table(table, json);
     if (!json)
         print_line(counted_objects(objects) + " of " + std::to_string(kinds.size()) + " rows compared, " +
-                   (told.empty() ? "none differs" : std::to_string(told.size()) + " differ"));
+                   (told.empty() ? "none differs"
+                                 : std::to_string(told.size()) + (told.size() == 1 ? " differs" : " differ")));
     if (!open.empty())
         note(counted_objects(open.size()) +
              " changed all the while, so that they could not be compared; the first is " +
