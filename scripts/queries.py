@@ -134,8 +134,18 @@ def reads_of_queries():
     """{query: what it reads, as a sentence}"""
     text = READS.read_text()
     kinds = dict(re.findall(r"^//   (\d+) (\S+)$", text, re.MULTILINE))
-    return {query: " ".join(sentences_of(reads.split(", ") if reads else [], kinds))
-            for query, reads in re.findall(r'^\{name\("(\w+)"\), rows\([^)]*\)\},(?:  // (.*))?$', text, re.MULTILINE)}
+    return {query: " ".join([*sentences_of(reads.split(", ") if reads else [], kinds), *ends_text(ends)])
+            for query, reads, ends in re.findall(r'^\{name\("(\w+)"\), rows\([^)]*\)\},(?:  // )?(.*?)(?:; no: (.*))?$', text, re.MULTILINE)}
+
+
+def ends_text(ends):
+    """Why a query does not answer, as a sentence. Several rows that may lack an object are one reason."""
+    found = [end.split() for end in ends.split(", ")] if ends else []
+    rows = {what: sorted((int(row) for kind, *rest in found if kind == what for row in rest)) for what in ("row", "content")}
+    whens = ["an argument is refused"] if ["argument"] in found else []
+    whens += [f"row {' or '.join(map(str, rows['row']))} has no such object"] if rows["row"] else []
+    whens += [f"the content of row {' or '.join(map(str, rows['content']))} says so"] if rows["content"] else []
+    return [f"No, or no answer, when {', or '.join(whens)}."] if whens else []
 
 
 def sentences_of(reads, kinds):
@@ -167,7 +177,8 @@ def document():
     groups = [(header, *block_of(header)) for header in sorted(HEADERS.glob("*.h"))]
     yield "# Queries\n\nEvery question that a client can ask, by the header that declares it; `ndm.h` includes them all. Made of the\n"
     yield "headers by `make docs`. `dmq call FUNCTION ARGS` asks any of them from a command line, `dmq explain FUNCTION ARGS` tells how\n"
-    yield "it comes to its answer. Which rows each reads has been found by asking it over the topologies of `examples/`; a form with\n"
+    yield "it comes to its answer. Which rows each reads, and when it has no answer, has been found by asking it over the topologies\n"
+    yield "of `examples/`: a row that was never empty there is not named as one that lacks an object. A form with\n"
     yield "`rt` or `_rt` reads from the store what is not cached. `dm_cache_follow_for()` enables just these rows. *For the index*: a\n"
     yield "port is found by its numbers only while its static port is cached.\n\n"
     for _, title, _ in groups:

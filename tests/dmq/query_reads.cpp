@@ -1,6 +1,6 @@
 // Which rows does each query read? Asks every query of ndm.h over the topologies, with many values of each argument: first with a
-// cache that follows nothing, so that what may come from the store does, then with one that follows everything. Prints the
-// lines of query/read_rows.inc. Usage: query_reads FILE.json...
+// cache that follows nothing, so that what may come from the store does, then with one that follows everything: what is the
+// matter when it does not answer then? Prints the lines of query/read_rows.inc. Usage: query_reads FILE.json...
 #include <cstdio>
 #include <map>
 #include <set>
@@ -16,6 +16,7 @@ namespace {
 
 using What = std::tuple<bool, int32_t, int32_t, int32_t>;  // of the store, row, how, tree
 std::map<std::string, std::set<What>> reads_of;
+std::map<std::string, std::set<std::string>> ends_of;  // without an answer
 
 const std::map<std::string, std::vector<std::string>> values_of = {
     {"node", {"1/30/0", "1/0/0", "1/0/1", "1/9/0"}},
@@ -33,6 +34,14 @@ const std::map<std::string, std::vector<std::string>> values_of = {
     {"devid", {"0", "1", "2", "3", "9"}},
 };
 const std::vector<std::string> numbers = {"0", "1", "2", "30"};
+
+std::string end_of(const Road &road) {
+    if (road.reads.empty()) return "argument";
+    const auto missing =
+        std::find_if(road.reads.rbegin(), road.reads.rend(), [](const Read &read) { return !read.found; });
+    if (missing != road.reads.rend()) return "row " + std::to_string(missing->row);
+    return "content " + std::to_string(road.reads.back().row);
+}
 
 void note(const Query &query, const Road &road) {
     auto &reads = reads_of[std::string(query.name)];
@@ -79,7 +88,10 @@ void ask_all(const Query &query, tq_mom_handle *handle, bool follows) {
     }
     for (const auto &words : asked) {
         Question question(query, words, "call");
-        note(query, walk_road(question, /*quiet=*/true));
+        const Road road = walk_road(question, /*quiet=*/true);
+        note(query, road);
+        if (follows && !answers(query, road.answer.result, question.values(road.answer.result)))
+            ends_of[std::string(query.name)].insert(end_of(road));
         if (follows || !anything_cached()) continue;
         dm_cache_stop();
         start(handle, follows);
@@ -118,6 +130,8 @@ void print_table() {
             const std::string text = text_of(what);
             if (told.insert(text).second) how += (how.empty() ? "" : ", ") + text;
         }
+        for (std::string separator = "; no: "; const std::string &end : ends_of[name])
+            how += std::exchange(separator, ", ") + end;
         for (const int32_t row : rows) list += (list.empty() ? "" : ", ") + std::to_string(row);
         std::printf("{name(\"%s\"), rows(%s)},%s%s\n", name.c_str(), list.c_str(), how.empty() ? "" : "  // ",
                     how.c_str());
