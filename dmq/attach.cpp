@@ -214,11 +214,10 @@ void Inspection::read_process(Picture &picture) {
     for (Record record = next(); record.what != DM_INSPECT_END; record = next()) {
         if (record.what == DM_INSPECT_PROCESS) {
             picture.process = part_of<dm_inspect_process>(record.bytes);
-            const std::string_view texts = behind<dm_inspect_process>(record.bytes);
-            const size_t end = std::min(texts.find('\0'), texts.size());
-            picture.reason = texts.substr(0, end);
-            picture.store = texts.substr(std::min(end + 1, texts.size()));
-            picture.store.resize(std::min(picture.store.find('\0'), picture.store.size()));
+            const std::string texts(behind<dm_inspect_process>(record.bytes));
+            picture.reason = texts.c_str();
+            const size_t next_text = picture.reason.size() + 1;
+            picture.store = next_text < texts.size() ? texts.c_str() + next_text : "";
         } else if (record.what == DM_INSPECT_ROW) {
             const auto row = part_of<dm_inspect_row>(record.bytes);
             if (kind_of_row(row.type)) picture.rows[static_cast<size_t>(row.type)] = row;
