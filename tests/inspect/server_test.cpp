@@ -29,7 +29,7 @@ extern "C" __attribute__((visibility("default"))) int __real_clock_gettime(clock
 extern "C" __attribute__((visibility("default"))) int __wrap_clock_gettime(clockid_t clock, timespec *time);
 int __wrap_clock_gettime(clockid_t clock, timespec *time) {
     const int code = __real_clock_gettime(clock, time);
-    time->tv_sec += later_s;
+    time->tv_sec += static_cast<time_t>(later_s);
     return code;
 }
 
