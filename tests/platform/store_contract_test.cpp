@@ -362,12 +362,11 @@ TEST(Platform, RefusesWhatIsUnusable) {
     tq_mom_handle *none = nullptr;
     const RecordingClient client("mem:");
 
-    // Without descriptors left there is a code, too, and no end of the process. (The sanitizer has looked at a client before,
-    // for which it needs a descriptor.)
+    // With too few descriptors left there is a code, too, and no end of the process. (A sanitizer needs two for itself.)
     rlimit limit = {};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const rlimit none_left = {static_cast<rlim_t>(dup(0)) + 2, limit.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none_left), 0);
+    const rlimit few_left = {static_cast<rlim_t>(dup(0)) + 4, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few_left), 0);
     EXPECT_EQ(tq_mom_client_open("mem:", &none), TQ_MOM_E_MEMORY);
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
 
