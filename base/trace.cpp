@@ -15,6 +15,7 @@ namespace {
 uint8_t unfollowed_due[DM_ROW_COUNT];
 
 void tell_if_unfollowed(int32_t row) {
+    if (!log_tag.admits(failure)) return;  // the line stays due
     if (row_followed(obj_sub_list[row]) || __atomic_load_n(&unfollowed_due[row], __ATOMIC_RELAXED) == 0) return;
     if (__atomic_exchange_n(&unfollowed_due[row], uint8_t{0}, __ATOMIC_RELAXED) == 0) return;
     DM_LOG_AS(Caller{"dm_cache_unfollowed"}, failure,

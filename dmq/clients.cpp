@@ -11,7 +11,7 @@ constexpr double patience = 1;  // seconds for each process: a stopped one is no
 Json age_of(const Picture &picture) {
     int64_t age = -1;
     for (const dm_inspect_row &row : picture.rows) {
-        if (!row.stats.enabled) continue;
+        if (!row.stats.enabled || (row.flag & DM_CACHE_NO_STORE)) continue;
         if (row.age_ms < 0) return nullptr;
         age = std::max(age, row.age_ms);
     }

@@ -119,6 +119,7 @@ std::optional<Failure> wait_until_live(Context &context, const Command &command)
         return std::nullopt;
     } catch (const Failure &failure) {
         if (failure.code != exit_timeout || left_behind) throw;
+        if (!command.settings.attach.empty() && !context.open(command.settings).picture()) throw;  // it does not answer
         return failure;
     }
 }
