@@ -215,9 +215,10 @@ void Inspection::read_process(Picture &picture) {
         if (record.what == DM_INSPECT_PROCESS) {
             picture.process = part_of<dm_inspect_process>(record.bytes);
             const std::string texts(behind<dm_inspect_process>(record.bytes));
-            picture.reason = texts.c_str();
-            const size_t next_text = picture.reason.size() + 1;
-            picture.store = next_text < texts.size() ? texts.c_str() + next_text : "";
+            const char *const both = texts.c_str();
+            picture.reason = both;
+            const size_t second = picture.reason.size() + 1;
+            picture.store = second < texts.size() ? both + second : "";
         } else if (record.what == DM_INSPECT_ROW) {
             const auto row = part_of<dm_inspect_row>(record.bytes);
             if (kind_of_row(row.type)) picture.rows[static_cast<size_t>(row.type)] = row;
