@@ -10,13 +10,6 @@ namespace {
 
 constexpr size_t read_width = 60;
 
-std::string hex(int64_t key) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%s0x%llx", key < 0 ? "-" : "",
-                  static_cast<unsigned long long>(key < 0 ? -key : key));
-    return text;
-}
-
 std::string asked_text(const Read &read) {
     std::string text = (read.of_store() ? "store, " : "") + row_name(read.row);
     if (read.how == DM_CACHE_READ_TREE)

@@ -143,6 +143,13 @@ std::string counted_objects(size_t count) {
     return std::to_string(count) + (count == 1 ? " object" : " objects");
 }
 
+std::string hex(int64_t key) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%s0x%llx", key < 0 ? "-" : "",
+                  static_cast<unsigned long long>(key < 0 ? -key : key));
+    return text;
+}
+
 std::string coloured(Colour colour, const std::string &text) {
     static const char *const code[] = {"", "\033[1m", "\033[32m", "\033[33m", "\033[31m"};
     static const bool wanted = isatty(answers) && !std::getenv("NO_COLOR");

@@ -34,6 +34,9 @@ void hide_password(std::span<char> text);
 // "1 object", "2 objects".
 std::string counted_objects(size_t count);
 
+// A key of a tree: "0x3f", "-0x1".
+std::string hex(int64_t key);
+
 enum class Colour { none, heading, good, change, bad };
 
 // The text in a colour, when standard output is a terminal and NO_COLOR is not set.

@@ -9,6 +9,7 @@
 #include <set>
 
 #include "dmq/command.h"
+#include "dmq/reads.h"
 #include "tq_dm_cache/dm_port_index.h"
 
 namespace dmq {
@@ -143,19 +144,6 @@ Cached cached(const Session &session, int32_t row) {
 
 // Indexes
 
-std::string tree_name(int32_t row, int32_t tree) {
-    constexpr const char *of_ports[] = {"ifx", "dm_phyid", "ss_phyid", "lsm"},
-                         *of_local[] = {"unit and cport", "lport"};
-    if (row == DM_ROW_UNIT_CPORT_INFO) return of_local[tree & 1];
-    return row == DM_ROW_VSD_PORT || row == DM_ROW_VSD_PORT_ATTR ? of_ports[tree & 3] : "type";
-}
-
-std::string hex(int64_t key) {
-    char text[24];
-    std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(key));
-    return text;
-}
-
 // What is wrong with an object's keys, by the static ports that are cached; empty: nothing. That another object is found by one
 // of them is nothing wrong.
 std::string index_fault(int32_t row, const Seen &seen) {
@@ -209,13 +197,13 @@ std::string why(int32_t row, const Difference &difference, const Seen *seen) {
     return "written past the library, or changed by the client itself";
 }
 
-struct Read {
+struct Reading {
     size_t objects = 0;
     Differences differences;
 };
 
 void compare_row(Session &session, const Kind &kind, const std::map<Place, uint64_t> &changes, int64_t now,
-                 Read &read) {
+                 Reading &read) {
     const Content store = stored(session, kind);
     const Cached cache = cached(session, kind.row);
     std::set<std::string> keys;
@@ -346,7 +334,7 @@ Exit run_verify(Context &context, const Command &command) {
             if (round == 0) throw Failure(exit_no, "the cache is not live, so it need not be equal: " + waits_for());
             continue;
         }
-        Read read;
+        Reading read;
         for (const Kind &kind : kinds) {
             const bool is_open =
                 std::any_of(open.begin(), open.end(), [&](const auto &one) { return one.first.first == kind.row; });
@@ -382,7 +370,8 @@ Exit run_verify(Context &context, const Command &command) {
     for (const auto &[place, found] : told) add(table, place.first, found, json);
     if (json || !table.rows.empty()) print_table(table, json);
     if (!json)
-        print_line(counted_objects(objects) + " of " + std::to_string(kinds.size()) + " rows compared, " +
+        print_line(counted_objects(objects) + " of " + std::to_string(kinds.size()) +
+                   (kinds.size() == 1 ? " row" : " rows") + " compared, " +
                    (told.empty() ? "none differs"
                                  : std::to_string(told.size()) + (told.size() == 1 ? " differs" : " differ")));
     if (!open.empty())
