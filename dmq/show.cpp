@@ -5,65 +5,12 @@
 #include <sstream>
 
 #include "dmq/complete.h"
-#include "tq_dm_cache/ndm.h"
+#include "dmq/facts.h"
 #include "tq_dm_cache/p_dev.pb-c.h"
 
 namespace dmq {
 
 namespace {
-
-// These stand for an unknown number and identifier. As a cell they are null, which prints as "-".
-constexpr int32_t unknown = -1;
-constexpr uint32_t no_id = 0xFFFFFFFF;
-
-Json number(int32_t answer) {
-    return answer < 0 ? Json() : Json(answer);
-}
-
-Json hex(uint32_t id) {
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%08x", id);
-    return id == no_id ? Json() : Json(text);
-}
-
-Json enum_name(const ProtobufCEnumDescriptor &type, int32_t answer) {
-    const auto *found = protobuf_c_enum_descriptor_get_value(&type, answer);
-    return found ? Json(found->name) : number(answer);
-}
-
-// What a query writes through its last argument: unknown or no_id when it does not answer.
-template <class Out = int32_t, class Query, class... Args> Out written(Query query, Args... args) {
-    auto answer = static_cast<Out>(unknown);
-    return query(args..., &answer) == 0 ? answer : static_cast<Out>(unknown);
-}
-
-// The text that a query writes into its last arguments, a buffer and its length.
-template <class Query, class... Args> Json text(Query query, Args... args) {
-    char buffer[128];
-    return query(args..., buffer, static_cast<int32_t>(sizeof buffer)) < 0 ? Json() : Json(buffer);
-}
-
-// The cached object with this key, borrowed while the table is made; null: there is none. (A query's copy may lack memory,
-// which would look like an object that is not there.)
-template <class T, class Key> const T *cached(int32_t row, const Key &key) {
-    const T *object = nullptr;
-    dm_cache_get_obj(row, &key, &object);
-    return object;
-}
-
-uint32_t node_of(int32_t dev, int32_t pslot, int32_t sub) {
-    return written<uint32_t>(ndm_get_node_from_dev_slot_cpuid, dev, pslot, sub);
-}
-
-// As an operator calls the slot of a card; by its node when the library has no name for it.
-Json slot_name(uint32_t node, int32_t user_slot = unknown) {
-    if (node == no_id) return {};
-    int32_t dev = unknown, pslot;
-    ndm_get_dev_slot_from_node(node, &dev, &pslot);
-    if (user_slot < 0) user_slot = written(ndm_get_userslot_from_node, node);
-    const Json name = user_slot < 0 ? Json() : text(ndm_get_user_slot_name, dev, user_slot, /*sub_slot=*/0);
-    return name.is_null() ? Json("node " + hex(node).get<std::string>()) : name;
-}
 
 // Adds a record about a card or a part of it. It begins with where that is.
 void add(Table &table, uint32_t node, const std::vector<Json> &cells, int32_t user_slot = unknown) {

@@ -1,0 +1,43 @@
+// What the library's queries answer, as cells of a table: an answer that is none is null, which prints as "-". Each query
+// takes the cache lock as its header says.
+#pragma once
+
+#include "dmq/json.h"
+#include "tq_dm_cache/ndm.h"
+
+namespace dmq {
+
+// These stand for an unknown number and identifier.
+constexpr int32_t unknown = -1;
+constexpr uint32_t no_id = 0xFFFFFFFF;
+
+Json number(int32_t answer);
+Json hex(uint32_t id);
+Json enum_name(const ProtobufCEnumDescriptor &type, int32_t answer);
+
+// What a query writes through its last argument: unknown or no_id when it does not answer.
+template <class Out = int32_t, class Query, class... Args> Out written(Query query, Args... args) {
+    auto answer = static_cast<Out>(unknown);
+    return query(args..., &answer) == 0 ? answer : static_cast<Out>(unknown);
+}
+
+// The text that a query writes into its last arguments, a buffer and its length.
+template <class Query, class... Args> Json text(Query query, Args... args) {
+    char buffer[128];
+    return query(args..., buffer, static_cast<int32_t>(sizeof buffer)) < 0 ? Json() : Json(buffer);
+}
+
+// The cached object with this key, borrowed while the cache lock is held; null: there is none. (A query's copy may lack
+// memory, which would look like an object that is not there.)
+template <class T, class Key> const T *cached(int32_t row, const Key &key) {
+    const T *object = nullptr;
+    dm_cache_get_obj(row, &key, &object);
+    return object;
+}
+
+uint32_t node_of(int32_t dev, int32_t pslot, int32_t sub);
+
+// As an operator calls the slot of a card; by its node when the library has no name for it.
+Json slot_name(uint32_t node, int32_t user_slot = unknown);
+
+}  // namespace dmq
