@@ -105,12 +105,14 @@ lint-quick:
 	scripts/setup.sh build test lint
 	scripts/lint.sh quick
 
-# docs/queries.md, which is made of the headers of the queries, and the rows that each reads, which is found by asking it.
+# docs/queries.md, which is made of the headers of the queries, and the rows that each reads, which is found by asking it;
+# man/dmq.1, which is made of the commands of dmq.
 docs:
 	scripts/setup.sh build test
 	cmake --preset default
-	cmake --build build -j$(JOBS) --target query_reads
+	cmake --build build -j$(JOBS) --target query_reads dmq
 	python3 scripts/queries.py docs build/tests/dmq/query_reads
+	build/dmq/dmq help --man > man/dmq.1
 
 install: build/dmq/dmq
 	DESTDIR='$(DESTDIR)' cmake --install build --prefix '$(PREFIX)'

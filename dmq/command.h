@@ -15,14 +15,15 @@ class Context;
 struct Command {
     Exit (*run)(Context &, const Command &) = nullptr;
     Settings settings;
-    std::vector<std::string> words;  // behind the command's name
-    double watch_for = -1;           // seconds; negative: until it is ended
+    std::vector<std::string> words;   // behind the command's name
+    std::optional<double> watch_for;  // seconds; none: until it is ended
     WatchOptions watch;
     bool background = false;
     bool list = false;
     bool raw = false;      // show: with the columns for those who know the numbers inside
     bool create = false;   // set: also what is not there yet
     bool dry_run = false;  // set, delete: only tell
+    bool manual = false;   // help: the manual page
     GenOptions gen;
 };
 
@@ -68,9 +69,13 @@ Exit run_clients(Context &context, const Command &command);
 Exit run_verify(Context &context, const Command &command);
 Exit run_gen(Context &context, const Command &command);
 Exit run_shell(Context &context, const Command &command);
+Exit run_help(Context &context, const Command &command);
 
 // Nothing: the command line asked for help, which is printed. Throws a Failure for what is not understood.
 std::optional<Command> parse(const std::vector<std::string> &words, const Settings &defaults, bool in_shell);
+
+// What the options that every command has say, when there are no others.
+Settings parse_settings(const std::vector<std::string> &options, const Settings &defaults, bool in_shell);
 
 inline Exit run(Context &context, const Command &command) {
     context.doubtful = false;

@@ -1,25 +1,80 @@
-// The table of commands, for those who read a command line and those who ask what may come next on it.
+// The command line in plain records: which commands there are, what they take and how they are explained. Parsing, help,
+// completion and the manual page read the same records; commands.cpp has them. Takes no lock.
+//
+// Texts called `about` and `more` are for the manual page: what stands in `backquotes` is typed as it is, but for words in
+// capitals, which stand for something.
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include <span>
+#include <variant>
 
 #include "dmq/complete.h"
 
 namespace dmq {
 
-struct Verb {
-    const char *name;
-    const char *what;
-    const char *examples;
-    void (*options)(CLI::App &, Command &);
-    Exit (*run)(Context &, const Command &);
-    Candidates (*next)(const Asked &);  // null: a file, or nothing that is known
+// Where an option's value goes. The type says how it is read: a bool is a flag, a double is seconds, a list takes one
+// value each time the option is given. What is not optional is shown with its default.
+template <class... T> using Places = std::variant<T &(*)(Command &)...>;
+using Place =
+    Places<bool, int, double, std::string, std::vector<std::string>, std::optional<int>, std::optional<double>>;
+
+// The place at the end of a path of members: in<&Command::watch, &WatchOptions::date>.
+template <auto... path> constexpr Place in = +[](Command &command) -> auto & {
+    return (command.*....*path);
 };
 
-// Null: there is no such command.
-const Verb *find_verb(const std::string &name);
+struct Option {
+    const char *name;             // with its dashes
+    const char *value = nullptr;  // what it takes: "SECONDS"; null: nothing
+    const char *what;             // one line; empty: hidden
+    Place place;
+    Candidates (*next)(const Asked &) = nullptr;  // which values are offered
+    const char *more = nullptr;
+    const char *variable = nullptr;  // of the environment, for when the option is not given
+    bool in_shell = true;            // has a meaning on a line of a shell
+};
 
-// Gives an application its commands and options; what it parses goes into the command.
-void describe(CLI::App &app, Command &command, bool in_shell);
+// The words behind a command's name.
+struct Words {
+    const char *name = nullptr;  // null: there are none
+    const char *what = "";
+    int least = 0;
+    int most = 0;  // 0: any number
+};
+
+enum VerbUse : unsigned {
+    anywhere = 0,
+    not_in_shell = 1,
+    not_attached = 2,  // follows or writes a store, so it is not for the cache of another process
+};
+
+struct Verb {
+    const char *name;
+    const char *what;   // one line
+    const char *usage;  // what follows the name, a line for each form
+    const char *examples;
+    Words words;
+    std::span<const Option> options;
+    Exit (*run)(Context &, const Command &);
+    Candidates (*next)(const Asked &) = nullptr;  // which words are offered; null: a file, or nothing that is known
+    unsigned use = anywhere;
+    const char *about = nullptr;
+};
+
+extern const char *const overview;
+
+std::span<const Verb> verbs();
+
+// Those that every command has.
+std::span<const Option> common_options();
+
+// Null: there is no such command, or none on a line of a shell.
+const Verb *find_verb(const std::string &name, bool in_shell);
+
+// Of a command (null: none is known yet), or of all; null: there is no such option.
+const Option *find_option(const Verb *verb, const std::string &name, bool in_shell);
+
+// The manual page of the whole.
+std::string manual();
 
 }  // namespace dmq

@@ -16,57 +16,31 @@ namespace dmq {
 
 namespace {
 
-constexpr struct {
-    std::string_view option;
-    const char *word;
-    const char *what;
-} option_values[] = {
-    {"--store", "mem:", "the embedded store of this process"},
-    {"--store", "redis://", "a Redis server, by host and port"},
-    {"--store", "redis+unix:///", "a Redis server, by its unix socket"},
-    {"--store", "redis-sentinel://", "the master of that name: HOST:PORT,../NAME of the sentinels"},
-    {"--store", "redis-sentinel+unix:///", "the same by the sentinels' unix sockets"},
-    {"--log", "0", "all"},
-    {"--log", "1", "notable events"},
-    {"--log", "2", "failures"},
-};
-
 // A line in front of the word that is asked for.
 struct Line {
     const Verb *verb = nullptr;
-    const CLI::Option *open = nullptr;  // its value is to come
-    std::vector<std::string> options;   // those of all commands, with their values
+    const Option *open = nullptr;      // its value is to come
+    std::vector<std::string> options;  // those of all commands, with their values
     std::vector<std::string> words;
 };
 
-const CLI::Option *find_option(const CLI::App &app, const Verb *verb, const std::string &name) {
-    const CLI::Option *found = app.get_option_no_throw(name);
-    return found || !verb ? found : app.get_subcommand(verb->name)->get_option_no_throw(name);
-}
-
-void take(Line &line, const CLI::App &app, const std::string &word) {
-    const std::string name = line.open ? line.open->get_name() : word.substr(0, word.find('='));
+void take(Line &line, const std::string &word, bool in_shell) {
+    const std::string name = line.open ? line.open->name : word.substr(0, word.find('='));
     const bool is_option = line.open || word.starts_with("-");
-    if (is_option && app.get_option_no_throw(name)) line.options.push_back(word);
+    if (is_option && find_option(nullptr, name, in_shell)) line.options.push_back(word);
     if (is_option) {
-        const auto *option = line.open || name != word ? nullptr : find_option(app, line.verb, name);
-        line.open = option && option->get_items_expected_max() > 0 ? option : nullptr;
+        const Option *option = line.open || name != word ? nullptr : find_option(line.verb, name, in_shell);
+        line.open = option && option->value ? option : nullptr;
     } else if (line.verb) {
         line.words.push_back(word);
-    } else if (line.verb = find_verb(word); !line.verb) {
+    } else if (line.verb = find_verb(word, in_shell); !line.verb) {
         throw Failure(exit_usage, "no command " + word);
     }
 }
 
-void add_options(Candidates &candidates, const CLI::App &app) {
-    for (const CLI::Option *option : app.get_options()) {
-        for (const auto &name : option->get_lnames()) candidates.push_back({"--" + name, option->get_description()});
-    }
-}
-
-void add_processes(Candidates &candidates, const Settings &settings) {
-    for (const auto &one : inspected_in(settings.inspect))
-        candidates.push_back({one.name + "." + std::to_string(one.pid), ""});
+void add_options(Candidates &candidates, std::span<const Option> options, bool in_shell) {
+    for (const Option &option : options)
+        if (*option.what && (option.in_shell || !in_shell)) candidates.push_back({option.name, option.what});
 }
 
 // Does the line have this field=value, of whatever value, already?
@@ -77,37 +51,30 @@ bool is_named(const Line &line, const Candidate &candidate) {
            });
 }
 
-Candidates candidates_of(const Line &line, CLI::App &app, const Settings &settings, const std::string &word) {
+Candidates candidates_of(const Line &line, Context &context, const Settings &settings, const std::string &word) {
+    const Asked asked{context, settings, line.words};
+    const auto next = line.open ? line.open->next : line.verb ? line.verb->next : next_command;
     Candidates candidates;
-    if (line.open) {
-        for (const auto &[option, value, what] : option_values) {
-            if (option == line.open->get_name()) candidates.push_back({value, what});
-        }
-        if (line.open->get_name() == "--attach") add_processes(candidates, settings);
-    } else if (word.starts_with("-")) {
-        if (line.verb) add_options(candidates, *app.get_subcommand(line.verb->name));
-        add_options(candidates, app);
-    } else if (!line.verb) {
-        for (const CLI::App *sub : app.get_subcommands({}))
-            candidates.push_back({sub->get_name(), sub->get_description()});
-    } else if (line.verb->next) {
-        candidates = line.verb->next({settings, line.words});
+    if (!line.open && word.starts_with("-")) {
+        if (line.verb) add_options(candidates, line.verb->options, context.in_shell);
+        add_options(candidates, common_options(), context.in_shell);
+        candidates.push_back({"--help", "What the command does, with examples"});
+    } else if (next) {
+        candidates = next(asked);
     }
     std::erase_if(candidates, [&](const Candidate &one) { return !one.word.starts_with(word) || is_named(line, one); });
     return candidates;
 }
 
 Candidates answer(std::vector<std::string> words) {
-    Command command;
-    CLI::App app;
-    describe(app, command, /*in_shell=*/false);
     const std::string word = words.empty() ? "" : words.back();
     if (!words.empty()) words.pop_back();
     Line line;
-    for (const auto &before : words) take(line, app, before);
-    if (line.open && !line.options.empty() && line.options.back() == line.open->get_name()) line.options.pop_back();
-    app.parse(std::vector<std::string>(line.options.rbegin(), line.options.rend()));
-    return candidates_of(line, app, command.settings, word);
+    for (const auto &before : words) take(line, before, /*in_shell=*/false);
+    if (line.open && !line.options.empty() && line.options.back() == line.open->name) line.options.pop_back();
+    const Settings settings = parse_settings(line.options, {}, /*in_shell=*/false);
+    Context context(settings);
+    return candidates_of(line, context, settings, word);
 }
 
 void end_in_time() {
@@ -135,6 +102,33 @@ void add_words(std::set<std::string> &words, const Json &key) {
 
 }  // namespace
 
+Candidates next_command(const Asked &asked) {
+    Candidates commands;
+    for (const Verb &verb : verbs())
+        if (asked.words.empty() && find_verb(verb.name, asked.context.in_shell))
+            commands.push_back({verb.name, verb.what});
+    return commands;
+}
+
+Candidates next_store(const Asked &) {
+    return {{"mem:", "the embedded store of this process"},
+            {"redis://", "a Redis server, by host and port"},
+            {"redis+unix:///", "a Redis server, by its unix socket"},
+            {"redis-sentinel://", "the master of that name: HOST:PORT,../NAME of the sentinels"},
+            {"redis-sentinel+unix:///", "the same by the sentinels' unix sockets"}};
+}
+
+Candidates next_process(const Asked &asked) {
+    Candidates processes;
+    for (const auto &one : inspected_in(asked.settings.inspect))
+        processes.push_back({one.name + "." + std::to_string(one.pid), ""});
+    return processes;
+}
+
+Candidates next_level(const Asked &) {
+    return {{"0", "all"}, {"1", "notable events"}, {"2", "failures"}};
+}
+
 Candidates next_kind(const Asked &) {
     Candidates kinds;
     for (const Kind &kind : cached_kinds()) {
@@ -150,8 +144,7 @@ Candidates next_key(const Asked &asked) {
     const auto *key = key_field(*kind.type);
     if (!key) return {};
     const auto named = key_part(*kind.type, read_words(*kind.type, {asked.words.begin() + 1, asked.words.end()}));
-    Context context(asked.settings);
-    context.synchronised({kind}, asked.settings);
+    asked.context.synchronised({kind}, asked.settings);
     std::set<std::string> words;
     each_cached(kind.row, [&](const ProtobufCMessage &object) {
         const Json json = to_json(object, Fields::all);

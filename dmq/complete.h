@@ -7,7 +7,8 @@
 namespace dmq {
 
 struct Asked {
-    Settings settings;
+    Context &context;
+    const Settings &settings;
     std::vector<std::string> words;  // behind the command's name, in front of the word that is asked for
 };
 
@@ -18,12 +19,18 @@ struct Candidate {
 using Candidates = std::vector<Candidate>;
 
 // What each command takes next.
+Candidates next_command(const Asked &asked);
 Candidates next_kind(const Asked &asked);
 Candidates next_key(const Asked &asked);         // a kind, then field=value of the keys that its objects have
 Candidates next_assignment(const Asked &asked);  // the same, and its other fields
 Candidates next_table(const Asked &asked);
 Candidates next_query(const Asked &asked);
 Candidates next_action(const Asked &asked);
+
+// What options take.
+Candidates next_store(const Asked &asked);
+Candidates next_process(const Asked &asked);
+Candidates next_level(const Asked &asked);
 
 // Prints the candidates, one a line, what they are behind a tab. 1: there are none, for whatever reason; nothing is told.
 Exit complete(const std::vector<std::string> &words);

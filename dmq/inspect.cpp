@@ -73,7 +73,7 @@ Exit run_watch(Context &context, const Command &command) {
     options.json = command.settings.json;
     start_watch(kinds, options);
     if (command.background) return exit_yes;
-    wait_for_end(command.watch_for);
+    wait_for_end(command.watch_for.value_or(-1));
     if (is_watch_blocked()) std::_Exit(exit_yes);  // nor can the clients be closed, whose thread waits
     stop_watch();
     session.begin(command.settings.timeout);

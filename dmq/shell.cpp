@@ -49,7 +49,6 @@ Exit run_words(Shell &shell, std::vector<std::string> words) {
     if (background) words.pop_back();
     if (words.empty() || (background && words[0] != "watch"))
         throw Failure(exit_usage, "only watch goes on while others run (watch &)");
-    if (words[0] == "help") words[0] = "--help";
     auto command = parse(words, shell.settings, /*in_shell=*/true);
     if (!command) return exit_yes;
     command->background = background;

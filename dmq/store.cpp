@@ -201,7 +201,7 @@ Candidates next_action(const Asked &asked) {
     if (asked.words.empty()) {
         for (const Action &action : actions) candidates.push_back({action.name, ""});
     } else if (asked.words[0] == "damage") {
-        return next_key({asked.settings, {asked.words.begin() + 1, asked.words.end()}});
+        return next_key({asked.context, asked.settings, {asked.words.begin() + 1, asked.words.end()}});
     }
     return candidates;
 }

@@ -34,7 +34,9 @@ class CommandLine(unittest.TestCase):
         for words, code, message in [
             ("shwo", 2, "there is no command shwo (did you mean show?)"),
             ("", 2, "say what to do; see dmq --help"),
+            ("help shwo", 2, "there is no command shwo (did you mean show?)"),
             ("get --jsno", 2, "--jsno"),
+            ("load shell", 2, "shell: No such file"),
             ("show crads", 2, "no table crads (did you mean cards?)"),
             ("get 39", 2, "row 39 holds no kind"),
             ("get vsd_prot", 2, "there is no kind vsd_prot (did you mean vsd_port?)"),
@@ -58,7 +60,14 @@ class CommandLine(unittest.TestCase):
             with self.subTest(words):
                 done = dmq(*words.split())
                 self.assertEqual((done.returncode, message in done.stderr), (code, True), done.stderr)
+
+    def test_help(self):
         self.assertTrue(dmq("--help").stdout.split("\n")[2].startswith("Examples:"))
+        for asked, told in [("help gen", "gen --help"), ("help", "--help"), ("help help", "help --help")]:
+            self.assertEqual(dmq(*asked.split()).stdout, dmq(*told.split()).stdout)
+        inside = dmq(lines=["help", "help gen"]).stdout
+        self.assertTrue(inside.endswith(dmq("gen", "--help").stdout))
+        self.assertNotIn("--store URL", inside)
 
     # Half a topology in the store is a switch that is not there.
     def test_a_refused_file_writes_nothing(self):

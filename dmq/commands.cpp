@@ -1,0 +1,363 @@
+// Every command and option of dmq, with its help: a new one is a row here.
+#include <algorithm>
+
+#include "dmq/command_line.h"
+
+namespace dmq {
+
+const char *const overview =
+    R"(dmq shows what a client of the device cache sees, follows its changes, and writes the store behind it.
+
+Examples:
+  dmq --load examples/chassis.json show cards          what sits in the slots
+  dmq --load examples/chassis.json sync                row by row: subscribed, scanned, objects, time
+  dmq --load examples/chassis.json get card_info slotid=30
+  dmq --load examples/chassis.json call ndm_get_master_slotid
+  dmq --load examples/chassis.json explain ndm_card_is_online 1 9 0    why is it a no?
+  dmq --load examples/chassis.json shell               many commands on one store
+  dmq --load examples/chassis.json shell examples/tour.dmq
+  dmq --attach cards show ports                        what a running process has
+  dmq gen --devices 4 --cards 8 > big.json             a topology of any size
+  dmq help watch                                       a command in detail
+
+The store is that of --store, else of DMQ_STORE, else mem:, which lives as long as the process: fill it with --load.
+Exit codes: 0 yes, 1 no or not found, 2 usage or bad input, 3 store not reachable, 4 time-out.
+)";
+
+namespace {
+
+constexpr Option common[] = {
+    {.name = "--store",
+     .value = "URL",
+     .what = "The store's URL: mem:, mem:NAME, redis://HOST:PORT, redis+unix:///PATH, "
+             "redis-sentinel://HOST:PORT,../NAME",
+     .place = in<&Command::settings, &Settings::store>,
+     .next = next_store,
+     .more =
+         "The store; else that of `DMQ_STORE`, else `mem:`. `mem:` and `mem:NAME` are stores of this process and end "
+         "with it: fill them with `--load` and keep them with `dmq shell`. `redis://HOST:PORT` and "
+         "`redis+unix:///PATH` are a Redis server that many processes share; `redis-sentinel://HOST:PORT,../NAME` is "
+         "whichever server these sentinels name the master. A user and password that the URL does not give are those "
+         "of `TQ_STORE_USER` and `TQ_STORE_PASSWORD`. A password in the URL is taken out of the list of processes as "
+         "soon as it is read, and is in no message.",
+     .variable = "DMQ_STORE",
+     .in_shell = false},
+    {.name = "--load",
+     .value = "FILE",
+     .what = "Fill the store from this file first; may be repeated",
+     .place = in<&Command::settings, &Settings::load>,
+     .more = "Fill the store from this topology first; `-` is standard input. May be repeated.",
+     .in_shell = false},
+    {.name = "--attach",
+     .value = "PROCESS",
+     .what = "Show the cache of a running process: NAME, NAME.PID or PID in the folder, or its socket's path",
+     .place = in<&Command::settings, &Settings::attach>,
+     .next = next_process,
+     .more =
+         "Show the cache of a running process instead of one that follows the store: by its name, name and number "
+         "(`cards.1712`), or number, in the folder of `--inspect`, or by the path of its socket. The process was "
+         "started with `DM_CACHE_INSPECT`. What a query reads of the store is read of `--store`, when that is given; "
+         "else it is not found.",
+     .in_shell = false},
+    {.name = "--inspect",
+     .value = "FOLDER",
+     .what = "The folder where processes let themselves be inspected",
+     .place = in<&Command::settings, &Settings::inspect>,
+     .more = "Where processes let themselves be inspected; else that of `DM_CACHE_INSPECT`.",
+     .variable = "DM_CACHE_INSPECT",
+     .in_shell = false},
+    {.name = "--json",
+     .what = "Answers as JSON",
+     .place = in<&Command::settings, &Settings::json>,
+     .more = "Answers as JSON, of one shape for each command; `watch` writes one object a line."},
+    {.name = "--timeout",
+     .value = "SECONDS",
+     .what = "Seconds that all waits of a command may take together",
+     .place = in<&Command::settings, &Settings::timeout>,
+     .more = "How long all waits of a command may take together, the opening of the store included; 10 unless given. "
+             "Reading a file is no wait."},
+    {.name = "--log",
+     .value = "LEVEL",
+     .what = "Show the library's own log from this level: 0 all, 2 failures",
+     .place = in<&Command::settings, &Settings::log>,
+     .next = next_level,
+     .more = "Show the library's own log from this level: 0 all, 1 notable events, 2 failures."},
+};
+
+constexpr Option show_options[] = {
+    {.name = "--raw",
+     .what = "Also the numbers inside: physical slots, nodes, identifiers, chip ports",
+     .place = in<&Command::raw>},
+};
+
+constexpr Option call_options[] = {
+    {.name = "--list",
+     .what = "Which queries there are, or those with a word in name or question",
+     .place = in<&Command::list>},
+};
+
+constexpr Option watch_options[] = {
+    {.name = "--for", .value = "SECONDS", .what = "End after so many seconds", .place = in<&Command::watch_for>},
+    {.name = "--initial",
+     .what = "Begin with the objects that are there",
+     .place = in<&Command::watch, &WatchOptions::initial>},
+    {.name = "--unchanged",
+     .what = "Also objects that are written again as they were",
+     .place = in<&Command::watch, &WatchOptions::unchanged>},
+    {.name = "--date", .what = "Times with date and zone", .place = in<&Command::watch, &WatchOptions::date>},
+};
+
+constexpr Option dry_run = {
+    .name = "--dry-run", .what = "Only tell what would be done", .place = in<&Command::dry_run>};
+
+constexpr Option set_options[] = {
+    dry_run,
+    {.name = "--create", .what = "Also make objects that are not there yet", .place = in<&Command::create>},
+};
+
+constexpr Option delete_options[] = {dry_run};
+
+constexpr Option gen_options[] = {
+    {.name = "--devices",
+     .value = "N",
+     .what = "Devices; more than one make a virtual unit",
+     .place = in<&Command::gen, &GenOptions::devices>},
+    {.name = "--boards",
+     .value = "N",
+     .what = "Main boards of a chassis",
+     .place = in<&Command::gen, &GenOptions::boards>},
+    {.name = "--cards",
+     .value = "N",
+     .what = "Line cards of a chassis",
+     .place = in<&Command::gen, &GenOptions::cards>},
+    {.name = "--ports",
+     .value = "N",
+     .what = "Ports of a line card, or of a box",
+     .place = in<&Command::gen, &GenOptions::ports>},
+    {.name = "--subcards",
+     .value = "N",
+     .what = "Sub-cards of the first line card, 4 ports each",
+     .place = in<&Command::gen, &GenOptions::subcards>},
+    {.name = "--fabrics",
+     .value = "N",
+     .what = "Fabric cards of a chassis",
+     .place = in<&Command::gen, &GenOptions::fabrics>},
+    {.name = "--box", .what = "Boxes instead of chassis", .place = in<&Command::gen, &GenOptions::box>},
+    {.name = "--layout",
+     .value = "FILE",
+     .what = "A box with the ports of this file: lanes, panel port, speed in Mb/s",
+     .place = in<&Command::gen, &GenOptions::layout>},
+};
+
+constexpr Option help_options[] = {
+    {.name = "--man", .what = "", .place = in<&Command::manual>},
+};
+
+constexpr Words one_file = {.name = "FILE", .what = "A topology file; - is standard input", .least = 1, .most = 1};
+constexpr Words kind_and_words = {
+    .name = "WORDS", .what = "A kind by name or row number, then field=value..", .least = 1};
+constexpr Words kinds = {.name = "KINDS", .what = "Kinds by name or row number; none: all"};
+constexpr Words query = {.name = "WORDS", .what = "A query by its name, then its arguments"};
+
+// A row a command, in the order of the overview.
+constexpr Verb table[] = {
+    {.name = "load",
+     .what = "Put a topology into the store",
+     .usage = "FILE",
+     .examples = "  dmq --store mem:lab load examples/box.json\n",
+     .words = one_file,
+     .options = {},
+     .run = run_load,
+     .use = not_attached,
+     .about = "Put a topology into the store. It is read and verified whole before anything is written."},
+    {.name = "show",
+     .what = "A table: system, devices, slots, cards, ports, roles or chips",
+     .usage = "[TABLE] [COLUMN=VALUE]...",
+     .examples = "  dmq --load examples/chassis.json show ports slot=1/2\n"
+                 "  dmq --load examples/box.json show system --json\n"
+                 "  dmq --load examples/chassis.json show slots --raw\n",
+     .words = {.name = "TABLE", .what = "system, devices, slots, cards, ports, roles or chips; then column=value.."},
+     .options = show_options,
+     .run = run_show,
+     .next = next_table,
+     .about =
+         "A table: `system`, `devices`, `slots`, `cards`, `ports`, `roles` or `chips`. Places are told as they are "
+         "printed on the chassis."},
+    {.name = "get",
+     .what = "Cached objects as JSON, as `load` takes it",
+     .usage = "[KIND [FIELD=VALUE]...]",
+     .examples = "  dmq --load examples/chassis.json get card_info slotid=30\n"
+                 "  dmq --load examples/chassis.json get 17 is_online=true\n"
+                 "  dmq --load examples/chassis.json get > copy.json\n",
+     .words = {.name = "WORDS", .what = kind_and_words.what},
+     .options = {},
+     .run = run_get,
+     .next = next_key,
+     .about = "Cached objects as a topology, as `load` takes it; all kinds when none is named."},
+    {.name = "call",
+     .what = "Ask any query of ndm.h by its name",
+     .usage = "QUERY [ARGUMENT]...\n--list [WORD]",
+     .examples = "  dmq --load examples/chassis.json call ndm_get_master_slotid\n"
+                 "  dmq --load examples/chassis.json call ndm_card_is_online 1 30 0\n"
+                 "  dmq --load examples/chassis.json call ndm_get_role_by_node 1/30/0   a node: device/slot/sub-slot\n"
+                 "  dmq call --list master\n",
+     .words = query,
+     .options = call_options,
+     .run = run_call,
+     .next = next_query,
+     .about =
+         "Ask any query of the library by its name. A node can be written as device/slot/sub-slot, the identifier of a "
+         "port as device/slot/logical-port."},
+    {.name = "explain",
+     .what = "What a query reads, what it finds, and why it does not answer",
+     .usage = "QUERY [ARGUMENT]...",
+     .examples = "  dmq --load examples/chassis.json explain ndm_get_global_port_by_ifx 0 63\n"
+                 "  dmq --load examples/chassis.json explain ndm_card_is_online 1 9 0\n",
+     .words = query,
+     .options = {},
+     .run = run_explain,
+     .next = next_query,
+     .about =
+         "What `call` asks, with every read of the query and what it found, then where the answer comes from, or why "
+         "there is none."},
+    {.name = "watch",
+     .what = "Follow changes, one line each",
+     .usage = "[KIND]...",
+     .examples = "  dmq watch card_info device_info\n  dmq watch --for 5 --json\n"
+                 "  watch &                      in a shell: go on with other commands\n",
+     .words = kinds,
+     .options = watch_options,
+     .run = run_watch,
+     .next = next_kind,
+     .use = not_attached,
+     .about = "A line for each change, until the time is up or SIGINT or SIGTERM comes."},
+    {.name = "sync",
+     .what = "Row by row: subscribed, scanned, objects, time",
+     .usage = "[KIND]...",
+     .examples = "  dmq --load examples/chassis.json sync --timeout 2\n",
+     .words = kinds,
+     .options = {},
+     .run = run_sync,
+     .next = next_kind,
+     .about = "Row by row: subscribed, scanned, objects, changes, milliseconds of the scan."},
+    {.name = "set",
+     .what = "Write objects: a file, or fields of one object",
+     .usage = "FILE\nKIND KEY=VALUE... FIELD=VALUE...",
+     .examples = "  set card_info devid=1 slotid=30 sslotid=0 is_online=false\n  set changes.json --dry-run\n"
+                 "  set device_info devid=3 devname=switch-3 --create    an object that is not there yet\n",
+     .words = kind_and_words,
+     .options = set_options,
+     .run = run_set,
+     .next = next_assignment,
+     .use = not_attached,
+     .about =
+         "Write the objects of a topology, or fields of one object, and tell what that changes. The whole key must be "
+         "named, and be there already. What somebody else has changed since it was read is left alone."},
+    {.name = "delete",
+     .what = "Delete one object by its whole key",
+     .usage = "KIND KEY=VALUE...",
+     .examples = "  delete card_info devid=1 slotid=3 sslotid=0\n",
+     .words = kind_and_words,
+     .options = delete_options,
+     .run = run_delete,
+     .next = next_key,
+     .use = not_attached},
+    {.name = "gen",
+     .what = "Make a topology of any size",
+     .usage = "",
+     .examples = "  dmq gen > examples/chassis.json\n"
+                 "  dmq gen --devices 5 --cards 20 --ports 100 --subcards 0 > 10000-ports.json\n"
+                 "  dmq gen --devices 1 --layout examples/layouts/box-32x100g.tsv > examples/box.json\n",
+     .words = {},
+     .options = gen_options,
+     .run = run_gen,
+     .about = "Make a topology on standard output."},
+    {.name = "shell",
+     .what = "Many commands in one process; also: echo TEXT, trace on|off, help, exit",
+     .usage = "[FILE]",
+     .examples =
+         "  dmq --load examples/chassis.json shell\n  echo 'get card_info' | dmq --load examples/box.json shell\n"
+         "  dmq --load examples/chassis.json shell examples/tour.dmq\n",
+     .words = {.name = "FILE", .what = "A file of commands; none: standard input", .most = 1},
+     .options = {},
+     .run = run_shell,
+     .use = not_in_shell,
+     .about = "Many commands in one process, one a line, from a file, a pipe or a terminal. Beside the commands: "
+              "`watch` ... "
+              "`&` goes on while others run, `echo TEXT`, `trace on`|`off`, `help`, `exit`."},
+    {.name = "clients",
+     .what = "Who is there: processes that let themselves be inspected, and clients of the store's server",
+     .usage = "",
+     .examples =
+         "  dmq --inspect /run/dm clients\n  DM_CACHE_INSPECT=/run/dm DMQ_STORE=redis://db dmq clients --json\n",
+     .words = {},
+     .options = {},
+     .run = run_clients,
+     .about = "Who is there: the processes in the folder of `--inspect`, live or why not, and the clients of the "
+              "server that "
+              "`--store` names."},
+    {.name = "verify",
+     .what = "Is a live cache equal to its store? Tells what differs, and stays so",
+     .usage = "[KIND]...",
+     .examples = "  dmq --store redis://db verify\n"
+                 "  dmq --store redis://db --attach cards verify vsd_port port_static\n",
+     .words = kinds,
+     .options = {},
+     .run = run_verify,
+     .next = next_kind,
+     .about =
+         "Is the live cache, or that of `--attach`, equal to the store, row by row and key by key? Both may change "
+         "meanwhile: what is told differs, and goes on differing."},
+    {.name = "store",
+     .what = "Compare cache and store; make an embedded store misbehave",
+     .usage = "ACTION",
+     .examples = "  store compare                is every row equal to the store?\n"
+                 "  store disconnect             cut the cache off; store reconnect lets it in again\n"
+                 "  store restart [empty]        another instance of the store, with or without its content\n"
+                 "  store damage KIND key=value..  bytes that no longer are an object\n"
+                 "  store lose N                 the next N confirmations to a cache that is not started yet\n",
+     .words = {.name = "WORDS", .what = "An action, then its words", .least = 1},
+     .options = {},
+     .run = run_store,
+     .next = next_action,
+     .use = not_attached,
+     .about = "`compare` compares cache and store row by row. `disconnect` cuts the cache off from an embedded store, "
+              "`reconnect` lets it in again, `restart` [`empty`] starts another instance of the store. `damage KIND` "
+              "`KEY=VALUE`... puts unreadable bytes in an object's place; `lose N` loses the next confirmations."},
+    {.name = "help",
+     .what = "These lines, or a command in detail",
+     .usage = "[COMMAND]",
+     .examples = "  dmq help watch\n",
+     .words = {.name = "COMMAND", .what = "One of the commands", .most = 1},
+     .options = help_options,
+     .run = run_help,
+     .next = next_command},
+};
+
+template <class Row> const Row *find_row(std::span<const Row> rows, const std::string &name) {
+    const auto found = std::find_if(rows.begin(), rows.end(), [&](const Row &row) { return name == row.name; });
+    return found == rows.end() ? nullptr : &*found;
+}
+
+}  // namespace
+
+std::span<const Verb> verbs() {
+    return table;
+}
+
+std::span<const Option> common_options() {
+    return common;
+}
+
+const Verb *find_verb(const std::string &name, bool in_shell) {
+    const Verb *verb = find_row(verbs(), name);
+    return verb && in_shell && verb->use & not_in_shell ? nullptr : verb;
+}
+
+const Option *find_option(const Verb *verb, const std::string &name, bool in_shell) {
+    if (const Option *option = verb ? find_row(verb->options, name) : nullptr) return option;
+    const Option *option = find_row(common_options(), name);
+    return option && in_shell && !option->in_shell ? nullptr : option;
+}
+
+}  // namespace dmq
