@@ -45,6 +45,9 @@
 
 static constexpr dm::LogTag log_tag{"dm_cache"};
 
+// Of the bundled platform; a client of another platform may have none.
+extern "C" __attribute__((weak)) DM_API int32_t tq_mom_client_forget(tq_mom_handle *handle, tq_mom_msg_cb callback);
+
 uint8_t g_cache_proc_done = 0;
 
 namespace dm {
@@ -447,6 +450,12 @@ void begin_again() {
     }
     store(machine_is_live, uint8_t{0});  // the rows are empty before the callback thread knows
     store(restart_due, uint8_t{1});
+}
+
+void forget_requests() {
+    if (!tq_mom_client_forget) return;
+    for (const tq_mom_msg_cb callback : {dm_cache_mom_callback_func, on_subscribed_again})
+        tq_mom_client_forget(g_dm_global, callback);
 }
 
 void end_sync() {

@@ -25,6 +25,9 @@ void subscribe_nothing_at_once();
 // database that is ready. On the starting thread.
 void begin_again();
 
+// For a stop, over a handle that is still open: what was asked for is not told any more, where the platform can promise that.
+void forget_requests();
+
 // For a stop: nothing waits for a timer or in the queue, and the machine is where it was before the first start. No callback of
 // the store client is inside.
 void end_sync();

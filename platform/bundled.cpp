@@ -127,6 +127,14 @@ int64_t tq_mom_client_heard_ms(tq_mom_handle *handle) {
     return ago;
 }
 
+int32_t tq_mom_client_forget(tq_mom_handle *handle, tq_mom_msg_cb callback) {
+    if (!callback) return TQ_MOM_E_ARGUMENT;
+    return with_client(handle, [&](Client &client) {
+        client.forget(callback);
+        return 0;
+    });
+}
+
 int32_t tq_mom_client_drain(tq_mom_handle *handle, int32_t timeout_ms) {
     return with_client(handle, [&](Client &client) -> int32_t {
         if (client.loop().on_own_thread()) return TQ_MOM_E_ARGUMENT;

@@ -151,13 +151,31 @@ void Client::subscribe(Request request) {
     if (found == subscriptions_.end()) {
         found = subscriptions_.insert(found, std::make_shared<Request>(std::move(request)));
     }
-    const Request &kept = **found;
+    Request &kept = **found;
+    kept.number = ++requests_;
     store_->follow(kept.place, kept.fields.empty() ? nullptr : &kept.key, *found);
 }
 
 void Client::scan(Request request) {
     const auto ticket = std::make_shared<Request>(std::move(request));
+    {
+        const std::lock_guard lock(mutex_);
+        ticket->number = ++requests_;
+    }
     store_->scan(ticket->place, ticket);
+}
+
+void Client::forget(tq_mom_msg_cb callback) {
+    const std::lock_guard lock(mutex_);
+    forgotten_[callback] = requests_;
+    has_forgotten_ = true;
+}
+
+bool Client::is_forgotten(const Request &request) {
+    if (!has_forgotten_) return false;
+    const std::lock_guard lock(mutex_);
+    const auto last = forgotten_.find(request.listener.callback);
+    return last != forgotten_.end() && request.number <= last->second;
 }
 
 int32_t Client::scan_here(const Request &request) {
@@ -219,8 +237,10 @@ template <class Deliver> void Client::post_counted(Deliver deliver) {
 void Client::post(Event event) {
     if (tells_at_once_) note_heard(Clock::now());
     const uint64_t epoch = epoch_;
-    post_counted(
-        [this, epoch, event = std::move(event)] { std::visit([&](const auto &e) { deliver(e, epoch); }, event); });
+    const auto deliver_it = [this, epoch](const auto &it) {
+        if (!is_forgotten(*it.ticket)) deliver(it, epoch);
+    };
+    post_counted([deliver_it, event = std::move(event)] { std::visit(deliver_it, event); });
 }
 
 void Client::heard_until(Clock::time_point when) {
@@ -328,7 +348,8 @@ void Client::on_connected(int32_t reason, const std::vector<Ticket> &owed) {
         back_.notify_all();
     }
     tell_connection(reason);
-    for (const Ticket &ticket : owed) confirm(*ticket);
+    for (const Ticket &ticket : owed)
+        if (!is_forgotten(*ticket)) confirm(*ticket);
     call_ready();
     for (const auto &[db, callback] : reconnect) callback(nullptr, db, reason, nullptr);
 }

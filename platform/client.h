@@ -38,6 +38,7 @@ struct Request {
     Listener listener;                       // of a field subscription: who is told that it stands
     std::string key = {};                    // of the one object whose fields are followed
     std::vector<FollowedField> fields = {};  // empty: whole objects are followed
+    uint64_t number = 0;                     // in the order in which they were last asked for; the client's mutex
 };
 
 // Public functions run on any thread; what the store tells is posted to the loop, which alone calls back. An event that was
@@ -69,6 +70,7 @@ public:
 
     void subscribe(Request request);
     void scan(Request request);
+    void forget(tq_mom_msg_cb callback);
     int32_t scan_here(const Request &request);
     int32_t read(const Place &place, const ProtobufCMessageDescriptor &kind, const std::string &key,
                  ProtobufCMessage *&message);
@@ -76,6 +78,7 @@ public:
 
 private:
     bool is_closing();
+    bool is_forgotten(const Request &request);
 
     static constexpr Clock::duration never = Clock::duration::min();
 
@@ -126,11 +129,15 @@ private:
     std::atomic<Clock::duration> heard_until_{never};  // of the clock: what was told until then has been delivered
     std::atomic<bool> tells_at_once_ = false;
     std::atomic<bool> has_missed_ = false;  // memory was missing for something that the store told on this connection
-    bool up_ = true;                        // as the loop's thread has been told
+    std::atomic<bool> has_forgotten_ = false;
+    bool up_ = true;  // as the loop's thread has been told
 
     std::mutex mutex_;  // guards what follows; taken before the store's lock, never while a callback runs
     std::condition_variable back_;
     std::vector<Ticket> subscriptions_;
+    uint64_t requests_ = 0;
+    std::map<tq_mom_msg_cb, uint64_t>
+        forgotten_;  // the number of the last request of a callback that has been forgotten
     std::vector<Ready> ready_;
     std::map<uint32_t, tq_mom_reconnect_cb> reconnect_;
     ConnectionListener connection_ = {};

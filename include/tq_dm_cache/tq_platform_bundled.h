@@ -183,6 +183,13 @@ DM_API uint64_t tq_mom_client_damaged(tq_mom_handle *handle);
 DM_API int64_t tq_mom_client_heard_ms(tq_mom_handle *handle);
 
 /*
+ * What was asked for with this callback is not told any more, subscriptions and scans that are under way: as if the handle were new
+ * to it. A delivery that runs already goes on to its end. Who subscribes again with it is confirmed again. dm_cache_stop() does so
+ * with its own. Any thread, callbacks included.
+ */
+DM_API int32_t tq_mom_client_forget(tq_mom_handle *handle, tq_mom_msg_cb callback);
+
+/*
  * Waits until the loop has run everything that was due when this was called, timers included. What callbacks asked for
  * meanwhile may still be to come, and what a server has not sent yet. TQ_MOM_E_TIMEOUT after timeout_ms. Not from the
  * loop's own thread: TQ_MOM_E_ARGUMENT.

@@ -162,6 +162,26 @@ TEST_P(StoreContract, WhatWasHeardHasBeenDelivered) {
     }
 }
 
+// A cache that is stopped and started over the same handle takes what it was told before for an answer to what it asks now.
+TEST_P(StoreContract, WhatIsForgottenIsNotTold) {
+    EXPECT_EQ(tq_mom_client_forget(nullptr, RecordingClient::on_message), TQ_MOM_E_ARGUMENT);
+    EXPECT_EQ(tq_mom_client_forget(reader.handle(), nullptr), TQ_MOM_E_ARGUMENT);
+    writer.set(1, 1);
+    const auto go_on = reader.hold("sub");
+    reader.subscribe("sub");
+    ASSERT_TRUE(reader.wait("sub: confirmed"));
+    reader.scan("void");
+    EXPECT_EQ(tq_mom_client_forget(reader.handle(), RecordingClient::on_message), 0);
+    go_on();
+    ASSERT_TRUE(reader.follow("other"));
+    writer.set(2, 2);
+    EXPECT_TRUE(reader.tells("sub: confirmed, other: confirmed, other: set 2:2"));
+    ASSERT_TRUE(reader.follow("sub"));
+    writer.set(3, 3);
+    EXPECT_TRUE(reader.tells("sub: confirmed, sub: set 3:3, other: set 3:3"));
+    EXPECT_EQ(reader.scanned(), "s: end, s: has 1:1, s: has 2:2, s: has 3:3");
+}
+
 // A client that takes a new server for the old one keeps objects that are not there.
 TEST_P(StoreContract, ARestartedStoreIsToldApart) {
     writer.set(1, 1);
