@@ -252,6 +252,24 @@ void unlock_after_change() {
     unlock_exclusive();
 }
 
+void hold_lock_for_fork() {
+    if (self.shared_depth > 0) return;
+    lock_exclusive(changes);
+    pthread_mutex_lock(&queue_mutex);
+}
+
+// Who stood in a queue, or was about to look at the word, is not there in the child.
+void release_lock_after_fork(bool in_child) {
+    if (self.shared_depth > 0) return;
+    if (in_child) {
+        changes = clients = waiting_readers = {};
+        for (Readers &slot : readers) slot.count = 0;
+        word = held;
+    }
+    pthread_mutex_unlock(&queue_mutex);
+    unlock_exclusive();
+}
+
 bool lock_shared() {
     if (!lock_exists() || is_mine()) return false;
     if (self.shared_depth++ > 0) return true;

@@ -32,6 +32,10 @@ inline void caller_holds_lock() DM_LOCKS(assert_capability(cache_mutex)) {}
 void lock_for_change();
 void unlock_after_change();
 
+// Around fork(): the child finds nobody else with either side or in a queue. Nothing for a thread that has the shared side.
+void hold_lock_for_fork();
+void release_lock_after_fork(bool in_child);
+
 // True when the shared side has been taken, which is then to be given back.
 bool lock_shared();
 void unlock_shared();

@@ -370,4 +370,12 @@ int32_t remove_follower(int32_t type, dm_cache_follow_cb callback, void *word) {
     return 0;
 }
 
+void hold_events_for_fork() {
+    pthread_mutex_lock(&mutex);
+}
+
+void release_events_after_fork() {
+    pthread_mutex_unlock(&mutex);
+}
+
 }  // namespace dm

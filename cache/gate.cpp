@@ -50,6 +50,10 @@ bool close_gate() {
     return true;
 }
 
+void nobody_else_is_inside() {
+    __atomic_store_n(&inside, inside_here, __ATOMIC_SEQ_CST);
+}
+
 void open_gate() {
     if (gate_now() == closed) set_gate(open_again);
 }

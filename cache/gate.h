@@ -30,6 +30,9 @@ private:
 // Keeps all callbacks out and waits until none is inside. False, and nothing is done: this thread is inside itself.
 bool close_gate();
 
+// In a child of fork(): the other threads are not there.
+void nobody_else_is_inside();
+
 // Lets those of the handle in use in.
 void open_gate();
 

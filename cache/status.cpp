@@ -155,6 +155,14 @@ void status_applied() {
     pthread_cond_broadcast(&status_changed);
 }
 
+void hold_status_for_fork() {
+    pthread_mutex_lock(&status_mutex);
+}
+
+void release_status_after_fork() {
+    pthread_mutex_unlock(&status_mutex);
+}
+
 }  // namespace dm
 
 using namespace dm;

@@ -33,4 +33,8 @@ void status_callback(int32_t row, timespec begun);
 // A full application is done: wakes who waits for it.
 void status_applied();
 
+// Around fork(), on the thread that forks: the child finds the mutex free.
+void hold_status_for_fork();
+void release_status_after_fork();
+
 }  // namespace dm

@@ -16,9 +16,13 @@
 #include <cstdio>
 
 #include "base/clock.h"
+#include "base/lock.h"
 #include "base/log.h"
+#include "cache/events.h"
+#include "cache/gate.h"
 #include "cache/row_sync.h"
 #include "cache/startup.h"
+#include "cache/status.h"
 #include "inspect/answer.h"
 
 static constexpr dm::LogTag log_tag{"dm_cache"};
@@ -206,8 +210,29 @@ void close_all(Server &s) {
     if (s.listener >= 0) close(s.listener);
 }
 
-// In a child of fork(): the thread is not there, and the descriptors would keep the parent's clients waiting after its end.
-void leave_to_parent() {
+// Around fork()
+
+// What the inspecting thread may have at any moment, and would have for ever in the child, where it is not there.
+void hold_for_fork() {
+    hold_lock_for_fork();
+    hold_events_for_fork();
+    hold_status_for_fork();
+}
+
+void release_after_fork(bool in_child) {
+    release_status_after_fork();
+    release_events_after_fork();
+    release_lock_after_fork(in_child);
+}
+
+void go_on_as_parent() {
+    release_after_fork(false);
+}
+
+// The descriptors would keep the parent's clients waiting after its end.
+void go_on_as_child() {
+    release_after_fork(true);
+    nobody_else_is_inside();
     if (!server) return;
     for (const Client &client : server->clients)
         if (client.fd >= 0) close(client.fd);
@@ -242,7 +267,7 @@ const char *open_server(Server &s) {
         return failed;
     }
     static bool is_told_of_forks = false;
-    if (!is_told_of_forks) is_told_of_forks = pthread_atfork(nullptr, nullptr, leave_to_parent) == 0;
+    if (!is_told_of_forks) is_told_of_forks = pthread_atfork(hold_for_fork, go_on_as_parent, go_on_as_child) == 0;
     return nullptr;
 }
 

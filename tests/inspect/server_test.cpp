@@ -128,6 +128,13 @@ bool answers(const std::string &path) {
            client.ask("process\n").back().what == DM_INSPECT_END;
 }
 
+void reads_until(const std::atomic<bool> &done, const std::string &path) {
+    Client client(path);
+    client.next();
+    while (!done)
+        for (const char *question : {"objects 17\n", "process\n"}) client.ask(question);
+}
+
 void fill(int32_t cards) {
     platform.synchronise();
     for (int32_t n = 0; n < cards; ++n) receive(17, SET, card(1, n, 0).set("name", std::string(100, 'x')));
@@ -285,13 +292,30 @@ TEST_F(Inspect, IsThereFromStartToStopAndOnlyWhenAskedFor) {
     EXPECT_EQ(descriptors(), before[1] + 1);
 }
 
-// A child that answers for its parent tells what the parent once had.
+// A child that answers for its parent tells what the parent once had; one that is forked while somebody reads, and finds its
+// lock taken for ever, hangs.
 TEST_F(Inspect, BelongsToTheProcessThatOpenedIt) {
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "a child may start no thread here";
 #endif
     start({17});
+    fill(1000);
     const std::string own = path();
+    std::atomic<bool> done = false;
+    std::thread reader(reads_until, std::cref(done), own);
+    for (int code = 0, i = 0; i < 300 && code == 0; ++i) {
+        const pid_t copy = fork();
+        if (copy == 0) {
+            alarm(10);
+            dm_cache_lock();
+            dm_cache_unlock();
+            _exit(dm_cache_stop() == 0 ? 0 : 1);
+        }
+        waitpid(copy, &code, 0);
+        EXPECT_EQ(code, 0) << i;
+    }
+    done = true;
+    reader.join();
     const pid_t child = fork();
     if (child == 0) {
         bool is_right = true;
