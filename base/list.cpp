@@ -36,7 +36,7 @@ void let_go(dm_cache_list_node *node) {
 
 void hold(dm_cache_list_node *node, StoredMessage message) {
     node->obj = message.release();
-    node->stored = 1;
+    node->stored = of_store;
 }
 
 }  // namespace

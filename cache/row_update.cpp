@@ -27,24 +27,27 @@ dm_cache_list_node *find(int32_t type, const ProtobufCMessage *obj) DM_REQUIRES_
 // What a scan brings again as it was changes nothing but the element's marks.
 int32_t come_again(int32_t type, dm_cache_list_node *node) DM_REQUIRES_LOCK {
     node->dirty = 0;
+    if (node->stored) node->stored = of_store;
     note_change(node);
     refresh_element(obj_sub_list[type], node);
     note_unchanged(type, node);
     return 1;
 }
 
-int32_t replace(int32_t type, dm_cache_list_node *node, StoredMessage message) DM_REQUIRES_LOCK {
+int32_t replace(int32_t type, dm_cache_list_node *node, StoredMessage message, uint8_t by) DM_REQUIRES_LOCK {
     list_replace(node, std::move(message));
+    node->stored = by;
     note_change(node);
     move_element(obj_sub_list[type], node);
     if (type == DM_ROW_PORT_STATIC) move_ports_at(*as<PDev__PortStatic>(node->obj)->index);
     return 1;
 }
 
-int32_t append(int32_t type, StoredMessage message) DM_REQUIRES_LOCK {
+int32_t append(int32_t type, StoredMessage message, uint8_t by) DM_REQUIRES_LOCK {
     const obj_sub_entry &row = obj_sub_list[type];
     dm_cache_list_node *node = list_append(row.obj_list, std::move(message));
     if (!node) return -1;
+    node->stored = by;
     note_change(node);
     index_element(row, node);
     if (type == DM_ROW_PORT_STATIC) index_ports_at(*as<PDev__PortStatic>(node->obj)->index);
@@ -52,10 +55,10 @@ int32_t append(int32_t type, StoredMessage message) DM_REQUIRES_LOCK {
     return 0;
 }
 
-int32_t put_message(int32_t type, dm_cache_list_node *node, StoredMessage message) DM_REQUIRES_LOCK {
+int32_t put_message(int32_t type, dm_cache_list_node *node, StoredMessage message, uint8_t by) DM_REQUIRES_LOCK {
     OwnedEvent event;
     if (const int32_t code = begin_event(type, node, message.get(), event); code != 0) return code;
-    const int32_t result = node ? replace(type, node, std::move(message)) : append(type, std::move(message));
+    const int32_t result = node ? replace(type, node, std::move(message), by) : append(type, std::move(message), by);
     if (result >= 0) note_event(std::move(event));
     return result;
 }
@@ -87,13 +90,13 @@ bool has_room(int32_t type) DM_REQUIRES_LOCK {
 }
 
 // Of an object that the row can hold.
-int32_t store_held(int32_t type, const ProtobufCMessage *obj) DM_REQUIRES_LOCK {
+int32_t store_held(int32_t type, const ProtobufCMessage *obj, uint8_t by) DM_REQUIRES_LOCK {
     dm_cache_list_node *node = find(type, obj);
     if (node && same_content(node->obj, obj)) return come_again(type, node);
     if (!node && !has_room(type)) return -1;
     StoredMessage message;
     if (const int32_t code = store_copy(obj, obj->descriptor, message); code != 0) return code;
-    return put_message(type, node, std::move(message));
+    return put_message(type, node, std::move(message), by);
 }
 
 bool changed_since(const dm_cache_list_node *node, uint64_t mark) DM_REQUIRES_SHARED {
@@ -110,7 +113,7 @@ bool overtaken(int32_t type, const ProtobufCMessage *obj, uint64_t since) DM_REQ
 }  // namespace
 
 int32_t store_object(int32_t type, const ProtobufCMessage *obj) {
-    return can_hold(type, obj) ? store_held(type, obj) : -1;
+    return can_hold(type, obj) ? store_held(type, obj, of_store) : -1;
 }
 
 int32_t store_shared(int32_t type, StoredMessage message) {
@@ -118,7 +121,7 @@ int32_t store_shared(int32_t type, StoredMessage message) {
     dm_cache_list_node *node = find(type, message.get());
     if (node && same_content(node->obj, message.get())) return come_again(type, node);
     if (!node && !has_room(type)) return -1;
-    return put_message(type, node, std::move(message));
+    return put_message(type, node, std::move(message), of_store);
 }
 
 StoredMessage cached_equal(int32_t type, const ProtobufCMessage *obj) {
@@ -139,7 +142,7 @@ int32_t offer_object(int32_t type, const ProtobufCMessage *obj, uint64_t since) 
     if (obj_sub_list[type].flag & DM_CACHE_NO_STORE) return kept_out;
     if (!can_hold(type, obj)) return -1;
     if (overtaken(type, obj, since)) return kept_out;
-    const int32_t result = store_held(type, obj);
+    const int32_t result = store_held(type, obj, since == never_overtaken ? of_client : of_store);
     // The object is as old as its read: what the same read brings after it is not overtaken by it.
     if (result >= 0 && since != never_overtaken) find(type, obj)->changed = static_cast<uint32_t>(since);
     return result;

@@ -45,13 +45,14 @@ std::string shown_list(const std::vector<Inspected> &list) {
     return text;
 }
 
-bool is_alive(const Inspected &one) {
+// One that is stopped, or has as many clients as may be, is there, too: it is waited for by whoever needs it.
+bool is_there(const Inspected &one) {
     try {
-        const Deadline soon(1);
-        const Inspection inspection(one.path, soon);
+        const Deadline now(0);
+        const Inspection inspection(one.path, now);
         return true;
-    } catch (const Failure &) {
-        return false;
+    } catch (const Failure &failure) {
+        return !std::string_view(failure.what()).ends_with(process_has_ended);
     }
 }
 
@@ -115,7 +116,7 @@ std::string find_inspected(const std::string &wanted, const std::string &folder)
     for (const auto &one : all) {
         const std::string pid = std::to_string(one.pid);
         const bool is_meant = wanted == one.name || wanted == pid || wanted == one.name + "." + pid;
-        if (is_meant && is_alive(one)) meant.push_back(one);
+        if (is_meant && is_there(one)) meant.push_back(one);
         names.push_back(one.name);
     }
     if (meant.empty())

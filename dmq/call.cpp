@@ -81,6 +81,7 @@ Exit run_call(Context &context, const Command &command) {
     if (command.words.empty()) throw Failure(exit_usage, "call needs the name of a query; see dmq call --list");
     const auto question = std::make_shared<Question>(find_query(command.words[0], "call"), command.words, "call");
     const Query &query = question->query();
+    refuse_write(query, !command.settings.attach.empty(), "call");
     const auto ask = [question] { return question->ask(); };
     const auto [result, lacked_memory] =
         query.pure ? ask()

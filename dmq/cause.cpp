@@ -91,7 +91,7 @@ std::string place_text(const PortFacts &port) {
 std::string trouble_of(int32_t row) {
     const dm_cache_stats stats = stats_of(row);
     if (!stats.enabled) return row_name(row) + " is not followed: nobody has asked for it";
-    if (obj_sub_list[row].flag & DM_CACHE_NO_STORE)
+    if (flag_of(row) & DM_CACHE_NO_STORE)
         return row_name(row) + " is registered with DM_CACHE_NO_STORE, so it holds nothing";
     if (stats.held) return "the store refuses " + row_name(row) + " for now";
     const std::string waits = waits_for();
@@ -152,6 +152,8 @@ std::string specific(const Read &read) {
 std::string general(const Read &read) {
     const std::string row = row_name(read.row);
     const std::string key = read.key.is_object() && !read.key.empty() ? " " + words_of_key(read.key) : "";
+    if (read.of_store() && !asks_its_store())
+        return "the cache has no " + row + key + ", and no store was asked: --store names one";
     if (read.of_store()) return "neither the cache nor the store has " + row + key;
     const uint32_t objects = stats_of(read.row).objects;
     if (objects == 0) return row + " is empty";

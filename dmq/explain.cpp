@@ -20,6 +20,7 @@ std::string asked_text(const Read &read) {
 
 std::string outcome(const Read &read) {
     if (read.how == DM_CACHE_READ_WALK) return counted_objects(static_cast<size_t>(read.code));
+    if (read.of_store() && !asks_its_store()) return "not asked: no store is named";
     if (read.of_store() && read.code && !read.is_not_there()) return "code " + std::to_string(read.code);
     if (read.how == DM_CACHE_READ_SCAN) return "scanned";
     if (read.how == DM_CACHE_READ_TREE) return read.found ? read.found_name : "no such key";
@@ -123,6 +124,7 @@ Exit run_explain(Context &context, const Command &command) {
     if (command.words.empty()) throw Failure(exit_usage, "explain needs the name of a query; see dmq call --list");
     const Query &query = find_query(command.words[0], "explain");
     const auto question = std::make_shared<Question>(query, command.words, "explain");
+    refuse_write(query, !command.settings.attach.empty(), "explain");
     const std::optional<Failure> late = query.pure ? std::nullopt : wait_until_live(context, command);
     const auto ask = [question, words = command.words, quiet = !command.settings.log] {
         Road road = walk_road(*question, quiet);

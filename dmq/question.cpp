@@ -226,6 +226,12 @@ Json Question::values(int64_t result) const {
     return values;
 }
 
+void refuse_write(const Query &query, bool attached, const std::string &command) {
+    if (attached && query.name == "ndm_reset_module_by_node_causelly")
+        throw Failure(exit_usage, command + ": " + std::string(query.name) +
+                                      " writes the store, so it is not for a process that dmq is attached to");
+}
+
 bool failed(int64_t result) {
     return result < 0 || result == UINT32_MAX;
 }

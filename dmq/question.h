@@ -61,6 +61,9 @@ private:
 // Throws a Failure when there is no such query, or it is not one for a command line.
 const Query &find_query(const std::string &name, const std::string &command);
 
+// Throws a Failure when the query writes the store while another process's cache is shown.
+void refuse_write(const Query &query, bool attached, const std::string &command);
+
 bool failed(int64_t result);
 
 // Is that an answer, and no no? Beside out-values the result says only whether they are one.

@@ -1,8 +1,10 @@
 // The listener of a query's reads, and of what it says in the log meanwhile.
 #include "dmq/reads.h"
 
+#include <algorithm>
 #include <thread>
 
+#include "dmq/names.h"
 #include "dmq/output.h"
 #include "dmq/topology.h"
 #include "tq_dm_cache/dm_cache_status.h"
@@ -68,8 +70,9 @@ Road walk_road(Question &question, bool quiet) {
 }
 
 std::string row_name(int32_t row) {
-    const ProtobufCMessage *kind = obj_sub_list[row].obj_tmpl;
-    return "row " + std::to_string(row) + (kind ? std::string(" ") + kind->descriptor->name : "");
+    const auto &kinds = cached_kinds();
+    const auto found = std::find_if(kinds.begin(), kinds.end(), [&](const Kind &kind) { return kind.row == row; });
+    return "row " + std::to_string(row) + (found == kinds.end() ? "" : std::string(" ") + found->type->name);
 }
 
 std::string tree_name(int32_t row, int32_t tree) {

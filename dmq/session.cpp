@@ -149,6 +149,7 @@ void Session::take_picture(const std::vector<Kind> &kinds) {
     }
     start({});
     fill_cache(picture);
+    picture.store_is_named = named_;
     shown_picture = &picture_.emplace(std::move(picture));
 }
 
@@ -237,6 +238,14 @@ std::string waits_for() {
     std::string reason(static_cast<size_t>(dm_cache_reason(nullptr, 0)), '\0');
     dm_cache_reason(reason.data(), static_cast<int32_t>(reason.size()) + 1);
     return reason.substr(0, reason.find('\0'));  // it may be a shorter one by now
+}
+
+int32_t flag_of(int32_t row) {
+    return shown_picture ? shown_picture->rows[static_cast<size_t>(row)].flag : obj_sub_list[row].flag;
+}
+
+bool asks_its_store() {
+    return !shown_picture || shown_picture->store_is_named;
 }
 
 dm_cache_stats stats_of(int32_t row) {

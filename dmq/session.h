@@ -140,5 +140,9 @@ template <class Visit> void each_cached(int32_t row, Visit visit) {
 
 // Of the cache that is shown, be it another process's.
 dm_cache_stats stats_of(int32_t row);
+int32_t flag_of(int32_t row);  // as given to dm_cache_sub_obj()
+
+// Queries that read the store ask one that somebody has named, or that belongs to the cache that is shown.
+bool asks_its_store();
 
 }  // namespace dmq

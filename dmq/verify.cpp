@@ -23,7 +23,19 @@ constexpr int most_rounds = 20;
 
 using Place = std::pair<int32_t, std::string>;  // a row, and an object's packed key
 
-// Hears of the changes of rows, and counts them by object.
+// What a port has in common with the static port at its place, whatever else their keys have; empty: it is no port.
+std::string port_place(const ProtobufCMessage &port) {
+    const ProtobufCMessage *const key = key_of(port);
+    std::string place;
+    for (const char *name : {"t_dev", "t_slot", "t_sslot", "t_port", "t_type"}) {
+        const auto *field = key ? find_field(*key->descriptor, name) : nullptr;
+        if (!field) return "";
+        place += std::to_string(at<int32_t>(*key, field->offset)) + "/";
+    }
+    return place;
+}
+
+// Hears of the changes of rows, and counts them by object; those of static ports by their place, too.
 class Feed {
     // Callbacks may come until the client is closed.
     struct Heard {
@@ -64,6 +76,8 @@ private:
         if (msg->cmd == TQ_MOM_CMD_SUBSCRIBED) ++heard().answers;
         if ((msg->cmd == TQ_MOM_CMD_SET || msg->cmd == TQ_MOM_CMD_DELETE) && object)
             ++heard().changes[{row, packed_key(*object)}];
+        if ((msg->cmd == TQ_MOM_CMD_SET || msg->cmd == TQ_MOM_CMD_DELETE) && object && row == DM_ROW_PORT_STATIC)
+            ++heard().changes[{row, port_place(*object)}];
         heard().changed.notify_all();
         return 0;
     }
@@ -100,6 +114,9 @@ struct Difference {
     bool is_behind = false;         // another process may not have heard of it yet
     bool is_damaged = false;        // in the store
 
+    // Whose keys are wrong; null: nobody's.
+    const ProtobufCMessage *indexed() const { return index.empty() ? nullptr : cache.get(); }
+
     bool same_as(const Difference &other) const {
         return store_bytes == other.store_bytes && cache_bytes == other.cache_bytes && index == other.index;
     }
@@ -112,7 +129,7 @@ Message copy_of(const Message &object) {
 
 dm_inspect_object about_node(const obj_sub_entry &row, const dm_cache_list_node &node) {
     dm_inspect_object about{};
-    about.by_client = node.stored == 0;
+    about.by_client = node.stored == 1 ? DM_INSPECT_BY_STORE : node.stored ? DM_INSPECT_BY_SET_OBJ : DM_INSPECT_BY_HAND;
     if (!row.port_tree) return about;
     about.trees = static_cast<uint8_t>(row.port_tree->tree_num);
     about.indexed = node.key != nullptr;
@@ -166,12 +183,13 @@ std::string index_fault(int32_t row, const Seen &seen) {
     return "";
 }
 
-// The object's own changes, and those of all static ports when its keys come from one of them.
-std::vector<uint64_t> changes_of(const std::map<Place, uint64_t> &changes, const Place &place, bool with_ports) {
-    const auto own = changes.find(place);
-    std::vector<uint64_t> counts = {own == changes.end() ? 0 : own->second, 0};
-    for (const auto &[other, count] : changes) {
-        if (with_ports && other.first == DM_ROW_PORT_STATIC) counts[1] += count;
+// The object's own changes, and those of the static port that its keys come from.
+std::vector<uint64_t> changes_of(const std::map<Place, uint64_t> &changes, const Place &place,
+                                 const ProtobufCMessage *indexed) {
+    std::vector<uint64_t> counts;
+    for (const Place &one : {place, Place(DM_ROW_PORT_STATIC, indexed ? port_place(*indexed) : "")}) {
+        const auto found = changes.find(one);
+        counts.push_back(found == changes.end() ? 0 : found->second);
     }
     return counts;
 }
@@ -180,7 +198,7 @@ std::vector<uint64_t> changes_of(const std::map<Place, uint64_t> &changes, const
 
 std::string why(int32_t row, const Difference &difference, const Seen *seen) {
     const dm_cache_stats stats = stats_of(row);
-    if (difference.is_damaged) return "its bytes in the store mean nothing, so the cache refuses them";
+    if (difference.is_damaged) return "its bytes in the store mean nothing, so no cache takes them";
     if (!difference.index.empty()) {
         return difference.index.starts_with("not found")
                    ? "another object with the same key took it along when it went, or memory was short"
@@ -190,11 +208,15 @@ std::string why(int32_t row, const Difference &difference, const Seen *seen) {
     if (!stats.subscribed) return "the row is not subscribed";
     if (!stats.scanned) return "the row's scan has not ended";
     if (stats.queued) return std::to_string(stats.queued) + " changes of the row wait in the queue";
-    if (seen && seen->about.by_client) return "changed by the client itself";
+    if (seen && seen->about.by_client == DM_INSPECT_BY_SET_OBJ)
+        return "set by the client itself, with dm_cache_set_obj()";
+    if (seen && seen->about.by_client) return "put into the list by the client itself";
     if (!difference.cache && stats.objects >= DM_CACHE_LIST_LIMIT) return "the row is full";
     if (!difference.cache && stats.refused)
-        return "the cache has refused " + counted_objects(stats.refused) + " of the row";
-    return "written past the library, or changed by the client itself";
+        return "the cache has refused " + counted_objects(stats.refused) + " of the row, perhaps this one";
+    if (!difference.store) return "deleted past the library";
+    return difference.cache ? "written past the library, or changed in place by the client"
+                            : "written past the library, or taken out by the client itself";
 }
 
 struct Reading {
@@ -228,7 +250,7 @@ void compare_row(Session &session, const Kind &kind, const std::map<Place, uint6
         if (seen) found.cache = copy_of(seen->object);
         found.why = why(kind.row, found, seen);
         const Place place(kind.row, key);
-        found.changes = changes_of(changes, place, !found.index.empty());
+        found.changes = changes_of(changes, place, found.indexed());
         found.first_ms = now;
         read.differences.emplace(place, std::move(found));
     }
@@ -246,7 +268,7 @@ bool is_still(const Place &place, const Difference &now, const Differences &open
               const std::map<Place, uint64_t> &after) {
     const auto first = open.find(place);
     return first != open.end() && first->second.same_as(now) &&
-           changes_of(after, place, !now.index.empty()) == first->second.changes;
+           changes_of(after, place, now.indexed()) == first->second.changes;
 }
 
 // Told

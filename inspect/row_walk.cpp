@@ -51,7 +51,9 @@ void take(RowWalk &walk, const obj_sub_entry &row, const dm_cache_list_node *nod
     dm_inspect_object &about = walk.about[walk.count];
     about = {};
     about.type = walk.type;
-    about.by_client = node->stored == 0;
+    about.by_client = node->stored == of_store    ? DM_INSPECT_BY_STORE
+                      : node->stored == of_client ? DM_INSPECT_BY_SET_OBJ
+                                                  : DM_INSPECT_BY_HAND;
     tell_index(row, node, about);
     walk.objects[walk.count++] = message.release();
 }

@@ -190,8 +190,15 @@ const char *listen_at(Server &s) {
         unlink(address.sun_path);
         if (bind(s.listener, generic(address), sizeof address) != 0) return "bind";
     }
-    if (chmod(address.sun_path, S_IRUSR | S_IWUSR) != 0) return "chmod";
-    return listen(s.listener, 8) == 0 ? nullptr : "listen";
+    const char *failed = nullptr;
+    if (chmod(address.sun_path, S_IRUSR | S_IWUSR) != 0)
+        failed = "chmod";
+    else if (listen(s.listener, 8) != 0)
+        failed = "listen";
+    const int why = errno;
+    if (failed) unlink(address.sun_path);
+    errno = why;
+    return failed;
 }
 
 // The thread takes no signals: they are the client's threads' own.

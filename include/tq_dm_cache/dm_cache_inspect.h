@@ -71,13 +71,16 @@ typedef struct dm_inspect_row {
 /* What a tree of the row finds by the object's key in it. */
 enum { DM_INSPECT_FINDS_NOTHING = 0, DM_INSPECT_FINDS_OBJECT = 1, DM_INSPECT_FINDS_ANOTHER = 2 };
 
+/* Who has put the object there as it is: the store, the client's dm_cache_set_obj(), or the client's own hand in the list. */
+enum { DM_INSPECT_BY_STORE = 0, DM_INSPECT_BY_HAND = 1, DM_INSPECT_BY_SET_OBJ = 2 };
+
 /* An object, and how it is indexed. Its packed bytes follow. */
 typedef struct dm_inspect_object {
     int32_t type;
     uint8_t trees;   /* of its row */
     uint8_t indexed; /* it has keys */
     uint8_t found[NDM_CACHE_TREES];
-    uint8_t by_client; /* the message is one that a client has put into the list itself */
+    uint8_t by_client; /* DM_INSPECT_BY_.. */
     uint8_t reserved[5];
     int64_t key[NDM_CACHE_TREES];
 } dm_inspect_object;

@@ -94,6 +94,7 @@ class Attach(WithFolder):
             (["--attach", process.name, "set", "card_info"], 2, "set is not for a process that dmq is attached to"),
             (["--attach", process.name, "watch"], 2, "watch is not for a process"),
             (["--attach", process.name, *CHASSIS, "show"], 2, "--load fills a store"),
+            (["--attach", process.name, "explain", "ndm_reset_module_by_node_causelly", "1/30/0", "1", "heat"], 2, "writes the store"),
             (["--attach", process.name, "get", "card_info", "slotid=99"], 1, ""),
             (["--attach", str(process.shell.pid), "get", "card_info"], 0, ""),
         ]:
@@ -107,10 +108,13 @@ class Attach(WithFolder):
         self.assertEqual(sorted(dmq("complete", "--inspect", self.folder, "--attach", "").stdout.split()),
                          sorted([process.name, other.name]))
         self.assertIn("in which folder is dmq?", dmq("--attach", "dmq", "show", DM_CACHE_INSPECT="").stderr)
+        self.assertIn("and no store was asked: --store names one",
+                      self.dmq("--attach", process.name, "explain", "ndm_get_slot_num_rt", "7").stdout)
         process.shell.send_signal(signal.SIGSTOP)
-        done = self.dmq("--attach", f"{self.folder}/{process.name}", "--timeout", "0.2", "show")
+        stopped = [self.dmq("--attach", name, "--timeout", "0.2", "show") for name in (process.name, f"{self.folder}/{process.name}")]
         process.shell.send_signal(signal.SIGCONT)
-        self.assertEqual((done.returncode, "does not answer" in done.stderr), (4, True), done.stderr)
+        for done in stopped:
+            self.assertEqual((done.returncode, "does not answer" in done.stderr), (4, True), done.stderr)
 
 
 class Server(WithFolder):
@@ -185,9 +189,9 @@ class Server(WithFolder):
         self.command("EVAL \"return redis.call('HDEL', KEYS[1], redis.call('HKEYS', KEYS[1])[1])\" 1 dm:1:p_dev.local_card_info")
         self.command("EVAL \"return redis.call('HSET', KEYS[1], redis.call('HKEYS', KEYS[1])[1], string.char(255))\" 1 dm:1:p_dev.device_info")
         code, told, _ = self.verify("--attach", "dmq")
-        past = "written past the library, or changed by the client itself"
+        changed = "written past the library, or changed in place by the client"
         self.assertEqual((code, [(row, why) for row, _, why in told]),
-                         (1, [(14, past), (16, "its bytes in the store mean nothing, so the cache refuses them"), (17, past),
+                         (1, [(14, "deleted past the library"), (16, "its bytes in the store mean nothing, so no cache takes them"), (17, changed),
                               (30, "not found by ifx 0x13880")]))
         self.assertEqual([key for _, key, _ in told[2:]], [card, "t_vsdid=0 t_dev=1 t_slot=2 t_port=46 t_type=8 t_sslot=0"])
         self.assertIn("is_online=true  is_online=false", self.dmq(*self.store, "--attach", "dmq", "verify", "17").stdout)

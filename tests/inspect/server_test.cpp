@@ -157,7 +157,7 @@ TEST_F(Inspect, TellsWhatTheProcessHas) {
     fill(250);
     receive(30, SET, global_port(1, 1, 2, 3, 7, 5));
     receive(30, SET, global_port(1, 1, 2, 3, 7, 5).set("index.t_vsdid", 2));
-    receive(30, SET, global_port(1, 1, 2, 4, 7, 6));
+    dm_cache_set_obj(30, global_port(1, 1, 2, 4, 7, 6).get());
 
     const auto process = client.ask("process\n");
     EXPECT_EQ(process[0].as<dm_inspect_process>().live + process[0].as<dm_inspect_process>().applied, 2U);
@@ -179,6 +179,7 @@ TEST_F(Inspect, TellsWhatTheProcessHas) {
         const auto port = ports[i].as<dm_inspect_object>();
         EXPECT_EQ(port.trees, 4);
         EXPECT_EQ(port.indexed, i < 2);
+        EXPECT_EQ(port.by_client, i < 2 ? DM_INSPECT_BY_STORE : DM_INSPECT_BY_SET_OBJ);
         EXPECT_EQ(port.found[1], found[i]);
         EXPECT_EQ(port.key[0], i < 2 ? 0x01000005 + static_cast<int64_t>(i) * 0x01000000 : 0);
     }
@@ -189,8 +190,8 @@ TEST_F(Inspect, OutlivesWhateverItsClientsDo) {
     fill(9000);
     for (const std::string_view nonsense :
          {std::string_view("nonsense\n"), std::string_view("objects 99\n"), std::string_view("objects -1\n"),
-          std::string_view("objects 18\n"), std::string_view("objects 17 x\n"), std::string_view("objects\n"),
-          std::string_view("\n"), std::string_view("\0process\n", 9),
+          std::string_view("objects 18\n"), std::string_view("objects +7\n"), std::string_view("objects 17 x\n"),
+          std::string_view("objects\n"), std::string_view("\n"), std::string_view("\0process\n", 9),
           std::string_view("GET / HTTP/1.1 and so on for long")}) {
         SCOPED_TRACE(nonsense);
         Client client(path());
