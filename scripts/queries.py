@@ -140,6 +140,8 @@ def reads_of_queries():
 
 def ends_text(ends):
     """Why a query does not answer, as a sentence. Several rows that may lack an object are one reason."""
+    if ends == "always":
+        return ["It never has an answer."]
     found = [end.split() for end in ends.split(", ")] if ends else []
     rows = {what: sorted((int(row) for kind, *rest in found if kind == what for row in rest)) for what in ("row", "content")}
     whens = ["an argument is refused"] if ["argument"] in found else []

@@ -35,8 +35,8 @@ const std::map<std::string, std::vector<std::string>> values_of = {
 };
 const std::vector<std::string> numbers = {"0", "1", "2", "30"};
 
-std::string end_of(const Road &road) {
-    if (road.reads.empty()) return "argument";
+std::string end_of(const Question &question, const Road &road) {
+    if (road.reads.empty()) return question.asked().empty() ? "always" : "argument";
     const auto missing =
         std::find_if(road.reads.rbegin(), road.reads.rend(), [](const Read &read) { return !read.found; });
     if (missing != road.reads.rend()) return "row " + std::to_string(missing->row);
@@ -91,7 +91,7 @@ void ask_all(const Query &query, tq_mom_handle *handle, bool follows) {
         const Road road = walk_road(question, /*quiet=*/true);
         note(query, road);
         if (follows && !answers(query, road.answer.result, question.values(road.answer.result)))
-            ends_of[std::string(query.name)].insert(end_of(road));
+            ends_of[std::string(query.name)].insert(end_of(question, road));
         if (follows || !anything_cached()) continue;
         dm_cache_stop();
         start(handle, follows);
