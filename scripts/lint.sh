@@ -36,5 +36,6 @@ step includes python3 scripts/check_dependencies.py
 step documents python3 scripts/check_documents.py
 step queries python3 scripts/queries.py check
 step paths machine_paths
+step plants python3 scripts/plant.py --check
 [ "${1-}" = quick ] || step clang clang
 exit $failed

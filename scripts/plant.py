@@ -2,6 +2,7 @@
 """Plants faults one by one in a copy of the project and says which test notices each.
 
     scripts/plant.py [--only TEXT] [--limit SECONDS] [FILE...]
+    scripts/plant.py --check                                     only whether each can be planted: at once
 
 A FILE (tests/plant/*.txt unless given) has one fault a line: `file | old text | new text | what it is`, with a line break
 written \\n, a backslash \\\\ and a bar between blanks \\|. The old text stands exactly once in the file. Lines that begin
@@ -25,6 +26,7 @@ ROOT = Path(__file__).resolve().parent.parent
 COPY = ROOT / "build-plant" / "project"
 BUILD = ROOT / "build-plant" / "build"
 JOBS = f"-j{os.cpu_count()}"
+TEST_JOBS = f"-j{2 * os.cpu_count()}"  # tests wait more than they compute
 FAILED = re.compile(r"^\s+\d+ - (\S+)(?:  # .*)? \((.*)\)$", re.MULTILINE)
 
 
@@ -91,7 +93,7 @@ def build(target):
 
 def failed_test(folder, limit):
     """The test that fails, and fails again; None when all pass."""
-    ctest = ["ctest", "--test-dir", str(BUILD / folder), JOBS]
+    ctest = ["ctest", "--test-dir", str(BUILD / folder), TEST_JOBS]
     status, output = run(ctest + ["--stop-on-failure"], limit)
     while status != 0:
         if status is None:
@@ -107,17 +109,35 @@ def failed_test(folder, limit):
     return None
 
 
+def text_without(fault, folder):
+    """The file's text as long as it is sound."""
+    path = folder / fault.file
+    if not path.is_file():
+        raise Unusable("no such file")
+    sound = path.read_text()
+    if (times := sound.count(fault.old)) != 1:
+        raise Unusable(f"the old text stands {times} times")
+    return sound
+
+
+def check(faults):
+    unusable = 0
+    for fault in faults:
+        try:
+            text_without(fault, ROOT)
+        except Unusable as why:
+            unusable += 1
+            print(f"UNUSABLE {fault.file}: {fault.note}: {why}")
+    return 1 if unusable else 0
+
+
 def noticed_by(fault, limit):
     """The test that notices a fault; None when none does."""
     path = COPY / fault.file
-    if not path.is_file():
-        raise Unusable("no such file")
-    sound = path.read_bytes()
-    if (times := sound.decode().count(fault.old)) != 1:
-        raise Unusable(f"the old text stands {times} times")
+    sound = text_without(fault, COPY)
     folder = "tests/" + fault.file.split("/")[0]
     try:
-        path.write_bytes(sound.decode().replace(fault.old, fault.new).encode())
+        path.write_text(sound.replace(fault.old, fault.new))
         if (COPY / folder / "CMakeLists.txt").is_file():
             build(f"{folder}/all")
             if test := failed_test(folder, limit):
@@ -125,17 +145,20 @@ def noticed_by(fault, limit):
         build("all")
         return failed_test(".", limit)
     finally:
-        path.write_bytes(sound)
+        path.write_text(sound)
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--only", metavar="TEXT", default="", help="faults whose file or description has this")
     parser.add_argument("--limit", metavar="SECONDS", type=float, default=600, help="of each run of tests (600)")
+    parser.add_argument("--check", action="store_true", help="plant nothing: does each old text stand once?")
     parser.add_argument("files", metavar="FILE", type=Path, nargs="*")
     options = parser.parse_args()
     files = options.files or sorted((ROOT / "tests" / "plant").glob("*.txt"))
     faults = [fault for path in files for fault in read_faults(path) if options.only in f"{fault.file} {fault.note}"]
+    if options.check:
+        return check(faults)
 
     COPY.mkdir(parents=True, exist_ok=True)
     copy_project()
