@@ -2,6 +2,7 @@
 #include "dmq/gen_plan.h"
 
 #include <algorithm>
+#include <set>
 #include <sstream>
 
 #include "dmq/names.h"
@@ -60,35 +61,69 @@ void add_subcard_ports(std::vector<GenPort> &ports, int subcards) {
     }
 }
 
-// A line of a layout: lanes separated by commas, panel port, speed in Mb/s. The first lane names the port of the chip.
+int number_of(std::string_view text) {
+    return whole_number<int>(text).value_or(0);
+}
+
+// A line of a layout: lanes separated by commas, in any order, panel port, speed in Mb/s. The lowest lane names the port of the
+// chip. Nothing: it is no such line.
+std::optional<GenPort> layout_port(const std::string &line, std::set<int> &lanes) {
+    std::istringstream words(line);
+    std::string list, panel_port, speed;
+    words >> list >> panel_port >> speed;
+    std::istringstream each(list);
+    for (std::string lane; std::getline(each, lane, ',');) {
+        if (number_of(lane) < 1 || number_of(lane) > 255 || !lanes.insert(number_of(lane)).second) return std::nullopt;
+    }
+    GenPort port{};
+    port.panel_port = number_of(panel_port);
+    port.mbps = number_of(speed);
+    if (lanes.empty() || list.back() == ',' || port.panel_port < 1 || port.panel_port > 255 ||
+        !whole_number<int>(speed))
+        return std::nullopt;
+    port.cport = *lanes.begin();
+    port.lanes = static_cast<int>(lanes.size());
+    port.vsl = true;
+    return port;
+}
+
+// Ports that share a panel port are its members, 1, 2, .. by their lanes. The first has the panel port's number, as a port that is
+// whole has; the others have numbers behind all panel ports.
+void number_ports(std::vector<GenPort> &ports) {
+    std::sort(ports.begin(), ports.end(), [](const GenPort &a, const GenPort &b) {
+        return std::tie(a.panel_port, a.cport) < std::tie(b.panel_port, b.cport);
+    });
+    int last = ports.empty() ? 0 : ports.back().panel_port;
+    for (size_t i = 0; i < ports.size(); ++i) {
+        const bool is_more = i > 0 && ports[i - 1].panel_port == ports[i].panel_port;
+        const bool has_more = i + 1 < ports.size() && ports[i + 1].panel_port == ports[i].panel_port;
+        ports[i].member = is_more ? ports[i - 1].member + 1 : has_more ? 1 : 0;
+        ports[i].lport = ports[i].user_port = is_more ? ++last : ports[i].panel_port;
+    }
+}
+
 std::vector<GenPort> layout_ports(const std::string &file) {
     std::istringstream stream(read_file(file));
     if (stream.peek() == EOF) throw Failure(exit_usage, "gen: " + file + " is empty");
     std::vector<GenPort> ports;
+    std::set<int> chip_ports;
     std::string line;
     for (int number = 1; std::getline(stream, line); ++number) {
         if (line.empty() || line[0] == '#') continue;
-        std::istringstream words(line);
-        std::string lanes, panel_port, speed;
-        words >> lanes >> panel_port >> speed;
-        const auto number_of = [](std::string_view text) { return whole_number<int>(text).value_or(0); };
-        GenPort port{};
-        port.cport = number_of(lanes.substr(0, lanes.find(',')));
-        port.user_port = number_of(panel_port);
-        port.mbps = number_of(speed);
-        if (!whole_number<int>(speed) || lanes.find_first_not_of("0123456789,") != std::string::npos ||
-            port.cport < 1 || port.cport > 255 || port.user_port < 1 || port.user_port > 255)
-            throw Failure(exit_usage, "gen: " + file + ": line " + std::to_string(number) +
-                                          ": needs lanes, panel port (1 to 255) and speed, not " + dump(line));
-        for (const GenPort &other : ports) {
-            if (other.cport == port.cport || other.user_port == port.user_port)
-                throw Failure(exit_usage, "gen: " + file + ": line " + std::to_string(number) +
-                                              ": its first lane or panel port is taken already");
-        }
-        port.lport = port.user_port;
-        port.lanes = 1 + static_cast<int>(std::count(lanes.begin(), lanes.end(), ','));
-        port.vsl = true;
-        ports.push_back(port);
+        const std::string place = "gen: " + file + ": line " + std::to_string(number) + ": ";
+        std::set<int> lanes;
+        const auto port = layout_port(line, lanes);
+        if (!port)
+            throw Failure(exit_usage,
+                          place + "needs lanes (1 to 255), panel port (1 to 255) and speed, not " + dump(line));
+        if (!chip_ports.insert(port->cport).second)
+            throw Failure(exit_usage,
+                          place + "lane " + std::to_string(port->cport) + " is another port's lowest already");
+        ports.push_back(*port);
+    }
+    number_ports(ports);
+    for (const GenPort &port : ports) {
+        if (port.user_port > 255) throw Failure(exit_usage, "gen: " + file + ": more ports than numbers up to 255");
     }
     return ports;
 }

@@ -28,7 +28,7 @@ enum { port_limit = 10000, subcard_ports = 4, ports_per_chip = 32, vsl_ports = 2
 // One port as a card type has it; every card of the type has the same.
 struct GenPort {
     int lport;      // unique within the card, sub-cards included
-    int user_port;  // as printed on the panel
+    int user_port;  // as printed on the panel, but for members of a panel port that is broken out
     int subslot;    // which sub-card provides it; 0: the card itself
     int unit;       // chip of the card
     int cport;      // port of the chip
@@ -37,6 +37,8 @@ struct GenPort {
     bool combo;  // fibre or copper
     bool poe;
     bool vsl;  // can carry a virtual switching link
+    int panel_port = 0;
+    int member = 0;  // of a panel port that is broken out; 0: the port is whole
 };
 
 // Cards of a type share chips, sub-slots and ports, as in a real catalogue.

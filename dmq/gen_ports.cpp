@@ -24,12 +24,15 @@ int type_number(const GenPort &port) {
     return enum_number("p_intf.intftype_e", speed_of(port).type);
 }
 
-// "TwentyFiveGigE 1/3/7": the device only in a virtual unit, the sub-slot only for a sub-card's port.
+// "TwentyFiveGigE 1/3/7": the device only in a virtual unit, the sub-slot only for a sub-card's port. A member of a panel port has
+// its number behind the panel port's: "TwentyFiveGigE 0/1/4".
 std::string port_name(const GenPlan &plan, const GenCard &card, const GenPort &port) {
     std::string place = std::to_string(card.user_slot) + "/";
     if (plan.options.devices > 1) place = std::to_string(card.dev) + "/" + place;
     if (port.subslot > 0) place += std::to_string(port.subslot) + "/";
-    return speed_of(port).name + (" " + place) + std::to_string(port.user_port);
+    place += port.member > 0 ? std::to_string(port.panel_port) + "/" + std::to_string(port.member)
+                             : std::to_string(port.user_port);
+    return speed_of(port).name + (" " + place);
 }
 
 // Where a port is: on its chip, on its card, on its panel.
@@ -59,6 +62,7 @@ Json port_attr(const GenPort &port, const std::string &name) {
                  {"max_mtu", 9216},
                  {"bandwidth", port.mbps * 1000},
                  {"lane_num", port.lanes}});
+    if (port.member > 0) attr["split_major_portnum"] = port.panel_port;
     return attr;
 }
 

@@ -151,6 +151,28 @@ class CommandLine(unittest.TestCase):
                 self.assertEqual([ports[-1][c] for c in ["slot", "pslot", "lport", "objid", "unit", "cport"]], port)
                 self.assertEqual((nothing, done.returncode), ([], 1))
 
+    # A box whose panel ports are broken out has more ports than its panel: one that loses its name or its chip's port is no port.
+    def test_gen_names_what_a_panel_port_is_broken_out_into(self):
+        for lines, expected in [
+            ("7 2 25000\n4,3,2,1 3 100000\n8 2 25000\n9 1 10000\n6 2 25000", [
+                (1, "TenGigE 0/1", 9), (2, "TwentyFiveGigE 0/2/1", 6), (3, "HundredGigE 0/3", 1), (4, "TwentyFiveGigE 0/2/2", 7),
+                (5, "TwentyFiveGigE 0/2/3", 8)]),
+            ("1,2 1 25000\n2,1 2 25000", "line 2: lane 1 is another port's lowest already"),
+            ("1,1 1 25000", "line 1: needs lanes (1 to 255), panel port (1 to 255) and speed"),
+            ("1 255 25000\n2 255 25000", "more ports than numbers up to 255"),
+        ]:
+            with self.subTest(lines), tempfile.NamedTemporaryFile("w") as layout, tempfile.NamedTemporaryFile("w") as box:
+                layout.write(lines)
+                layout.flush()
+                made = dmq("gen", "--devices", "1", "--layout", layout.name)
+                box.write(made.stdout)
+                box.flush()
+                if isinstance(expected, str):
+                    self.assertIn(expected, made.stderr)
+                else:
+                    ports = json.loads(dmq("--load", box.name, "show", "ports", "--raw", "--json").stdout)
+                    self.assertEqual(sorted((it["port"], it["name"], it["cport"]) for it in ports), expected)
+
     # What is not there must not look like an answer: an empty slot, a device without its type's tables, a port that no
     # query finds, a master without card, and none at all.
     def test_show_invents_nothing(self):
