@@ -24,7 +24,7 @@ struct Picture {
     int32_t pid = 0;
     dm_inspect_process process{};
     std::array<dm_inspect_row, DM_ROW_COUNT> rows{};
-    bool store_is_named = false;  // dmq has been told which store it follows
+    bool store_is_named = false;                   // dmq has been told which store it follows
     std::map<int32_t, std::vector<Seen>> objects;  // by row, in the order of its list
 
     bool live() const { return process.started && process.live; }
