@@ -36,7 +36,7 @@ void let_go(dm_cache_list_node *node) {
 
 void hold(dm_cache_list_node *node, StoredMessage message) {
     node->obj = message.release();
-    node->stored = of_store;
+    node->stored = of_list;
 }
 
 }  // namespace

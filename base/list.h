@@ -24,8 +24,8 @@ struct FreeNode {
 // An element in no list.
 using OwnedNode = std::unique_ptr<dm_cache_list_node, FreeNode>;
 
-// Whose message an element holds: the client's own, or a stored one of the store or of dm_cache_set_obj().
-enum : uint8_t { unstored, of_store, of_client };
+// Whose message an element holds: the client's own, or a stored one, of the store, of dm_cache_set_obj(), or of dm_cache_list_add().
+enum : uint8_t { unstored, of_store, of_client, of_list };
 
 // Puts a message into an element in place of its old one, which is let go. Both have the same key.
 void list_replace(dm_cache_list_node *node, StoredMessage message);

@@ -253,21 +253,17 @@ void unlock_after_change() {
 }
 
 void hold_lock_for_fork() {
-    if (self.shared_depth > 0) return;
-    lock_exclusive(changes);
     pthread_mutex_lock(&queue_mutex);
 }
 
-// Who stood in a queue, or was about to look at the word, is not there in the child.
+// Who read, or stood in a queue, is not there in the child.
 void release_lock_after_fork(bool in_child) {
-    if (self.shared_depth > 0) return;
     if (in_child) {
         changes = clients = waiting_readers = {};
         for (Readers &slot : readers) slot.count = 0;
-        word = held;
+        if (self.shared_depth > 0) count_of(self) = 1;
     }
     pthread_mutex_unlock(&queue_mutex);
-    unlock_exclusive();
 }
 
 bool lock_shared() {

@@ -32,7 +32,7 @@ inline void caller_holds_lock() DM_LOCKS(assert_capability(cache_mutex)) {}
 void lock_for_change();
 void unlock_after_change();
 
-// Around fork(): the child finds nobody else with either side or in a queue. Nothing for a thread that has the shared side.
+// Around fork(): the child finds nobody else reading or in a queue. Whoever holds the exclusive side holds it there, too.
 void hold_lock_for_fork();
 void release_lock_after_fork(bool in_child);
 

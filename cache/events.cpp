@@ -374,7 +374,8 @@ void hold_events_for_fork() {
     pthread_mutex_lock(&mutex);
 }
 
-void release_events_after_fork() {
+void release_events_after_fork(bool in_child) {
+    if (in_child) callback_done = PTHREAD_COND_INITIALIZER;
     pthread_mutex_unlock(&mutex);
 }
 

@@ -73,8 +73,8 @@ constexpr int32_t applications = -1, no_memory = -2;
 int32_t add_follower(int32_t type, dm_cache_follow_cb callback, void *word, uint32_t flags) DM_REQUIRES_LOCK;
 int32_t remove_follower(int32_t type, dm_cache_follow_cb callback, void *word);
 
-// Around fork(), the cache lock held: the child finds the mutex free.
+// Around fork(): the child finds the mutex free, and nobody who waits.
 void hold_events_for_fork();
-void release_events_after_fork();
+void release_events_after_fork(bool in_child);
 
 }  // namespace dm

@@ -52,6 +52,8 @@ bool close_gate() {
 
 void nobody_else_is_inside() {
     __atomic_store_n(&inside, inside_here, __ATOMIC_SEQ_CST);
+    mutex = PTHREAD_MUTEX_INITIALIZER;
+    nobody_inside = PTHREAD_COND_INITIALIZER;
 }
 
 void open_gate() {

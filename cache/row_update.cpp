@@ -25,9 +25,9 @@ dm_cache_list_node *find(int32_t type, const ProtobufCMessage *obj) DM_REQUIRES_
 }
 
 // What a scan brings again as it was changes nothing but the element's marks.
-int32_t come_again(int32_t type, dm_cache_list_node *node) DM_REQUIRES_LOCK {
+int32_t come_again(int32_t type, dm_cache_list_node *node, uint8_t by) DM_REQUIRES_LOCK {
     node->dirty = 0;
-    if (node->stored) node->stored = of_store;
+    if (node->stored && by == of_store) node->stored = of_store;
     note_change(node);
     refresh_element(obj_sub_list[type], node);
     note_unchanged(type, node);
@@ -92,7 +92,7 @@ bool has_room(int32_t type) DM_REQUIRES_LOCK {
 // Of an object that the row can hold.
 int32_t store_held(int32_t type, const ProtobufCMessage *obj, uint8_t by) DM_REQUIRES_LOCK {
     dm_cache_list_node *node = find(type, obj);
-    if (node && same_content(node->obj, obj)) return come_again(type, node);
+    if (node && same_content(node->obj, obj)) return come_again(type, node, by);
     if (!node && !has_room(type)) return -1;
     StoredMessage message;
     if (const int32_t code = store_copy(obj, obj->descriptor, message); code != 0) return code;
@@ -119,7 +119,7 @@ int32_t store_object(int32_t type, const ProtobufCMessage *obj) {
 int32_t store_shared(int32_t type, StoredMessage message) {
     if (!can_hold(type, message.get())) return -1;
     dm_cache_list_node *node = find(type, message.get());
-    if (node && same_content(node->obj, message.get())) return come_again(type, node);
+    if (node && same_content(node->obj, message.get())) return come_again(type, node, of_store);
     if (!node && !has_room(type)) return -1;
     return put_message(type, node, std::move(message), of_store);
 }

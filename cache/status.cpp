@@ -159,7 +159,8 @@ void hold_status_for_fork() {
     pthread_mutex_lock(&status_mutex);
 }
 
-void release_status_after_fork() {
+void release_status_after_fork(bool in_child) {
+    if (in_child) status_changed = PTHREAD_COND_INITIALIZER;
     pthread_mutex_unlock(&status_mutex);
 }
 

@@ -33,8 +33,8 @@ void status_callback(int32_t row, timespec begun);
 // A full application is done: wakes who waits for it.
 void status_applied();
 
-// Around fork(), on the thread that forks: the child finds the mutex free.
+// Around fork(): the child finds the mutex free, and nobody who waits.
 void hold_status_for_fork();
-void release_status_after_fork();
+void release_status_after_fork(bool in_child);
 
 }  // namespace dm

@@ -21,6 +21,7 @@ namespace dmq {
 namespace {
 
 constexpr uint32_t longest_record = 64 << 20;
+constexpr const char *others_are_connected = "others are connected to it";
 constexpr auto between_tries = std::chrono::milliseconds(20);
 
 // The fixed part of a record: what an older process does not send is zero.
@@ -111,11 +112,15 @@ std::string find_inspected(const std::string &wanted, const std::string &folder)
         throw Failure(exit_usage, "in which folder is " + shown(wanted) +
                                       "? --inspect or DM_CACHE_INSPECT names it, or --attach takes a path");
     const auto all = inspected_in(folder);
+    std::string safe = wanted;  // as its socket's file is called
+    for (char &c : safe) {
+        if (!std::isalnum(static_cast<unsigned char>(c)) && c != '.' && c != '-' && c != '_') c = '_';
+    }
     std::vector<Inspected> meant;
     std::vector<std::string> names;
     for (const auto &one : all) {
         const std::string pid = std::to_string(one.pid);
-        const bool is_meant = wanted == one.name || wanted == pid || wanted == one.name + "." + pid;
+        const bool is_meant = safe == one.name || wanted == pid || wanted == one.name + "." + pid;
         if (is_meant && is_there(one)) meant.push_back(one);
         names.push_back(one.name);
     }
@@ -131,7 +136,7 @@ std::string find_inspected(const std::string &wanted, const std::string &folder)
 
 Inspection::Inspection(const std::string &path, const Deadline &deadline) : path_(path), deadline_(deadline) {
     while (!connect()) {
-        if (!deadline_.left()) deadline_.passed(shown(path_) + " does not answer", "others are connected to it");
+        if (!deadline_.left()) deadline_.passed(shown(path_) + " does not answer", others_are_connected);
         std::this_thread::sleep_for(between_tries);
     }
 }
@@ -162,7 +167,8 @@ bool Inspection::connect() {
         name_ = behind<dm_inspect_hello>(hello.bytes);
         pid_ = part.pid;
         if (hello.what == DM_INSPECT_HELLO) return true;
-        if (hello.what != DM_INSPECT_BUSY) fail("this is no process that lets itself be inspected");
+        is_full_ = hello.what == DM_INSPECT_BUSY;
+        if (!is_full_) fail("this is no process that lets itself be inspected");
     } else if (errno != EAGAIN) {
         fail(errno == ECONNREFUSED ? process_has_ended : std::strerror(errno));
     }
@@ -184,7 +190,9 @@ void Inspection::receive(void *to, size_t size) {
         const ssize_t n = recv(fd_, at, size, 0);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && errno == EAGAIN) {
-            if (!wait(POLLIN)) deadline_.passed(shown(path_) + " does not answer", "it is stopped, or has no time");
+            if (!wait(POLLIN))
+                deadline_.passed(shown(path_) + " does not answer",
+                                 is_full_ ? others_are_connected : "it is stopped, or has no time");
             continue;
         }
         if (n <= 0) fail("it has ended the connection");

@@ -73,6 +73,7 @@ private:
     const std::string path_;
     const Deadline &deadline_;
     int fd_ = -1;
+    bool is_full_ = false;  // as many clients as may be were there when it was last asked
     std::string name_;
     int32_t pid_ = 0;
 };

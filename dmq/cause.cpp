@@ -119,22 +119,41 @@ std::string told_of(const ProtobufCMessage &object, const Read &read, const std:
     return "row " + std::to_string(read.row) + " has " + (port ? place_text(*port) : key_words(object)) + what;
 }
 
-// The object that a tree should have found, and why it is not in it. Empty: there is none.
-std::string missing_from_tree(const Read &read) {
+// An object that a tree should have found, and why it is not in it. Empty: there is none.
+struct Missing {
+    std::string surely, perhaps;
+};
+
+Missing missing_from_tree(const Read &read) {
     const CacheLock lock;
     const dm_cache_list *list = obj_sub_list[read.row].obj_list;
     const ProtobufCMessage *candidate = nullptr;
     for (const dm_list_head *link = list ? list->head.next : nullptr; list && link != &list->head; link = link->next) {
         const auto &node = *reinterpret_cast<const dm_cache_list_node *>(link);
         if (node.key && node.key->key[read.tree] == read.tree_key)
-            return told_of(*node.obj, read,
-                           ", which has that key: another one had it too and took it along when it went");
+            return {
+                told_of(
+                    *node.obj, read,
+                    ", which has that key, and is not found by it: another one had it too and took it along when it "
+                    "went, or the client has changed the tree"),
+                ""};
         const Match match = node.key ? Match::no : match_of(*node.obj, read);
-        if (match == Match::yes) return told_of(*node.obj, read, ", not indexed: " + unindexed(read.row, *node.obj));
+        if (match == Match::yes)
+            return {told_of(*node.obj, read, ", not indexed: " + unindexed(read.row, *node.obj)), ""};
         if (match == Match::maybe && !candidate) candidate = node.obj;
     }
-    if (!candidate) return "";
-    return told_of(*candidate, read, ", which may be meant, not indexed: " + unindexed(read.row, *candidate));
+    if (!candidate) return {};
+    return {"", told_of(*candidate, read, ", which may be meant, not indexed: " + unindexed(read.row, *candidate))};
+}
+
+// That an object is there, and not found, explains more than any row in which the query looked then.
+std::string surely_missing(const std::vector<Read> &reads) {
+    for (auto read = reads.rbegin(); read != reads.rend(); ++read) {
+        if (read->found || read->of_store() || read->how != DM_CACHE_READ_TREE) continue;
+        if (!trouble_of(read->row).empty()) continue;
+        if (std::string cause = missing_from_tree(*read).surely; !cause.empty()) return cause;
+    }
+    return "";
 }
 
 // What a read that found nothing says of the row as a whole. Empty: nothing.
@@ -146,7 +165,7 @@ std::string specific(const Read &read) {
     }
     const std::string trouble = trouble_of(read.row);
     if (!trouble.empty()) return trouble;
-    return read.how == DM_CACHE_READ_TREE ? missing_from_tree(read) : "";
+    return read.how == DM_CACHE_READ_TREE ? missing_from_tree(read).perhaps : "";
 }
 
 std::string general(const Read &read) {
@@ -158,8 +177,10 @@ std::string general(const Read &read) {
     const uint32_t objects = stats_of(read.row).objects;
     if (objects == 0) return row + " is empty";
     const std::string among = " (" + counted_objects(objects) + ")";
-    if (read.how == DM_CACHE_READ_TREE) return "no object of " + row + " has that key" + among;
-    return row + " has no" + key + among;
+    const uint32_t refused = stats_of(read.row).refused;
+    const std::string besides = refused ? ", and " + std::to_string(refused) + " changes of the row were refused" : "";
+    if (read.how == DM_CACHE_READ_TREE) return "no object of " + row + " has that key" + among + besides;
+    return row + " has no" + key + among + besides;
 }
 
 // A value that an argument might have had instead; empty: none is known.
@@ -217,6 +238,7 @@ std::string cause_of(const Question &question, const Road &road, const Json &val
                row_name(last_found->row);
     }
     if (reads.empty()) return cause_of_refusal(question, road, words);
+    if (std::string cause = surely_missing(reads); !cause.empty()) return cause;
     for (auto read = reads.rbegin(); read != reads.rend(); ++read) {
         if (read->found) continue;
         if (const std::string cause = specific(*read); !cause.empty()) return cause;

@@ -214,6 +214,7 @@ Content stored(Session &session, const Kind &kind) {
         return std::pair(code, std::move(content));
     };
     auto [code, content] = session.ask("all objects of " + std::string(kind.type->name), call);
+    if (code == TQ_MOM_E_REFUSED) throw Failure(exit_no, "the store refuses to give " + std::string(kind.type->name));
     if (code) throw Failure(exit_unreachable, "cannot scan the store, code " + std::to_string(code));
     return std::move(content);
 }

@@ -129,7 +129,9 @@ Message copy_of(const Message &object) {
 
 dm_inspect_object about_node(const obj_sub_entry &row, const dm_cache_list_node &node) {
     dm_inspect_object about{};
-    about.by_client = node.stored == 1 ? DM_INSPECT_BY_STORE : node.stored ? DM_INSPECT_BY_SET_OBJ : DM_INSPECT_BY_HAND;
+    about.by_client = node.stored == 1   ? DM_INSPECT_BY_STORE
+                      : node.stored == 2 ? DM_INSPECT_BY_SET_OBJ
+                                         : DM_INSPECT_BY_HAND;
     if (!row.port_tree) return about;
     about.trees = static_cast<uint8_t>(row.port_tree->tree_num);
     about.indexed = node.key != nullptr;
@@ -161,9 +163,22 @@ Cached cached(const Session &session, int32_t row) {
 
 // Indexes
 
-// What is wrong with an object's keys, by the static ports that are cached; empty: nothing. That another object is found by one
-// of them is nothing wrong.
-std::string index_fault(int32_t row, const Seen &seen) {
+using TreeKey = std::pair<int32_t, int64_t>;
+
+// The keys by which a tree finds an object that has them.
+std::set<TreeKey> keys_that_lead(const Cached &cache) {
+    std::set<TreeKey> keys;
+    for (const auto &entry : cache) {
+        const dm_inspect_object &about = entry.second.about;
+        for (int32_t tree = 0; about.indexed && tree < about.trees; ++tree)
+            if (about.found[tree] == DM_INSPECT_FINDS_OBJECT) keys.emplace(tree, about.key[tree]);
+    }
+    return keys;
+}
+
+// What is wrong with an object's keys, by the static ports that are cached; empty: nothing. That another object which has the
+// same key is found by it is nothing wrong.
+std::string index_fault(int32_t row, const Seen &seen, const std::set<TreeKey> &leading) {
     const CacheLock lock;
     ndm_cache_tree *const set = obj_sub_list[row].port_tree;
     if (!set || seen.about.trees == 0) return "";
@@ -179,6 +194,8 @@ std::string index_fault(int32_t row, const Seen &seen) {
                    hex(key->key[tree]);
         if (seen.about.found[tree] == DM_INSPECT_FINDS_NOTHING)
             return "not found by " + tree_name(row, tree) + " " + hex(key->key[tree]);
+        if (seen.about.found[tree] == DM_INSPECT_FINDS_ANOTHER && !leading.contains({tree, key->key[tree]}))
+            return "taken for another one by " + tree_name(row, tree) + " " + hex(key->key[tree]);
     }
     return "";
 }
@@ -201,7 +218,8 @@ std::string why(int32_t row, const Difference &difference, const Seen *seen) {
     if (difference.is_damaged) return "its bytes in the store mean nothing, so no cache takes them";
     if (!difference.index.empty()) {
         return difference.index.starts_with("not found")
-                   ? "another object with the same key took it along when it went, or memory was short"
+                   ? "another object with the same key took it along when it went, memory was short, or the client has "
+                     "changed the tree"
                    : "";
     }
     if (stats.held) return "the store refuses the row to the cache";
@@ -209,11 +227,11 @@ std::string why(int32_t row, const Difference &difference, const Seen *seen) {
     if (!stats.scanned) return "the row's scan has not ended";
     if (stats.queued) return std::to_string(stats.queued) + " changes of the row wait in the queue";
     if (seen && seen->about.by_client == DM_INSPECT_BY_SET_OBJ)
-        return "set by the client itself, with dm_cache_set_obj()";
+        return "last set by the client itself, with dm_cache_set_obj()";
     if (seen && seen->about.by_client) return "put into the list by the client itself";
     if (!difference.cache && stats.objects >= DM_CACHE_LIST_LIMIT) return "the row is full";
     if (!difference.cache && stats.refused)
-        return "the cache has refused " + counted_objects(stats.refused) + " of the row, perhaps this one";
+        return std::to_string(stats.refused) + " changes of the row were refused, perhaps this one";
     if (!difference.store) return "deleted past the library";
     return difference.cache ? "written past the library, or changed in place by the client"
                             : "written past the library, or taken out by the client itself";
@@ -228,6 +246,7 @@ void compare_row(Session &session, const Kind &kind, const std::map<Place, uint6
                  Reading &read) {
     const Content store = stored(session, kind);
     const Cached cache = cached(session, kind.row);
+    const std::set<TreeKey> leading = keys_that_lead(cache);
     std::set<std::string> keys;
     for (const auto &entry : store.objects) keys.insert(entry.first);
     for (const auto &entry : store.damaged) keys.insert(entry.first);
@@ -243,7 +262,7 @@ void compare_row(Session &session, const Kind &kind, const std::map<Place, uint6
         if (found.is_damaged) found.store_bytes = "damaged";
         if (there != store.objects.end()) found.store_bytes = "x" + there->second;
         if (seen) found.cache_bytes = "x" + pack(*seen->object);
-        if (seen && found.store_bytes == found.cache_bytes) found.index = index_fault(kind.row, *seen);
+        if (seen && found.store_bytes == found.cache_bytes) found.index = index_fault(kind.row, *seen, leading);
         if (found.store_bytes == found.cache_bytes && found.index.empty()) continue;
         if (found.is_damaged) found.store = copy(*left->second);
         if (there != store.objects.end()) found.store = unpack(*kind.type, there->second);
@@ -323,84 +342,125 @@ bool is_live(const Session &session) {
     return session.picture() ? session.picture()->live() : waits_for().empty();
 }
 
+// One comparison, look by look.
+struct Verification {
+    Session &session;
+    std::vector<Kind> kinds;
+    Feed feed;
+    Differences open, told;  // that differ so far, and that do
+    size_t objects = 0;
+    bool is_first = true;
+    std::set<int32_t> unread = {};  // rows that the store did not give
+};
+
+// Reads the rows in which something is open, at first all of them.
+Reading read_rows(Verification &v, const std::map<Place, uint64_t> &changes, int64_t now) {
+    Reading read;
+    for (const Kind &kind : v.kinds) {
+        const bool is_open =
+            std::any_of(v.open.begin(), v.open.end(), [&](const auto &one) { return one.first.first == kind.row; });
+        if ((!v.is_first && !is_open) || v.unread.contains(kind.row)) continue;
+        try {
+            compare_row(v.session, kind, changes, now, read);
+        } catch (const Failure &failure) {
+            if (failure.code != exit_no) throw;
+            note("row " + std::to_string(kind.row) + " is not compared: " + failure.what());
+            v.unread.insert(kind.row);
+        }
+    }
+    return read;
+}
+
+// What differs as it did at the look before is told, unless it may still be on its way.
+void look(Verification &v) {
+    v.feed.mark();
+    const auto before = v.feed.changes();
+    const int64_t before_ms = now_ms();
+    if (!v.is_first && v.session.picture()) v.session.synchronise({});
+    if (!is_live(v.session)) {
+        if (v.is_first) throw Failure(exit_no, "the cache is not live, so it need not be equal: " + waits_for());
+        return;
+    }
+    Reading read = read_rows(v, before, before_ms);
+    v.feed.mark();
+    const auto after = v.feed.changes();
+    if (v.is_first)
+        v.objects = read.objects;
+    else
+        std::erase_if(read.differences, [&](const auto &one) { return !v.open.contains(one.first); });
+    v.is_first = false;
+    for (auto &[place, now] : read.differences) {
+        if (!is_still(place, now, v.open, after)) continue;
+        now.first_ms = v.open.at(place).first_ms;
+        now.is_behind = !has_heard_since(v.session, place.first, now.first_ms);
+        if (!now.is_behind) v.told.emplace(place, std::move(now));
+    }
+    for (const auto &entry : v.told) read.differences.erase(entry.first);
+    v.open = std::move(read.differences);
+}
+
+// One that does not hear, or does not get on, stays as it is.
+void tell_what_is_behind(Verification &v) {
+    for (auto at = v.open.begin(); at != v.open.end();) {
+        const auto one = at++;
+        if (!one->second.is_behind) continue;
+        one->second.why = "the process has not heard of the store, or not got on, for a while";
+        v.told.insert(v.open.extract(one));
+    }
+}
+
+void print_verdict(const Verification &v, bool json) {
+    Table table{{"row", "kind", "key", "store", "cache", "why"}, {}};
+    for (const auto &[place, found] : v.told) add(table, place.first, found, json);
+    if (json || !table.rows.empty()) print_table(table, json);
+    const size_t rows = v.kinds.size() - v.unread.size(), differ = v.told.size();
+    if (!json)
+        print_line(counted_objects(v.objects) + " of " + std::to_string(rows) + (rows == 1 ? " row" : " rows") +
+                   " compared, " +
+                   (differ == 0 ? "none differs" : std::to_string(differ) + (differ == 1 ? " differs" : " differ")));
+    if (v.open.empty()) return;
+    const Difference &first = v.open.begin()->second;
+    note(counted_objects(v.open.size()) + " changed all the while, so that they could not be compared; the first is " +
+         object_name(first.store ? *first.store : *first.cache));
+}
+
+// The same server may have two URLs.
+void note_other_store(const Session &session, const std::string &store) {
+    if (!session.picture() || session.picture()->store.empty() || session.picture()->store == store) return;
+    note(session.picture()->shown_name() + " follows " + shown(session.picture()->store) + ", and is compared with " +
+         store);
+}
+
 }  // namespace
 
 Exit run_verify(Context &context, const Command &command) {
     const bool attached = !command.settings.attach.empty();
     if (attached && command.settings.store.empty())
         throw Failure(exit_usage, "verify compares with the store that --store or DMQ_STORE names");
-    Session &session = context.synchronised({}, command.settings);
+    Session &session = context.open(command.settings);
+    session.synchronise({});
     if (session.is_cut_off()) throw Failure(exit_no, "the cache is cut off from the store");
     const std::vector<Kind> kinds = rows_of(command.words, session);
     if (kinds.empty()) throw Failure(exit_no, "there is no row to be compared");
+    note_other_store(session, shown_url(command.settings.store));
     std::vector<Kind> heard = kinds;
     const Kind ports = find_cached_kind(std::to_string(DM_ROW_PORT_STATIC));
     if (std::none_of(kinds.begin(), kinds.end(), [&](const Kind &kind) { return kind.row == ports.row; }))
         heard.push_back(ports);
-    Feed feed(session, heard);
 
-    Differences open, told;
-    size_t objects = 0;
-    bool all = true;  // are to be read: only once
-    for (int round = 0; round < most_rounds && (all || !open.empty()); ++round) {
+    Verification v{session, kinds, Feed(session, heard), {}, {}};
+    for (int round = 0; round < most_rounds && (v.is_first || !v.open.empty()); ++round) {
         if (round > 0 && attached) {
             const auto left = std::chrono::milliseconds(session.time_left());
             std::this_thread::sleep_for(std::min(left, between_looks));
         }
         if (round > 0 && !session.time_left()) break;
-        feed.mark();
-        const auto before = feed.changes();
-        const int64_t before_ms = now_ms();
-        if (round > 0 && attached) session.synchronise({});
-        if (!is_live(session)) {
-            if (round == 0) throw Failure(exit_no, "the cache is not live, so it need not be equal: " + waits_for());
-            continue;
-        }
-        Reading read;
-        for (const Kind &kind : kinds) {
-            const bool is_open =
-                std::any_of(open.begin(), open.end(), [&](const auto &one) { return one.first.first == kind.row; });
-            if (all || is_open) compare_row(session, kind, before, before_ms, read);
-        }
-        feed.mark();
-        const auto after = feed.changes();
-        if (all) objects = read.objects;
-        if (!all) std::erase_if(read.differences, [&](const auto &one) { return !open.contains(one.first); });
-        all = false;
-        for (auto &[place, now] : read.differences) {
-            if (!is_still(place, now, open, after)) continue;
-            const Difference &first = open.at(place);
-            now.first_ms = first.first_ms;
-            now.is_behind = !has_heard_since(session, place.first, first.first_ms);
-            if (!now.is_behind) told.emplace(place, std::move(now));
-        }
-        for (const auto &entry : told) read.differences.erase(entry.first);
-        open = std::move(read.differences);
+        look(v);
     }
-    // One that does not hear, or does not get on, stays as it is.
-    for (auto at = open.begin(); at != open.end();) {
-        if (!at->second.is_behind) {
-            ++at;
-            continue;
-        }
-        at->second.why = "the process has not heard of the store, or not got on, for a while";
-        told.insert(open.extract(at++));
-    }
-
-    const bool json = command.settings.json;
-    Table table{{"row", "kind", "key", "store", "cache", "why"}, {}};
-    for (const auto &[place, found] : told) add(table, place.first, found, json);
-    if (json || !table.rows.empty()) print_table(table, json);
-    if (!json)
-        print_line(counted_objects(objects) + " of " + std::to_string(kinds.size()) +
-                   (kinds.size() == 1 ? " row" : " rows") + " compared, " +
-                   (told.empty() ? "none differs"
-                                 : std::to_string(told.size()) + (told.size() == 1 ? " differs" : " differ")));
-    if (!open.empty())
-        note(counted_objects(open.size()) +
-             " changed all the while, so that they could not be compared; the first is " +
-             object_name(open.begin()->second.store ? *open.begin()->second.store : *open.begin()->second.cache));
-    return !told.empty() ? exit_no : !open.empty() ? exit_timeout : exit_yes;
+    tell_what_is_behind(v);
+    print_verdict(v, command.settings.json);
+    if (!v.told.empty() || !v.unread.empty()) return exit_no;
+    return v.open.empty() ? exit_yes : exit_timeout;
 }
 
 }  // namespace dmq

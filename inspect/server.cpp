@@ -102,6 +102,7 @@ bool hear(Client &client, const ProcessTexts &texts) {
     client.heard += static_cast<uint32_t>(n);
     if (!end) return client.heard < sizeof client.line;
     client.line[client.heard - 1] = '\0';
+    if (strlen(client.line) != client.heard - 1) return false;
     const int64_t now = now_ms();
     client.whole_ms = now + longest_answer_ms;
     give_time(client, now);
@@ -219,7 +220,8 @@ void close_all(Server &s) {
 
 // Around fork()
 
-// What the inspecting thread may have at any moment, and would have for ever in the child, where it is not there.
+// What the inspecting thread may have at any moment, and would have for ever in the child, where it is not there. Each of these is
+// held for a few words only, so fork() waits for nobody who waits.
 void hold_for_fork() {
     hold_lock_for_fork();
     hold_events_for_fork();
@@ -227,8 +229,8 @@ void hold_for_fork() {
 }
 
 void release_after_fork(bool in_child) {
-    release_status_after_fork();
-    release_events_after_fork();
+    release_status_after_fork(in_child);
+    release_events_after_fork(in_child);
     release_lock_after_fork(in_child);
 }
 

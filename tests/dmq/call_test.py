@@ -102,7 +102,8 @@ class Explain(unittest.TestCase):
             ("ndm_get_static_port_by_dm_phyid 1 1 0 7", -1, "30 dm_phyid 16842759 -, 31 dm_phyid 16842759 -", f"row 31 {port}, which may be meant{no_static}"),
             ("ndm_get_global_port_by_lsm_key 1 2 7 8", -1, "30 lsm 134283783 -", f"row 30 {port}{no_static}"),
             ("ndm_get_global_port_by_ifx 0 62", -1, "30 ifx 62 -", "row 30 has devid=1 slot=2 port=5 with ifx=62, which has that "
-             "key: another one had it too and took it along when it went"),
+             "key, and is not found by it: another one had it too and took it along when it went, or the client has changed the "
+             "tree"),
             ("ndm_get_global_port_by_ifx 0 9999", -1, "30 ifx 9999 -", "no object of row 30 p_dev.vsd_port has that key (399 objects)"),
             ("ndm_get_my_lport_num", -1, "10 key -", "row 10 p_dev.local_port_info is empty"),
             ("_ndm_get_my_lport_num 1", -1, "10 key -, 10 record -", "neither the cache nor the store has row 10 p_dev.local_port_info"),

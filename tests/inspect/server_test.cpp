@@ -304,19 +304,24 @@ TEST_F(Inspect, BelongsToTheProcessThatOpenedIt) {
     const std::string own = path();
     std::atomic<bool> done = false;
     std::thread reader(reads_until, std::cref(done), own);
+    std::thread waiter([&done] {
+        while (!done) dm_cache_wait_applied(1000, 50);
+    });
     for (int code = 0, i = 0; i < 300 && code == 0; ++i) {
         const pid_t copy = fork();
         if (copy == 0) {
             alarm(10);
+            unsetenv("DM_CACHE_INSPECT");
             dm_cache_lock();
             dm_cache_unlock();
-            _exit(dm_cache_stop() == 0 ? 0 : 1);
+            _exit(dm_cache_stop() == 0 && dm_cache_init(&platform.handle, "test") == 0 ? 0 : 1);
         }
         waitpid(copy, &code, 0);
         EXPECT_EQ(code, 0) << i;
     }
     done = true;
     reader.join();
+    waiter.join();
     const pid_t child = fork();
     if (child == 0) {
         bool is_right = true;
