@@ -3,14 +3,16 @@
 #include <memory>
 
 #include "dmq/complete.h"
+#include "dmq/names.h"
 #include "dmq/question.h"
+#include "dmq/things.h"
 #include "tq_dm_cache/ndm.h"
 
 namespace dmq {
 
 namespace {
 
-void print_values(const Query &query, int64_t result, const Json &values) {
+void print_values(const Query &query, int64_t result, const Json &values, const TableOptions &options) {
     Table table{{"name", "value"}, {}};
     const auto add = [&](const std::string &name, const Json &value) {
         const std::string meaning = meaning_of(query, name, !values.empty(), value);
@@ -25,7 +27,7 @@ void print_values(const Query &query, int64_t result, const Json &values) {
             add(name, value);
         }
     }
-    print_table(table, /*json=*/false);
+    print_table(table, options);
 }
 
 void print_json(const Query &query, int64_t result, const Json &values) {
@@ -49,7 +51,7 @@ std::string explaining(const std::vector<std::string> &words) {
     return line;
 }
 
-Exit list_queries(const std::vector<std::string> &words, bool json) {
+Exit list_queries(const std::vector<std::string> &words, const TableOptions &options) {
     Table table{{"function", "header", "prototype", "question", "callable"}, {}};
     std::string lines;
     for (const Query &query : queries) {
@@ -60,37 +62,64 @@ Exit list_queries(const std::vector<std::string> &words, bool json) {
         lines += std::string(query.prototype) + "\n    " + std::string(query.question) + "\n";
         if (!callable) lines += "    Not by call: it takes what only a program has.\n";
     }
-    if (json) print_table(table, /*json=*/true);
-    if (!json) print(lines);
+    if (options.are_given())
+        print_table(table, options);
+    else
+        print(lines);
     return table.rows.empty() ? exit_no : exit_yes;
+}
+
+// The names that stand for its number.
+Candidates next_argument(const Asked &asked) {
+    const Query &query = find_query(asked.words[0], "call");
+    const auto arguments = asked_arguments(query);
+    if (asked.words.size() > arguments.size()) return {};
+    const std::string_view argument = arguments[asked.words.size() - 1];
+    const auto *type = enumeration_of(query, argument);
+    if (!type && !is_number_of_thing(argument)) return {};
+    std::vector<std::string> names;
+    if (type) {
+        names = value_names(*type);
+    } else {
+        asked.context.synchronised({}, asked.settings);
+        names = names_for(argument);
+    }
+    Candidates candidates;
+    for (const auto &name : names) {
+        if (is_plain(name)) candidates.push_back({name, ""});
+    }
+    return candidates;
 }
 
 }  // namespace
 
 Candidates next_query(const Asked &asked) {
     Candidates candidates;
+    if (!asked.words.empty()) return next_argument(asked);
     for (const Query &query : queries) {
-        if (asked.words.empty() && query.callable.call)
-            candidates.push_back({std::string(query.name), std::string(query.question)});
+        if (query.callable.call) candidates.push_back({std::string(query.name), std::string(query.question)});
     }
     return candidates;
 }
 
 Exit run_call(Context &context, const Command &command) {
-    if (command.list) return list_queries(command.words, command.settings.json);
+    if (command.list) return list_queries(command.words, command.table);
     if (command.words.empty()) throw Failure(exit_usage, "call needs the name of a query; see dmq call --list");
-    const auto question = std::make_shared<Question>(find_query(command.words[0], "call"), command.words, "call");
-    const Query &query = question->query();
+    const Query &query = find_query(command.words[0], "call");
     refuse_write(query, !command.settings.attach.empty(), "call");
+    const auto words = with_numbers(query, command.words, [&] { context.synchronised({}, command.settings); });
+    const auto question = std::make_shared<Question>(query, words, "call");
     const auto ask = [question] { return question->ask(); };
     const auto [result, lacked_memory] =
         query.pure ? ask()
                    : context.synchronised({}, command.settings).ask(std::string(query.name) + " to answer", ask);
     const Json values = question->values(result);
-    const auto print_all = command.settings.json ? print_json : print_values;
-    print_all(query, result, values);
+    if (command.settings.json)
+        print_json(query, result, values);
+    else
+        print_values(query, result, values, command.table);
     if (lacked_memory) throw Failure(exit_no, std::string(query.name) + ": not enough memory");
-    if (failed(result)) note(explaining(command.words) + " tells why");
+    if (failed(result)) note(explaining(words) + " tells why");
     return answers(query, result, values) ? exit_yes : exit_no;
 }
 

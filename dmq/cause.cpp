@@ -5,6 +5,7 @@
 #include "dmq/output.h"
 #include "dmq/reads.h"
 #include "dmq/session.h"
+#include "dmq/table.h"
 #include "dmq/topology.h"
 #include "tq_dm_cache/dm_port_index.h"
 #include "tq_dm_cache/ndm.h"

@@ -84,7 +84,7 @@ Exit run_clients(Context &context, const Command &command) {
     Table table{{"name", "pid", "state", "objects", "age_ms", "store", "address"}, {}};
     if (!settings.inspect.empty()) add_inspected(table, settings);
     if (!settings.store.empty()) add_connected(table, context.open(settings), shown_url(settings.store));
-    print_table(table, settings.json);
+    print_table(table, command.table);
     return table.rows.empty() ? exit_no : exit_yes;
 }
 

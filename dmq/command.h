@@ -5,6 +5,7 @@
 #include "dmq/output.h"
 #include "dmq/session.h"
 #include "dmq/store.h"
+#include "dmq/table.h"
 #include "dmq/watch.h"
 
 namespace dmq {
@@ -17,6 +18,8 @@ struct Command {
     Settings settings;
     std::vector<std::string> words;   // behind the command's name
     std::optional<double> watch_for;  // seconds; none: until it is ended
+    TableOptions table;
+    std::string format;  // of the table, as it was typed; empty: not named
     WatchOptions watch;
     bool background = false;
     bool list = false;
@@ -68,6 +71,7 @@ Exit run_store(Context &context, const Command &command);
 Exit run_clients(Context &context, const Command &command);
 Exit run_verify(Context &context, const Command &command);
 Exit run_gen(Context &context, const Command &command);
+Exit run_kinds(Context &context, const Command &command);
 Exit run_shell(Context &context, const Command &command);
 Exit run_help(Context &context, const Command &command);
 

@@ -84,13 +84,49 @@ constexpr Option common[] = {
      .more = "Show the library's own log from this level: 0 all, 1 notable events, 2 failures."},
 };
 
+// Of every command that prints a table.
+constexpr Option no_headings = {
+    .name = "--no-headings", .what = "Records only", .place = in<&Command::table, &TableOptions::no_headings>};
+constexpr Option format = {.name = "--format",
+                           .value = "FORMAT",
+                           .what = "table, json or csv",
+                           .place = in<&Command::format>,
+                           .next = next_format,
+                           .more = "`table`, `json` (the same as `--json`) or `csv` (RFC 4180)."};
+constexpr Option columns_of_table = {.name = "--columns",
+                                     .value = "COLUMN,..",
+                                     .what = "Only these columns, in this order",
+                                     .place = in<&Command::table, &TableOptions::columns>};
+constexpr Option sort = {
+    .name = "--sort",
+    .value = "COLUMN,..",
+    .what = "By these columns; -COLUMN: the greatest first",
+    .place = in<&Command::table, &TableOptions::sort>,
+    .more = "By these columns; `-COLUMN`: the greatest first. Numbers within texts count as numbers."};
+
+constexpr Option table_options[] = {columns_of_table, sort, no_headings, format};
+
+// Those that `show` knows are offered.
+constexpr Option with_columns(Option option) {
+    option.next = next_column;
+    return option;
+}
+
 constexpr Option show_options[] = {
+    with_columns(columns_of_table),
+    with_columns(sort),
+    no_headings,
+    format,
     {.name = "--raw",
      .what = "Also the numbers inside: physical slots, nodes, identifiers, chip ports",
      .place = in<&Command::raw>},
 };
 
 constexpr Option call_options[] = {
+    columns_of_table,
+    sort,
+    no_headings,
+    format,
     {.name = "--list",
      .what = "Which queries there are, or those with a word in name or question",
      .place = in<&Command::list>},
@@ -171,18 +207,28 @@ constexpr Verb table[] = {
      .use = not_attached,
      .about = "Put a topology into the store. It is read and verified whole before anything is written."},
     {.name = "show",
-     .what = "A table: system, devices, slots, cards, ports, roles or chips",
-     .usage = "[TABLE] [COLUMN=VALUE]...",
-     .examples = "  dmq --load examples/chassis.json show ports slot=1/2\n"
-                 "  dmq --load examples/box.json show system --json\n"
-                 "  dmq --load examples/chassis.json show slots --raw\n",
-     .words = {.name = "TABLE", .what = "system, devices, slots, cards, ports, roles or chips; then column=value.."},
+     .what = "A table: system, devices, slots, cards, ports, roles or chips; or one device, card or port",
+     .usage = "[TABLE] [COLUMN=VALUE,..]...\ndevice|card|port NAME",
+     .examples =
+         "  dmq --load examples/chassis.json show ports slot=1/2,1/3 link=down\n"
+         "  dmq --load examples/chassis.json show ports 'speed>=10G' --sort -mbps,name --columns slot,name,mbps\n"
+         "  dmq --load examples/chassis.json show cards role=master,slave\n"
+         "  dmq --load examples/chassis.json show port 2/3/7     all that is known of it\n"
+         "  dmq --load examples/chassis.json show port ifx=257\n"
+         "  dmq --load examples/chassis.json show card 1/M1\n"
+         "  dmq --load examples/box.json show system --json\n"
+         "  dmq --load examples/chassis.json show slots --raw --format csv\n",
+     .words = {.name = "TABLE",
+               .what = "system, devices, slots, cards, ports, roles or chips, then column=value..; or device, card or "
+                       "port, then its name"},
      .options = show_options,
      .run = run_show,
      .next = next_table,
      .about =
          "A table: `system`, `devices`, `slots`, `cards`, `ports`, `roles` or `chips`. Places are told as they are "
-         "printed on the chassis."},
+         "printed on the chassis. `COLUMN=A,B` keeps the records with one of these values; there are also `!=`, `<`, "
+         "`<=`, `>` and `>=`. All that is known of one `device`, `card` or `port` is shown behind its name, number or "
+         "place."},
     {.name = "get",
      .what = "Cached objects as JSON, as `load` takes it",
      .usage = "[KIND [FIELD=VALUE]...]",
@@ -200,6 +246,7 @@ constexpr Verb table[] = {
      .examples = "  dmq --load examples/chassis.json call ndm_get_master_slotid\n"
                  "  dmq --load examples/chassis.json call ndm_card_is_online 1 30 0\n"
                  "  dmq --load examples/chassis.json call ndm_get_role_by_node 1/30/0   a node: device/slot/sub-slot\n"
+                 "  dmq --load examples/chassis.json call ndm_get_role_by_node 1/M1     the same, as show prints it\n"
                  "  dmq call --list master\n",
      .words = query,
      .options = call_options,
@@ -207,7 +254,7 @@ constexpr Verb table[] = {
      .next = next_query,
      .about =
          "Ask any query of the library by its name. A node can be written as device/slot/sub-slot, the identifier of a "
-         "port as device/slot/logical-port."},
+         "port as device/slot/logical-port; both, devices and slots also as `show` prints them."},
     {.name = "explain",
      .what = "What a query reads, what it finds, and why it does not answer",
      .usage = "QUERY [ARGUMENT]...",
@@ -236,7 +283,7 @@ constexpr Verb table[] = {
      .usage = "[KIND]...",
      .examples = "  dmq --load examples/chassis.json sync --timeout 2\n",
      .words = kinds,
-     .options = {},
+     .options = table_options,
      .run = run_sync,
      .next = next_kind,
      .about = "Row by row: subscribed, scanned, objects, changes, milliseconds of the scan."},
@@ -291,7 +338,7 @@ constexpr Verb table[] = {
      .examples =
          "  dmq --inspect /run/dm clients\n  DM_CACHE_INSPECT=/run/dm DMQ_STORE=redis://db dmq clients --json\n",
      .words = {},
-     .options = {},
+     .options = table_options,
      .run = run_clients,
      .about = "Who is there: the processes in the folder of `--inspect`, live or why not, and the clients of the "
               "server that "
@@ -302,12 +349,23 @@ constexpr Verb table[] = {
      .examples = "  dmq --store redis://db verify\n"
                  "  dmq --store redis://db --attach cards verify vsd_port port_static\n",
      .words = kinds,
-     .options = {},
+     .options = table_options,
      .run = run_verify,
      .next = next_kind,
      .about =
          "Is the live cache, or that of `--attach`, equal to the store, row by row and key by key? Both may change "
          "meanwhile: what is told differs, and goes on differing."},
+    {.name = "kinds",
+     .what = "Which kinds of objects there are, or the fields of one",
+     .usage = "[KIND]",
+     .examples = "  dmq kinds\n  dmq kinds card_info          fields, types, enumerations with their values\n"
+                 "  dmq kinds dm_role_e          the names and numbers of an enumeration\n",
+     .words = {.name = "KIND", .what = "A kind or an enumeration by its name; none: all kinds", .most = 1},
+     .options = table_options,
+     .run = run_kinds,
+     .next = next_kind,
+     .about = "Which kinds of objects there are, with row, database and key; or the fields of one, or the values of an "
+              "enumeration."},
     {.name = "store",
      .what = "Compare cache and store; make an embedded store misbehave",
      .usage = "ACTION",
@@ -317,7 +375,7 @@ constexpr Verb table[] = {
                  "  store damage KIND key=value..  bytes that no longer are an object\n"
                  "  store lose N                 the next N confirmations to a cache that is not started yet\n",
      .words = {.name = "WORDS", .what = "An action, then its words", .least = 1},
-     .options = {},
+     .options = table_options,
      .run = run_store,
      .next = next_action,
      .use = not_attached,

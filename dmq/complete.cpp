@@ -52,7 +52,7 @@ bool is_named(const Line &line, const Candidate &candidate) {
 }
 
 Candidates candidates_of(const Line &line, Context &context, const Settings &settings, const std::string &word) {
-    const Asked asked{context, settings, line.words};
+    const Asked asked{context, settings, line.words, word};
     const auto next = line.open ? line.open->next : line.verb ? line.verb->next : next_command;
     Candidates candidates;
     if (!line.open && word.starts_with("-")) {
@@ -84,14 +84,6 @@ void end_in_time() {
     alarm(std::max(seconds.value_or(1), 1U));
 }
 
-// A value is offered when no shell takes it apart and no terminal obeys it.
-bool is_plain(std::string_view text) {
-    constexpr std::string_view marks = "_.:/+-@%,";
-    return std::all_of(text.begin(), text.end(), [&](unsigned char c) {
-        return std::isalnum(c) || marks.find(static_cast<char>(c)) != std::string_view::npos;
-    });
-}
-
 // field=value of an object's key.
 void add_words(std::set<std::string> &words, const Json &key) {
     for (const auto &[field, value] : key.items()) {
@@ -101,6 +93,13 @@ void add_words(std::set<std::string> &words, const Json &key) {
 }
 
 }  // namespace
+
+bool is_plain(std::string_view text) {
+    constexpr std::string_view marks = "_.:/+-@%,";
+    return std::all_of(text.begin(), text.end(), [&](unsigned char c) {
+        return std::isalnum(c) || marks.find(static_cast<char>(c)) != std::string_view::npos;
+    });
+}
 
 Candidates next_command(const Asked &asked) {
     Candidates commands;
@@ -127,6 +126,12 @@ Candidates next_process(const Asked &asked) {
 
 Candidates next_level(const Asked &) {
     return {{"0", "all"}, {"1", "notable events"}, {"2", "failures"}};
+}
+
+Candidates next_format(const Asked &) {
+    Candidates formats;
+    for (const auto &name : format_names()) formats.push_back({name, ""});
+    return formats;
 }
 
 Candidates next_kind(const Asked &) {

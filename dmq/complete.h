@@ -10,6 +10,7 @@ struct Asked {
     Context &context;
     const Settings &settings;
     std::vector<std::string> words;  // behind the command's name, in front of the word that is asked for
+    std::string begun = {};          // what that word has already
 };
 
 struct Candidate {
@@ -17,6 +18,9 @@ struct Candidate {
     std::string what;
 };
 using Candidates = std::vector<Candidate>;
+
+// A value is offered when no shell takes it apart and no terminal obeys it.
+bool is_plain(std::string_view text);
 
 // What each command takes next.
 Candidates next_command(const Asked &asked);
@@ -31,6 +35,8 @@ Candidates next_action(const Asked &asked);
 Candidates next_store(const Asked &asked);
 Candidates next_process(const Asked &asked);
 Candidates next_level(const Asked &asked);
+Candidates next_column(const Asked &asked);
+Candidates next_format(const Asked &asked);
 
 // Prints the candidates, one a line, what they are behind a tab. 1: there are none, for whatever reason; nothing is told.
 Exit complete(const std::vector<std::string> &words);

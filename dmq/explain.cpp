@@ -123,10 +123,11 @@ std::optional<Failure> wait_until_live(Context &context, const Command &command)
 Exit run_explain(Context &context, const Command &command) {
     if (command.words.empty()) throw Failure(exit_usage, "explain needs the name of a query; see dmq call --list");
     const Query &query = find_query(command.words[0], "explain");
-    const auto question = std::make_shared<Question>(query, command.words, "explain");
     refuse_write(query, !command.settings.attach.empty(), "explain");
+    const auto words = with_numbers(query, command.words, [&] { wait_until_live(context, command); });
+    const auto question = std::make_shared<Question>(query, words, "explain");
     const std::optional<Failure> late = query.pure ? std::nullopt : wait_until_live(context, command);
-    const auto ask = [question, words = command.words, quiet = !command.settings.log] {
+    const auto ask = [question, words, quiet = !command.settings.log] {
         Road road = walk_road(*question, quiet);
         const Json values = question->values(road.answer.result);
         std::string cause = cause_of(*question, road, values, words);

@@ -1,8 +1,8 @@
-// What the library's queries answer, as cells of a table: an answer that is none is null, which prints as "-". Each query
-// takes the cache lock as its header says.
+// What the library's queries answer, as cells of a table: an answer that is none is null, which prints as "-"; and all that is
+// known of one port, card or device. Each query takes the cache lock as its header says.
 #pragma once
 
-#include "dmq/json.h"
+#include "dmq/views.h"
 #include "tq_dm_cache/ndm.h"
 
 namespace dmq {
@@ -39,5 +39,17 @@ uint32_t node_of(int32_t dev, int32_t pslot, int32_t sub);
 
 // As an operator calls the slot of a card; by its node when the library has no name for it.
 Json slot_name(uint32_t node, int32_t user_slot = unknown);
+
+// The answer of a query about a thing, or a field of an object.
+struct Fact {
+    std::string name;   // "port_type", "static_info.lane_num"
+    Json value;         // null: no answer
+    std::string shown;  // with what the value means: "ETH_25G"
+    std::string from;   // the rows that say it, "row 17 p_dev.card_info"; empty: it is computed
+};
+
+// Of a thing of `show` by its object and its record in the table: what each query answers that is about such a thing, then
+// what the cached objects say. The caller holds the cache lock.
+std::vector<Fact> facts_of(const View &view, const std::vector<Json> &record, const ProtobufCMessage &object);
 
 }  // namespace dmq

@@ -60,7 +60,7 @@ Exit run_sync(Context &context, const Command &command) {
         if (failure.code != exit_timeout) throw;
         late = failure;
     }
-    print_table(sync_table(kinds), command.settings.json);
+    print_table(sync_table(kinds), command.table);
     if (late) throw Failure(*late);
     return exit_yes;
 }

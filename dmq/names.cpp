@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <numeric>
 
 #include "dmq/failure.h"
@@ -72,6 +73,37 @@ std::string did_you_mean(const std::string &word, std::span<const std::string> c
     return found ? " (did you mean " + *found + "?)" : "";
 }
 
+std::string no_such(const std::string &what, const std::string &word, std::span<const std::string> candidates) {
+    std::string text = what + " " + shown(word) + did_you_mean(word, candidates);
+    for (const auto &candidate : candidates) text += (&candidate == &candidates[0] ? "; there are " : ", ") + candidate;
+    return text;
+}
+
+bool same_word(std::string_view one, std::string_view other) {
+    return std::equal(one.begin(), one.end(), other.begin(), other.end(),
+                      [](unsigned char a, unsigned char b) { return std::tolower(a) == std::tolower(b); });
+}
+
+std::vector<std::string> value_names(const ProtobufCEnumDescriptor &type) {
+    std::vector<std::string> names;
+    for (const auto &value : std::span(type.values, type.n_values)) names.emplace_back(value.name);
+    return names;
+}
+
+const ProtobufCEnumValue *find_value(const ProtobufCEnumDescriptor &type, std::string_view word) {
+    const ProtobufCEnumValue *found = nullptr;
+    size_t shortest = SIZE_MAX;
+    for (const auto &value : std::span(type.values, type.n_values)) {
+        const std::string_view name = value.name;
+        if (word.empty() || name.size() < word.size()) continue;
+        const size_t front = name.size() - word.size();
+        if (!same_word(name.substr(front), word) || (front > 0 && name[front - 1] != '_')) continue;
+        if (name.size() <= shortest) found = name.size() < shortest ? &value : nullptr;
+        shortest = std::min(shortest, name.size());
+    }
+    return found;
+}
+
 const std::vector<Kind> &cached_kinds() {
     static const auto kinds = [] {
         static std::array<obj_sub_entry, DM_ROW_COUNT> table{};
@@ -97,7 +129,10 @@ Kind kind_of(const ProtobufCMessageDescriptor &type) {
 
 const ProtobufCMessageDescriptor &find_type(const std::string &name) {
     if (const auto *type = dm_schema_find_message(name.c_str()); type && name == type->name) return *type;
-    throw Failure(exit_usage, "there is no kind " + shown(name) + did_you_mean(name, type_names()));
+    std::string kinds;
+    for (const Kind &kind : cached_kinds()) kinds += (kinds.empty() ? "" : ", ") + std::string(kind.type->name);
+    throw Failure(exit_usage, "there is no kind " + shown(name) + did_you_mean(name, type_names()) +
+                                  "; those that the cache holds are " + kinds);
 }
 
 Kind find_kind(const std::string &name) {

@@ -17,6 +17,18 @@ namespace dmq {
 // " (did you mean x?)", or nothing when no candidate is near.
 std::string did_you_mean(const std::string &word, std::span<const std::string> candidates);
 
+// A refusal: "`what` x (did you mean y?); there are y, z".
+std::string no_such(const std::string &what, const std::string &word, std::span<const std::string> candidates);
+
+// The value that a word names: by its name, or by the end of it, in whatever case: "master" is DM_ROLE_MASTER. Of several the
+// shortest is meant; null: there is none, or more than one.
+const ProtobufCEnumValue *find_value(const ProtobufCEnumDescriptor &type, std::string_view word);
+
+std::vector<std::string> value_names(const ProtobufCEnumDescriptor &type);
+
+// Are they the same, but for the case of letters?
+bool same_word(std::string_view one, std::string_view other);
+
 // The whole text as a number, decimal or hexadecimal ("-5", "0x1f"); nothing when it is none, or does not fit.
 template <class T> std::optional<T> whole_number(std::string_view text) {
     const bool minus = text.starts_with('-');

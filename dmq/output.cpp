@@ -1,4 +1,4 @@
-// Standard output kept aside, tables, colour and progress.
+// Standard output kept aside, colour and progress.
 #include "dmq/output.h"
 
 #include <fcntl.h>
@@ -32,22 +32,6 @@ void write_all(int fd, std::string_view text) {
     }
 }
 
-// How many characters a text takes on the terminal: bytes that begin one in UTF-8.
-size_t width(std::string_view text) {
-    return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
-}
-
-std::string title(std::string column) {
-    std::transform(column.begin(), column.end(), column.begin(),
-                   [](char c) { return c == '_' ? '-' : static_cast<char>(std::toupper(c)); });
-    return column;
-}
-
-std::string padded(const std::string &text, size_t wanted, bool right) {
-    const std::string space(wanted - width(text), ' ');
-    return right ? space + text : text + space;
-}
-
 // How many bytes the UTF-8 character at the beginning has that a terminal can print; 0: none, or it would obey it.
 size_t printable(std::string_view text) {
     const auto byte = [&](size_t i) -> unsigned { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U; };
@@ -72,16 +56,6 @@ std::string escaped(std::string_view text, bool with_newlines) {
         text.remove_prefix(std::max<size_t>(length, 1));
     }
     return shown;
-}
-
-void print_as_json(const Table &table) {
-    Json records = Json::array();
-    for (const auto &row : table.rows) {
-        Json record = Json::object();
-        for (size_t i = 0; i < row.size(); ++i) record[table.columns[i]] = row[i];
-        records.push_back(std::move(record));
-    }
-    print_line(dump(records));
 }
 
 }  // namespace
@@ -113,8 +87,12 @@ std::string shown(std::string_view word) {
     return word.size() > most ? text + "..." : text;
 }
 
+std::string printable_text(std::string_view text) {
+    return escaped(text, /*with_newlines=*/false);
+}
+
 void note(std::string_view text) {
-    std::string line = "dmq: " + escaped(text, /*with_newlines=*/false) + "\n";
+    std::string line = "dmq: " + printable_text(text) + "\n";
     hide_password(line);
     write_all(STDERR_FILENO, line);
 }
@@ -154,42 +132,6 @@ std::string coloured(Colour colour, const std::string &text) {
     static const char *const code[] = {"", "\033[1m", "\033[32m", "\033[33m", "\033[31m"};
     static const bool wanted = isatty(answers) && !std::getenv("NO_COLOR");
     return wanted && colour != Colour::none ? code[static_cast<int>(colour)] + text + "\033[0m" : text;
-}
-
-std::string cell_text(const Json &cell) {
-    if (cell.is_null()) return "-";
-    if (cell.is_boolean()) return cell.get<bool>() ? "yes" : "no";
-    std::string text = dump(cell);
-    if (cell.is_string()) text = text.substr(1, text.size() - 2);
-    return text.empty() ? "-" : text;
-}
-
-void print_table(const Table &table, bool json) {
-    if (json) return print_as_json(table);
-
-    const size_t columns = table.columns.size();
-    std::vector<size_t> widths(columns);
-    std::vector<bool> numeric(columns, !table.rows.empty());
-    std::vector<std::vector<std::string>> lines{{}};
-    for (const auto &column : table.columns) lines[0].push_back(title(column));
-    for (const auto &row : table.rows) {
-        auto &line = lines.emplace_back();
-        for (const Json &cell : row) {
-            numeric[line.size()] = numeric[line.size()] && (cell.is_number() || cell.is_null());
-            line.push_back(cell_text(cell));
-        }
-    }
-    for (const auto &line : lines) {
-        for (size_t i = 0; i < columns; ++i) widths[i] = std::max(widths[i], width(line[i]));
-    }
-    std::string text;
-    for (const auto &line : lines) {
-        std::string printed;
-        for (size_t i = 0; i < columns; ++i) printed += padded(line[i], widths[i], numeric[i]) + "  ";
-        printed.erase(printed.find_last_not_of(' ') + 1);
-        text += (&line == &lines[0] ? coloured(Colour::heading, printed) : printed) + "\n";
-    }
-    print(text);
 }
 
 Progress::Progress(const char *what) : what_(what), next_(std::chrono::steady_clock::now() + std::chrono::seconds(1)) {}

@@ -25,6 +25,9 @@ void note(std::string_view text);
 // A word of somebody else's as a message may show it: what a terminal would obey is escaped, and no more than a line of it.
 std::string shown(std::string_view word);
 
+// The same of a text of several lines.
+std::string printable_text(std::string_view text);
+
 // A store's URL without what may be its secret, as the platform shows it.
 std::string shown_url(const std::string &url);
 
@@ -41,18 +44,6 @@ enum class Colour { none, heading, good, change, bad };
 
 // The text in a colour, when standard output is a terminal and NO_COLOR is not set.
 std::string coloured(Colour colour, const std::string &text);
-
-// Column names are lower case with underscores: JSON has them as they are, a printed table as "USER-SLOT".
-struct Table {
-    std::vector<std::string> columns;
-    std::vector<std::vector<Json>> rows;
-};
-
-// A cell as it is shown: what would break the line or the terminal is escaped as in JSON.
-std::string cell_text(const Json &cell);
-
-// One record a line, numbers to the right; or a JSON array with one object a record.
-void print_table(const Table &table, bool json);
 
 // How far a long piece of work is: shown on standard error when that is a terminal and a second has passed.
 class Progress {

@@ -102,6 +102,16 @@ void refuse_attached(const Command &command, const Verb &verb) {
         throw Failure(exit_usage, "--load fills a store, and --attach shows the cache of a process");
 }
 
+// --json is --format json; of the two --format says more.
+void settle_format(Command &command) {
+    if (command.format.empty() && command.settings.json) command.format = "json";
+    if (command.format.empty()) return;
+    const auto format = format_of(command.format);
+    if (!format) throw Failure(exit_usage, no_such("there is no format", command.format, format_names()));
+    command.table.format = *format;
+    command.settings.json = format == Format::json;
+}
+
 }  // namespace
 
 std::optional<Command> parse(const std::vector<std::string> &words, const Settings &defaults, bool in_shell) {
@@ -125,6 +135,7 @@ std::optional<Command> parse(const std::vector<std::string> &words, const Settin
         throw Failure(exit_usage, rest[0] + " is one word too many; see dmq " + asked[0]->get_name() + " --help");
     if (!command.run) throw Failure(exit_usage, "say what to do; see dmq --help");
     refuse_attached(command, *find_verb(asked[0]->get_name(), in_shell));
+    settle_format(command);
     if (command.settings.log) g_dm_cache_level = g_ndm_lib_dbg_lvl = *command.settings.log;
     return command;
 }

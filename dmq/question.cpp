@@ -7,6 +7,7 @@
 
 #include "dmq/names.h"
 #include "dmq/output.h"
+#include "dmq/things.h"
 #include "tq_dm_cache/ndm.h"
 
 namespace dmq {
@@ -60,12 +61,27 @@ constexpr Use uses[] = {
     {Pass::object, "", false, word_size, object_handed_out, Count::one, ndm_port_obj_free},
 };
 
+const Use &use_of(Pass pass, std::string_view name) {
+    return *std::find_if(std::begin(uses), std::end(uses),
+                         [&](const Use &one) { return one.pass == pass && (one.name.empty() || one.name == name); });
+}
+
+// The arguments that a person gives: how each is passed, and its name.
+std::vector<std::pair<Pass, std::string_view>> asked_of(const Query &query) {
+    std::vector<std::pair<Pass, std::string_view>> asked;
+    std::string_view names = query.parameters;
+    for (const Pass pass : query.callable.passes) {
+        const std::string_view name = names.substr(0, names.find(' '));
+        names.remove_prefix(std::min(names.size(), name.size() + 1));
+        if (use_of(pass, name).asked) asked.emplace_back(pass, name);
+    }
+    return asked;
+}
+
 // `previous` is the argument before it: a length or a count speaks of that.
 void prepare(Argument &argument, Pass pass, const Argument *previous) {
     static constexpr char untouched = '\xA5';  // so that it shows what a query leaves alone
-    const Use &use = *std::find_if(std::begin(uses), std::end(uses), [&](const Use &one) {
-        return one.pass == pass && (one.name.empty() || one.name == argument.name);
-    });
+    const Use &use = use_of(pass, argument.name);
     argument.use = &use;
     if (use.pass == Pass::s32 && use.name == "len") argument.word = previous->memory.size();
     if (use.size == 0) return;
@@ -91,23 +107,38 @@ std::optional<int64_t> number_of_place(std::string_view name, const std::string 
     return id;
 }
 
-uintptr_t read_number(const Query &query, const Argument &argument, const std::string &text) {
-    const auto *names = enumeration_of(query, argument.name);
-    const auto *named = names ? protobuf_c_enum_descriptor_get_value_by_name(names, text.c_str()) : nullptr;
+std::pair<int64_t, int64_t> range_of(Pass pass) {
+    if (pass == Pass::s32) return {INT32_MIN, INT32_MAX};
+    return {0, pass == Pass::u8 ? UINT8_MAX : UINT32_MAX};
+}
+
+// What a word says without a look at the cache; nothing: it is no number, or none of the argument's.
+std::optional<int64_t> number_in(const Query &query, Pass pass, std::string_view name, const std::string &text) {
+    const auto *names = enumeration_of(query, name);
+    const auto *named = names ? find_value(*names, text) : nullptr;
     std::optional<int64_t> value = named ? std::optional<int64_t>(named->value) : whole_number<int64_t>(text);
-    if (!value) value = number_of_place(argument.name, text);
-    const int64_t least = argument.use->pass == Pass::s32 ? INT32_MIN : 0;
-    const int64_t most = argument.use->pass == Pass::s32  ? INT32_MAX
-                         : argument.use->pass == Pass::u8 ? UINT8_MAX
-                                                          : UINT32_MAX;
-    if (value && *value >= least && *value <= most) return static_cast<uintptr_t>(*value);
-    const std::string also = is_node(argument.name)   ? " or device/slot/sub-slot"
-                             : is_port(argument.name) ? " or device/slot/logical-port"
-                             : names                  ? " or a name of " + std::string(names->name)
-                                                      : "";
-    throw Failure(exit_usage, std::string(query.name) + ": " + std::string(argument.name) +
-                                  " needs a whole number from " + std::to_string(least) + " to " +
-                                  std::to_string(most) + also + ", not " + dump(text));
+    if (!value) value = number_of_place(name, text);
+    const auto [least, most] = range_of(pass);
+    return value && *value >= least && *value <= most ? value : std::nullopt;
+}
+
+[[noreturn]] void refuse_number(const Query &query, Pass pass, std::string_view name, const std::string &text,
+                                const std::string &near = "") {
+    const auto *names = enumeration_of(query, name);
+    std::string also = is_node(name) ? " or device/slot/sub-slot" : is_port(name) ? " or device/slot/logical-port" : "";
+    if (is_number_of_thing(name)) also += " or a name that show prints";
+    if (names) also += " or a name of " + std::string(names->name);
+    const auto [least, most] = range_of(pass);
+    std::string refusal = std::string(query.name) + ": " + std::string(name) + " needs a whole number from " +
+                          std::to_string(least) + " to " + std::to_string(most) + also + ", not " + dump(text) + near;
+    if (names) refusal = no_such(refusal + "; no name is", text, value_names(*names));
+    throw Failure(exit_usage, refusal);
+}
+
+uintptr_t read_number(const Query &query, const Argument &argument, const std::string &text) {
+    const auto value = number_in(query, argument.use->pass, argument.name, text);
+    if (!value) refuse_number(query, argument.use->pass, argument.name, text);
+    return static_cast<uintptr_t>(*value);
 }
 
 Json number_asked(const Argument &argument) {
@@ -230,6 +261,30 @@ void refuse_write(const Query &query, bool attached, const std::string &command)
     if (attached && query.name == "ndm_reset_module_by_node_causelly")
         throw Failure(exit_usage, command + ": " + std::string(query.name) +
                                       " writes the store, so it is not for a process that dmq is attached to");
+}
+
+std::vector<std::string_view> asked_arguments(const Query &query) {
+    std::vector<std::string_view> names;
+    for (const auto &[pass, name] : asked_of(query)) names.push_back(name);
+    return names;
+}
+
+std::vector<std::string> with_numbers(const Query &query, std::vector<std::string> words,
+                                      const std::function<void()> &prepare) {
+    const auto asked = asked_of(query);
+    bool is_ready = false;
+    for (size_t i = 0; i < asked.size() && i + 1 < words.size(); ++i) {
+        const auto &[pass, name] = asked[i];
+        std::string &word = words[i + 1];
+        if (pass == Pass::text || !is_number_of_thing(name) || number_in(query, pass, name, word)) continue;
+        if (whole_number<int64_t>(word)) refuse_number(query, pass, name, word);
+        if (!is_ready) prepare();
+        is_ready = true;
+        const auto [number, near] = number_of_thing(name, word);
+        if (number.empty()) refuse_number(query, pass, name, word, near);
+        word = number;
+    }
+    return words;
 }
 
 bool failed(int64_t result) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstring>
+#include <functional>
 #include <vector>
 
 #include "dmq/call.h"
@@ -57,6 +58,14 @@ private:
     std::vector<Argument> arguments_;
     Json asked_ = Json::object();
 };
+
+// The names of the arguments that a person gives, in their order.
+std::vector<std::string_view> asked_arguments(const Query &query);
+
+// The words with the names of things as the numbers that they stand for: "Slot 1/M1" where a node is wanted. `prepare` makes the
+// cache ready, once and only when there is such a name. Throws a Failure for a name that is none, and lists those that are.
+std::vector<std::string> with_numbers(const Query &query, std::vector<std::string> words,
+                                      const std::function<void()> &prepare);
 
 // Throws a Failure when there is no such query, or it is not one for a command line.
 const Query &find_query(const std::string &name, const std::string &command);

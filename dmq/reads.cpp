@@ -6,6 +6,7 @@
 
 #include "dmq/names.h"
 #include "dmq/output.h"
+#include "dmq/table.h"
 #include "dmq/topology.h"
 #include "tq_dm_cache/dm_cache_status.h"
 #include "tq_dm_cache/p_dev.pb-c.h"

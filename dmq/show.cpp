@@ -1,219 +1,136 @@
-// Tables for people. A walk over cached objects says what there is; what is told of it is asked of the library's queries,
-// and read from the object where no query tells it. A table is made under one hold of the cache lock.
+// `show`: a table of the cache, or all that is known of one port, card or device.
 #include <algorithm>
-#include <set>
-#include <sstream>
 
 #include "dmq/complete.h"
 #include "dmq/facts.h"
-#include "tq_dm_cache/p_dev.pb-c.h"
+#include "dmq/names.h"
+#include "dmq/things.h"
 
 namespace dmq {
 
 namespace {
 
-// Adds a record about a card or a part of it. It begins with where that is.
-void add(Table &table, uint32_t node, const std::vector<Json> &cells, int32_t user_slot = unknown) {
-    int32_t dev = unknown, pslot = unknown, sub = unknown;
-    ndm_get_dev_slot_cpuid_from_node(node, &dev, &pslot, &sub);
-    if (user_slot < 0) user_slot = written(ndm_get_userslot_from_node, node);
-    std::vector<Json> row{dev, number(user_slot), slot_name(node, user_slot), sub, pslot};
-    row.insert(row.end(), cells.begin(), cells.end());
-    table.rows.push_back(std::move(row));
-}
-
-void add_system(Table &table) {
-    const int32_t dev = ndm_get_my_devid(), user_slot = ndm_get_my_user_slot();
-    const PDev__DpLibGrole *roles = nullptr;
-    dm_cache_get_obj(DM_ROW_DP_LIB_GROLE, nullptr, &roles);
-    const PDev__DpLibComplete *complete = nullptr;
-    dm_cache_get_obj(DM_ROW_DP_LIB_COMPLETE, nullptr, &complete);
-    table.rows = {{"virtual unit", dev < 0 ? Json() : Json(ndm_is_vsu() == 1)},
-                  {"this device", number(dev)},
-                  {"device type", text(ndm_get_my_device_name)},
-                  {"this slot", user_slot < 0 ? Json() : text(ndm_get_user_slot_name, dev, user_slot, /*sub_slot=*/0)},
-                  {"this card", text(ndm_get_card_name_by_slot, dev, user_slot, /*reserved=*/0)},
-                  {"node type", enum_name(p_dev__dm_node_type_e__descriptor, ndm_get_my_node_type())},
-                  {"role", enum_name(p_dev__dm_role_e__descriptor, ndm_get_my_dev_grole())},
-                  {"role in device", enum_name(p_dev__dm_role_e__descriptor, ndm_get_my_dev_lrole())},
-                  {"ports of this card", number(ndm_get_my_lport_num())},
-                  {"master", slot_name(ndm_get_master_node())},
-                  {"slave", slot_name(written<uint32_t>(ndm_get_slaver_node))},
-                  {"master of device", slot_name(static_cast<uint32_t>(written(ndm_get_my_local_master_node)))},
-                  {"system mac", roles ? Json(to_hex(roles->sysmac)) : Json()},
-                  {"store is complete", complete ? Json(complete->all_is_complete != 0) : Json()},
-                  {"node", hex(ndm_get_my_node())}};
-}
-
-void add_device(Table &table, const ProtobufCMessage &object) {
-    const auto &device = reinterpret_cast<const PDev__DeviceInfo &>(object);
-    const int32_t dev = device.devid;
-    const auto *sync = cached<PDev__DeviceSyncInfo>(DM_ROW_DEVICE_SYNC_INFO, *device.index);
-    table.rows.push_back({dev, text(ndm_get_dev_name_by_id, dev),
-                          text(ndm_get_dev_name_by_type, written(ndm_get_device_type, dev)),
-                          ndm_device_is_online(dev) == 1, number(ndm_get_slot_num(dev)), ndm_get_online_lc_num(dev),
-                          text(ndm_get_device_sn, dev), to_hex(device.mac_addr), sync ? Json(sync->hw_ver) : Json()});
-}
-
-// The slots of a device. When they are not known, one record says that.
-void add_slots(Table &table, const ProtobufCMessage &object) {
-    const auto &device = reinterpret_cast<const PDev__DeviceInfo &>(object);
-    if (ndm_get_slot_num(device.devid) < 0) table.rows.emplace_back(table.columns.size())[0] = device.devid;
-    for (int32_t user_slot = 0; user_slot < 32; ++user_slot) {
-        const auto node = written<uint32_t>(ndm_get_node_from_userslot, device.devid, user_slot);
-        if (node == no_id) continue;
-        const bool has_type = static_cast<size_t>(user_slot) < device.static_info->n_slot_type;
-        const int32_t type = has_type ? device.static_info->slot_type[user_slot] : unknown;
-        const Json card = text(ndm_get_card_name_by_slot, device.devid, user_slot, 0);
-        const Json online = card.is_null() ? Json() : Json(ndm_card_is_online_by_node(node) == 1);
-        add(table, node, {enum_name(p_dev__dm_slot_type_e__descriptor, type), card, online, hex(node)}, user_slot);
+// Without what is of no use to an operator, unless columns are named.
+TableOptions plain_options(const View &view, const Command &command) {
+    TableOptions options = command.table;
+    if (command.raw || !options.columns.empty()) return options;
+    for (const auto &column : columns_of(view)) {
+        if (!is_raw(column)) options.columns += (options.columns.empty() ? "" : ",") + column;
     }
+    return options;
 }
 
-void add_card(Table &table, const ProtobufCMessage &object) {
-    const auto &card = reinterpret_cast<const PDev__CardInfo &>(object);
-    const int32_t dev = card.index->devid, pslot = card.index->slotid, sub = card.index->sslotid;
-    const int32_t type = ndm_get_dev_phy_type(dev, pslot, sub);
-    const uint32_t node = node_of(dev, pslot, sub);
-    add(table, node,
-        {card.name, enum_name(p_dev__dm_node_type_e__descriptor, ndm_get_node_type_from_card_type(type)),
-         ndm_card_is_online_by_node(node) == 1,
-         enum_name(p_dev__dm_role_e__descriptor, sub ? unknown : ndm_get_role_by_node(node)), card.port_num,
-         number(ndm_get_total_chip_num_by_card_type(type)), ndm_is_vsl_card(dev, pslot) == 1, to_hex(card.mac_addr),
-         number(type), hex(node), hex(written<uint32_t>(ndm_get_dcm_addr_from_node, node))});
+Exit show_table(Context &context, const View &view, const Command &command) {
+    const auto conditions = read_conditions(view, std::span(command.words).subspan(command.words.empty() ? 0 : 1));
+    context.synchronised({}, command.settings);
+    Table table = make_table(view);
+    std::erase_if(table.rows, [&](const auto &record) {
+        const bool is_hidden = view.row < 0 && !command.raw && record[0].is_string() && is_raw(record[0]);
+        return is_hidden || !fits(record, conditions);
+    });
+    print_table(table, plain_options(view, command));
+    return table.rows.empty() ? exit_no : exit_yes;
 }
 
-// A port whose static port is not cached has no identifier: no query finds it.
-void add_port(Table &table, const ProtobufCMessage &object) {
-    const auto &port = reinterpret_cast<const PDev__VsdPort &>(object);
-    const auto &key = *port.index;
-    PDev__PortIndex fixed_key = P_DEV__PORT_INDEX__INIT;
-    fixed_key.t_dev = key.t_dev;
-    fixed_key.t_slot = key.t_slot;
-    fixed_key.t_port = key.t_port;
-    fixed_key.t_type = key.t_type;
-    fixed_key.t_sslot = key.t_sslot;
-    const auto *fixed = cached<PDev__PortStatic>(DM_ROW_PORT_STATIC, fixed_key);
-    const int32_t lport = fixed ? fixed->static_info->lport : unknown;
-    const auto objid = written<uint32_t>(ndm_get_objid_by_slot_lport, key.t_dev, port.physlot, lport);
-    int32_t its_dev, its_slot, unit = unknown, cport = unknown;
-    ndm_get_id_from_phyid(objid, &its_dev, &its_slot, &unit, &cport);
-    add(table, node_of(key.t_dev, port.physlot, key.t_sslot),
-        {key.t_port, port.hardware_name, enum_name(p_intf__intftype_e__descriptor, written(ndm_get_port_type, objid)),
-         port.bandwidth / 1000, port.link_state ? "up" : "down", number(written(ndm_get_vsdid_by_objid, objid)),
-         number(ndm_get_global_ifx_by_objid(objid)), number(lport), hex(objid), number(unit), number(cport)});
+Json record_json(const View &view, const Thing &thing, const std::vector<Fact> &facts) {
+    Json json = Json::object();
+    const auto columns = columns_of(view);
+    for (size_t i = 0; i < columns.size(); ++i) json[columns[i]] = thing.record[i];
+    Json &told = json["facts"] = Json::array();
+    for (const auto &[name, value, shown, from] : facts)
+        told.push_back({{"fact", name}, {"value", value}, {"shown", shown}, {"from", from}});
+    return json;
 }
 
-void add_roles(Table &table, const ProtobufCMessage &object) {
-    const auto &roles = reinterpret_cast<const PDev__DpLibGrole &>(object);
-    for (const PDev__LibCardRole *card : std::span(roles.card_role, roles.n_card_role)) {
-        const uint32_t node = node_of(card->devid, card->slotid, card->sslotid);
-        add(table, node,
-            {enum_name(p_dev__dm_role_e__descriptor, ndm_get_role_by_node(node)),
-             ndm_mb_is_local_master(card->devid, card->slotid) == 1, card->tipc_addr, hex(node)});
+void print_facts(const View &view, const Thing &thing, const Command &command) {
+    Table table{{"fact", "value", "from"}, {}};
+    for (const auto &[name, value, shown, from] : facts_of(view, thing.record, *thing.object))
+        table.rows.push_back({name, value.is_null() ? Json() : Json(shown), from.empty() ? Json() : Json(from)});
+    if (!command.table.are_given()) {
+        print_table({columns_of(view), {thing.record}}, {});
+        print("\n");
     }
+    print_table(table, command.table);
 }
 
-void add_chips(Table &table, const ProtobufCMessage &object) {
-    const auto &card = reinterpret_cast<const PDev__CardInfo &>(object);
-    PDev__DmCardStattrIndex card_type = P_DEV__DM_CARD_STATTR_INDEX__INIT;
-    PDev__DmTypeIndex chip_type = P_DEV__DM_TYPE_INDEX__INIT;
-    card_type.type = card.config_dev_type;
-    const auto *fixed = cached<PDev__DmCardStattrT>(DM_ROW_DM_CARD_STATTR, card_type);
-    for (size_t i = 0; fixed && i < fixed->n_chip_attr_array; ++i) {
-        const PDev__DmChipAttrT &chip = *fixed->chip_attr_array[i];
-        chip_type.type = chip.chip_type;
-        const auto *type = cached<PDev__DmChipStattrT>(DM_ROW_DM_CHIP_STATTR, chip_type);
-        add(table, node_of(card.index->devid, card.index->slotid, card.index->sslotid),
-            {i, type ? Json(type->name) : Json(), number(ndm_get_chip_family(chip.chip_type)), chip.port_num,
-             chip.is_switch_chip != 0, card.name, chip.chip_type});
+void print_things(const View &view, const std::vector<Thing> &things, const Command &command) {
+    if (command.table.format == Format::json) {
+        Json all = Json::array();
+        for (const Thing &thing : things)
+            all.push_back(record_json(view, thing, facts_of(view, thing.record, *thing.object)));
+        return print_line(dump(all));
     }
+    if (things.size() == 1) return print_facts(view, things[0], command);
+    Table table{columns_of(view), {}};
+    for (const Thing &thing : things) table.rows.push_back(thing.record);
+    print_table(table, command.table);
 }
 
-// Adds the records of every cached object of a row, in order.
-template <int32_t row, void (*add)(Table &, const ProtobufCMessage &)> void add_each(Table &table) {
-    each_cached(row, [&](const ProtobufCMessage &object) { add(table, object); });
-    std::sort(table.rows.begin(), table.rows.end());
-}
-
-constexpr struct View {
-    const char *name;
-    bool has_places;  // its columns begin with where a thing is
-    const char *columns;
-    void (*make)(Table &);
-} views[] = {
-    {"system", false, "what value", add_system},
-    {"devices", false, "dev name type online slots line_cards serial mac hw", add_each<DM_ROW_DEVICE_INFO, add_device>},
-    {"slots", true, "type card online node", add_each<DM_ROW_DEVICE_INFO, add_slots>},
-    {"cards", true, "card node_type online role ports chips vsl mac type_number node dcm",
-     add_each<DM_ROW_CARD_INFO, add_card>},
-    {"ports", true, "port name type mbps link vsd ifx lport objid unit cport", add_each<DM_ROW_VSD_PORT, add_port>},
-    {"roles", true, "role local_master tipc node", add_each<DM_ROW_DP_LIB_GROLE, add_roles>},
-    {"chips", true, "chip name family ports switching card type_number", add_each<DM_ROW_CARD_INFO, add_chips>}};
-
-std::vector<std::string> view_names() {
-    std::vector<std::string> names;
-    for (const View &view : views) names.emplace_back(view.name);
-    return names;
-}
-
-const View &find_view(const std::string &wanted) {
-    for (const View &view : views) {
-        if (wanted == view.name) return view;
+// Words with a condition narrow the choice, the others together are a name.
+Exit show_things(Context &context, const View &view, const Command &command) {
+    const std::string one(view.one);
+    std::string name;
+    std::vector<std::string> narrow;
+    for (const auto &word : std::span(command.words).subspan(1)) {
+        if (is_condition(word))
+            narrow.push_back(word);
+        else
+            name += (name.empty() ? "" : " ") + word;
     }
-    throw Failure(exit_usage, "show has no table " + shown(wanted) + did_you_mean(wanted, view_names()));
-}
-
-std::vector<std::string> columns_of(const View &view) {
-    std::istringstream columns(std::string(view.has_places ? "dev uslot slot sub pslot " : "") + view.columns);
-    return {std::istream_iterator<std::string>(columns), {}};
-}
-
-// Keeps the records whose columns show these values: "dev=1"; "slot=1/M1" with or without the word Slot.
-void filter(Table &table, std::span<const std::string> wanted) {
-    for (const auto &word : wanted) {
-        const std::string column = word.substr(0, word.find('='));
-        const auto found = std::find(table.columns.begin(), table.columns.end(), column);
-        if (column == word || found == table.columns.end())
-            throw Failure(exit_usage, "show: " + word + " names no column" + did_you_mean(column, table.columns));
-        const auto index = static_cast<size_t>(found - table.columns.begin());
-        const std::set<std::string> kept = {word.substr(column.size() + 1), "Slot " + word.substr(column.size() + 1)};
-        std::erase_if(table.rows, [&](const auto &row) { return !kept.contains(cell_text(row[index])); });
+    if (name.empty() && narrow.empty())
+        throw Failure(exit_usage, "which " + one + "? By a name or number of it, or column=value; see show " +
+                                      std::string(view.name) + " --raw");
+    const auto conditions = read_conditions(view, narrow);
+    context.synchronised({}, command.settings);
+    const CacheLock lock;
+    const auto things = find_things(view, name, conditions);
+    if (things.empty()) {
+        std::string wanted = name;
+        for (const auto &word : narrow) wanted += (wanted.empty() ? "" : " ") + word;
+        throw Failure(exit_no, "there is no " + one + " " + shown(wanted) + what_is_near(view, name));
     }
-}
-
-// Takes away the columns, and the lines about the system, that are of no use to an operator.
-void hide_raw(Table &table) {
-    const std::set<Json> raw{"uslot", "pslot", "node", "dcm", "lport", "objid", "unit", "cport", "type_number"};
-    std::erase_if(table.rows, [&](const auto &row) { return raw.contains(row[0]); });
-    for (size_t i = table.columns.size(); i-- > 0;) {
-        if (!raw.contains(table.columns[i])) continue;
-        table.columns.erase(table.columns.begin() + static_cast<ptrdiff_t>(i));
-        for (auto &row : table.rows) row.erase(row.begin() + static_cast<ptrdiff_t>(i));
-    }
+    print_things(view, things, command);
+    if (things.size() > 1 && command.table.format == Format::table)
+        note(std::to_string(things.size()) + " are called so; name one of them");
+    return exit_yes;
 }
 
 }  // namespace
 
 Candidates next_table(const Asked &asked) {
     Candidates candidates;
-    for (const auto &name : asked.words.empty() ? view_names() : columns_of(find_view(asked.words[0])))
-        candidates.push_back({asked.words.empty() ? name : name + "=", ""});
+    if (asked.words.empty()) {
+        for (const auto &name : view_names()) candidates.push_back({name, ""});
+        return candidates;
+    }
+    const View &view = find_view(asked.words[0]);
+    for (const auto &column : columns_of(view)) {
+        candidates.push_back({column + "=", ""});
+        if (const auto *type = names_in(view, column)) {
+            for (const auto &name : value_names(*type)) candidates.push_back({column + "=" + name, ""});
+        }
+    }
+    if (asked.words[0] == view.name) return candidates;
+    asked.context.synchronised({}, asked.settings);
+    for (const auto &name : names_of_things(view)) {
+        if (is_plain(name)) candidates.push_back({name, ""});
+    }
+    return candidates;
+}
+
+// Behind the last comma of a list of columns.
+Candidates next_column(const Asked &asked) {
+    Candidates candidates;
+    const std::string front = asked.begun.substr(0, asked.begun.rfind(',') + 1);
+    for (const auto &column : columns_of(find_view(asked.words.empty() ? "system" : asked.words[0])))
+        candidates.push_back({front + column, ""});
     return candidates;
 }
 
 Exit run_show(Context &context, const Command &command) {
-    const View &view = find_view(command.words.empty() ? "system" : command.words[0]);
-    context.synchronised({}, command.settings);
-    Table table{columns_of(view), {}};
-    {
-        const CacheLock lock;
-        view.make(table);
-    }
-    if (!command.words.empty()) filter(table, std::span(command.words).subspan(1));
-    if (!command.raw) hide_raw(table);
-    print_table(table, command.settings.json);
-    return table.rows.empty() ? exit_no : exit_yes;
+    const std::string wanted = command.words.empty() ? "system" : command.words[0];
+    const View &view = find_view(wanted);
+    return wanted == view.name ? show_table(context, view, command) : show_things(context, view, command);
 }
 
 }  // namespace dmq

@@ -81,8 +81,8 @@ Exit compare(Session &session, const Command &command) {
         if (command.settings.json) row.push_back(lines);
         for (const auto &line : lines) told += line + "\n";
     }
-    print_table(table, command.settings.json);
-    if (!command.settings.json) print(told);
+    print_table(table, command.table);
+    if (command.table.format == Format::table) print(told);
     return equal ? exit_yes : exit_no;
 }
 

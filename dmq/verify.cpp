@@ -409,12 +409,13 @@ void tell_what_is_behind(Verification &v) {
     }
 }
 
-void print_verdict(const Verification &v, bool json) {
+void print_verdict(const Verification &v, const Command &command) {
     Table table{{"row", "kind", "key", "store", "cache", "why"}, {}};
-    for (const auto &[place, found] : v.told) add(table, place.first, found, json);
-    if (json || !table.rows.empty()) print_table(table, json);
+    for (const auto &[place, found] : v.told) add(table, place.first, found, command.settings.json);
+    const bool is_plain = command.table.format == Format::table;
+    if (!is_plain || !table.rows.empty()) print_table(table, command.table);
     const size_t rows = v.kinds.size() - v.unread.size(), differ = v.told.size();
-    if (!json)
+    if (is_plain)
         print_line(counted_objects(v.objects) + " of " + std::to_string(rows) + (rows == 1 ? " row" : " rows") +
                    " compared, " +
                    (differ == 0 ? "none differs" : std::to_string(differ) + (differ == 1 ? " differs" : " differ")));
@@ -458,7 +459,7 @@ Exit run_verify(Context &context, const Command &command) {
         look(v);
     }
     tell_what_is_behind(v);
-    print_verdict(v, command.settings.json);
+    print_verdict(v, command);
     if (!v.told.empty() || !v.unread.empty()) return exit_no;
     return v.open.empty() ? exit_yes : exit_timeout;
 }

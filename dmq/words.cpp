@@ -10,11 +10,15 @@ namespace dmq {
 
 namespace {
 
-// A text stays a text; anything else is read as JSON reads it, numbers also in hex (0x0c041e00).
+// A text stays a text, the end of an enumeration's name is the name; anything else is read as JSON reads it, numbers also in hex (0x0c041e00).
 Json value_of(const ProtobufCFieldDescriptor &field, const std::string &text) {
     const bool textual = field.type == PROTOBUF_C_TYPE_STRING || field.type == PROTOBUF_C_TYPE_BYTES ||
                          field.type == PROTOBUF_C_TYPE_ENUM;
-    if (textual && field.label != PROTOBUF_C_LABEL_REPEATED) return text;
+    if (textual && field.label != PROTOBUF_C_LABEL_REPEATED) {
+        const auto *names = static_cast<const ProtobufCEnumDescriptor *>(field.descriptor);
+        const auto *named = field.type == PROTOBUF_C_TYPE_ENUM ? find_value(*names, text) : nullptr;
+        return named ? named->name : text;
+    }
     if (const auto number = text.starts_with("0x") ? whole_number<uint64_t>(text) : std::nullopt) return *number;
     const Json value = read_json(text, field.name);
     return value.is_discarded() ? Json(text) : value;
