@@ -107,12 +107,13 @@ Exit run_call(Context &context, const Command &command) {
     if (command.words.empty()) throw Failure(exit_usage, "call needs the name of a query; see dmq call --list");
     const Query &query = find_query(command.words[0], "call");
     refuse_write(query, !command.settings.attach.empty(), "call");
-    const auto words = with_numbers(query, command.words, [&] { context.synchronised({}, command.settings); });
+    Session *session = nullptr;
+    const auto prepare = [&] { session = &context.synchronised({}, command.settings); };
+    const auto words = with_numbers(query, command.words, prepare);
     const auto question = std::make_shared<Question>(query, words, "call");
     const auto ask = [question] { return question->ask(); };
-    const auto [result, lacked_memory] =
-        query.pure ? ask()
-                   : context.synchronised({}, command.settings).ask(std::string(query.name) + " to answer", ask);
+    if (!query.pure && !session) prepare();
+    const auto [result, lacked_memory] = query.pure ? ask() : session->ask(std::string(query.name) + " to answer", ask);
     const Json values = question->values(result);
     if (command.settings.json)
         print_json(query, result, values);

@@ -124,9 +124,15 @@ Exit run_explain(Context &context, const Command &command) {
     if (command.words.empty()) throw Failure(exit_usage, "explain needs the name of a query; see dmq call --list");
     const Query &query = find_query(command.words[0], "explain");
     refuse_write(query, !command.settings.attach.empty(), "explain");
-    const auto words = with_numbers(query, command.words, [&] { wait_until_live(context, command); });
+    std::optional<Failure> late;
+    bool is_prepared = query.pure;
+    const auto prepare = [&] {
+        late = wait_until_live(context, command);
+        is_prepared = true;
+    };
+    const auto words = with_numbers(query, command.words, prepare);
     const auto question = std::make_shared<Question>(query, words, "explain");
-    const std::optional<Failure> late = query.pure ? std::nullopt : wait_until_live(context, command);
+    if (!is_prepared) prepare();
     const auto ask = [question, words, quiet = !command.settings.log] {
         Road road = walk_road(*question, quiet);
         const Json values = question->values(road.answer.result);

@@ -83,6 +83,7 @@ std::set<std::string_view> words_in(std::string_view text) {
     return words;
 }
 
+// None of these queries writes: one that does takes a text too.
 bool is_about(const Query &query, const Subject &subject) {
     const auto passes = query.callable.passes;
     if (!query.callable.call || query.name.starts_with('_') || query.name.ends_with("_rt")) return false;
@@ -109,12 +110,12 @@ std::string fact_name(std::string_view query) {
 }
 
 // The rows where a query found something; when it found nothing, those where it looked.
-std::string rows_of(const Road &road) {
+std::vector<std::string> rows_of(const Road &road) {
     std::set<int32_t> found, read;
     for (const Read &one : road.reads) (one.found ? found : read).insert(one.row);
-    std::string text;
-    for (const int32_t row : found.empty() ? read : found) text += (text.empty() ? "" : ", ") + row_name(row);
-    return text;
+    std::vector<std::string> rows;
+    for (const int32_t row : found.empty() ? read : found) rows.push_back(row_name(row));
+    return rows;
 }
 
 // What several rows say alike is one fact.
@@ -122,8 +123,10 @@ void add(std::vector<Fact> &facts, Fact fact) {
     const auto same = std::find_if(facts.begin(), facts.end(),
                                    [&](const Fact &one) { return one.name == fact.name && one.value == fact.value; });
     if (same == facts.end()) return facts.push_back(std::move(fact));
-    if (!fact.from.empty() && same->from.find(fact.from) == std::string::npos)
-        same->from += (same->from.empty() ? "" : ", ") + fact.from;
+    for (auto &row : fact.from) {
+        if (std::find(same->from.begin(), same->from.end(), row) == same->from.end())
+            same->from.push_back(std::move(row));
+    }
 }
 
 // A long list is told by its length.
@@ -138,7 +141,7 @@ std::string value_text(const Json &value) {
 }
 
 void add_answer(std::vector<Fact> &facts, const Query &query, const std::string &name, bool has_outs, const Json &value,
-                const std::string &what, const std::string &from) {
+                const std::string &what, const std::vector<std::string> &from) {
     const bool is_none = what == "result" && failed(value);
     const std::string meaning = is_none ? "" : meaning_of(query, what, has_outs, value);
     const Json told = is_none ? Json() : value;
@@ -151,7 +154,8 @@ void add_answers(std::vector<Fact> &facts, const Query &query, const Subject &su
     Question question(query, words, "show");
     const Road road = walk_road(question, /*quiet=*/true);
     const Json values = question.values(road.answer.result);
-    const std::string name = fact_name(query.name), from = rows_of(road);
+    const std::string name = fact_name(query.name);
+    const auto from = rows_of(road);
     if (values.empty()) return add_answer(facts, query, name, false, road.answer.result, "result", from);
     const auto is_said = [&](const std::string &out) {
         return values.size() > 1 && (subject.known.contains(out) || out == "num" || out == "count");
@@ -171,7 +175,7 @@ void add_fields(std::vector<Fact> &facts, const Json &value, const std::string &
             add_fields(facts, field, name == "index" ? "" : path.empty() ? name : path + "." + name, from);
         return;
     }
-    add(facts, {path, value, value_text(value), from});
+    add(facts, {path, value, value_text(value), {from}});
 }
 
 bool is_local(const Subject &subject) {

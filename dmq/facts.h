@@ -42,10 +42,10 @@ Json slot_name(uint32_t node, int32_t user_slot = unknown);
 
 // The answer of a query about a thing, or a field of an object.
 struct Fact {
-    std::string name;   // "port_type", "static_info.lane_num"
-    Json value;         // null: no answer
-    std::string shown;  // with what the value means: "ETH_25G"
-    std::string from;   // the rows that say it, "row 17 p_dev.card_info"; empty: it is computed
+    std::string name;               // "port_type", "static_info.lane_num"
+    Json value;                     // null: no answer
+    std::string shown;              // what the value means: "ETH_25G"
+    std::vector<std::string> from;  // the rows that say it, "row 17 p_dev.card_info"; none: it is computed
 };
 
 // Of a thing of `show` by its object and its record in the table: what each query answers that is about such a thing, then

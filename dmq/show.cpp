@@ -32,38 +32,59 @@ Exit show_table(Context &context, const View &view, const Command &command) {
     return table.rows.empty() ? exit_no : exit_yes;
 }
 
-Json record_json(const View &view, const Thing &thing, const std::vector<Fact> &facts) {
+// What is told of a thing, outside of the lock.
+struct Told {
+    std::vector<Json> record;
+    std::vector<Fact> facts;
+};
+
+Json told_json(const View &view, const Told &thing) {
     Json json = Json::object();
     const auto columns = columns_of(view);
     for (size_t i = 0; i < columns.size(); ++i) json[columns[i]] = thing.record[i];
     Json &told = json["facts"] = Json::array();
-    for (const auto &[name, value, shown, from] : facts)
+    for (const auto &[name, value, shown, from] : thing.facts)
         told.push_back({{"fact", name}, {"value", value}, {"shown", shown}, {"from", from}});
     return json;
 }
 
-void print_facts(const View &view, const Thing &thing, const Command &command) {
+void print_facts(const View &view, const Told &thing, const TableOptions &options) {
     Table table{{"fact", "value", "from"}, {}};
-    for (const auto &[name, value, shown, from] : facts_of(view, thing.record, *thing.object))
-        table.rows.push_back({name, value.is_null() ? Json() : Json(shown), from.empty() ? Json() : Json(from)});
-    if (!command.table.are_given()) {
+    for (const auto &[name, value, shown, from] : thing.facts) {
+        std::string rows;
+        for (const auto &row : from) rows += (rows.empty() ? "" : ", ") + row;
+        table.rows.push_back({name, value.is_null() ? Json() : Json(shown), from.empty() ? Json() : Json(rows)});
+    }
+    if (!options.are_given()) {
         print_table({columns_of(view), {thing.record}}, {});
         print("\n");
     }
-    print_table(table, command.table);
+    print_table(table, options);
 }
 
-void print_things(const View &view, const std::vector<Thing> &things, const Command &command) {
-    if (command.table.format == Format::json) {
+// One with its facts; of several a table, in JSON their facts too.
+void print_things(const View &view, const std::vector<Told> &things, const TableOptions &options) {
+    if (options.format == Format::json) {
         Json all = Json::array();
-        for (const Thing &thing : things)
-            all.push_back(record_json(view, thing, facts_of(view, thing.record, *thing.object)));
+        for (const Told &thing : things) all.push_back(told_json(view, thing));
         return print_line(dump(all));
     }
-    if (things.size() == 1) return print_facts(view, things[0], command);
+    if (things.size() == 1) return print_facts(view, things[0], options);
     Table table{columns_of(view), {}};
-    for (const Thing &thing : things) table.rows.push_back(thing.record);
-    print_table(table, command.table);
+    for (const Told &thing : things) table.rows.push_back(thing.record);
+    print_table(table, options);
+    note(std::to_string(things.size()) + " " + std::string(view.name) + " are meant; name one of them");
+}
+
+std::vector<Told> tell(const View &view, const std::string &name, const std::vector<Condition> &conditions, bool all) {
+    const CacheLock lock;
+    const auto things = find_things(view, name, conditions);
+    std::vector<Told> told;
+    for (const auto &[record, object] : things) {
+        const bool is_whole = all || things.size() == 1;
+        told.push_back({record, is_whole ? facts_of(view, record, *object) : std::vector<Fact>()});
+    }
+    return told;
 }
 
 // Words with a condition narrow the choice, the others together are a name.
@@ -82,16 +103,13 @@ Exit show_things(Context &context, const View &view, const Command &command) {
                                       std::string(view.name) + " --raw");
     const auto conditions = read_conditions(view, narrow);
     context.synchronised({}, command.settings);
-    const CacheLock lock;
-    const auto things = find_things(view, name, conditions);
+    const auto things = tell(view, name, conditions, command.table.format == Format::json);
     if (things.empty()) {
         std::string wanted = name;
         for (const auto &word : narrow) wanted += (wanted.empty() ? "" : " ") + word;
         throw Failure(exit_no, "there is no " + one + " " + shown(wanted) + what_is_near(view, name));
     }
-    print_things(view, things, command);
-    if (things.size() > 1 && command.table.format == Format::table)
-        note(std::to_string(things.size()) + " are called so; name one of them");
+    print_things(view, things, command.table);
     return exit_yes;
 }
 

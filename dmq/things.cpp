@@ -124,7 +124,7 @@ std::vector<Thing> find_things(const View &view, const std::string &name, const 
     std::vector<Thing> things;
     each_cached(view.row, [&](const ProtobufCMessage &object) {
         for (auto &record : records_of(view, object).rows) {
-            if (fits(record, conditions)) things.push_back({std::move(record), copy(object)});
+            if (fits(record, conditions)) things.push_back({std::move(record), &object});
         }
     });
     std::sort(things.begin(), things.end(), [](const Thing &a, const Thing &b) { return a.record < b.record; });

@@ -1,19 +1,19 @@
 // Ports, cards, devices and slots by whatever a person calls them: as the tables of `show` print them, by their places and by the
-// numbers inside. The cache is to be ready; it is locked meanwhile.
+// numbers inside. The cache is to be ready; it is locked meanwhile, unless the caller holds the lock.
 #pragma once
 
 #include "dmq/filter.h"
 
 namespace dmq {
 
-// A record of a table with a copy of the object that it is about.
+// A record of a table, and the object that it is about, borrowed under the lock.
 struct Thing {
     std::vector<Json> record;
-    Message object;
+    const ProtobufCMessage *object;
 };
 
 // Those which fulfil the conditions and, unless the name is empty, are called so. Names that an operator uses go before numbers
-// inside, and these before numbers that many have.
+// inside, and these before numbers that many have. The caller holds the cache lock.
 std::vector<Thing> find_things(const View &view, const std::string &name, const std::vector<Condition> &conditions);
 
 // " (did you mean 2/3/7?); show ports lists them": what is said when there is no such thing.

@@ -63,7 +63,7 @@ class Attach(WithFolder):
                 "delete port_static t_dev=1 t_slot=2 t_sslot=0 t_port=7 t_type=8")
         commands = ["get", "show ports slot=1/2", "show system", "show cards", "call ndm_get_master_slotid",
                     "call ndm_card_is_online 1 30 0", "get device_info devid=1 --json",
-                    "explain ndm_get_global_port_by_ifx 0 63", "explain ndm_card_is_online 1 31 1"]
+                    "explain ndm_get_global_port_by_ifx 0 63", "show port 1/2/7", "call ndm_get_role_by_node 1/M1", "explain ndm_card_is_online 1 31 1"]
         for command in commands:
             with self.subTest(command):
                 self.assertEqual(self.dmq("--attach", "dmq", *command.split()).stdout, "".join(process(command)))

@@ -31,6 +31,12 @@ class Call(unittest.TestCase):
              {"result": "", "objid": "0x14042320: type 5, device 1, slot 3, sub-slot 0, logical port 288"}),
             ("ndm_get_port_type 1/1/5", {"port_type": 8}, {"result": "", "port_type": "ETH_25G"}),
             ("ndm_get_role_by_node 1/30/0", {}, {"result": "DM_ROLE_MASTER"}),
+            ("ndm_get_role_by_node 1/M1", {}, {"result": "DM_ROLE_MASTER"}),
+            ("ndm_get_role_by_node 02:00:04:02:1E:00", {}, {"result": "DM_ROLE_SLAVE"}),
+            ("ndm_card_is_online switch-2 m1 0", {}, {"result": "yes"}),
+            ("ndm_get_sslot_by_lport switch-1 1/1 49", {}, {"result": ""}),
+            ("ndm_get_port_type 1/1/1/1", {"port_type": 3}, {"result": "", "port_type": "ETH_1000M"}),
+            ("ndm_get_node_type_from_card_type SUB-4GE", {}, {"result": "DM_TYPE_SUB_LC"}),
             ("ndm_indep_get_slave_node", {}, {"result": node}),
             ("ndm_card_is_online 1 30 0", {}, {"result": "yes"}),
             ("ndm_get_my_card_multi_lport", {"lports": [45, 46, 47, 48], "num": 4},
@@ -43,7 +49,9 @@ class Call(unittest.TestCase):
             with self.subTest(words):
                 told = answer(*words.split())
                 self.assertEqual((told["answered"], told["out"], told["meaning"]), (True, out, meaning))
-        self.assertEqual(answer("ndm_get_static_port_by_lsm_key", "1", "2", "5", "ETH_25G")["out"]["out"]["index"],
+        self.assertEqual(answer("ndm_get_port_type", "TwentyFiveGigE 2/2/1")["out"], {"port_type": 8})
+        self.assertEqual(answer("ndm_get_role_by_node", "Slot 2/M2")["meaning"], {"result": "DM_ROLE_CANDIDATE"})
+        self.assertEqual(answer("ndm_get_static_port_by_lsm_key", "1", "2", "5", "25g")["out"]["out"]["index"],
                          {"t_dev": 1, "t_slot": 2, "t_port": 5, "t_type": 8, "t_sslot": 0})
         self.assertEqual(len(answer("ndm_get_global_port_in_chip", "1", "1", "0")["out"]["ports"]), 24)
 
@@ -67,6 +75,9 @@ class Call(unittest.TestCase):
                 ("ndm_get_cpu_num 0x12zz", 2, "0 to 4294967295"), ("_ndm_get_chip_family 1 256", 2, "0 to 255"),
                 ("ndm_get_cpu_num 1/30", 2, "device/slot/sub-slot"),
                 ("ndm_get_static_port_by_lsm_key 1 2 5 ETH_26G", 2, "p_intf.intftype_e"),
+                ("ndm_get_static_port_by_lsm_key 1 2 5 ETH_26G", 2, "ETH_200G, ETH_400G"),
+                ("ndm_get_role_by_node 1/M9", 2, "(did you mean 1/M1?); there are 1/1, 1/2, "),
+                ("ndm_get_role_by_node M1", 2, "more than one is called M1; there are 0x0c041e00, 0x0c081e00"),
             ])]:
             with self.subTest(words):
                 done = dmq(*store, "call", *words.split())

@@ -1,5 +1,7 @@
 """dmq as a person or a script meets it: answers, refusals and exit codes. Arguments: dmq, the example clients in C and in C++."""
 
+import csv
+import io
 import json
 import os
 import re
@@ -8,7 +10,7 @@ import sys
 import tempfile
 import unittest
 
-from running import ARGUMENTS, CHASSIS, PROJECT, dmq
+from running import ARGUMENTS, CHASSIS, DMQ, PROJECT, dmq
 
 EXAMPLE = (PROJECT / "examples/chassis.json").read_text()
 CARD = "card_info devid=1 slotid=1 sslotid=0"
@@ -56,6 +58,13 @@ class CommandLine(unittest.TestCase):
             ("get card_info", 1, ""),
             (f"delete {CARD}", 1, f"p_dev.{CARD}: no such object in the store, and none of this kind"),
             ("delete card_info name=MB", 2, "only fields of the key name an object"),
+            ("show nonsense", 2, "; there are system, devices, slots, cards, ports, roles, chips, device, card, port"),
+            ("show roles foo=1", 2, "no column foo; there are dev, uslot, slot, sub, pslot, role, local_master, tipc, node"),
+            ("show roles --sort -foo", 2, "no column foo; there are dev"),
+            ("show roles role=mastr", 2, "role is never mastr; there are DM_ROLE_NONE, DM_ROLE_MASTER"),
+            ("show cards online", 2, "needs column=value, not online"),
+            ("sync --format xml", 2, "no format xml; there are table, json, csv"),
+            ("kinds nonsense", 2, "those that the cache holds are p_dev.dp_lib_complete, "), ("show port", 2, "which port?"),
         ]:
             with self.subTest(words):
                 done = dmq(*words.split())
@@ -173,6 +182,73 @@ class CommandLine(unittest.TestCase):
                     ports = json.loads(dmq("--load", box.name, "show", "ports", "--raw", "--json").stdout)
                     self.assertEqual(sorted((it["port"], it["name"], it["cport"]) for it in ports), expected)
 
+    # A script cuts columns out of a table and sorts it; a person asks for the cards that are down.
+    def test_tables_by_columns_order_and_condition(self):
+        plain = "--no-headings --columns"
+        for words, lines in [
+            (f"show cards role=master,DM_ROLE_SLAVE {plain} SLOT,role", ["Slot 1/M1  DM_ROLE_MASTER", "Slot 2/M1  DM_ROLE_SLAVE"]),
+            (f"show roles role!=master role!=slave {plain} dev,node", ["1  0x0c041f00", "2  0x0c081f00"]),
+            (f"show ports speed<=1G dev=2 --sort -sub,-port {plain} name", [f"GigE 2/1/{s}/{p}" for s in (2, 1) for p in (4, 3, 2, 1)]),
+            (f"show ports mbps>1000 mbps!=25G {plain} ifx", []),
+            (f"show ports mbps=25000 slot=2/2 ifx<268 ifx>=266 --sort -name {plain} name,ifx", [f"TwentyFiveGigE 2/2/{p}  {p + 256}" for p in (11, 10)]),
+            (f"show ports objid=336068865,0x14040001 {plain} slot", ["Slot 1/1", "Slot 2/2"]),
+            (f"show cards mac=020004021E00 online=true {plain} slot,name", []),
+            (f"show slots card=- {plain} slot,uslot", ["Slot 1/2  2"]),
+            (f"show cards --sort role,-slot online!=yes {plain} dev,sub,role", ["1  0  -"]),
+            (f"sync 16 17 --sort -objects {plain} objects,kind", ["19  p_dev.card_info", " 2  p_dev.device_info"]),
+            (f"call --list local_master {plain} function", ["ndm_get_my_local_master_node", "ndm_get_my_local_master_node_rt", "ndm_mb_is_local_master"]),
+            (f"call ndm_get_slaver_id {plain} name", ["result", "devid", "slot"]),
+            (f"kinds dm_role_e --sort -value {plain} name", [f"DM_ROLE_{r}" for r in ("CANDIDATE", "SLAVE", "MASTER", "NONE")]),
+        ]:
+            with self.subTest(words):
+                done = dmq(*CHASSIS, lines=["delete card_info devid=1 slotid=1 sslotid=0",
+                                            "set card_info devid=1 slotid=2 sslotid=0 is_online=false", "echo ...", words])
+                self.assertEqual(done.stdout.split("...\n")[1].splitlines(), lines, done.stderr)
+
+    # A spreadsheet takes a field apart at a comma that nobody has quoted.
+    def test_csv(self):
+        name = 'a,"b"\x1b'
+        with tempfile.TemporaryFile() as file:
+            dmq(*CHASSIS, lines=[f"set {CARD} 'name={name}'", "echo ...", "show cards pslot=1 dev=1 --format csv"], stdout=file)
+            file.seek(0)
+            told = file.read().decode().split("...\n")[1]
+        self.assertEqual(list(csv.DictReader(io.StringIO(told, newline="")))[0], {
+            "dev": "1", "slot": "Slot 1/2", "sub": "0", "card": r'a,"b"\x1b', "node_type": "DM_TYPE_LC", "online": "yes",
+            "role": "", "ports": "48", "chips": "2", "vsl": "no", "mac": "02:00:04:01:01:00"})
+        self.assertEqual(told.count("\r\n"), 2)
+
+    # Whoever has one name of a port wants all that is known, and to know who says it.
+    def test_one_thing_whole(self):
+        port, card, device = ("objid", "0x14080101"), ("node", "0x0c041e00"), ("dev", 2)
+        for one, names, (column, value) in [
+            ("port", ["2/2/1", "TwentyFiveGigE 2/2/1", "slot 2/2/1", "336068865", "0x14080101", "257", "ifx=257", "lport=1 pslot=1 dev=2"], port),
+            ("card", ["1/M1", "Slot 1/m1", "1/30/0", "0x0c041e00", "02:00:04:01:1e:00", "dcm=0x0000011e"], card),
+            ("device", ["2", "switch-2", "dev2", "mac=02:00:02:02:ff:00"], device)]:
+            told = lists(dmq(*CHASSIS, lines=[f"show {one} {name} --json" for name in names]).stdout)
+            self.assertEqual([[thing[column] for thing in line] for line in told], [[value]] * len(names))
+        facts = {one: dmq(*CHASSIS, "show", *one.split(), "--no-headings").stdout for one in ["port 257", "card 1/M1", "device 2"]}
+        for one, fact, value, rows in [
+            ("port 257", "port_type", "ETH_25G", "11 dm_card_stattr_t, 17 card_info"), ("port 257", "vsdid", "0", "30 vsd_port"),
+            ("port 257", "bandwidth", "25000000", "30 vsd_port, 31 vsd_port_attr"), ("port 257", "poe_support", "no", "11 dm_card_stattr_t, 17 card_info"),
+            ("port 257", "static_info.lane_num", "1", "7 port_static"),
+            ("card 1/M1", "role", "DM_ROLE_MASTER", "15 dp_lib_grole"), ("card 1/M1", "dcm_addr", "0x0000011e", ""),
+            ("card 1/M1", "ldp_online", "yes", "14 local_card_info"), ("card 1/M1", "min_lport", "-", "11 dm_card_stattr_t, 17 card_info"),
+            ("device 2", "device_sn", "DEV2", "38 device_sync_info"), ("device 2", "slot_num", "8", "16 device_info")]:
+            says = ", ".join("row {} p_dev.{}".format(*row.split()) for row in rows.split(", ") if row) or "-"
+            self.assertRegex(facts[one], f"(?m)^{fact} +{value} +{says}$")
+        for words, code, count, message in [("port 2/9/7", 1, 0, "there is no port 2/9/7 (did you mean 2/"), ("card M1", 0, 3, "2 cards are meant"),
+                                            ("device 3", 1, 0, "; there are 1, 2, switch-1, switch-2")]:
+            done = dmq(*CHASSIS, "show", *words.split())
+            self.assertEqual((done.returncode, len(done.stdout.splitlines()), message in done.stderr), (code, count, True), done)
+
+    def test_kinds(self):
+        kinds = {kind["kind"]: kind for kind in json.loads(dmq("kinds", "--json").stdout)}
+        self.assertEqual((len(kinds), kinds["p_dev.vsl_port_info"]["db"], kinds["p_dev.card_info"]["key"]), (23, 3, "devid slotid sslotid"))
+        told = json.loads(dmq("kinds", "vsd_port", "--json").stdout)
+        fields = {field["field"]: field for field in told["fields"]}
+        self.assertEqual((told["row"], fields["t_dev"]["key"], fields["t_dev"]["range_or_unit"], fields["bandwidth"]["type"]), (30, "key", "1..16", "int32"))
+        self.assertIn("ETH_25G=8", fields["llcbtype"]["values"])
+
     # What is not there must not look like an answer: an empty slot, a device without its type's tables, a port that no
     # query finds, a master without card, and none at all.
     def test_show_invents_nothing(self):
@@ -212,6 +288,16 @@ class CommandLine(unittest.TestCase):
         dmq(*CHASSIS, "show", "chips", stdout=side)
         os.close(side)
         self.assertEqual(os.read(terminal, 1 << 16).decode().replace("\r\n", "\n"), piped.stdout)
+        os.close(terminal)
+
+    # What is wrong catches the eye, and nothing else does.
+    def test_colour_of_what_is_not_well(self):
+        terminal, side = os.openpty()
+        environment = {name: value for name, value in os.environ.items() if name != "NO_COLOR"}
+        subprocess.run([DMQ, *CHASSIS, "shell"], stdout=side, text=True, cwd=PROJECT, timeout=60, check=True, env=environment,
+                       input=f"set {CARD} is_online=false\nshow cards dev=1 slot=1/1,1/2 sub=0 --columns online,vsl")
+        os.close(side)
+        self.assertTrue(os.read(terminal, 1 << 16).decode().endswith("\r\nyes     no\r\n\033[31mno\033[0m      no\r\n"))
         os.close(terminal)
 
     def test_the_clients_of_one_page(self):

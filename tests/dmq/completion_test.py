@@ -53,7 +53,7 @@ class Terminal:
 class Completion(unittest.TestCase):
     def test_candidates(self):
         for words, expected in [
-            (["sh"], ["show", "shell"]), (["show", "c"], ["cards", "chips"]),
+            (["sh"], ["show", "shell"]), (["show", "c"], ["cards", "chips", "card"]),
             (["show", "cards", "d"], ["dev=", "dcm="]), (["--timeout", "5", "--json", "wat"], ["watch"]),
             (["watch", "--f"], ["--for"]), (["get", "--j"], ["--json"]),
             (["--log", ""], ["0", "1", "2"]), (["--store", "redis+"], ["redis+unix:///"]),
@@ -65,6 +65,11 @@ class Completion(unittest.TestCase):
             (["delete", *CHASSIS, "card_info", "slotid=22", ""], ["devid=1", "devid=2", "sslotid=0", "t_mod=0"]),
             ([*CHASSIS, "set", "17", "slotid=22", "devid=1", "is_o"], ["is_online="]),
             ([*CHASSIS, "store", "damage", "device_info", ""], ["devid=1", "devid=2"]),
+            (["show", "cards", "role=DM_ROLE_M"], ["role=DM_ROLE_MASTER"]),
+            (["show", "ports", "--sort", "mbps,v"], ["mbps,vsd"]), (["sync", "--format", "c"], ["csv"]),
+            ([*CHASSIS, "show", "port", "2/1/1/"], [f"2/1/1/{port}" for port in range(1, 5)]),
+            ([*CHASSIS, "call", "ndm_get_role_by_node", "2/M"], ["2/M1", "2/M2"]),
+            (["call", "ndm_get_static_port_by_lsm_key", "1", "2", "5", "ETH_4"], ["ETH_40G", "ETH_400G"]),
             (["get", "card_info", ""], []), (["--store", "men:", "get", "card_info", ""], []), (["shwo", ""], []),
             ([*CHASSIS, "get", "nonsense", ""], []), (["--load", "none.json", "get", "card_info", ""], []),
         ]:

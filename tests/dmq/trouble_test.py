@@ -198,7 +198,7 @@ class Input(unittest.TestCase):
             done = dmq(*(word.format(evil) for word in command.split()))
             self.assertEqual(done.returncode, 2)
             self.assertNotRegex(done.stderr, OBEYED, command)
-        self.assertEqual(dmq("get", b"\xff\x9b1").stderr, "dmq: there is no kind \\xff\\x9b1\n")
+        self.assertEqual(dmq("get", b"\xff\x9b1").stderr.split(";")[0], "dmq: there is no kind \\xff\\x9b1")
         done = dmq(*CHASSIS, lines=["watch &", f"set card_info devid=1 slotid=2 sslotid=0 'name={evil}'", "show cards slot=1/3",
                                     "get card_info slotid=2", "trace on", f"get '{evil}'"])
         self.assertIn('\\u001b[2J\\u007f\\u009b31m\u202f\\t', done.stdout)
