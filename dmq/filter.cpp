@@ -85,8 +85,7 @@ std::vector<Condition> read_conditions(const View &view, std::span<const std::st
     for (const auto &word : words) {
         const auto *sign = sign_of(word);
         const std::string name = word.substr(0, end_of_column(word));
-        if (!sign)
-            throw Failure(exit_usage, no_such("show: needs column=value, not " + shown(word) + ": ", name, columns));
+        if (!sign) throw Failure(exit_usage, "show: needs column=value, not " + shown(word) + listed(columns));
         const size_t column = find_column(columns, name);
         const std::string text = word.substr(name.size() + sign->text.size());
         Condition &made = conditions.emplace_back(Condition{word, column, sign->sign, {}, {}});

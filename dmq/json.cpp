@@ -198,7 +198,8 @@ const ProtobufCFieldDescriptor &need_field(const ProtobufCMessageDescriptor &typ
     if (const auto *field = find_field(type, name)) return *field;
     std::vector<std::string> names;
     for (const auto &field : fields_of(type)) names.emplace_back(field.name);
-    refuse(where, std::string(type.name) + " has no field " + quoted(Json(name)) + did_you_mean(name, names));
+    refuse(where,
+           std::string(type.name) + " has no field " + quoted(Json(name)) + did_you_mean(name, names) + listed(names));
 }
 
 }  // namespace

@@ -111,15 +111,17 @@ Table all_kinds() {
 }  // namespace
 
 Exit run_kinds(Context &, const Command &command) {
+    std::string name = command.words.empty() ? "" : command.words[0];
+    if (name.ends_with("[]")) name.resize(name.size() - 2);  // as the type of a repeated field is printed
     if (command.words.empty()) {
         print_table(all_kinds(), command.table);
-    } else if (const auto *type = find_enum(command.words[0])) {
+    } else if (const auto *type = find_enum(name)) {
         Table table{{"value", "name"}, {}};
         for (const auto &value : std::span(type->values, type->n_values))
             table.rows.push_back({value.value, value.name});
         print_table(table, command.table);
     } else {
-        print_kind(find_kind(command.words[0]), command);
+        print_kind(find_kind(name), command);
     }
     return exit_yes;
 }

@@ -74,8 +74,12 @@ std::string did_you_mean(const std::string &word, std::span<const std::string> c
 }
 
 std::string no_such(const std::string &what, const std::string &word, std::span<const std::string> candidates) {
-    std::string text = what + " " + shown(word) + did_you_mean(word, candidates);
-    for (const auto &candidate : candidates) text += (&candidate == &candidates[0] ? "; there are " : ", ") + candidate;
+    return what + " " + shown(word) + did_you_mean(word, candidates) + listed(candidates);
+}
+
+std::string listed(std::span<const std::string> names) {
+    std::string text;
+    for (const auto &name : names) text += (text.empty() ? "; there are " : ", ") + name;
     return text;
 }
 

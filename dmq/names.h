@@ -17,6 +17,9 @@ namespace dmq {
 // " (did you mean x?)", or nothing when no candidate is near.
 std::string did_you_mean(const std::string &word, std::span<const std::string> candidates);
 
+// "; there are y, z", or nothing.
+std::string listed(std::span<const std::string> names);
+
 // A refusal: "`what` x (did you mean y?); there are y, z".
 std::string no_such(const std::string &what, const std::string &word, std::span<const std::string> candidates);
 

@@ -191,7 +191,7 @@ const Action &find_action(const std::string &name) {
         if (name == action.name) return action;
         names.emplace_back(action.name);
     }
-    throw Failure(exit_usage, "store cannot " + shown(name) + did_you_mean(name, names));
+    throw Failure(exit_usage, no_such("store cannot", name, names));
 }
 
 }  // namespace

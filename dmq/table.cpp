@@ -29,10 +29,9 @@ constexpr struct {
     Bad bad;
     std::string_view word;
 } bad_cells[] = {
-    {"online", Bad::word, "no"},    {"link", Bad::word, "down"}, {"subscribed", Bad::word, "no"},
-    {"scanned", Bad::word, "no"},   {"equal", Bad::word, "no"},  {"refused", Bad::count, ""},
-    {"damaged", Bad::count, ""},    {"why", Bad::any, ""},       {"answered", Bad::word, "no"},
-    {"is_online", Bad::word, "no"},
+    {"online", Bad::word, "no"},  {"link", Bad::word, "down"}, {"subscribed", Bad::word, "no"},
+    {"scanned", Bad::word, "no"}, {"equal", Bad::word, "no"},  {"refused", Bad::count, ""},
+    {"damaged", Bad::count, ""},  {"why", Bad::any, ""},
 };
 
 bool is_bad(std::string_view column, const Json &cell) {

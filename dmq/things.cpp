@@ -143,10 +143,9 @@ std::vector<std::string> names_of_things(const View &view) {
 std::string what_is_near(const View &view, const std::string &name) {
     constexpr size_t most = 40;
     const auto used = names_of_things(view);
-    std::string text = did_you_mean(name, used);
+    const std::string text = did_you_mean(name, used);
     if (used.size() > most) return text + "; show " + std::string(view.name) + " lists them";
-    for (const auto &one : used) text += (&one == &used[0] ? "; there are " : ", ") + one;
-    return text;
+    return text + listed(used);
 }
 
 std::vector<std::string> names_for(std::string_view argument) {

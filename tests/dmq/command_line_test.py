@@ -53,7 +53,7 @@ class CommandLine(unittest.TestCase):
             ("sync --timeout nan", 2, "needs seconds from 0 to 1000000, not nan"),
             ("watch --for=-1", 2, "needs seconds from 0 to 1000000, not -1"),
             ("store restart emtpy", 2, "knows only the word empty"),
-            ("store lose 3x", 2, "needs a number"),
+            ("store lose 3x", 2, "needs a number"), ("store foo", 2, "; there are compare, "),
             ("store compare 17", 2, "17 is one word too many"),
             ("get card_info", 1, ""),
             (f"delete {CARD}", 1, f"p_dev.{CARD}: no such object in the store, and none of this kind"),
@@ -62,7 +62,8 @@ class CommandLine(unittest.TestCase):
             ("show roles foo=1", 2, "no column foo; there are dev, uslot, slot, sub, pslot, role, local_master, tipc, node"),
             ("show roles --sort -foo", 2, "no column foo; there are dev"),
             ("show roles role=mastr", 2, "role is never mastr; there are DM_ROLE_NONE, DM_ROLE_MASTER"),
-            ("show cards online", 2, "needs column=value, not online"),
+            ("show cards online", 2, "needs column=value, not online; there are dev, "),
+            ("get card_info foo=1", 2, "there are index, config_dev_type, "),
             ("sync --format xml", 2, "no format xml; there are table, json, csv"),
             ("kinds nonsense", 2, "those that the cache holds are p_dev.dp_lib_complete, "), ("show port", 2, "which port?"),
         ]:
