@@ -13,10 +13,10 @@ namespace {
 constexpr struct {
     std::string_view field, meaning;
 } meanings[] = {
-    {"devid", "1..16"},    {"t_dev", "1..16"},          {"slotid", "0..31"},  {"physlot", "0..31"},
-    {"sslotid", "0..7"},   {"t_sslot", "0..7"},         {"lport", "0..288"},  {"bandwidth", "kb/s"},
-    {"speed_cap", "Mb/s"}, {"supp_speed", "Mb/s"},      {"def_mtu", "bytes"}, {"min_mtu", "bytes"},
-    {"max_mtu", "bytes"},  {"max_driver_mtu", "bytes"},
+    {"devid", "1..16"},    {"t_dev", "1..16"},    {"slotid", "0..31"},         {"physlot", "0..31"},
+    {"sslotid", "0..7"},   {"t_sslot", "0..7"},   {"subslot", "0..7"},         {"lport", "0..288"},
+    {"bandwidth", "kb/s"}, {"speed_cap", "Mb/s"}, {"supp_speed", "Mb/s"},      {"def_mtu", "bytes"},
+    {"min_mtu", "bytes"},  {"max_mtu", "bytes"},  {"max_driver_mtu", "bytes"},
 };
 
 Json meaning_of(std::string_view field) {
