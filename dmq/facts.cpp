@@ -169,13 +169,18 @@ void add_answers(std::vector<Fact> &facts, const Query &query, const Subject &su
     }
 }
 
-void add_fields(std::vector<Fact> &facts, const Json &value, const std::string &path, const std::string &from) {
-    if (value.is_object()) {
-        for (const auto &[name, field] : value.items())
-            add_fields(facts, field, name == "index" ? "" : path.empty() ? name : path + "." + name, from);
-        return;
-    }
-    add(facts, {path, value, value_text(value), {from}});
+void add_field(std::vector<Fact> &facts, const Json &value, const std::string &path, const std::string &from) {
+    if (!value.is_object()) return add(facts, {path, value, value_text(value), {from}});
+    for (const auto &[name, field] : value.items())
+        add_field(facts, field, path.empty() ? name : path + "." + name, from);
+}
+
+// The fields are named as field=value takes them: those of the key by their own names.
+void add_object(std::vector<Fact> &facts, const ProtobufCMessage &object, int32_t row) {
+    const auto *key = key_field(*object.descriptor);
+    const Json fields = to_json(object, Fields::set);
+    for (const auto &[name, field] : fields.items())
+        add_field(facts, field, key && name == key->name ? "" : name, row_name(row));
 }
 
 bool is_local(const Subject &subject) {
@@ -247,11 +252,10 @@ std::vector<Fact> facts_of(const View &view, const std::vector<Json> &record, co
     for (const Query &query : queries) {
         if (is_about(query, subject)) add_answers(facts, query, subject);
     }
-    add_fields(facts, to_json(object, Fields::set), "", row_name(view.row));
+    add_object(facts, object, view.row);
     for (const auto &[about, row, only_local] : related) {
         if (about != view.name || (only_local && !is_local(subject))) continue;
-        if (const auto *found = related_object(row, subject))
-            add_fields(facts, to_json(*found, Fields::set), "", row_name(row));
+        if (const auto *found = related_object(row, subject)) add_object(facts, *found, row);
     }
     return facts;
 }
