@@ -2,6 +2,7 @@
 #include "dmq/things.h"
 
 #include <algorithm>
+#include <set>
 #include <sstream>
 
 #include "dmq/names.h"
@@ -14,36 +15,26 @@ namespace {
 
 using Record = std::vector<Json>;
 
-// What a thing is called: these columns with a / between them; sub? is left out where it is 0, and of slot! the device. Of the
+// What a thing is called: these columns with a / between them; sub? is left out where it is 0, of slot! the device, and of
+// name^ all but the last word. Of the
 // ranks the first one that fits anything is meant.
 constexpr struct {
     std::string_view view;
     int rank;
     const char *columns;
 } names[] = {
-    {"devices", 0, "dev"},
-    {"devices", 0, "name"},
-    {"devices", 1, "serial"},
-    {"devices", 1, "mac"},
-    {"slots", 0, "slot"},
-    {"slots", 1, "node"},
-    {"slots", 2, "slot!"},
-    {"cards", 0, "slot sub?"},
-    {"cards", 1, "node"},
-    {"cards", 1, "dev pslot sub"},
-    {"cards", 1, "dcm"},
-    {"cards", 1, "mac"},
-    {"cards", 2, "card"},
-    {"cards", 2, "slot! sub?"},
-    {"cards", 2, "uslot"},
-    {"cards", 2, "pslot"},
-    {"chips", 0, "name"},
-    {"ports", 0, "name"},
-    {"ports", 0, "slot sub? port"},
-    {"ports", 1, "objid"},
-    {"ports", 1, "dev pslot lport"},
-    {"ports", 2, "ifx"},
-    {"ports", 2, "lport"},
+    {"devices", 0, "dev"},    {"devices", 0, "name"},
+    {"devices", 1, "serial"}, {"devices", 1, "mac"},
+    {"slots", 0, "slot"},     {"slots", 1, "node"},
+    {"slots", 2, "slot!"},    {"cards", 0, "slot sub?"},
+    {"cards", 1, "node"},     {"cards", 1, "dev pslot sub"},
+    {"cards", 1, "dcm"},      {"cards", 1, "mac"},
+    {"cards", 2, "card"},     {"cards", 2, "slot! sub?"},
+    {"cards", 2, "uslot"},    {"cards", 2, "pslot"},
+    {"chips", 0, "name"},     {"ports", 0, "name"},
+    {"ports", 0, "name^"},    {"ports", 0, "slot sub? port"},
+    {"ports", 1, "objid"},    {"ports", 1, "dev pslot lport"},
+    {"ports", 2, "ifx"},      {"ports", 2, "lport"},
     {"ports", 2, "port"},
 };
 constexpr int ranks = 3;
@@ -74,12 +65,14 @@ Json name_of(const Record &record, const std::vector<std::string> &columns, cons
     std::string name, part;
     while (stream >> part) {
         const char mark = part.back();
-        if (mark == '?' || mark == '!') part.pop_back();
+        const bool is_marked = mark == '?' || mark == '!' || mark == '^';
+        if (is_marked) part.pop_back();
         const Json &cell = record[find_column(columns, part)];
         if (cell.is_null()) return nullptr;
         if (mark == '?' && cell == 0) continue;
         const std::string text = cell.is_string() ? cell.get<std::string>() : cell_text(cell);
-        name += (name.empty() ? "" : "/") + (mark == '!' ? text.substr(text.rfind('/') + 1) : text);
+        const size_t end_of_front = mark == '!' ? text.rfind('/') : mark == '^' ? text.rfind(' ') : std::string::npos;
+        name += (name.empty() ? "" : "/") + text.substr(end_of_front + 1);
     }
     return name;
 }
@@ -105,6 +98,7 @@ std::vector<size_t> called(const View &view, const std::vector<const Record *> &
 std::vector<std::string> names_in_use(const View &view, const std::vector<Record> &records) {
     constexpr std::string_view slot = "Slot ";
     std::vector<std::string> used;
+    std::set<std::string> seen;
     for (const auto &one : names) {
         if (one.view != view.name || one.rank > 0) continue;
         for (const Record &record : records) {
@@ -112,7 +106,7 @@ std::vector<std::string> names_in_use(const View &view, const std::vector<Record
             if (name.is_null()) continue;
             std::string text = shown(name.get<std::string>());
             if (text.starts_with(slot)) text.erase(0, slot.size());
-            if (std::find(used.begin(), used.end(), text) == used.end()) used.push_back(std::move(text));
+            if (seen.insert(text).second) used.push_back(std::move(text));
         }
     }
     return used;

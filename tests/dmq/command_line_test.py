@@ -222,10 +222,11 @@ class CommandLine(unittest.TestCase):
     def test_one_thing_whole(self):
         port, card, device = ("objid", "0x14080101"), ("node", "0x0c041e00"), ("dev", 2)
         for one, names, (column, value) in [
-            ("port", ["2/2/1", "TwentyFiveGigE 2/2/1", "slot 2/2/1", "336068865", "0x14080101", "257", "ifx=257", "lport=1 pslot=1 dev=2"], port),
+            ("port", ["2/2/1", "gige 7/7", "7/7", "slot 2/2/1", "336068865", "0x14080101", "257", "ifx=257", "lport=1 pslot=1 dev=2"], port),
             ("card", ["1/M1", "Slot 1/m1", "1/30/0", "0x0c041e00", "02:00:04:01:1e:00", "dcm=0x0000011e"], card),
             ("device", ["2", "switch-2", "dev2", "mac=02:00:02:02:ff:00"], device)]:
-            told = lists(dmq(*CHASSIS, lines=[f"show {one} {name} --json" for name in names]).stdout)
+            told = lists(dmq(*CHASSIS, lines=["set vsd_port t_vsdid=0 t_dev=2 t_slot=2 t_port=1 t_type=8 t_sslot=0 'hardware_name=GigE 7/7'",
+                                              *[f"show {one} {name} --json" for name in names]]).stdout)
             self.assertEqual([[thing[column] for thing in line] for line in told], [[value]] * len(names))
         facts = {one: dmq(*CHASSIS, "show", *one.split(), "--no-headings").stdout for one in ["port 257", "card 1/M1", "device 2"]}
         for one, fact, value, rows in [
