@@ -6,8 +6,11 @@ set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 
 get_filename_component(root ${CMAKE_CURRENT_LIST_DIR}/../build-arm-root ABSOLUTE)
-# Where the linker finds what a library needs, also when no path of it is kept in the library.
-set(CMAKE_EXE_LINKER_FLAGS_INIT -Wl,-rpath-link,${root}/usr/lib/arm-linux-gnueabihf)
+# Where the linker finds libraries and what they need, also when no path of it is kept in the library.
+set(CMAKE_EXE_LINKER_FLAGS_INIT "")
+foreach(folder usr/lib/arm-linux-gnueabihf lib/arm-linux-gnueabihf)
+  string(APPEND CMAKE_EXE_LINKER_FLAGS_INIT " -L${root}/${folder} -Wl,-rpath-link,${root}/${folder}")
+endforeach()
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm-static -L ${root})
 set(CMAKE_FIND_ROOT_PATH ${root})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
