@@ -90,6 +90,16 @@ std::string Picture::shown_name() const {
     return shown(name + "." + std::to_string(pid));
 }
 
+int64_t Picture::age_ms() const {
+    int64_t age = -1;
+    for (const dm_inspect_row &row : rows) {
+        if (!row.stats.enabled || (row.flag & DM_CACHE_NO_STORE)) continue;
+        if (row.age_ms < 0) return -1;
+        age = std::max(age, row.age_ms);
+    }
+    return age;
+}
+
 std::vector<Inspected> inspected_in(const std::string &folder) {
     std::error_code error;
     std::vector<Inspected> found;

@@ -29,6 +29,7 @@ struct Picture {
 
     bool live() const { return process.started && process.live; }
     std::string shown_name() const;  // "cards.1712"
+    int64_t age_ms() const;          // at most so long ago every followed row was equal to the store; -1: nobody knows
 };
 
 // A socket of a process, by the words of its file's name.

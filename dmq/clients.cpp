@@ -7,21 +7,11 @@ namespace {
 
 constexpr double patience = 1;  // seconds for each process: a stopped one is not to hide the others
 
-// At most so long ago every followed row was equal to the store; null: nobody knows.
-Json age_of(const Picture &picture) {
-    int64_t age = -1;
-    for (const dm_inspect_row &row : picture.rows) {
-        if (!row.stats.enabled || (row.flag & DM_CACHE_NO_STORE)) continue;
-        if (row.age_ms < 0) return nullptr;
-        age = std::max(age, row.age_ms);
-    }
-    return age < 0 ? Json() : Json(age);
-}
-
 std::vector<Json> record_of(const Picture &picture) {
     uint64_t objects = 0;
     for (const dm_inspect_row &row : picture.rows) objects += row.stats.objects;
-    return {picture.name,  picture.pid, picture.live() ? "live" : picture.reason, objects, age_of(picture),
+    const int64_t age = picture.age_ms();
+    return {picture.name,  picture.pid, picture.live() ? "live" : picture.reason, objects, age < 0 ? Json() : Json(age),
             picture.store, Json()};
 }
 

@@ -27,6 +27,7 @@ struct Command {
     bool create = false;   // set: also what is not there yet
     bool dry_run = false;  // set, delete: only tell
     bool manual = false;   // help: the manual page
+    bool once = false;     // panel: the picture as text, once
     GenOptions gen;
 };
 
@@ -70,6 +71,7 @@ Exit run_watch(Context &context, const Command &command);
 Exit run_store(Context &context, const Command &command);
 Exit run_clients(Context &context, const Command &command);
 Exit run_verify(Context &context, const Command &command);
+Exit run_panel(Context &context, const Command &command);
 Exit run_gen(Context &context, const Command &command);
 Exit run_kinds(Context &context, const Command &command);
 Exit run_shell(Context &context, const Command &command);

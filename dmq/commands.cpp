@@ -143,6 +143,10 @@ constexpr Option watch_options[] = {
     {.name = "--date", .what = "Times with date and zone", .place = in<&Command::watch, &WatchOptions::date>},
 };
 
+constexpr Option panel_options[] = {
+    {.name = "--once", .what = "Print the picture as text, once", .place = in<&Command::once>},
+};
+
 constexpr Option dry_run = {
     .name = "--dry-run", .what = "Only tell what would be done", .place = in<&Command::dry_run>};
 
@@ -278,6 +282,17 @@ constexpr Verb table[] = {
      .next = next_kind,
      .use = not_attached,
      .about = "A line for each change, until the time is up or SIGINT or SIGTERM comes."},
+    {.name = "panel",
+     .what = "The picture of the switch: slots, cards and ports, as they change",
+     .usage = "",
+     .examples = "  dmq --store redis://db panel\n  dmq --attach cards panel\n"
+                 "  dmq --load examples/box.json panel --once\n",
+     .words = {},
+     .options = panel_options,
+     .run = run_panel,
+     .about =
+         "The picture of the switch on a terminal: slots, cards and ports as they sit, and the latest changes. Arrows "
+         "and Enter lead into a card and a port, `/` finds a port by any of its names, `q` leaves."},
     {.name = "sync",
      .what = "Row by row: subscribed, scanned, objects, time",
      .usage = "[KIND]...",

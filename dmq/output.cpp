@@ -67,6 +67,10 @@ void keep_stdout() {
     setvbuf(stdout, nullptr, _IOLBF, 0);
 }
 
+int answers_descriptor() {
+    return answers;
+}
+
 void print(std::string_view text) {
     write_all(answers, text);
 }
@@ -77,6 +81,7 @@ void print_line(std::string_view text) {
 
 void out_of_memory() noexcept {
     constexpr std::string_view text = "dmq: not enough memory\n";
+    if (void (*const give_back)() = give_terminal_back) give_back();
     std::ignore = write(STDERR_FILENO, text.data(), text.size());
     std::_Exit(exit_no);
 }

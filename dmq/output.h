@@ -15,6 +15,9 @@ namespace dmq {
 // Before any call of the library.
 void keep_stdout();
 
+// Where the answers go.
+int answers_descriptor();
+
 // An answer, as it is. Written at once.
 void print(std::string_view text);
 void print_line(std::string_view text);

@@ -2,6 +2,7 @@
 #include "dmq/session.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <memory>
 #include <tuple>
@@ -13,6 +14,13 @@
 namespace dmq {
 
 namespace {
+
+std::atomic<bool> connection_is_lost = false;  // the reader's; told on its thread
+
+void on_connection(tq_mom_handle *handle, int32_t connected, int32_t reason, void *word) {
+    connection_is_lost = !connected;
+    watch_connection(handle, connected, reason, word);
+}
 
 constexpr size_t objects_at_a_time = 1024;  // between two looks at the progress
 
@@ -94,7 +102,7 @@ std::string Session::store_name() const {
 void Session::open_reader() {
     if (reader_) return;
     reader_ = open();
-    tq_mom_client_set_connection_cb(reader(), watch_connection, nullptr);
+    tq_mom_client_set_connection_cb(reader(), on_connection, nullptr);
 }
 
 void Session::start(const std::vector<Kind> &kinds) {
@@ -150,7 +158,8 @@ void Session::take_picture(const std::vector<Kind> &kinds) {
     start({});
     fill_cache(picture);
     picture.store_is_named = named_;
-    shown_picture = &picture_.emplace(std::move(picture));
+    earlier_ = std::exchange(picture_, std::move(picture));
+    shown_picture = &*picture_;
 }
 
 void Session::synchronise(const std::vector<Kind> &kinds) {
@@ -171,6 +180,22 @@ void Session::synchronise(const std::vector<Kind> &kinds) {
         }
         progress.show(scanned, enabled);
     }
+}
+
+bool Session::is_lost() const {
+    return connection_is_lost;
+}
+
+int64_t Session::age_ms() const {
+    int64_t age = picture_ ? picture_->age_ms() : -1;
+    if (picture_) return age < 0 ? -1 : age + now_ms() - picture_ms_;
+    for (const Kind &kind : cached_kinds()) {
+        if (!stats_of(kind.row).enabled) continue;
+        const int64_t own = dm_cache_age_ms(kind.row);
+        if (own < 0) return -1;
+        age = std::max(age, own);
+    }
+    return age;
 }
 
 void Session::write(std::vector<Entry> entries) {

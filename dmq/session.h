@@ -64,6 +64,7 @@ public:
     tq_mom_handle *writer() { return writer_.get(); }
     tq_mom_handle *reader() { return reader_.get(); }
     bool embedded() const { return store_.starts_with("mem:"); }
+    const std::string &shown_store() const { return shown_; }
     // What to say of it when it is empty.
     std::string store_name() const;
 
@@ -72,7 +73,11 @@ public:
 
     // The process that is shown in place of dmq's own cache; null: none is.
     const Picture *picture() const { return picture_ ? &*picture_ : nullptr; }
-    int64_t picture_ms() const { return picture_ms_; }  // when it was begun
+    const Picture *earlier_picture() const { return earlier_ ? &*earlier_ : nullptr; }  // what it replaced
+    int64_t picture_ms() const { return picture_ms_; }                                  // when it was begun
+    // At most so long ago the cache that is shown was equal to the store; -1: nobody knows.
+    int64_t age_ms() const;
+    bool is_lost() const;  // the cache's own connection to the store
 
     // Starts the cache for these kinds (all when none is named) and returns at once. A second start changes nothing.
     void start(const std::vector<Kind> &kinds);
@@ -103,7 +108,7 @@ private:
     std::string store_, shown_;  // shown without its secret
     bool named_;
     std::string attached_;  // the path of a process's socket
-    std::optional<Picture> picture_;
+    std::optional<Picture> picture_, earlier_;
     int64_t picture_ms_ = 0;
     Deadline deadline_;
     Client writer_;

@@ -2,57 +2,17 @@
 
 The process that is looked into is a shell of dmq."""
 
-import contextlib
 import json
 import os
 import re
-import shutil
 import signal
-import socket
 import subprocess
-import tempfile
 import threading
 import time
 import unittest
 
 import running
-from running import CHASSIS, DMQ, PROJECT, dmq
-
-
-class Process:
-    """A shell of dmq that others may look into."""
-
-    def __init__(self, folder, *words):
-        self.shell = subprocess.Popen([DMQ, *words, "shell"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
-                                      env={**running.ENV, "DM_CACHE_INSPECT": folder}, cwd=PROJECT)
-        self.name = f"dmq.{self.shell.pid}"
-        self("sync 17")
-
-    def __call__(self, *lines):
-        self.shell.stdin.write("\n".join([*lines, "echo done", ""]))
-        self.shell.stdin.flush()
-        return list(iter(self.shell.stdout.readline, "done\n"))
-
-    def end(self):
-        with contextlib.suppress(BrokenPipeError):
-            self.shell.stdin.close()
-        self.shell.stdout.close()
-        self.shell.wait()
-
-
-class WithFolder(unittest.TestCase):
-    def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.folder = folder.name
-
-    def process(self, *words):
-        process = Process(self.folder, *words)
-        self.addCleanup(process.end)
-        return process
-
-    def dmq(self, *words, **env):
-        return dmq("--inspect", self.folder, *words, **env)
+from running import CHASSIS, DMQ, PROJECT, WithFolder, WithServer, dmq
 
 
 class Attach(WithFolder):
@@ -117,33 +77,7 @@ class Attach(WithFolder):
             self.assertEqual((done.returncode, "does not answer" in done.stderr), (4, True), done.stderr)
 
 
-class Server(WithFolder):
-    """Processes on one Redis server."""
-
-    def setUp(self):
-        super().setUp()
-        if not shutil.which("redis-server"):
-            self.skipTest("redis-server is not installed")
-        self.socket = self.folder + "/store.sock"
-        self.store = ("--store", "redis+unix://" + self.socket)
-        server = subprocess.Popen(["redis-server", "--port", "0", "--unixsocket", self.socket, "--dir", self.folder,
-                                   "--save", ""], stdout=subprocess.DEVNULL)
-        self.addCleanup(server.wait)
-        self.addCleanup(server.terminate)
-        end = time.monotonic() + 60
-        while not os.path.exists(self.socket) and time.monotonic() < end:
-            time.sleep(0.01)
-        self.assertEqual(dmq(*self.store, "load", "examples/chassis.json").returncode, 0)
-
-    def command(self, line):
-        """Of the server's own language: written past every client."""
-        with socket.socket(socket.AF_UNIX) as server:
-            server.connect(self.socket)
-            server.sendall(line.encode() + b"\r\n")
-            answer = server.recv(65536).decode()
-        self.assertFalse(answer.startswith("-"), answer)
-        return answer
-
+class Server(WithServer):
     def verify(self, *words):
         done = self.dmq(*self.store, "--timeout", "60", *words, "verify", "--json")
         return done.returncode, [(it["row"], it["key"], it["why"]) for it in json.loads(done.stdout or "null") or []], done.stderr
