@@ -50,13 +50,17 @@ Scene collect_scene();
 // A name and its value; a heading has no value.
 using SceneFacts = std::vector<std::pair<std::string, std::string>>;
 
-// What is known of a card or of a port of it. Takes the cache lock.
+// All that is known of a card or of a port of it. Takes the cache lock.
 SceneFacts facts_of_card(const SceneCard &card);
 SceneFacts facts_of_port(const SceneCard &card, const ScenePort &port);
 
-// Is the port called so? By its name, its places (device/slot/number, with a sub-slot before the number), its ifx or objid
-// alone, or name=number: ifx, objid, lport, port, unit, cport. Takes the cache lock.
-enum class Called { no, in_part, so };
-Called is_called(const SceneCard &card, const ScenePort &port, const std::string &word);
+struct FoundPort {
+    const SceneCard *card;
+    const ScenePort *port;
+};
+
+// The ports that a person means by a name or number of theirs, by a part of their name, and by column=value, in the order of the
+// scene. Throws a Failure for a column that is not there. Takes the cache lock.
+std::vector<FoundPort> find_ports(const Scene &scene, const std::string &words);
 
 }  // namespace dmq

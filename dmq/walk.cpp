@@ -18,31 +18,15 @@ void go_to(Walk &walk, const ScenePort &port) {
     walk.cursor.scroll = 0;
 }
 
-// Searching
-
-struct Found {
-    const SceneCard *card;
-    const ScenePort *port;
-};
-
-// Ports that are called exactly so, else those whose names contain it, in the order of the scene.
-std::vector<Found> find_ports(const Scene &scene, const std::string &word) {
-    std::vector<Found> exact, in_part;
-    for (const SceneDevice &device : scene) {
-        for (const SceneCard &card : device.cards) {
-            for (const ScenePort &port : card.ports) {
-                const Called called = is_called(card, port, word);
-                if (called == Called::so) exact.push_back({&card, &port});
-                if (called == Called::in_part) in_part.push_back({&card, &port});
-            }
-        }
-    }
-    return exact.empty() ? in_part : exact;
-}
-
 // The next one behind the cursor, else the first.
 void search(Walk &walk, const Sight &sight, bool is_again) {
-    const auto found = find_ports(sight.scene, walk.typed);
+    std::vector<FoundPort> found;
+    try {
+        found = find_ports(sight.scene, walk.typed);
+    } catch (const Failure &failure) {
+        walk.message = failure.what();
+        return;
+    }
     if (found.empty()) {
         walk.message = "no port is called " + shown(walk.typed);
         return;

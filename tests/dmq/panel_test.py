@@ -118,18 +118,18 @@ class Panel(WithPanel):
         panel.type(DOWN * 3)
         panel.until("> 1/2 ")
         panel.type("\r")
-        panel.until("Slot 1/2  LC  online  42 of 48 up", "[ 1#]  3# ", "TwentyFiveGigE 1/2/1  up", "physical slot     1")
+        panel.until("Slot 1/2  LC  online  42 of 48 up", "[ 1#]  3# ", "TwentyFiveGigE 1/2/1  up", "pslot             1")
         panel.type(DOWN + RIGHT * 3)
         panel.until("[ 8.]", "TwentyFiveGigE 1/2/8  down")
         panel.type("\t\r")
-        panel.until("TwentyFiveGigE 1/3/1  up  of LC in slot 1/3", "0x14040201", "p_dev.vsd_port")
+        panel.until("TwentyFiveGigE 1/3/1  up  of LC in slot 1/3", "0x14040201", "row 11 p_dev.dm_card_stattr_t")
         panel.type(ESCAPE)
         panel.until("Slot 1/3  LC")
         panel.type("\x7f")
         panel.until("> 1/3 ")
         for word, said in [("2/3/7", "TwentyFiveGigE 2/3/7  up"), ("twentyfivegige 1/4/44\b8", "TwentyFiveGigE 1/4/48  down"),
                            ("ifx=52", "GigE 1/1/1/4  up"), ("0x14040201", "TwentyFiveGigE 1/3/1  up"),
-                           ("lport=48", "1 of 8 that are called lport=48"), ("1/1/2/1", "GigE 1/1/2/1  up"),
+                           ("link=down lport=48", "1 of 8 that are called link=down lport=48"), ("1/1/2/1", "GigE 1/1/2/1  up"), ("nocolumn=1", "nocolumn"),
                            ("nobody", "no port is called nobody")]:
             panel.type("/" + word + "\r")
             panel.until(said, gone="/" + word + "_")
