@@ -10,7 +10,9 @@
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
+#include <term.h>
 #include <unistd.h>
+#undef lines  // term.h has a short name for each thing that a terminal can
 
 #include <array>
 #include <atomic>
@@ -107,12 +109,18 @@ void close_terminal() {
     output = nullptr;
 }
 
-// Its name is no terminal's, or it cannot move its cursor: false.
+// Asked first: newterm() forgets what it has taken for a terminal that it does not know.
+bool can_move_cursor(const std::string &name) {
+    int error = 0;
+    const bool can = setupterm(name.c_str(), answers_descriptor(), &error) == OK && cursor_address && clear_screen;
+    if (cur_term) del_curterm(cur_term);
+    return can;
+}
+
 bool open_terminal(const std::string &name) {
     output = fdopen(fcntl(answers_descriptor(), F_DUPFD_CLOEXEC, 3), "w");
-    if (!name.empty() && output) terminal = newterm(name.c_str(), output, stdin);
-    if (terminal && tigetstr("cup") && tigetstr("clear")) return true;
-    if (terminal) endwin();
+    if (output) terminal = newterm(name.c_str(), output, stdin);
+    if (terminal) return true;
     close_terminal();
     return false;
 }
@@ -170,12 +178,13 @@ Screen::Screen() {
     std::setlocale(LC_CTYPE, "");
     const char *type = std::getenv("TERM");
     const std::string name = type ? type : "";
+    if (name.empty()) throw Failure(exit_usage, "TERM is not set, so it is not known which terminal this is");
+    if (!can_move_cursor(name))
+        throw Failure(exit_usage, "TERM=" + shown(name) + ": this terminal is not known, or cannot move its cursor");
     hear_signals();
     if (!open_terminal(name)) {
         hear_no_signals();
-        throw Failure(exit_usage,
-                      name.empty() ? "TERM is not set, so it is not known which terminal this is"
-                                   : "TERM=" + shown(name) + ": this terminal is not known, or cannot move its cursor");
+        throw Failure(exit_no, "not enough memory or descriptors for the terminal");
     }
     give_terminal_back = give_back;
     silence();
