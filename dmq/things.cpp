@@ -15,9 +15,8 @@ namespace {
 
 using Record = std::vector<Json>;
 
-// What a thing is called: these columns with a / between them; sub? is left out where it is 0, of slot! the device, and of
-// name^ all but the last word. Of the
-// ranks the first one that fits anything is meant.
+// What a thing is called: these columns with a / between them. Of `sub?` nothing is left where it is 0, of `slot!` the device is
+// left out, of `name^` all but the last word. Of the ranks the first one that fits anything is meant.
 constexpr struct {
     std::string_view view;
     int rank;

@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <set>
 
-#include "dmq/parts.h"
+#include "dmq/panel/parts.h"
 
 namespace dmq {
 

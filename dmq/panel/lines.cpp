@@ -1,5 +1,5 @@
 // Texts are UTF-8.
-#include "dmq/lines.h"
+#include "dmq/panel/lines.h"
 
 #include <algorithm>
 #include <numeric>

@@ -1,5 +1,5 @@
 // The walk over the cache: devices and their slots, then cards, then ports, each put where it sits.
-#include "dmq/scene.h"
+#include "dmq/panel/scene.h"
 
 #include <algorithm>
 #include <map>

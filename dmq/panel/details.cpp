@@ -1,7 +1,7 @@
 // One card with its ports by their numbers, and one port: what is known of them, in columns.
 #include <algorithm>
 
-#include "dmq/parts.h"
+#include "dmq/panel/parts.h"
 
 namespace dmq {
 

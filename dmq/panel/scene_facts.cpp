@@ -4,7 +4,7 @@
 #include <sstream>
 
 #include "dmq/output.h"
-#include "dmq/scene.h"
+#include "dmq/panel/scene.h"
 #include "dmq/session.h"
 #include "dmq/things.h"
 #include "tq_dm_cache/p_dev.pb-c.h"

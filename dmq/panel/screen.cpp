@@ -1,6 +1,6 @@
 // ncurses: set up without what ends the process, keys, colours, and the signals that a terminal sends. A handler notes its signal
 // and wakes the screen's thread, whichever thread it interrupts.
-#include "dmq/screen.h"
+#include "dmq/panel/screen.h"
 
 #define NCURSES_NOMACROS
 #include <curses.h>

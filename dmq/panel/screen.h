@@ -2,8 +2,8 @@
 // wake(). What others of the process write to the terminal meanwhile would be in the picture, so it is thrown away.
 #pragma once
 
-#include "dmq/key.h"
-#include "dmq/lines.h"
+#include "dmq/panel/key.h"
+#include "dmq/panel/lines.h"
 
 namespace dmq {
 

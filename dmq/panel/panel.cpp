@@ -5,10 +5,10 @@
 #include <deque>
 #include <mutex>
 
-#include "dmq/changes.h"
 #include "dmq/command.h"
-#include "dmq/screen.h"
-#include "dmq/walk.h"
+#include "dmq/panel/changes.h"
+#include "dmq/panel/screen.h"
+#include "dmq/panel/walk.h"
 #include "tq_dm_cache/dm_cache_follow.h"
 
 namespace dmq {

@@ -2,8 +2,8 @@
 // takes the cache lock.
 #pragma once
 
-#include "dmq/key.h"
-#include "dmq/picture.h"
+#include "dmq/panel/key.h"
+#include "dmq/panel/picture.h"
 
 namespace dmq {
 

@@ -1,5 +1,5 @@
 // Keys, and the search for a port.
-#include "dmq/walk.h"
+#include "dmq/panel/walk.h"
 
 #include <algorithm>
 

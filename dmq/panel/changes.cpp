@@ -1,5 +1,5 @@
 // An object is called as an operator calls it, where its kind says how.
-#include "dmq/changes.h"
+#include "dmq/panel/changes.h"
 
 #include <ctime>
 

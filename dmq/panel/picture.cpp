@@ -1,9 +1,9 @@
 // What stands around the switch, and which part of it fills the screen.
-#include "dmq/picture.h"
+#include "dmq/panel/picture.h"
 
 #include <algorithm>
 
-#include "dmq/parts.h"
+#include "dmq/panel/parts.h"
 
 namespace dmq {
 

@@ -2,8 +2,8 @@
 // and know no terminal.
 #pragma once
 
-#include "dmq/lines.h"
-#include "dmq/scene.h"
+#include "dmq/panel/lines.h"
+#include "dmq/panel/scene.h"
 
 namespace dmq {
 

@@ -3,7 +3,7 @@
 
 #include <array>
 
-#include "dmq/picture.h"
+#include "dmq/panel/picture.h"
 
 namespace dmq {
 
