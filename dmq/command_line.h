@@ -77,4 +77,7 @@ const Option *find_option(const Verb *verb, const std::string &name, bool in_she
 // The manual page of the whole.
 std::string manual();
 
+// Lines: the version, the interface of the library, and the build.
+std::string version();
+
 }  // namespace dmq

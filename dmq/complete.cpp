@@ -59,6 +59,7 @@ Candidates candidates_of(const Line &line, Context &context, const Settings &set
         if (line.verb) add_options(candidates, line.verb->options, context.in_shell);
         add_options(candidates, common_options(), context.in_shell);
         candidates.push_back({"--help", "What the command does, with examples"});
+        if (!line.verb && !context.in_shell) candidates.push_back({"--version", "Which dmq this is"});
     } else if (next) {
         candidates = next(asked);
     }

@@ -165,7 +165,9 @@ std::string manual() {
     page += head;
     page += ".SH OPTIONS\n";
     add_options(page, common_options());
-    page += ".TP\n\\fB\\-h\\fR, \\fB\\-\\-help\\fR\nHelp with examples, of a command behind its name.\n";
+    page +=
+        ".TP\n\\fB\\-h\\fR, \\fB\\-\\-help\\fR\nHelp with examples, of a command behind its name.\n"
+        ".TP\n\\fB\\-\\-version\\fR\nVersions of dmq and of the library's interface, and the build.\n";
     page += ".SH COMMANDS\n";
     for (const Verb &verb : verbs()) add_verb(page, verb);
     return page + tail;

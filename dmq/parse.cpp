@@ -120,10 +120,15 @@ std::optional<Command> parse(const std::vector<std::string> &words, const Settin
     CLI::App app(overview, "dmq");
     describe(app, command, in_shell);
     app.allow_extras();
+    if (!in_shell)
+        app.set_version_flag("--version", version(), "Versions of dmq and of the library's interface, and the build");
     try {
         app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
     } catch (const CLI::CallForHelp &) {
         print_help(app, in_shell);
+        return std::nullopt;
+    } catch (const CLI::CallForVersion &) {
+        print(version());
         return std::nullopt;
     } catch (const CLI::ParseError &error) {
         throw Failure(exit_usage, error.what());

@@ -78,6 +78,8 @@ class CommandLine(unittest.TestCase):
         inside = dmq(lines=["help", "help gen"]).stdout
         self.assertTrue(inside.endswith(dmq("gen", "--help").stdout))
         self.assertNotIn("--store URL", inside)
+        version = r"dmq \d+\.\d+\.\d+\ninterface libtq_dm_cache_essence\.so\.\d+\nbuild .*, \S+ [\d.]+, [^/]+\n"
+        self.assertRegex(dmq("--version").stdout, f"^{version}$")
 
     # Half a topology in the store is a switch that is not there.
     def test_a_refused_file_writes_nothing(self):
