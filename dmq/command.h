@@ -23,11 +23,15 @@ struct Command {
     WatchOptions watch;
     bool background = false;
     bool list = false;
-    bool raw = false;      // show: with the columns for those who know the numbers inside
-    bool create = false;   // set: also what is not there yet
-    bool dry_run = false;  // set, delete: only tell
-    bool manual = false;   // help: the manual page
-    bool once = false;     // panel: the picture as text, once
+    bool raw = false;                     // show: with the columns for those who know the numbers inside
+    bool create = false;                  // set: also what is not there yet
+    bool dry_run = false;                 // set, delete, edit: only tell
+    bool yes = false;                     // edit: do not ask
+    bool gone = false;                    // wait: for its absence
+    std::vector<std::string> conditions;  // set, delete: field=value that the stored object must have
+    std::vector<std::string> program;     // watch: what runs for each change, and its arguments
+    bool manual = false;                  // help: the manual page
+    bool once = false;                    // panel: the picture as text, once
     GenOptions gen;
 };
 
@@ -43,10 +47,15 @@ public:
         return *session_;
     }
 
-    // The same with the cache equal to the store: for these kinds, or, in a shell, for all. Tells on standard error what
-    // the cache lacks.
-    Session &synchronised(const std::vector<Kind> &kinds, const Settings &settings) {
+    // The same with the cache equal to the store: for these kinds, or, in a shell, for all.
+    Session &live(const std::vector<Kind> &kinds, const Settings &settings) {
         open(settings).synchronise(in_shell ? std::vector<Kind>() : kinds);
+        return *session_;
+    }
+
+    // The same, and tells on standard error what the cache lacks.
+    Session &synchronised(const std::vector<Kind> &kinds, const Settings &settings) {
+        live(kinds, settings);
         doubtful = !is_whole(*session_);
         return *session_;
     }
@@ -62,12 +71,14 @@ private:
 Exit run_load(Context &context, const Command &command);
 Exit run_set(Context &context, const Command &command);
 Exit run_delete(Context &context, const Command &command);
+Exit run_edit(Context &context, const Command &command);
 Exit run_get(Context &context, const Command &command);
 Exit run_show(Context &context, const Command &command);
 Exit run_call(Context &context, const Command &command);
 Exit run_explain(Context &context, const Command &command);
 Exit run_sync(Context &context, const Command &command);
 Exit run_watch(Context &context, const Command &command);
+Exit run_wait(Context &context, const Command &command);
 Exit run_store(Context &context, const Command &command);
 Exit run_clients(Context &context, const Command &command);
 Exit run_verify(Context &context, const Command &command);

@@ -46,6 +46,7 @@ enum VerbUse : unsigned {
     anywhere = 0,
     not_in_shell = 1,
     not_attached = 2,  // follows or writes a store, so it is not for the cache of another process
+    runs_program = 4,  // what stands behind -- is a program and its arguments
 };
 
 struct Verb {
@@ -61,6 +62,15 @@ struct Verb {
     const char *about = nullptr;
 };
 
+// A line as far as its words are known.
+struct Line {
+    const Verb *verb = nullptr;
+    const Option *open = nullptr;      // its value is to come
+    std::vector<std::string> options;  // those of all commands, with their values
+    std::vector<std::string> words;
+    bool program = false;  // the rest belongs to a program
+};
+
 extern const char *const overview;
 
 std::span<const Verb> verbs();
@@ -73,6 +83,9 @@ const Verb *find_verb(const std::string &name, bool in_shell);
 
 // Of a command (null: none is known yet), or of all; null: there is no such option.
 const Option *find_option(const Verb *verb, const std::string &name, bool in_shell);
+
+// Takes the next word. False: it is no command.
+bool take(Line &line, const std::string &word, bool in_shell);
 
 // The manual page of the whole.
 std::string manual();

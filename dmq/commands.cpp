@@ -150,12 +150,32 @@ constexpr Option panel_options[] = {
 constexpr Option dry_run = {
     .name = "--dry-run", .what = "Only tell what would be done", .place = in<&Command::dry_run>};
 
+constexpr Option condition = {
+    .name = "--if",
+    .value = "FIELD=VALUE",
+    .what = "Only if the stored object has this value; may be repeated",
+    .place = in<&Command::conditions>,
+    .next = next_field,
+    .more =
+        "Only if the stored object has this value, also at the moment when it is written; else say what it has and end "
+        "with 1. May be repeated."};
+
 constexpr Option set_options[] = {
     dry_run,
     {.name = "--create", .what = "Also make objects that are not there yet", .place = in<&Command::create>},
+    condition,
 };
 
-constexpr Option delete_options[] = {dry_run};
+constexpr Option delete_options[] = {dry_run, condition};
+
+constexpr Option edit_options[] = {
+    dry_run,
+    {.name = "--yes", .what = "Write without asking", .place = in<&Command::yes>},
+};
+
+constexpr Option wait_options[] = {
+    {.name = "--gone", .what = "Wait until there is no such object", .place = in<&Command::gone>},
+};
 
 constexpr Option gen_options[] = {
     {.name = "--devices",
@@ -273,15 +293,33 @@ constexpr Verb table[] = {
          "there is none."},
     {.name = "watch",
      .what = "Follow changes, one line each",
-     .usage = "[KIND]...",
+     .usage = "[KIND]... [-- PROGRAM [ARGUMENT]...]",
      .examples = "  dmq watch card_info device_info\n  dmq watch --for 5 --json\n"
+                 "  dmq watch card_info -- jq .key\n"
                  "  watch &                      in a shell: go on with other commands\n",
      .words = kinds,
      .options = watch_options,
      .run = run_watch,
      .next = next_kind,
+     .use = not_attached | runs_program,
+     .about =
+         "A line for each change, until the time is up or SIGINT or SIGTERM comes. With a program: it runs for each "
+         "change of an object, in order and one at a time, with the change on its standard input as `--json` prints "
+         "it. "
+         "One that fails is told, and the watch goes on."},
+    {.name = "wait",
+     .what = "Wait until an object has these values, or is there, or is gone",
+     .usage = "KIND KEY=VALUE... [FIELD=VALUE]...\nKIND KEY=VALUE... --gone",
+     .examples = "  wait card_info devid=1 slotid=30 sslotid=0 is_online=true --timeout 60\n"
+                 "  wait card_info devid=1 slotid=30 sslotid=0 --gone\n",
+     .words = kind_and_words,
+     .options = wait_options,
+     .run = run_wait,
+     .next = next_assignment,
      .use = not_attached,
-     .about = "A line for each change, until the time is up or SIGINT or SIGTERM comes."},
+     .about =
+         "Return as soon as the cached object has these values, or is there when none are named; 4 when the time of "
+         "`--timeout` is over, with what it is instead."},
     {.name = "panel",
      .what = "The picture of the switch: slots, cards and ports, as they change",
      .usage = "",
@@ -306,7 +344,8 @@ constexpr Verb table[] = {
      .what = "Write objects: a file, or fields of one object",
      .usage = "FILE\nKIND KEY=VALUE... FIELD=VALUE...",
      .examples = "  set card_info devid=1 slotid=30 sslotid=0 is_online=false\n  set changes.json --dry-run\n"
-                 "  set device_info devid=3 devname=switch-3 --create    an object that is not there yet\n",
+                 "  set device_info devid=3 devname=switch-3 --create    an object that is not there yet\n"
+                 "  set card_info devid=1 slotid=30 sslotid=0 is_online=false --if is_online=true\n",
      .words = kind_and_words,
      .options = set_options,
      .run = run_set,
@@ -324,6 +363,20 @@ constexpr Verb table[] = {
      .run = run_delete,
      .next = next_key,
      .use = not_attached},
+    {.name = "edit",
+     .what = "Change one object in an editor",
+     .usage = "KIND KEY=VALUE...",
+     .examples = "  edit card_info devid=1 slotid=3 sslotid=0\n  EDITOR=nano dmq edit dp_lib_grole\n",
+     .words = kind_and_words,
+     .options = edit_options,
+     .run = run_edit,
+     .next = next_key,
+     .use = not_attached,
+     .about = "Open one object as JSON in the editor of `$VISUAL` or `$EDITOR`, else `vi`, show what would change, "
+              "ask, and write it as `set` "
+              "does. Without a terminal it needs `--yes`. What is refused is offered again, with the reason; the key "
+              "may not "
+              "change."},
     {.name = "gen",
      .what = "Make a topology of any size",
      .usage = "",
@@ -425,6 +478,23 @@ std::span<const Option> common_options() {
 const Verb *find_verb(const std::string &name, bool in_shell) {
     const Verb *verb = find_row(verbs(), name);
     return verb && in_shell && verb->use & not_in_shell ? nullptr : verb;
+}
+
+bool take(Line &line, const std::string &word, bool in_shell) {
+    const std::string name = line.open ? line.open->name : word.substr(0, word.find('='));
+    const bool is_option = line.open || word.starts_with("-");
+    if (!line.open && word == "--" && line.verb && line.verb->use & runs_program) {
+        line.program = true;
+    } else if (is_option) {
+        if (find_option(nullptr, name, in_shell)) line.options.push_back(word);
+        const Option *option = line.open || name != word ? nullptr : find_option(line.verb, name, in_shell);
+        line.open = option && option->value ? option : nullptr;
+    } else if (line.verb) {
+        line.words.push_back(word);
+    } else {
+        line.verb = find_verb(word, in_shell);
+    }
+    return line.verb || is_option;
 }
 
 const Option *find_option(const Verb *verb, const std::string &name, bool in_shell) {

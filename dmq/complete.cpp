@@ -16,28 +16,6 @@ namespace dmq {
 
 namespace {
 
-// A line in front of the word that is asked for.
-struct Line {
-    const Verb *verb = nullptr;
-    const Option *open = nullptr;      // its value is to come
-    std::vector<std::string> options;  // those of all commands, with their values
-    std::vector<std::string> words;
-};
-
-void take(Line &line, const std::string &word, bool in_shell) {
-    const std::string name = line.open ? line.open->name : word.substr(0, word.find('='));
-    const bool is_option = line.open || word.starts_with("-");
-    if (is_option && find_option(nullptr, name, in_shell)) line.options.push_back(word);
-    if (is_option) {
-        const Option *option = line.open || name != word ? nullptr : find_option(line.verb, name, in_shell);
-        line.open = option && option->value ? option : nullptr;
-    } else if (line.verb) {
-        line.words.push_back(word);
-    } else if (line.verb = find_verb(word, in_shell); !line.verb) {
-        throw Failure(exit_usage, "no command " + word);
-    }
-}
-
 void add_options(Candidates &candidates, std::span<const Option> options, bool in_shell) {
     for (const Option &option : options)
         if (*option.what && (option.in_shell || !in_shell)) candidates.push_back({option.name, option.what});
@@ -55,6 +33,7 @@ Candidates candidates_of(const Line &line, Context &context, const Settings &set
     const Asked asked{context, settings, line.words, word};
     const auto next = line.open ? line.open->next : line.verb ? line.verb->next : next_command;
     Candidates candidates;
+    if (line.program) return candidates;
     if (!line.open && word.starts_with("-")) {
         if (line.verb) add_options(candidates, line.verb->options, context.in_shell);
         add_options(candidates, common_options(), context.in_shell);
@@ -63,7 +42,9 @@ Candidates candidates_of(const Line &line, Context &context, const Settings &set
     } else if (next) {
         candidates = next(asked);
     }
-    std::erase_if(candidates, [&](const Candidate &one) { return !one.word.starts_with(word) || is_named(line, one); });
+    std::erase_if(candidates, [&](const Candidate &one) {
+        return !one.word.starts_with(word) || (!line.open && is_named(line, one));
+    });
     return candidates;
 }
 
@@ -71,7 +52,8 @@ Candidates answer(std::vector<std::string> words) {
     const std::string word = words.empty() ? "" : words.back();
     if (!words.empty()) words.pop_back();
     Line line;
-    for (const auto &before : words) take(line, before, /*in_shell=*/false);
+    for (const auto &before : words)
+        if (line.program || !take(line, before, /*in_shell=*/false)) return {};
     if (line.open && !line.options.empty() && line.options.back() == line.open->name) line.options.pop_back();
     const Settings settings = parse_settings(line.options, {}, /*in_shell=*/false);
     Context context(settings);
@@ -150,7 +132,7 @@ Candidates next_key(const Asked &asked) {
     const auto *key = key_field(*kind.type);
     if (!key) return {};
     const auto named = key_part(*kind.type, read_words(*kind.type, {asked.words.begin() + 1, asked.words.end()}));
-    asked.context.synchronised({kind}, asked.settings);
+    asked.context.live({kind}, asked.settings);
     std::set<std::string> words;
     each_cached(kind.row, [&](const ProtobufCMessage &object) {
         const Json json = to_json(object, Fields::all);
@@ -163,6 +145,14 @@ Candidates next_key(const Asked &asked) {
 
 Candidates next_assignment(const Asked &asked) {
     Candidates candidates = next_key(asked);
+    if (asked.words.empty()) return candidates;
+    const Candidates fields = next_field(asked);
+    candidates.insert(candidates.end(), fields.begin(), fields.end());
+    return candidates;
+}
+
+Candidates next_field(const Asked &asked) {
+    Candidates candidates;
     if (asked.words.empty()) return candidates;
     const Kind kind = find_cached_kind(asked.words[0]);
     for (const auto &field : fields_of(*kind.type)) {

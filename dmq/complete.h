@@ -27,6 +27,7 @@ Candidates next_command(const Asked &asked);
 Candidates next_kind(const Asked &asked);
 Candidates next_key(const Asked &asked);         // a kind, then field=value of the keys that its objects have
 Candidates next_assignment(const Asked &asked);  // the same, and its other fields
+Candidates next_field(const Asked &asked);       // of the kind, those alone
 Candidates next_table(const Asked &asked);
 Candidates next_query(const Asked &asked);
 Candidates next_action(const Asked &asked);

@@ -39,9 +39,8 @@ sigset_t ending_signals() {
     return ends;
 }
 
-SignalsHeld::SignalsHeld() {
-    const sigset_t ends = ending_signals();
-    pthread_sigmask(SIG_BLOCK, &ends, &before_);
+SignalsHeld::SignalsHeld(const sigset_t &held) {
+    pthread_sigmask(SIG_BLOCK, &held, &before_);
 }
 
 SignalsHeld::~SignalsHeld() {

@@ -29,17 +29,18 @@ private:
 // A thread was left behind: its clients cannot be closed any more, and the process must end without cleaning up.
 inline std::atomic<bool> left_behind = false;
 
+sigset_t ending_signals();
+
 // Threads that are made meanwhile do not take the signals that end dmq, so the main thread does, whatever it waits for.
 class SignalsHeld {
 public:
-    SignalsHeld();
+    explicit SignalsHeld(const sigset_t &held = ending_signals());
     SignalsHeld(const SignalsHeld &) = delete;
     ~SignalsHeld();
 
 private:
     sigset_t before_;
 };
-sigset_t ending_signals();
 
 template <class Call> auto within(const Deadline &deadline, const std::string &awaited, Call call) {
     std::packaged_task<decltype(call())()> task(std::move(call));

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <tuple>
 
-#include "dmq/command.h"
+#include "dmq/edit.h"
 #include "dmq/words.h"
 #include "tq_dm_cache/tq_platform_bundled.h"
 
@@ -32,8 +32,9 @@ std::pair<int, double> distance(const Json &one, const Json &other) {
     return far;
 }
 
-// Says that there is no such object, and which are the nearest.
-[[noreturn]] void refuse_unknown(Session &session, const ProtobufCMessage &object, const char *advice) {
+}  // namespace
+
+void refuse_unknown(Session &session, const ProtobufCMessage &object, const char *advice) {
     constexpr size_t most = 3;
     const Kind kind = kind_of(*object.descriptor);
     std::vector<std::tuple<std::pair<int, double>, std::string>> near;
@@ -52,7 +53,6 @@ std::pair<int, double> distance(const Json &one, const Json &other) {
     throw Failure(exit_no, object_name(object) + ": no such object in the store" + names + advice);
 }
 
-// The stored object with the same key as it is now, as the beginning of an edit.
 Edit read_edit(Session &session, uint32_t db, const ProtobufCMessage &object) {
     const auto probe = std::make_shared<const Message>(copy(object));
     const auto call = [probe, db, client = session.writer()] {
@@ -68,7 +68,20 @@ Edit read_edit(Session &session, uint32_t db, const ProtobufCMessage &object) {
     return {db, std::move(found), nullptr, error == TQ_MOM_E_DAMAGED};
 }
 
-// What an edit does, for a program: kind, key, event (added, changed, unchanged, deleted) and the fields that change.
+namespace {
+
+// An edit that was asked for under conditions is refused when the stored object is otherwise; that it still is as it was
+// read, the store sees to when it is written.
+void need(const std::vector<Assignment> &conditions, const Edit &edit) {
+    if (conditions.empty()) return;
+    const std::string instead = edit.damaged  ? "it is damaged in the store"
+                                : edit.before ? unlike(to_json(*edit.before, Fields::all), conditions)
+                                              : "there is no such object in the store";
+    if (!instead.empty()) throw Failure(exit_no, object_name(edit.object()) + ": " + instead + "; left alone");
+}
+
+}  // namespace
+
 Json told_of(const Edit &edit) {
     const ProtobufCMessage *key = key_of(edit.object());
     Json told = {{"kind", edit.object().descriptor->name}, {"key", key ? to_json(*key, Fields::all) : Json::object()}};
@@ -78,7 +91,6 @@ Json told_of(const Edit &edit) {
     return told;
 }
 
-// The same for a person.
 std::string told_text(const Edit &edit, const Json &told, bool dry) {
     const auto &event = told["event"].get_ref<const std::string &>();
     std::string text = dry ? "would " : "";
@@ -90,7 +102,6 @@ std::string told_text(const Edit &edit, const Json &told, bool dry) {
     return text + "\n";
 }
 
-// Carries the edits out, unless it is a dry run. The answer comes last, behind what a watch has to tell.
 Exit carry_out(Context &context, Session &session, const Command &command, std::vector<Edit> edits) {
     Json answer = {{edits[0].after ? "set" : "deleted", edits.size()}, {"dry_run", command.dry_run}, {"objects", {}}};
     std::string text;
@@ -108,6 +119,8 @@ Exit carry_out(Context &context, Session &session, const Command &command, std::
     print(command.settings.json ? dump(answer) + "\n" : text);
     return exit_yes;
 }
+
+namespace {
 
 // What the objects of a file would do. Nothing is written when one of them is not there yet, unless it may be made.
 std::vector<Edit> edits_of(Session &session, std::vector<Entry> entries, bool create) {
@@ -138,6 +151,7 @@ Exit run_set(Context &context, const Command &command) {
     if (names_a_file(command.words)) {
         auto entries = read_topology(command.words[0]);
         if (entries.empty()) throw Failure(exit_usage, command.words[0] + ": has no objects");
+        if (!command.conditions.empty()) throw Failure(exit_usage, "--if is for fields of one object, not for a file");
         Session &session = context.open(command.settings);
         return carry_out(context, session, command, edits_of(session, std::move(entries), command.create));
     }
@@ -145,6 +159,7 @@ Exit run_set(Context &context, const Command &command) {
     const auto assignments = read_words(*kind.type, {command.words.begin() + 1, command.words.end()});
     refuse_twice(assignments);
     need_whole_key(*kind.type, assignments);
+    const auto conditions = read_words(*kind.type, command.conditions);
     Session &session = context.open(command.settings);
     std::vector<Entry> one;
     one.push_back({kind.db, object_with_key(*kind.type, key_part(*kind.type, assignments))});
@@ -153,6 +168,7 @@ Exit run_set(Context &context, const Command &command) {
     if (edit.damaged)
         throw Failure(exit_no, object_name(*edit.after) + " is damaged in the store; delete it, or set it from a file");
     if (edit.before) edit.after = copy(*edit.before);
+    need(conditions, edit);
     assign(*edit.after, assignments);
     return carry_out(context, session, command, std::move(edits));
 }
@@ -160,11 +176,13 @@ Exit run_set(Context &context, const Command &command) {
 Exit run_delete(Context &context, const Command &command) {
     const Kind kind = find_kind(command.words[0]);
     Message object = read_key(*kind.type, {command.words.begin() + 1, command.words.end()});
+    const auto conditions = read_words(*kind.type, command.conditions);
     Session &session = context.open(command.settings);
     std::vector<Edit> edits;
     Edit &edit = edits.emplace_back(read_edit(session, kind.db, *object));
     if (!edit.before && !edit.damaged) refuse_unknown(session, *object, "");
     if (edit.damaged) edit.before = std::move(object);
+    need(conditions, edit);
     return carry_out(context, session, command, std::move(edits));
 }
 

@@ -71,10 +71,12 @@ Exit run_watch(Context &context, const Command &command) {
     if (command.background && !context.in_shell) throw Failure(exit_usage, "watch & is for a shell of dmq");
     WatchOptions options = command.watch;
     options.json = command.settings.json;
+    options.program = command.program;
     start_watch(kinds, options);
     if (command.background) return exit_yes;
-    wait_for_end(command.watch_for.value_or(-1));
+    const bool asked = wait_for_end(command.watch_for.value_or(-1));
     if (is_watch_blocked()) std::_Exit(exit_yes);  // nor can the clients be closed, whose thread waits
+    if (asked) drop_programs();
     stop_watch();
     session.begin(command.settings.timeout);
     context.doubtful = context.doubtful && !is_whole(session);

@@ -84,6 +84,18 @@ void describe(CLI::App &app, Command &command, bool in_shell) {
     throw Failure(exit_usage, "there is no command " + shown(word) + did_you_mean(word, names) + "; see dmq --help");
 }
 
+// The words in front of a program's.
+std::vector<std::string> split_program(const std::vector<std::string> &words, bool in_shell,
+                                       std::vector<std::string> &program) {
+    Line line;
+    auto next = words.begin();
+    while (next != words.end() && !line.program && take(line, *next, in_shell)) ++next;
+    if (!line.program) return words;
+    program.assign(next, words.end());
+    if (program.empty()) throw Failure(exit_usage, "say which program is to run behind --");
+    return {words.begin(), next - 1};
+}
+
 void print_help(CLI::App &app, bool in_shell) {
     const auto asked = app.get_subcommands();
     const auto rest = app.remaining();
@@ -117,13 +129,14 @@ void settle_format(Command &command) {
 std::optional<Command> parse(const std::vector<std::string> &words, const Settings &defaults, bool in_shell) {
     Command command;
     command.settings = defaults;
+    const auto before = split_program(words, in_shell, command.program);
     CLI::App app(overview, "dmq");
     describe(app, command, in_shell);
     app.allow_extras();
     if (!in_shell)
         app.set_version_flag("--version", version(), "Versions of dmq and of the library's interface, and the build");
     try {
-        app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
+        app.parse(std::vector<std::string>(before.rbegin(), before.rend()));
     } catch (const CLI::CallForHelp &) {
         print_help(app, in_shell);
         return std::nullopt;

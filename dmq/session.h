@@ -54,6 +54,7 @@ public:
     void begin(double timeout) { deadline_ = Deadline(timeout); }
 
     int32_t time_left() const { return deadline_.left(); }  // milliseconds
+    const Deadline &deadline() const { return deadline_; }
 
     // Runs a call that may wait for the store. Throws a Failure when the command's time is over; the call may then still
     // run, so everything that it uses belongs to it, but the clients.

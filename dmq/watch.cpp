@@ -7,12 +7,14 @@
 #include <cstring>
 #include <ctime>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <thread>
 
 #include "dmq/deadline.h"
 #include "dmq/output.h"
+#include "dmq/program.h"
 #include "dmq/session.h"
 #include "tq_dm_cache/dm_cache_follow.h"
 
@@ -24,6 +26,7 @@ struct Watch {
     WatchOptions options;
     std::map<int32_t, uint32_t> refused;  // of each row that is followed: as many as have been told of
     size_t swept = 0;                     // since the last application
+    std::unique_ptr<ProgramQueue> programs = nullptr;
 };
 
 std::mutex guard;  // held while a line is written, for as long as nobody reads it
@@ -46,6 +49,7 @@ std::string time_text() {
 
 // A line about the connection as a whole: `text` for a person, the record for a program.
 void tell(const std::string &text, const Json &record) {
+    if (watch->programs) return;
     if (!watch->options.json) return print_line(time_text() + "  " + coloured(Colour::heading, text));
     Json line = {{"time", time_text()}};
     line.update(record);
@@ -56,14 +60,14 @@ void tell(const std::string &text, const Json &record) {
 void tell_object(const dm_cache_event &event, const char *name, Colour colour, const char *detail_name,
                  const Json &detail) {
     const ProtobufCMessage &object = event.after ? *event.after : *event.before;
-    if (watch->options.json) {
+    if (watch->options.json || watch->programs) {
         const char *const phases[] = {"first", "live", "resync"};
         const ProtobufCMessage *key = key_of(object);
         Json line = {{"time", time_text()}, {"event", name}, {"phase", phases[event.phase]}, {"row", event.type}};
         line["kind"] = object.descriptor->name;
         line["key"] = key ? to_json(*key, Fields::all) : Json::object();
         line[detail_name] = detail;
-        return print_line(dump(line));
+        return watch->programs ? watch->programs->add(dump(line) + "\n") : print_line(dump(line));
     }
     std::string text;
     for (const auto &[field, value] : detail.items()) {
@@ -133,6 +137,7 @@ void start_watch(const std::vector<Kind> &named, const WatchOptions &options) {
     {
         const std::lock_guard lock(guard);
         watch = Watch{.options = options, .refused = {}};
+        if (!options.program.empty()) watch->programs = std::make_unique<ProgramQueue>(options.program);
         size_t objects = 0;
         Json names = Json::array();
         for (const Kind &kind : kinds) {
@@ -161,7 +166,9 @@ bool is_watch_blocked() {
 void stop_watch() {
     dm_cache_unfollow(-1, on_event, nullptr);
     for (const Kind &kind : cached_kinds()) dm_cache_unfollow(kind.row, on_event, nullptr);
+    std::unique_ptr<ProgramQueue> programs;  // ends behind the lock
     const std::lock_guard lock(guard);
+    if (watch) programs = std::move(watch->programs);
     watch.reset();
 }
 
@@ -178,7 +185,12 @@ void tell_refused() {
     }
 }
 
-void wait_for_end(double seconds) {
+void drop_programs() {
+    const std::lock_guard lock(guard);
+    if (watch && watch->programs) watch->programs->drop();
+}
+
+bool wait_for_end(double seconds) {
     const SignalsHeld held;
     const sigset_t ends = ending_signals();
     const Deadline end(std::max(seconds, 0.0));
@@ -190,6 +202,7 @@ void wait_for_end(double seconds) {
         signal = sigtimedwait(&ends, nullptr, &limit);
         tell_refused();
     } while (signal < 0 && (seconds < 0 || end.left() > 0));
+    return signal >= 0;
 }
 
 void watch_connection(tq_mom_handle *, int32_t connected, int32_t reason, void *) {

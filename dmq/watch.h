@@ -9,9 +9,10 @@ namespace dmq {
 
 struct WatchOptions {
     bool json = false;
-    bool initial = false;    // begin with the objects that are there
-    bool unchanged = false;  // tell of objects that are written again as they were
-    bool date = false;       // times with date and zone
+    bool initial = false;                   // begin with the objects that are there
+    bool unchanged = false;                 // tell of objects that are written again as they were
+    bool date = false;                      // times with date and zone
+    std::vector<std::string> program = {};  // runs for each change of an object, and no line is printed
 };
 
 // Starts following these kinds (all enabled ones when none is named), in place of an earlier watch. The cache is live.
@@ -24,8 +25,11 @@ bool is_watch_blocked();
 // Prints what the cache has refused since it was last asked. Waits for nothing.
 void tell_refused();
 
-// Returns after so many seconds (never, when negative), or when SIGINT or SIGTERM asks to end.
-void wait_for_end(double seconds);
+// Returns after so many seconds (never, when negative), or true when SIGINT or SIGTERM asks to end.
+bool wait_for_end(double seconds);
+
+// Ends the program of a watch that runs; for what was seen meanwhile none runs. Else stop_watch() waits until they have run.
+void drop_programs();
 
 // The connection callback of the session's reader.
 void watch_connection(tq_mom_handle *handle, int32_t connected, int32_t reason, void *privdata);

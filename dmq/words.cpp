@@ -31,6 +31,17 @@ Json nested(const Assignment &assignment) {
     return object;
 }
 
+// Null: a sub-message on the way is not there.
+const Json &value_at(const Json &object, const std::vector<std::string> &path) {
+    static const Json nothing;
+    const Json *value = &object;
+    for (const auto &name : path) {
+        if (!value->is_object() || !value->contains(name)) return nothing;
+        value = &(*value)[name];
+    }
+    return *value;
+}
+
 Assignment read_word(const ProtobufCMessageDescriptor &type, const std::string &word) {
     const size_t equals = word.find('=');
     if (equals == std::string::npos || equals == 0) throw Failure(exit_usage, "needs field=value, not " + dump(word));
@@ -74,6 +85,11 @@ void assign(ProtobufCMessage &object, const std::vector<Assignment> &assignments
     }
 }
 
+void reset(ProtobufCMessage &object, const std::vector<std::string> &path) {
+    const Message carrier = from_json(nested({{path.begin(), path.end() - 1}, Json::object()}), *object.descriptor, "");
+    swap_field(object, *carrier, path);
+}
+
 void need_whole_key(const ProtobufCMessageDescriptor &type, const std::vector<Assignment> &assignments) {
     const auto *key = key_field(type);
     if (!key) return;
@@ -90,15 +106,20 @@ void refuse_twice(const std::vector<Assignment> &assignments) {
 }
 
 bool agrees(const Json &object, const std::vector<Assignment> &assignments) {
-    for (const auto &assignment : assignments) {
-        const Json *value = &object;
-        for (const auto &name : assignment.path) {
-            if (!value->is_object() || !value->contains(name)) return false;
-            value = &(*value)[name];
-        }
-        if (*value != assignment.value) return false;
+    return std::all_of(assignments.begin(), assignments.end(),
+                       [&](const Assignment &one) { return value_at(object, one.path) == one.value; });
+}
+
+std::string unlike(const Json &object, const std::vector<Assignment> &assignments) {
+    std::string text;
+    for (const Assignment &one : assignments) {
+        const Json &value = value_at(object, one.path);
+        if (value == one.value) continue;
+        text += text.empty() ? "" : ", ";
+        for (const auto &name : one.path) text += (&name == &one.path.front() ? "" : ".") + name;
+        text += " is " + dump(value) + ", not " + dump(one.value);
     }
-    return true;
+    return text;
 }
 
 std::vector<Assignment> key_part(const ProtobufCMessageDescriptor &type, const std::vector<Assignment> &assignments) {

@@ -17,8 +17,14 @@ std::vector<Assignment> read_words(const ProtobufCMessageDescriptor &type, const
 // Writes the values into an object of the kind. What it has beside them stays, also what no name is known for.
 void assign(ProtobufCMessage &object, const std::vector<Assignment> &assignments);
 
+// Gives fields their default again, by their path.
+void reset(ProtobufCMessage &object, const std::vector<std::string> &path);
+
 // Are all these values in the object? It is one with all its fields.
 bool agrees(const Json &object, const std::vector<Assignment> &assignments);
+
+// What it has instead of them, such as "is_online is true, not false"; empty: nothing, they are all there.
+std::string unlike(const Json &object, const std::vector<Assignment> &assignments);
 
 // An object with nothing but its key.
 Message object_with_key(const ProtobufCMessageDescriptor &type, const std::vector<Assignment> &key);

@@ -54,6 +54,7 @@ class CommandLine(unittest.TestCase):
             ("watch --for=-1", 2, "needs seconds from 0 to 1000000, not -1"),
             ("store restart emtpy", 2, "knows only the word empty"),
             ("store lose 3x", 2, "needs a number"), ("store foo", 2, "; there are compare, "),
+            ("watch --", 2, "say which program is to run"),
             ("store compare 17", 2, "17 is one word too many"),
             ("get card_info", 1, ""),
             (f"delete {CARD}", 1, f"p_dev.{CARD}: no such object in the store, and none of this kind"),
@@ -283,6 +284,30 @@ class CommandLine(unittest.TestCase):
         self.assertEqual(events[:23], ["lost", "back"] + ["swept"] * 20 + ["resynchronised"])
         self.assertEqual((events[23:], told[4]["reason"], done.returncode), ([], 2, 2))
         self.assertIn("line 4: there is no kind nonsense", done.stderr)
+
+    # A script that goes on too early acts on what is not so yet, and one that is not told waits for ever.
+    def test_wait(self):
+        other = CARD.replace("slotid=1", "slotid=9")
+        for words, code, said in [
+            (f"{CARD} is_online=true name=LC", 0, ""), (CARD, 0, ""), (f"{other} --gone", 0, ""),
+            (f"{CARD} is_online=false", 4, f"p_dev.{CARD} after 0.2 s: is_online is true, not false\n"),
+            (f"{CARD} --gone", 4, "after 0.2 s: it is still there"), (other, 4, "after 0.2 s: there is no such object"),
+            (f"{CARD} name=x --gone", 2, "only its key is named"), ("card_info devid=1", 2, "it lacks slotid, sslotid"),
+        ]:
+            done = dmq(*CHASSIS, "wait", *words.split(), "--timeout", "0.2")
+            self.assertEqual((done.returncode, done.stdout, said in done.stderr), (code, "", True), (words, done.stderr))
+
+    # For each change once, in order and one at a time, until the last has run; and nothing of dmq's is left open in it.
+    def test_a_program_for_each_change(self):
+        program = "read -r line; echo \"$line\"; ls /proc/self/fd | wc -l; case $line in *new???one*) exit 3; esac"
+        done = dmq(*CHASSIS, lines=[f"watch card_info -- sh -c '{program}' &", f"set {CARD} name=one", f"set {CARD} name=two",
+                                    f"wait {CARD} name=two", "watch dp_lib_grole --initial --for 0 -- nosuch",
+                                    "watch dp_lib_grole --initial --for 0 -- false"])
+        told = [line for line in done.stdout.splitlines() if line.startswith("{") or line.isdigit()]
+        self.assertEqual([json.loads(line)["changes"]["name"]["new"] for line in told[::2]], ["one", "two"])
+        self.assertEqual((told[1::2], done.returncode), (["4", "4"], 0))
+        for said in ["sh ended with 3; it was to read {\"time\"", "cannot run nosuch: No such file", "false ended with 1"]:
+            self.assertEqual(done.stderr.count(said), 1, done.stderr)
 
     # What a terminal shows can be piped, and the library's own log never mixes with answers.
     def test_a_terminal_changes_nothing(self):

@@ -54,10 +54,11 @@ class Completion(unittest.TestCase):
     def test_candidates(self):
         for words, expected in [
             (["sh"], ["show", "shell"]), (["show", "c"], ["cards", "chips", "card"]),
-            (["show", "cards", "d"], ["dev=", "dcm="]), (["--timeout", "5", "--json", "wat"], ["watch"]),
+            (["show", "cards", "d"], ["dev=", "dcm="]), (["--timeout", "5", "--json", "wai"], ["wait"]),
             (["watch", "--f"], ["--for"]), (["get", "--j"], ["--json"]),
             (["--log", ""], ["0", "1", "2"]), (["--store", "redis+"], ["redis+unix:///"]),
-            (["--timeout", ""], []), (["help", "wa"], ["watch"]), (["gen", "--ports", "4", "--bo"], ["--boards", "--box"]),
+            (["--timeout", ""], []), (["help", "wa"], ["watch", "wait"]), (["watch", "--", "car"], []),
+            (["set", "card_info", "--if", "is_on"], ["is_online="]), (["gen", "--ports", "4", "--bo"], ["--boards", "--box"]),
             (["watch", "card_info", "vsl"], ["vsl_port_info"]),
             (["call", "ndm_get_slot_nu"], ["ndm_get_slot_num", "ndm_get_slot_num_rt"]),
             (["call", "ndm_port_obj_f"], []), (["store", "re"], ["reconnect", "restart"]),

@@ -53,6 +53,14 @@ class Writes(unittest.TestCase):
             (f"set vsd_port {PORT} link_state=0 line_state=1 --dry-run", 0, f"would set p_dev.vsd_port {PORT}\n  link_state: 1 -> 0\n"),
             (f"set vsd_port {added} link_state=1 --create --dry-run", 0, f"would set p_dev.vsd_port {added}: added\n"),
             (f"delete vsd_port {PORT} --dry-run", 0, f"would delete p_dev.vsd_port {PORT}\n"),
+            (f"set vsd_port {PORT} link_state=0 --if link_state=0 --if line_state=0", 1,
+             f"p_dev.vsd_port {PORT}: link_state is 1, not 0, line_state is 1, not 0; left alone"),
+            (f"delete vsd_port {PORT} --if link_state=0", 1, "link_state is 1, not 0; left alone"),
+            (f"set vsd_port {added} link_state=1 --create --if link_state=0", 1, "there is no such object in the store; left alone"),
+            (f"set vsd_port {PORT} link_state=0 --if link_state=up", 2, "needs a whole number"),
+            ("set examples/box.json --if link_state=0", 2, "--if is for fields of one object"),
+            (f"edit vsd_port {PORT}", 2, "elsewhere it needs --yes"),
+            (f"edit vsd_port {no_type} --yes", 1, f"no such object in the store, the nearest: {PORT};"),
             (f"set vsd_port {PORT} link_state=1", 0, f"set p_dev.vsd_port {PORT}: nothing changed\n"),
         ]:
             with self.subTest(command):
@@ -61,7 +69,7 @@ class Writes(unittest.TestCase):
                 self.assertEqual(before, after)
                 self.assertEqual((code, True), (dmq(*CHASSIS, *command.split()).returncode, told in done.stdout + done.stderr),
                                  done.stderr)
-        done = dmq(*CHASSIS, lines=[f"set vsd_port {PORT} link_state=0 line_state=1", f"set vsd_port {added} --create --json",
+        done = dmq(*CHASSIS, lines=[f"set vsd_port {PORT} link_state=0 line_state=1 --if link_state=1", f"set vsd_port {added} --create --json",
                                     "set examples/newcomer.json --create", "store compare", f"delete vsd_port {PORT} --json"])
         self.assertEqual((done.returncode, done.stderr), (0, ""))
         told = done.stdout.splitlines()
@@ -71,6 +79,23 @@ class Writes(unittest.TestCase):
                          [(False, "added"), (False, "deleted")])
         self.assertIn("set p_dev.device_info devid=3: added", told)
         self.assertIn(" 30  p_dev.vsd_port               401    401        0  yes", told)
+
+
+    # What an editor saves is what the object becomes, and nothing else: no field by the way, no other object, no half file.
+    def test_what_an_editor_saves(self):
+        card = "card_info devid=1 slotid=2 sslotid=0"
+        for script, code, told in [
+            ("s/\"name\": \"LC\"/\"name\": \"a b\"/", 0, 'name: "LC" -> "a b"\n  static_info.name: "LC" -> "a b"\n'),
+            ("/user_slot\"/d", 0, "user_slot: 3 -> 0\n"), ("s/^/ /", 0, ": nothing changed\n"),
+            ("s/\"slotid\": 2/\"slotid\": 3/", 2, "the key may not change"), ("/^}/d", 2, "not JSON: parse error at line"),
+            ("s/\"name\"/\"nmae\"/", 2, "has no field \"nmae\" (did you mean name?)"), ("d", 1, "the file is empty"),
+            ("q5", 1, "the editor ended with 5; left alone"),
+        ]:
+            with self.subTest(script), tempfile.TemporaryDirectory() as folder:
+                done = dmq(*CHASSIS, lines=["get", f"edit --yes {card}", "get"], EDITOR=f"sed -i '{script}'", TMPDIR=folder)
+                before, after = re.findall(r"(?ms)^\[\n.*?^\]\n", done.stdout)
+                self.assertEqual((told in done.stdout + done.stderr, before != after), (True, code == 0 and "->" in told), done.stderr)
+                self.assertEqual((done.returncode if code == 2 else code, os.listdir(folder)), (code, []))
 
 
 class Doubts(unittest.TestCase):
