@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <set>
 
 #include "dmq/command_line.h"
@@ -48,23 +49,36 @@ Candidates candidates_of(const Line &line, Context &context, const Settings &set
     return candidates;
 }
 
-Candidates answer(std::vector<std::string> words) {
+// For the last of the words; in a session, or in one of their own.
+Candidates answer(std::vector<std::string> words, Context *shell, const Settings &defaults) {
     const std::string word = words.empty() ? "" : words.back();
     if (!words.empty()) words.pop_back();
     Line line;
     for (const auto &before : words)
-        if (line.program || !take(line, before, /*in_shell=*/false)) return {};
+        if (line.program || !take(line, before, shell != nullptr)) return {};
     if (line.open && !line.options.empty() && line.options.back() == line.open->name) line.options.pop_back();
-    const Settings settings = parse_settings(line.options, {}, /*in_shell=*/false);
-    Context context(settings);
-    return candidates_of(line, context, settings, word);
+    const Settings settings = parse_settings(line.options, defaults, shell != nullptr);
+    Context own(settings);
+    return candidates_of(line, shell ? *shell : own, settings, word);
 }
 
-void end_in_time() {
+unsigned seconds_to_wait() {
     const char *limit = std::getenv("DMQ_COMPLETION_SECONDS");
-    const auto seconds = whole_number<unsigned>(limit ? limit : "");
-    std::signal(SIGALRM, [](int) { _exit(exit_no); });
-    alarm(std::max(seconds.value_or(1), 1U));
+    return std::max(whole_number<unsigned>(limit ? limit : "").value_or(1), 1U);
+}
+
+Candidates files(const std::string &word) {
+    Candidates found;
+    const size_t name = word.find_last_of('/') + 1;
+    std::error_code error;
+    for (std::filesystem::directory_iterator file(name ? word.substr(0, name) : ".", error), end; !error && file != end;
+         file.increment(error)) {
+        const std::string path = word.substr(0, name) + file->path().filename().string();
+        if (path.starts_with(word) && is_plain(path) && path[name] != '.')
+            found.push_back({path + (file->is_directory(error) ? "/" : ""), ""});
+    }
+    std::sort(found.begin(), found.end(), [](const auto &one, const auto &other) { return one.word < other.word; });
+    return found;
 }
 
 // field=value of an object's key.
@@ -161,10 +175,21 @@ Candidates next_field(const Asked &asked) {
     return candidates;
 }
 
-Exit complete(const std::vector<std::string> &words) {
-    end_in_time();
+Candidates complete_in_shell(const std::vector<std::string> &words, Context &context, Settings settings) {
+    settings.timeout = seconds_to_wait();
+    Candidates candidates;
     try {
-        const Candidates candidates = answer(words);
+        candidates = answer(words, &context, settings);
+    } catch (const std::exception &) {
+    }
+    return candidates.empty() && words.size() > 1 ? files(words.back()) : candidates;
+}
+
+Exit complete(const std::vector<std::string> &words) {
+    std::signal(SIGALRM, [](int) { _exit(exit_no); });
+    alarm(seconds_to_wait());
+    try {
+        const Candidates candidates = answer(words, nullptr, {});
         std::string lines;
         for (const Candidate &one : candidates) lines += one.word + (one.what.empty() ? "" : "\t" + one.what) + "\n";
         print(lines);

@@ -39,6 +39,10 @@ Candidates next_level(const Asked &asked);
 Candidates next_column(const Asked &asked);
 Candidates next_format(const Asked &asked);
 
+// For the last of the words on a line of a shell, within its session and within a second; files, when nothing else is known.
+// Empty: none, for whatever reason; nothing is told.
+Candidates complete_in_shell(const std::vector<std::string> &words, Context &context, Settings settings);
+
 // Prints the candidates, one a line, what they are behind a tab. 1: there are none, for whatever reason; nothing is told.
 Exit complete(const std::vector<std::string> &words);
 

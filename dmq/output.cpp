@@ -18,9 +18,10 @@ namespace {
 
 int answers = STDOUT_FILENO;
 std::mutex writing;
+int held_for = -1;                              // who edits a line is woken up there; -1: nobody edits one
+std::vector<std::pair<int, std::string>> held;  // descriptor and text
 
-void write_all(int fd, std::string_view text) {
-    const std::lock_guard guard(writing);
+void write_now(int fd, std::string_view text) {
     while (!text.empty()) {
         const ssize_t written = write(fd, text.data(), text.size());
         if (written < 0) {
@@ -30,6 +31,14 @@ void write_all(int fd, std::string_view text) {
         }
         text.remove_prefix(static_cast<size_t>(written));
     }
+}
+
+void write_all(int fd, std::string_view text) {
+    const std::lock_guard guard(writing);
+    if (held_for < 0) return write_now(fd, text);
+    held.emplace_back(fd, text);
+    constexpr uint64_t one = 1;
+    std::ignore = write(held_for, &one, sizeof one);
 }
 
 // How many bytes the UTF-8 character at the beginning has that a terminal can print; 0: none, or it would obey it.
@@ -69,6 +78,19 @@ void keep_stdout() {
 
 int answers_descriptor() {
     return answers;
+}
+
+void hold_output(int wake) {
+    const std::lock_guard guard(writing);
+    held_for = wake;
+}
+
+void write_held(std::string_view before, bool release) {
+    const std::lock_guard guard(writing);
+    if (!held.empty()) write_now(answers, before);
+    for (const auto &[fd, text] : held) write_now(fd, text);
+    held.clear();
+    if (release) held_for = -1;
 }
 
 void print(std::string_view text) {

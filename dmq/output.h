@@ -18,6 +18,11 @@ void keep_stdout();
 // Where the answers go.
 int answers_descriptor();
 
+// While a person edits a line: what any thread writes waits, and the event `wake` says so, until it is written in the line's
+// place, behind `before`; until the release.
+void hold_output(int wake);
+void write_held(std::string_view before, bool release);
+
 // An answer, as it is. Written at once.
 void print(std::string_view text);
 void print_line(std::string_view text);

@@ -5,7 +5,7 @@
 #include <fstream>
 #include <iostream>
 
-#include "dmq/command.h"
+#include "dmq/line_editor.h"
 
 namespace dmq {
 
@@ -34,6 +34,10 @@ std::vector<std::string> split(const std::string &line) {
     if (quote) throw Failure(exit_usage, std::string("a quote ") + quote + " is not closed");
     return words;
 }
+
+// Words that are no commands.
+constexpr std::pair<const char *, const char *> own_words[] = {
+    {"echo", "Print a text"}, {"trace", "Print each command before it runs, or trace off"}, {"exit", "End this shell"}};
 
 // What lasts from one line of a shell to the next.
 struct Shell {
@@ -75,6 +79,51 @@ Exit run_text(Shell &shell, const std::string &line) {
     return run_words(shell, words);
 }
 
+// What may stand where the cursor is.
+Candidates candidates_in(Shell &shell, const std::string &before) {
+    std::vector<std::string> words;
+    try {
+        words = split(before);
+    } catch (const Failure &) {
+        return {};
+    }
+    if (before.empty() || std::isspace(static_cast<unsigned char>(before.back()))) words.emplace_back();
+    Candidates candidates;
+    for (const auto &[word, what] : own_words)
+        if (words.size() == 1 && std::string_view(word).starts_with(words[0])) candidates.push_back({word, what});
+    const Candidates known = complete_in_shell(words, shell.context, shell.settings);
+    candidates.insert(candidates.end(), known.begin(), known.end());
+    return candidates;
+}
+
+// Where the lines come from: a person at a terminal, or a stream.
+class Lines {
+public:
+    Lines(std::istream &stream, Shell &shell, bool terminal) : stream_(stream), asks_(terminal) {
+        if (terminal && LineEditor::is_possible())
+            editor_.emplace([&shell](const std::string &before) { return candidates_in(shell, before); });
+    }
+
+    // Nothing: there are no more.
+    std::optional<std::string> next() {
+        if (editor_) return editor_->read();
+        if (asks_) print("dmq> ");
+        std::string line(longest_line + 2, '\0');
+        stream_.getline(line.data(), static_cast<std::streamsize>(line.size()));
+        too_long_ = stream_.fail() && !stream_.eof() && stream_.gcount() > 0;
+        if (stream_.fail() && !too_long_) return std::nullopt;
+        line.resize(std::char_traits<char>::length(line.data()));
+        return line;
+    }
+    bool is_too_long() const { return too_long_; }
+
+private:
+    std::istream &stream_;
+    const bool asks_;
+    bool too_long_ = false;
+    std::optional<LineEditor> editor_;
+};
+
 }  // namespace
 
 Exit run_shell(Context &context, const Command &command) {
@@ -83,23 +132,22 @@ Exit run_shell(Context &context, const Command &command) {
     if (from_file) file.open(command.words[0]);
     if (from_file && file) file.peek();  // a folder opens, and cannot be read
     if (from_file && (!file.is_open() || file.bad())) throw Failure(exit_usage, "cannot read " + command.words[0]);
-    std::istream &lines = from_file ? file : std::cin;
+    std::istream &stream = from_file ? file : std::cin;
     const bool terminal = !from_file && isatty(STDIN_FILENO);
 
     context.open(command.settings);
     context.in_shell = true;
     Shell shell{context, command.settings};
     Exit failed = exit_yes;
-    std::vector<char> line(longest_line + 2);
+    Lines lines(stream, shell, terminal);
     for (int number = 1; !shell.ended; ++number) {
-        if (terminal) print("dmq> ");
-        lines.getline(line.data(), static_cast<std::streamsize>(line.size()));
-        const bool too_long = lines.fail() && !lines.eof();
-        if (lines.fail() && !too_long) break;
+        const auto line = lines.next();
+        if (!line) break;
+        const bool too_long = lines.is_too_long();
         const std::string source = from_file ? command.words[0] + ":" : "line ";
         shell.last = reporting(terminal ? "" : source + std::to_string(number) + ": ", [&] {
             if (too_long) throw Failure(exit_usage, "longer than " + std::to_string(longest_line) + " characters");
-            return run_text(shell, line.data());
+            return run_text(shell, *line);
         });
         if (too_long) break;
         if (!failed && shell.last > exit_no) failed = shell.last;

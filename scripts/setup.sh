@@ -10,7 +10,7 @@ set -eu
 packages() {
     case $1 in
         build) echo g++ cmake ninja-build pkg-config python3 protobuf-c-compiler libprotobuf-c-dev libevent-dev \
-            libhiredis-dev libpugixml-dev libcli11-dev nlohmann-json3-dev libncurses-dev ;;
+            libhiredis-dev libpugixml-dev libcli11-dev nlohmann-json3-dev libncurses-dev libedit-dev ;;
         test) echo libgtest-dev ;;
         server) echo redis-server ;;
         lint) echo clang-14 clang-tidy-14 clang-format-14 ;;
@@ -23,7 +23,7 @@ packages() {
 }
 
 arm_packages="libc6 libstdc++6 libprotobuf-c-dev libevent-dev libhiredis-dev libpugixml-dev libcli11-dev nlohmann-json3-dev
-libncurses-dev libgtest-dev libc6-dev- linux-libc-dev-"  # the compiler has its own of the last two
+libncurses-dev libedit-dev libgtest-dev libc6-dev- linux-libc-dev-"  # the compiler has its own of the last two
 
 unpack_arm_root() {
     here=$(dirname "$0")

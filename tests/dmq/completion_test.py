@@ -1,21 +1,16 @@
 """What a shell asks of dmq, and what a person finds in its manual page. Argument: dmq."""
 
-import fcntl
 import os
-import pty
 import re
-import select
 import shutil
-import struct
 import subprocess
 import sys
 import tempfile
-import termios
 import unittest
 from pathlib import Path
 
 import running
-from running import CHASSIS, DMQ, PROJECT
+from running import CHASSIS, DMQ, PROJECT, Terminal
 
 ENV = {"DMQ_COMPLETION_SECONDS": "60", "PATH": os.path.dirname(DMQ) + ":" + os.environ["PATH"], "TERM": "dumb", "PS1": "@@ "}
 
@@ -26,28 +21,6 @@ def dmq(*words, **env):
 
 def complete(*words):
     return [line.split("\t")[0] for line in dmq("complete", *words).stdout.splitlines()]
-
-
-class Terminal:
-    """A shell with a person before it."""
-
-    def __init__(self, *shell):
-        self.pid, self.fd = pty.fork()
-        if self.pid == 0:
-            os.chdir(PROJECT)
-            os.execvpe(shell[0], shell, {**running.ENV, **ENV})
-        fcntl.ioctl(self.fd, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 300, 0, 0))
-
-    def shows(self, keys, text):
-        os.write(self.fd, keys.encode())
-        shown = ""
-        while text not in shown and select.select([self.fd], [], [], 30)[0]:
-            shown += re.sub(r"\x1b\[[?0-9;]*[a-zA-Z]|\r", "", os.read(self.fd, 65536).decode(errors="replace"))
-        return text in shown
-
-    def close(self):
-        os.close(self.fd)
-        os.waitpid(self.pid, 0)
 
 
 class Completion(unittest.TestCase):
@@ -94,7 +67,7 @@ class Completion(unittest.TestCase):
             with self.subTest(shell[0]):
                 if not shutil.which(shell[0]):
                     self.skipTest(shell[0] + " is not installed")
-                terminal = Terminal(*shell)
+                terminal = Terminal(*shell, **ENV)
                 self.addCleanup(terminal.close)
                 self.assertTrue(terminal.shows(begin + "\n", "ok> "))
                 for keys, shown in [("dmq shel\t", "shell "), ("dmq show slots psl\t7", "pslot=7"),

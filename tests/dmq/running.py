@@ -1,12 +1,18 @@
 """Runs dmq for a test; its path is the test's first argument."""
 
 import contextlib
+import fcntl
 import os
+import pty
+import re
+import select
 import shutil
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
+import termios
 import time
 import unittest
 from pathlib import Path
@@ -89,3 +95,33 @@ class WithServer(WithFolder):
             answer = server.recv(65536).decode()
         self.assertFalse(answer.startswith("-"), answer)
         return answer
+
+
+class Terminal:
+    """A program with a person before it, who types keys and reads what has been written since, without what moves the cursor."""
+
+    def __init__(self, *words, **env):
+        self.pid, self.fd = pty.fork()
+        if self.pid == 0:
+            os.chdir(PROJECT)
+            os.execvpe(words[0], words, {**ENV, **env})
+        fcntl.ioctl(self.fd, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 300, 0, 0))
+        self.unread = ""
+
+    def shows(self, keys, text):
+        os.write(self.fd, keys.encode())
+        while text not in self.unread and select.select([self.fd], [], [], 30)[0]:
+            try:
+                written = os.read(self.fd, 65536)
+            except OSError:  # it has ended
+                break
+            self.unread += re.sub(r"\x1b\[[?0-9;]*[a-zA-Z]|\r", "", written.decode(errors="replace"))
+        shown, self.unread = text in self.unread, self.unread.partition(text)[2]
+        return shown
+
+    def ends(self):
+        """Its exit code."""
+        return os.waitstatus_to_exitcode(os.waitpid(self.pid, 0)[1])
+
+    def close(self):
+        os.close(self.fd)
