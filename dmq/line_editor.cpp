@@ -133,8 +133,9 @@ struct LineEditor::Parts {
     }
 
     // The library gives the terminal back meanwhile.
-    static unsigned char stop(EditLine *, int) {
+    static unsigned char stop(EditLine *editor, int) {
         std::raise(SIGTSTP);
+        el_set(editor, EL_REFRESH);
         return CC_NORM;
     }
 
@@ -143,7 +144,7 @@ struct LineEditor::Parts {
         const std::string before = before_cursor(editor);
         const std::string word = before.substr(before.find_last_of(" \t") + 1);
         const Candidates candidates = parts.candidates(before);
-        if (candidates.empty()) return CC_ERROR;
+        if (candidates.empty() || !candidates[0].word.starts_with(word)) return CC_ERROR;  // within quotes
         std::string more = common_beginning(candidates).substr(word.size());
         if (candidates.size() == 1 && !candidates[0].word.ends_with('=') && !candidates[0].word.ends_with('/'))
             more += ' ';

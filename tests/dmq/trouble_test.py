@@ -96,6 +96,10 @@ class Writes(unittest.TestCase):
                 before, after = re.findall(r"(?ms)^\[\n.*?^\]\n", done.stdout)
                 self.assertEqual((told in done.stdout + done.stderr, before != after), (True, code == 0 and "->" in told), done.stderr)
                 self.assertEqual((done.returncode if code == 2 else code, os.listdir(folder)), (code, []))
+        with tempfile.TemporaryDirectory() as folder:
+            for script, code in [("kill -INT $PPID $$; true", -signal.SIGINT), ("kill -INT $PPID; true", 0)]:
+                done = dmq(*CHASSIS, "edit", "--yes", *card.split(), EDITOR=script, TMPDIR=folder)
+                self.assertEqual((done.returncode, os.listdir(folder)), (code, []), script)
 
 
 class Doubts(unittest.TestCase):
@@ -146,6 +150,13 @@ class Waits(unittest.TestCase):
                 run.send_signal(signal.SIGINT)
                 self.assertEqual(run.wait(), -signal.SIGINT)
                 self.assertLess(time.monotonic() - begin, 1)
+
+    # What runs for a change ends with the watch, and what waits for it does not run any more.
+    def test_a_program_that_does_not_end(self):
+        with start(*CHASSIS, *"watch --initial card_info -- sh -c".split(), "echo begun; exec sleep 1000") as run:
+            self.assertEqual(run.stdout.readline(), "begun\n")
+            run.send_signal(signal.SIGINT)
+            self.assertEqual((run.stdout.read(), run.wait()), ("", 0))
 
     # The cache must carry the largest switch there is; where everything is slow, a tenth of it. What is waited for must be
     # said, also while objects are being applied: time-outs fall into every stage of it.
