@@ -200,6 +200,7 @@ std::optional<std::string> LineEditor::read() {
     int length = 0;
     parts_->cleared = false;
     hold_output(parts_->wake);
+    el_set(parts_->editor.get(), EL_PREP_TERM, 1);  // before the prompt asks for keys
     const char *text = el_gets(parts_->editor.get(), &length);
     const bool ended = !parts_->cleared && (!text || length <= 0);
     if (ended) std::fputs("\n", parts_->out.get());

@@ -294,15 +294,16 @@ class CommandLine(unittest.TestCase):
             (f"{CARD} --gone", 4, "after 0.2 s: it is still there"), (other, 4, "after 0.2 s: there is no such object"),
             (f"{CARD} name=x --gone", 2, "only its key is named"), ("card_info devid=1", 2, "it lacks slotid, sslotid"),
         ]:
-            done = dmq(*CHASSIS, "wait", *words.split(), "--timeout", "0.2")
-            self.assertEqual((done.returncode, done.stdout, said in done.stderr), (code, "", True), (words, done.stderr))
+            limit = "--timeout 0.2" if code == 4 else ""
+            done = dmq(*CHASSIS, lines=["sync", f"wait {words} {limit}"])
+            self.assertEqual((done.returncode, said in done.stderr), (code, True), (words, done.stderr))
 
     # For each change once, in order and one at a time, until the last has run; and nothing of dmq's is left open in it.
     def test_a_program_for_each_change(self):
         program = "read -r line; echo \"$line\"; ls /proc/self/fd | wc -l; case $line in *new???one*) exit 3; esac"
         done = dmq(*CHASSIS, lines=[f"watch card_info -- sh -c '{program}' &", f"set {CARD} name=one", f"set {CARD} name=two",
-                                    f"wait {CARD} name=two", "watch dp_lib_grole --initial --for 0 -- nosuch",
-                                    "watch dp_lib_grole --initial --for 0 -- false"])
+                                    f"wait {CARD} name=two", "watch card_info -- nosuch &", f"set {CARD} name=three",
+                                    "watch card_info -- false &", f"set {CARD} name=four"])
         told = [line for line in done.stdout.splitlines() if line.startswith("{") or line.isdigit()]
         self.assertEqual([json.loads(line)["changes"]["name"]["new"] for line in told[::2]], ["one", "two"])
         self.assertEqual((told[1::2], done.returncode), (["4", "4"], 0))

@@ -153,10 +153,12 @@ class Waits(unittest.TestCase):
 
     # What runs for a change ends with the watch, and what waits for it does not run any more.
     def test_a_program_that_does_not_end(self):
-        with start(*CHASSIS, *"watch --initial card_info -- sh -c".split(), "echo begun; exec sleep 1000") as run:
-            self.assertEqual(run.stdout.readline(), "begun\n")
-            run.send_signal(signal.SIGINT)
-            self.assertEqual((run.stdout.read(), run.wait()), ("", 0))
+        run = start(*CHASSIS, *"watch --initial card_info -- sh -c".split(), "echo begun; exec sleep 1000")
+        for clean in [run.stdout.close, run.stderr.close, run.wait, run.kill]:
+            self.addCleanup(clean)
+        self.assertEqual(run.stdout.readline(), "begun\n")
+        run.send_signal(signal.SIGINT)
+        self.assertEqual((run.wait(timeout=30), run.stdout.read()), (0, ""))
 
     # The cache must carry the largest switch there is; where everything is slow, a tenth of it. What is waited for must be
     # said, also while objects are being applied: time-outs fall into every stage of it.
