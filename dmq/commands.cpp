@@ -305,8 +305,7 @@ constexpr Verb table[] = {
      .about =
          "A line for each change, until the time is up or SIGINT or SIGTERM comes. With a program: it runs for each "
          "change of an object, in order and one at a time, with the change on its standard input as `--json` prints "
-         "it. "
-         "One that fails is told, and the watch goes on."},
+         "it. One that fails is told, and the watch goes on."},
     {.name = "wait",
      .what = "Wait until an object has these values, or is there, or is gone",
      .usage = "KIND KEY=VALUE... [FIELD=VALUE]...\nKIND KEY=VALUE... --gone",
