@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 TEST_JOBS ?= $(shell expr 2 \* $(JOBS))
 PREFIX ?= /usr/local
 
-.PHONY: run run-redis test asan tsan test-arm abi abi-update lint lint-quick docs simulate faults plant bench bench-cache install packages packages-test clean
+.PHONY: run run-redis test asan tsan test-arm abi abi-update lint lint-quick docs simulate faults plant bench bench-cache bench-inspect install packages packages-test clean
 .NOTPARALLEL:
 
 # The whole road on the example chassis: load, synchronise, tables, a live change arriving.
@@ -80,6 +80,15 @@ bench-cache:
 	  --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
 	  --benchmark_out=build/bench/cache-$$n.json --benchmark_out_format=json || exit 1; done
 	scripts/performance.py build/bench
+
+# The cache under changes, with somebody who looks into the process without a pause, and with nobody.
+bench-inspect:
+	scripts/setup.sh build test server bench
+	cmake --preset default -DDM_BENCH=ON
+	cmake --build build -j$(JOBS) --target bench_cache
+	mkdir -p build/bench/inspected
+	DM_CACHE_INSPECT=build/bench/inspected build/bench/bench_cache 10000 --benchmark_filter=inspected \
+	  --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 
 # The cache over a real server that is killed, frozen and cut off: runs of ten faults and comparisons each.
 FAULT_RUNS ?= 12

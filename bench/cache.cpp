@@ -88,5 +88,6 @@ int main(int argc, char **argv) {
     bench::add_look_ups();
     bench::add_changes();
     bench::add_threads();
+    bench::add_inspected();
     benchmark::RunSpecifiedBenchmarks();
 }

@@ -51,9 +51,13 @@ inline void release(ProtobufCMessage *message) {
     protobuf_c_message_free_unpacked(message, nullptr);
 }
 
+// Sets of the store from one thread, until the cache has been told of all.
+void stream_changes(benchmark::State &state);
+
 void add_look_ups();
 void add_changes();
 void add_threads();
+void add_inspected();
 
 // One first synchronisation in a process that has done nothing else, and what follows it, printed as numbers.
 int print_synchronisation(int count);

@@ -21,6 +21,14 @@
 #include "dmq/history.h"
 #include "dmq/output.h"
 
+#ifdef __SANITIZE_ADDRESS__
+// The library never frees the names of functions that it is given, nobody else here copies such texts.
+extern "C" const char *__lsan_default_suppressions();
+extern "C" const char *__lsan_default_suppressions() {
+    return "leak:wcsdup";
+}
+#endif
+
 namespace dmq {
 
 namespace {
