@@ -34,7 +34,10 @@ std::string pretty(const Json &value, const std::string &indent) {
 // A file that only its user can read, until it is forgotten.
 class PrivateFile {
 public:
-    explicit PrivateFile(const std::string &text) : path_(std::filesystem::temp_directory_path() / "dmq-XXXXXX.json") {
+    explicit PrivateFile(const std::string &text) {
+        std::error_code error;
+        path_ = std::filesystem::temp_directory_path(error) / "dmq-XXXXXX.json";
+        if (error) throw Failure(exit_no, "TMPDIR names no folder for the file that is edited: " + error.message());
         const int fd = mkstemps(path_.data(), 5);
         if (fd < 0) throw Failure(exit_no, "cannot make " + path_ + ": " + std::strerror(errno));
         close(fd);

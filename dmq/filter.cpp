@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 
 #include "dmq/names.h"
 #include "dmq/output.h"
@@ -38,14 +39,17 @@ std::optional<double> speed_of(std::string_view text) {
     constexpr std::pair<char, double> units[] = {{'K', 1e-3}, {'M', 1}, {'G', 1e3}, {'T', 1e6}};
     if (text.empty()) return std::nullopt;
     const int last = std::toupper(static_cast<unsigned char>(text.back()));
-    const auto count = whole_number<uint32_t>(text.substr(0, text.size() - 1));
+    double count = -1;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+    if (error != std::errc() || end != text.data() + text.size() - 1 || count < 0) return std::nullopt;
     for (const auto &[unit, size] : units) {
-        if (unit == last && count) return *count * size;
+        if (unit == last) return count * size;
     }
     return std::nullopt;
 }
 
 Json bound_of(const std::string &column, const std::string &text) {
+    if (column == "slot" && !same_word(text.substr(0, 5), "Slot ")) return "Slot " + text;
     const auto speed = column == "mbps" ? speed_of(text) : std::nullopt;
     if (speed) return *speed;
     const auto number = whole_number<int64_t>(text);
@@ -68,8 +72,9 @@ std::vector<std::string> values_of(const View &view, const std::string &column, 
     return values;
 }
 
-std::string without_colons(std::string text) {
-    std::erase(text, ':');
+// A MAC address as its digits alone.
+std::string digits_of(std::string text) {
+    std::erase_if(text, [](char c) { return c == ':' || c == '-' || c == '.'; });
     return text;
 }
 
@@ -91,6 +96,9 @@ std::vector<Condition> read_conditions(const View &view, std::span<const std::st
         Condition &made = conditions.emplace_back(Condition{word, column, sign->sign, {}, {}});
         if (sign->sign == Sign::same || sign->sign == Sign::other)
             made.values = values_of(view, columns[column], text);
+        else if (names_in(view, columns[column]))
+            throw Failure(exit_usage,
+                          "show: " + columns[column] + " has names, which are neither more nor less: = or !=");
         else
             made.bound = bound_of(columns[column], text);
     }
@@ -104,6 +112,8 @@ bool fits(const std::vector<Json> &record, const std::vector<Condition> &conditi
         if (one.sign == Sign::same) return std::any_of(one.values.begin(), one.values.end(), meant);
         if (one.sign == Sign::other) return std::none_of(one.values.begin(), one.values.end(), meant);
         if (cell.is_null()) return false;
+        if (cell.is_boolean())
+            throw Failure(exit_usage, "show: " + shown(one.word) + ": yes and no are neither more nor less");
         if (cell.is_number() && !one.bound.is_number())
             throw Failure(exit_usage, "show: " + shown(one.word) + " needs a number to compare with");
         const int order = order_of(cell, one.bound);
@@ -121,7 +131,7 @@ bool means(const std::string &word, const Json &cell) {
     if (number && cell.is_number_integer()) return cell == *number;
     if (number && text.starts_with("0x")) return whole_number<int64_t>(text) == number;
     constexpr size_t mac_length = 17;
-    return text.size() == mac_length && text[2] == ':' && same_word(without_colons(word), without_colons(text));
+    return text.size() == mac_length && text[2] == ':' && same_word(digits_of(word), digits_of(text));
 }
 
 }  // namespace dmq

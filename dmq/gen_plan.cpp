@@ -71,6 +71,7 @@ std::optional<GenPort> layout_port(const std::string &line, std::set<int> &lanes
     std::istringstream words(line);
     std::string list, panel_port, speed;
     words >> list >> panel_port >> speed;
+    if (std::string more; words >> more) return std::nullopt;
     std::istringstream each(list);
     for (std::string lane; std::getline(each, lane, ',');) {
         if (number_of(lane) < 1 || number_of(lane) > 255 || !lanes.insert(number_of(lane)).second) return std::nullopt;
@@ -78,8 +79,7 @@ std::optional<GenPort> layout_port(const std::string &line, std::set<int> &lanes
     GenPort port{};
     port.panel_port = number_of(panel_port);
     port.mbps = number_of(speed);
-    if (lanes.empty() || list.back() == ',' || port.panel_port < 1 || port.panel_port > 255 ||
-        !whole_number<int>(speed))
+    if (lanes.empty() || list.back() == ',' || port.panel_port < 1 || port.panel_port > 255 || port.mbps < 1)
         return std::nullopt;
     port.cport = *lanes.begin();
     port.lanes = static_cast<int>(lanes.size());
@@ -136,6 +136,9 @@ void plan_box(GenPlan &plan) {
     const bool laid_out = !plan.options.layout.empty();
     auto ports = laid_out ? layout_ports(plan.options.layout) : line_ports(plan.options.ports, 100000);
     if (laid_out) plan.options.ports = static_cast<int>(ports.size());
+    if (laid_out && plan.options.devices > 1 && ports.size() < 2 * vsl_ports)
+        throw Failure(exit_usage,
+                      "gen: " + plan.options.layout + ": too few ports to join devices; --devices 1 makes one alone");
     check(plan.options);
     int chips = 0;
     for (const GenPort &port : ports) chips = std::max(chips, port.unit + 1);

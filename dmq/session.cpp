@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <filesystem>
 #include <memory>
 #include <tuple>
 
@@ -65,6 +66,20 @@ bool is_complete_notice(const ProtobufCMessage &object) {
     return kind_of(*object.descriptor).row == DM_ROW_DP_LIB_COMPLETE && stats_of(DM_ROW_DP_LIB_COMPLETE).enabled;
 }
 
+// All of a process is read, or nothing.
+Picture picture_of(const std::string &path, const Deadline &deadline, const std::vector<Kind> &kinds) {
+    Picture picture;
+    Inspection inspection(path, deadline);
+    inspection.read_process(picture);
+    Progress progress("reading rows");
+    const auto &rows = kinds.empty() ? cached_kinds() : kinds;
+    for (size_t i = 0; i < rows.size(); ++i) {
+        inspection.read_objects(picture, rows[i].row);
+        progress.show(i, rows.size());
+    }
+    return picture;
+}
+
 }  // namespace
 
 Session::Session(const Settings &settings)
@@ -76,7 +91,9 @@ Session::Session(const Settings &settings)
     for (const auto &file : settings.load) topologies.push_back(read_topology(file));
     begin(settings.timeout);
     if (!settings.attach.empty()) {
-        attached_ = find_inspected(settings.attach, settings.inspect);
+        attach_ = settings.attach;
+        inspect_ = settings.inspect;
+        attached_ = find_inspected(attach_, inspect_);
         unsetenv("DM_CACHE_INSPECT");  // what is only a picture is not to be looked into
     }
     writer_ = open();
@@ -136,20 +153,15 @@ void Session::begin_start(const std::vector<Kind> &kinds) {
     starter_ = std::thread(std::move(task));
 }
 
-// All of the process is read before the cache is touched: a shell goes on with what it had.
+// The process is read before the cache is touched: a shell goes on with what it had. One that has ended may be there again, under
+// the name by which it was found.
 void Session::take_picture(const std::vector<Kind> &kinds) {
-    Picture picture;
-    picture_ms_ = now_ms();
-    {
-        Inspection inspection(attached_, deadline_);
-        inspection.read_process(picture);
-        Progress progress("reading rows");
-        const auto &rows = kinds.empty() ? cached_kinds() : kinds;
-        for (size_t i = 0; i < rows.size(); ++i) {
-            inspection.read_objects(picture, rows[i].row);
-            progress.show(i, rows.size());
-        }
-    }
+    std::error_code unknown;
+    if (!std::filesystem::exists(attached_, unknown)) attached_ = find_inspected(attach_, inspect_);
+    const int64_t begun = now_ms();
+    Picture picture = picture_of(attached_, deadline_, kinds);
+    picture_ms_ = begun;
+
     if (started_) {
         dm_cache_stop();
         started_ = false;

@@ -108,7 +108,8 @@ private:
 
     std::string store_, shown_;  // shown without its secret
     bool named_;
-    std::string attached_;  // the path of a process's socket
+    std::string attach_, inspect_;  // the process as it was named, and the folder
+    std::string attached_;          // the path of its socket
     std::optional<Picture> picture_, earlier_;
     int64_t picture_ms_ = 0;
     Deadline deadline_;

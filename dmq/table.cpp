@@ -115,6 +115,13 @@ std::string_view take_digits(std::string_view &text) {
     return digits;
 }
 
+// Its digits are hexadecimal, and all have the same number of them.
+bool is_mac(const Json &cell) {
+    constexpr size_t length = 17;
+    return cell.is_string() && cell.get_ref<const std::string &>().size() == length &&
+           cell.get_ref<const std::string &>()[2] == ':';
+}
+
 int natural_order(std::string_view one, std::string_view other) {
     while (!one.empty() && !other.empty()) {
         if (is_digit(one[0]) && is_digit(other[0])) {
@@ -200,6 +207,7 @@ size_t find_column(const std::vector<std::string> &columns, const std::string &n
 int order_of(const Json &one, const Json &other) {
     const auto a = number_in(one), b = number_in(other);
     if (a && b) return *a < *b ? -1 : *a > *b;
+    if (is_mac(one) && is_mac(other)) return one < other ? -1 : other < one;
     if (one.is_string() && other.is_string())
         return natural_order(one.get_ref<const std::string &>(), other.get_ref<const std::string &>());
     return one < other ? -1 : other < one;

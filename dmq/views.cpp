@@ -52,10 +52,11 @@ void add_device(Table &table, const ProtobufCMessage &object) {
     const auto &device = reinterpret_cast<const PDev__DeviceInfo &>(object);
     const int32_t dev = device.devid;
     const auto *sync = cached<PDev__DeviceSyncInfo>(DM_ROW_DEVICE_SYNC_INFO, *device.index);
-    table.rows.push_back({dev, text(ndm_get_dev_name_by_id, dev),
-                          text(ndm_get_dev_name_by_type, written(ndm_get_device_type, dev)),
+    const int32_t type = written(ndm_get_device_type, dev);
+    table.rows.push_back({dev, text(ndm_get_dev_name_by_id, dev), text(ndm_get_dev_name_by_type, type),
                           ndm_device_is_online(dev) == 1, number(ndm_get_slot_num(dev)), ndm_get_online_lc_num(dev),
-                          text(ndm_get_device_sn, dev), to_hex(device.mac_addr), sync ? Json(sync->hw_ver) : Json()});
+                          text(ndm_get_device_sn, dev), to_hex(device.mac_addr), sync ? Json(sync->hw_ver) : Json(),
+                          number(type)});
 }
 
 // The slots of a device. When they are not known, one record says that.
@@ -136,7 +137,8 @@ void add_chips(Table &table, const ProtobufCMessage &object) {
 constexpr int32_t no_row = -1;
 constexpr View views[] = {
     {"system", "", false, "what value", no_row, {}},
-    {"devices", "device", false, "dev name type online slots line_cards serial mac hw", DM_ROW_DEVICE_INFO, add_device},
+    {"devices", "device", false, "dev name type online slots line_cards serial mac hw type_number", DM_ROW_DEVICE_INFO,
+     add_device},
     {"slots", "", true, "type card online node", DM_ROW_DEVICE_INFO, add_slots},
     {"cards", "card", true, "card node_type online role ports chips vsl mac type_number node dcm", DM_ROW_CARD_INFO,
      add_card},

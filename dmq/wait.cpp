@@ -68,7 +68,12 @@ Exit run_wait(Context &context, const Command &command) {
     const Kind kind = find_cached_kind(command.words[0]);
     const std::vector<std::string> words(command.words.begin() + 1, command.words.end());
     Wanted wanted(kind, words, command.gone);
-    wanted.wait(context.live({kind}, command.settings).deadline());
+    Session &session = context.live({kind}, command.settings);
+    if (session.is_lost() || session.is_cut_off()) {
+        note("the connection to the store is lost: the cache is as it was then");
+        context.doubtful = true;
+    }
+    wanted.wait(session.deadline());
     return exit_yes;
 }
 

@@ -70,6 +70,11 @@ struct Block {
     std::vector<std::pair<uint32_t, size_t>> cards;  // node, and the line where the card begins
 };
 
+// A name that is too long ends with a ~.
+std::string shortened(const std::string &name, size_t width) {
+    return width_of(name) <= width ? name : fit(name, width - 1) + "~";
+}
+
 // What stands before the ports of a card: where it is and what, and below that how many of its ports are up. A card without ports
 // has one line.
 Line card_label(const SceneCard &card, bool is_chosen, bool is_second) {
@@ -79,8 +84,10 @@ Line card_label(const SceneCard &card, bool is_chosen, bool is_second) {
     const size_t indent = std::min<size_t>(9, label_width - std::min(label_width, width_of(below.text) + 1));
     if (is_second) return fit({{std::string(indent, ' ')}, below}, label_width);
     Line line{{is_chosen ? "> " : "  "}, {fit(card.place, 6), Colour::none, is_chosen}};
-    line.push_back({" " + card.name, Colour::heading, is_chosen});
     const Span role{card.role.empty() ? "" : " " + card.role, Colour::change};
+    const size_t taken = width_of(line) + 2 + (has_ports ? width_of(role.text) : 0);  // a blank before, one behind
+    line.push_back(
+        {" " + shortened(card.name, label_width - std::min(taken, label_width - 2)), Colour::heading, is_chosen});
     if (has_ports) line.push_back(role);
     line = fit(line, label_width);
     if (!has_ports) append(line, {state, role});

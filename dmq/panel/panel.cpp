@@ -184,7 +184,11 @@ Exit run_panel(Context &context, const Command &command) {
     if (command.once) return print_once(context.synchronised({}, command.settings));
     if (context.in_shell) throw Failure(exit_usage, "a shell shows the panel with --once");
     Screen::need();
-    Panel panel{context.synchronised({}, command.settings), command.settings};
+    // The picture of another process needs no store, so one that is away keeps nobody waiting.
+    Settings settings = command.settings;
+    if (!settings.attach.empty()) settings.store.clear();
+    Context own(settings);
+    Panel panel{own.synchronised({}, settings), settings};
     const Following following(panel.news, !panel.session.picture());
     for (bool is_first = true; !panel.walk.is_over && !panel.screen.is_over(); is_first = false) {
         look(panel, is_first);
