@@ -4,6 +4,7 @@
 #include "dmq/complete.h"
 #include "dmq/facts.h"
 #include "dmq/names.h"
+#include "dmq/reads.h"
 #include "dmq/things.h"
 
 namespace dmq {
@@ -29,6 +30,8 @@ Exit show_table(Context &context, const View &view, const Command &command) {
         return is_hidden || !fits(record, conditions);
     });
     print_table(table, plain_options(view, command));
+    if (table.rows.empty() && view.row >= 0 && !stats_of(view.row).enabled)
+        note(row_name(view.row) + " is not followed by the process, so nothing of it is known");
     return table.rows.empty() ? exit_no : exit_yes;
 }
 

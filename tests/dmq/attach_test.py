@@ -39,6 +39,7 @@ class Attach(WithFolder):
                               env={**running.ENV, "DM_CACHE_INSPECT": self.folder}) as watcher:
             self.addCleanup(watcher.kill)
             watcher.stdout.readline()
+            self.assertIn("row 30 p_dev.vsd_port is not followed by the process", self.dmq("--attach", "dmq", "show", "ports").stderr)
             self.assertIn("because: row 13 p_dev.dp_lib_my_chss_info is not followed: nobody has asked for it",
                           self.dmq("--attach", "dmq", "explain", "ndm_is_vsu").stdout)
             watcher.kill()
