@@ -136,7 +136,7 @@ void plan_box(GenPlan &plan) {
     const bool laid_out = !plan.options.layout.empty();
     auto ports = laid_out ? layout_ports(plan.options.layout) : line_ports(plan.options.ports, 100000);
     if (laid_out) plan.options.ports = static_cast<int>(ports.size());
-    if (laid_out && plan.options.devices > 1 && ports.size() < 2 * vsl_ports)
+    if (laid_out && plan.options.devices > 1 && plan.options.ports < 2 * vsl_ports)
         throw Failure(exit_usage,
                       "gen: " + plan.options.layout + ": too few ports to join devices; --devices 1 makes one alone");
     check(plan.options);
