@@ -23,7 +23,7 @@
 
 #ifdef __SANITIZE_ADDRESS__
 // The library never frees the names of functions that it is given, nobody else here copies such texts.
-extern "C" const char *__lsan_default_suppressions();
+extern "C" __attribute__((visibility("default"))) const char *__lsan_default_suppressions();
 extern "C" const char *__lsan_default_suppressions() {
     return "leak:wcsdup";
 }
