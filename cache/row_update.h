@@ -21,7 +21,8 @@ uint64_t change_mark() DM_REQUIRES_SHARED;
 bool is_where_it_was(int32_t type, const dm_cache_list_node *node, uint64_t mark) DM_REQUIRES_SHARED;
 
 // Stores an object whose read began at a mark, as store_object() does; kept_out when the row stores nothing, or the object
-// is overtaken: its key has been set since, or may have been deleted, so that storing it would undo a newer change.
+// is overtaken: its key has been set since, or may have been deleted, so that storing it would undo a newer change. What the
+// client hands in itself is read nowhere: never_overtaken, and kept as the client's.
 constexpr int32_t kept_out = 2;
 constexpr uint64_t never_overtaken = UINT64_MAX;
 int32_t offer_object(int32_t type, const ProtobufCMessage *obj, uint64_t since) DM_REQUIRES_LOCK;

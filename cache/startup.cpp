@@ -189,7 +189,7 @@ int32_t dm_cache_stop(void) {
     using namespace dm;
     if (!close_gate()) return -1;
     stop_begins();
-    if (started()) forget_requests();  // of a start that failed: its handle may have gone
+    if (started()) forget_requests();  // the handle of a start that failed may have gone
     __atomic_store_n(&g_dm_cache_inited, uint8_t{0}, __ATOMIC_RELEASE);
     end_sync();
     __atomic_store_n(&g_dm_global, nullptr, __ATOMIC_RELEASE);

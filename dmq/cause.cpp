@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <map>
 
+#include "dmq/facts.h"
 #include "dmq/output.h"
 #include "dmq/reads.h"
 #include "dmq/session.h"
@@ -22,18 +23,13 @@ struct PortFacts {
 };
 
 template <class T> PortFacts facts_of(const T &port, int32_t vsdid) {
-    PortFacts facts{.place = P_DEV__PORT_INDEX__INIT,
-                    .vsdid = vsdid,
-                    .ifx = port.ifx,
-                    .dev = static_cast<int32_t>(port.dev),
-                    .physlot = port.physlot,
-                    .slot = static_cast<int32_t>(port.slot)};
-    facts.place.t_dev = port.index->t_dev;
-    facts.place.t_slot = port.index->t_slot;
-    facts.place.t_port = port.index->t_port;
-    facts.place.t_type = port.index->t_type;
-    facts.place.t_sslot = port.index->t_sslot;
-    return facts;
+    const PDev__PortIndex place = P_DEV__PORT_INDEX__INIT;
+    return {.place = at_place_of(*port.index, place),
+            .vsdid = vsdid,
+            .ifx = port.ifx,
+            .dev = static_cast<int32_t>(port.dev),
+            .physlot = port.physlot,
+            .slot = static_cast<int32_t>(port.slot)};
 }
 
 // Null: the object is no port.
@@ -122,8 +118,13 @@ std::string told_of(const ProtobufCMessage &object, const Read &read, const std:
 
 // An object that a tree should have found, and why it is not in it. Empty: there is none.
 struct Missing {
-    std::string surely, perhaps;
+    std::string surely{}, perhaps{};
 };
+
+constexpr const char *not_found_by_its_key =
+    ", which has that key, and is not found by it: another one had it too and took it along when it went, or the "
+    "client has "
+    "changed the tree";
 
 Missing missing_from_tree(const Read &read) {
     const CacheLock lock;
@@ -132,19 +133,15 @@ Missing missing_from_tree(const Read &read) {
     for (const dm_list_head *link = list ? list->head.next : nullptr; list && link != &list->head; link = link->next) {
         const auto &node = *reinterpret_cast<const dm_cache_list_node *>(link);
         if (node.key && node.key->key[read.tree] == read.tree_key)
-            return {
-                told_of(
-                    *node.obj, read,
-                    ", which has that key, and is not found by it: another one had it too and took it along when it "
-                    "went, or the client has changed the tree"),
-                ""};
+            return {.surely = told_of(*node.obj, read, not_found_by_its_key)};
         const Match match = node.key ? Match::no : match_of(*node.obj, read);
         if (match == Match::yes)
-            return {told_of(*node.obj, read, ", not indexed: " + unindexed(read.row, *node.obj)), ""};
+            return {.surely = told_of(*node.obj, read, ", not indexed: " + unindexed(read.row, *node.obj))};
         if (match == Match::maybe && !candidate) candidate = node.obj;
     }
     if (!candidate) return {};
-    return {"", told_of(*candidate, read, ", which may be meant, not indexed: " + unindexed(read.row, *candidate))};
+    return {.perhaps =
+                told_of(*candidate, read, ", which may be meant, not indexed: " + unindexed(read.row, *candidate))};
 }
 
 // That an object is there, and not found, explains more than any row in which the query looked then.

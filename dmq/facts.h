@@ -35,6 +35,16 @@ template <class T, class Key> const T *cached(int32_t row, const Key &key) {
     return object;
 }
 
+// A port's key at the place of another one, which may be of another kind: a static port's, or a global one's without its VSD.
+template <class Key, class Port> Key at_place_of(const Port &port, Key key) {
+    key.t_dev = port.t_dev;
+    key.t_slot = port.t_slot;
+    key.t_port = port.t_port;
+    key.t_type = port.t_type;
+    key.t_sslot = port.t_sslot;
+    return key;
+}
+
 uint32_t node_of(int32_t dev, int32_t pslot, int32_t sub);
 
 // As an operator calls the slot of a card; by its node when the library has no name for it.

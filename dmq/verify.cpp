@@ -127,11 +127,9 @@ Message copy_of(const Message &object) {
     return object ? copy(*object) : nullptr;
 }
 
+// Of dmq's own cache, where nobody but the store puts objects.
 dm_inspect_object about_node(const obj_sub_entry &row, const dm_cache_list_node &node) {
     dm_inspect_object about{};
-    about.by_client = node.stored == 1   ? DM_INSPECT_BY_STORE
-                      : node.stored == 2 ? DM_INSPECT_BY_SET_OBJ
-                                         : DM_INSPECT_BY_HAND;
     if (!row.port_tree) return about;
     about.trees = static_cast<uint8_t>(row.port_tree->tree_num);
     about.indexed = node.key != nullptr;

@@ -91,13 +91,8 @@ void add_card(Table &table, const ProtobufCMessage &object) {
 void add_port(Table &table, const ProtobufCMessage &object) {
     const auto &port = reinterpret_cast<const PDev__VsdPort &>(object);
     const auto &key = *port.index;
-    PDev__PortIndex fixed_key = P_DEV__PORT_INDEX__INIT;
-    fixed_key.t_dev = key.t_dev;
-    fixed_key.t_slot = key.t_slot;
-    fixed_key.t_port = key.t_port;
-    fixed_key.t_type = key.t_type;
-    fixed_key.t_sslot = key.t_sslot;
-    const auto *fixed = cached<PDev__PortStatic>(DM_ROW_PORT_STATIC, fixed_key);
+    const PDev__PortIndex fixed_key = P_DEV__PORT_INDEX__INIT;
+    const auto *fixed = cached<PDev__PortStatic>(DM_ROW_PORT_STATIC, at_place_of(key, fixed_key));
     const int32_t lport = fixed ? fixed->static_info->lport : unknown;
     const auto objid = written<uint32_t>(ndm_get_objid_by_slot_lport, key.t_dev, port.physlot, lport);
     int32_t its_dev, its_slot, unit = unknown, cport = unknown;

@@ -122,13 +122,10 @@ bool greet(Answer &answer, const char *name) {
 bool ask(Answer &answer, const char *line, const ProcessTexts &texts) {
     answer.out.filled = answer.out.sent = 0;
     if (strcmp(line, "process") == 0) return tell_process(answer, texts);
-    constexpr char objects_of[] = "objects ";
-    constexpr size_t number = sizeof objects_of - 1;
-    if (strncmp(line, objects_of, number) != 0 || line[number] < '0' || line[number] > '9') return false;
     int32_t type = 0, length = 0;
-    if (sscanf(line + number, "%2d%n", &type, &length) != 1 || line[number + static_cast<size_t>(length)] != '\0' ||
-        !kind_of_row(type))
-        return false;
+    if (sscanf(line, "objects %2d%n", &type, &length) != 1 || line[length] != '\0' || !kind_of_row(type)) return false;
+    const char *const number = line + sizeof "objects";
+    if (number[-1] != ' ' || *number < '0' || *number > '9') return false;  // blanks and signs that sscanf() lets pass
     begin_walk(answer.walk, type);
     answer.taken = 0;
     answer.is_due = true;

@@ -181,8 +181,8 @@ bool is_left_behind(const sockaddr_un &address) {
     return is_refused;
 }
 
-// What failed; null: it listens. Nobody gets in before the mode is right, since nobody listens yet.
-const char *listen_at(Server &s) {
+// What failed; null: its file is there.
+const char *bind_at(Server &s) {
     const sockaddr_un &address = s.address;
     s.listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (s.listener < 0) return "socket";
@@ -191,15 +191,13 @@ const char *listen_at(Server &s) {
         unlink(address.sun_path);
         if (bind(s.listener, generic(address), sizeof address) != 0) return "bind";
     }
-    const char *failed = nullptr;
-    if (chmod(address.sun_path, S_IRUSR | S_IWUSR) != 0)
-        failed = "chmod";
-    else if (listen(s.listener, 8) != 0)
-        failed = "listen";
-    const int why = errno;
-    if (failed) unlink(address.sun_path);
-    errno = why;
-    return failed;
+    return nullptr;
+}
+
+// The same; nobody gets in before the mode is right, since nobody listens yet.
+const char *listen_there(const Server &s) {
+    if (chmod(s.address.sun_path, S_IRUSR | S_IWUSR) != 0) return "chmod";
+    return listen(s.listener, 8) == 0 ? nullptr : "listen";
 }
 
 // The thread takes no signals: they are the client's threads' own.
@@ -270,8 +268,10 @@ bool write_address(Server &s, const char *folder, const char *safe_name) {
 // What failed; null: it is open.
 const char *open_server(Server &s) {
     if (dm_cache_multi_thread_init() != 0) return "dm_cache_multi_thread_init";
-    if (const char *failed = listen_at(s)) return failed;
-    if (const char *failed = start_thread(s)) {
+    if (const char *failed = bind_at(s)) return failed;
+    const char *failed = listen_there(s);
+    if (!failed) failed = start_thread(s);
+    if (failed) {
         unlink(s.address.sun_path);
         return failed;
     }

@@ -136,8 +136,7 @@ private:
     std::condition_variable back_;
     std::vector<Ticket> subscriptions_;
     uint64_t requests_ = 0;
-    std::map<tq_mom_msg_cb, uint64_t>
-        forgotten_;  // the number of the last request of a callback that has been forgotten
+    std::map<tq_mom_msg_cb, uint64_t> forgotten_;  // the number of the last request that a callback does not hear of
     std::vector<Ready> ready_;
     std::map<uint32_t, tq_mom_reconnect_cb> reconnect_;
     ConnectionListener connection_ = {};

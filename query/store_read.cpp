@@ -34,7 +34,7 @@ uint64_t change_mark_now() {
 StoreReply::StoreReply(int32_t row, uint32_t db, const ProtobufCMessage *key, ReadBy by, Caller caller)
     : row_(row), since_(change_mark_now()) {
     int32_t error = ask(db, key, by, caller);
-    if (error == 0 && !obj_) error = -1;  // no answer at all
+    if (error == 0 && !obj_) error = -1;  // nothing came that the query could use
     tell_store_read(row, by == ReadBy::record ? DM_CACHE_READ_RECORD : DM_CACHE_READ_OBJECT, key, obj_, error);
 }
 

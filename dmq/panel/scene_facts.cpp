@@ -51,12 +51,7 @@ PDev__PortIndex key_of(const SceneCard &card, const ScenePort &port) {
 PDev__VsdPortIndex global_key_of(const SceneCard &card, const ScenePort &port) {
     PDev__VsdPortIndex key = P_DEV__VSD_PORT_INDEX__INIT;
     key.t_vsdid = port.vsd;
-    key.t_dev = card.dev;
-    key.t_slot = card.user_slot;
-    key.t_port = port.number;
-    key.t_type = port.type;
-    key.t_sslot = card.sub;
-    return key;
+    return at_place_of(key_of(card, port), key);
 }
 
 std::string lower(std::string text) {

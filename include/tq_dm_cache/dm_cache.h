@@ -63,7 +63,7 @@ DM_API int32_t dm_cache_sub_obj(int32_t type, dm_cache_change_cb func, int32_t f
 
 /*
  * Which cached object has this key? `key` is a key message of the kind, null for a kind without key; `out` receives the
- * message, borrowed, or null when there is none (-1): read it, never write to it, as the queue, followers and whoever inspects the
+ * message, borrowed, or null when there is none (-1). Never write to the message: the queue, followers and whoever inspects the
  * process may have a share of it. A look-up allocates nothing.
  */
 DM_API int32_t dm_cache_get_obj(int32_t type, const void *key, void *out);

@@ -76,9 +76,9 @@ DM_API int32_t dm_cache_unfollow(int32_t type, dm_cache_follow_cb callback, void
 /*
  * Enables the rows that a query of ndm.h reads, by its name, such as "ndm_get_master_node", and no others: as dm_cache_sub_obj()
  * with no function before the start, else as dm_cache_follow() does, and the query answers when they are filled
- * (dm_cache_get_stats()). Rows that are followed already stay as they are, but for DM_CACHE_NO_STORE before the start: the query could
- * not answer. Which rows a query reads stands in docs/queries.md. -1:
- * a null pointer, or there is no query of that name.
+ * (dm_cache_get_stats()). Rows that are followed already stay as they are; but before the start
+ * DM_CACHE_NO_STORE is taken from them, since the query could not answer. Which rows a query reads stands in docs/queries.md.
+ * -1: a null pointer, or there is no query of that name.
  */
 DM_API int32_t dm_cache_follow_for(const char *query);
 

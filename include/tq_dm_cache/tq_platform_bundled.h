@@ -183,9 +183,9 @@ DM_API uint64_t tq_mom_client_damaged(tq_mom_handle *handle);
 DM_API int64_t tq_mom_client_heard_ms(tq_mom_handle *handle);
 
 /*
- * What was asked for with this callback is not told any more, subscriptions and scans that are under way: as if the handle were new
- * to it. A delivery that runs already goes on to its end. Who subscribes again with it is confirmed again. dm_cache_stop() does so
- * with its own. Any thread, callbacks included.
+ * Makes a handle forget its subscriptions with this callback (of fields: with it as the first one) and its scans that are under way:
+ * they are not told any more, but for a delivery that runs already. Who subscribes again is confirmed again. dm_cache_stop() does
+ * this with the cache's own callbacks. TQ_MOM_E_ARGUMENT: a null callback, or no handle. Any thread, callbacks included.
  */
 DM_API int32_t tq_mom_client_forget(tq_mom_handle *handle, tq_mom_msg_cb callback);
 
