@@ -29,8 +29,9 @@ typedef struct dm_cache_read {
     const ProtobufCMessage *found; /* what one object was asked for; null when there is none */
     int64_t tree_key;              /* TREE */
     int32_t tree;                  /* TREE: which root of the row's index set (dm_port_index.h) */
-    int32_t
-        code; /* RECORD, OBJECT, SCAN: of the store, 0 or an error, -1 also when nothing usable came; WALK: how many objects are cached; else 0 */
+    /* RECORD, OBJECT, SCAN: the store's code, 0 or an error, and -1 when nothing usable came; WALK: how many objects are cached;
+     * else 0. */
+    int32_t code;
 } dm_cache_read;
 
 /*
