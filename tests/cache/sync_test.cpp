@@ -176,6 +176,20 @@ TEST(Sync, RescansTheRowsOfAReconnectedDatabase) {
     EXPECT_EQ(drained(&platform.calls), Strings{scan_card});
 }
 
+// Scans that end before the delayed rescans do not stand in for them.
+TEST(Sync, WaitsForTheRescanThatIsStillToCome) {
+    start_live({1, 17});
+    platform.lose_connection(1, 1);
+    platform.confirm();
+    receive_value(17, SUBSCRIBED, nullptr);
+    ASSERT_EQ(platform.scans.size(), 2U);
+    platform.answer_scans();
+    EXPECT_EQ(dm_cache_applied(), 1U);
+    platform.fire_timers();
+    platform.answer_scans();
+    EXPECT_EQ(dm_cache_applied(), 2U);
+}
+
 // A full kind loses the new object and nothing else; a kind that is not stored fills no memory and reports nothing.
 TEST(Sync, RefusesWhatCannotBeStoredAndGoesOn) {
     start_live({17, 32});
