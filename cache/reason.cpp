@@ -105,21 +105,23 @@ void tell_of_queue(Sentence &sentence, const Rows &rows) {
 void tell(Sentence &sentence) {
     if (load(machine_is_live) != 0) return;
     if (!started()) return sentence.add("dm_cache_init() has not finished");
-    const Rows enabled = rows_that([](const RowSync &) { return true; });
+    const Rows followed = rows_that([](const RowSync &) { return true; });
     const Rows held = rows_that([](const RowSync &row) { return load(row.held) != 0; });
-    if (enabled.count == 0) return sentence.add("no row is enabled");
-    if (enabled.count == held.count) {
+    if (followed.count == 0) return sentence.add("no row is enabled");
+    if (followed.count == held.count) {
         sentence.add("the store refuses ");
         add_name(sentence, held.first);
         return sentence.add(", and no other row is followed");
     }
-    const bool any_early = rows_that([](const RowSync &row) { return !is_apart(row); }).count > 0;
-    const auto waits = [any_early](const RowSync &row) { return load(row.held) == 0 && !(any_early && is_apart(row)); };
+    const bool any_together = rows_that([](const RowSync &row) { return !is_apart(row); }).count > 0;
+    const auto waits = [any_together](const RowSync &row) {
+        return load(row.held) == 0 && !(any_together && is_apart(row));
+    };
     const Rows unconfirmed = rows_that([&](const RowSync &row) { return waits(row) && load(row.confirmed) == 0; });
     if (unconfirmed.count > 0) return tell_of_unconfirmed(sentence, unconfirmed);
     const Rows unscanned = rows_that([&](const RowSync &row) { return waits(row) && load(row.scanned) == 0; });
     if (unscanned.count > 0) return tell_of_unscanned(sentence, unscanned);
-    tell_of_queue(sentence, enabled);
+    tell_of_queue(sentence, followed);
 }
 
 }  // namespace

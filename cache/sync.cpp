@@ -60,10 +60,12 @@ namespace {
 
 enum class State { subscribing, early, gathering, applying, live } state = State::subscribing;
 
-// Other threads see no more of it than whether it is the last, and that once the application has been told.
+// Both words are for other threads. g_cache_proc_done stays as it is while the machine gathers, since readers still see what
+// was cached before; machine_is_live is set once the application has been told.
 void enter(State next) {
     if (state == State::live && next != State::live) age_grows_from_now();
     state = next;
+    if (next != State::gathering) store(g_cache_proc_done, static_cast<uint8_t>(next == State::live));
     store(machine_is_live, uint8_t{0});
 }
 
@@ -75,11 +77,6 @@ uint32_t database_bit(uint32_t db) {
 
 // A start has been made again: the callback thread is to begin from the first state.
 uint8_t restart_due = 0;
-
-// Clients poll the flag from other threads.
-void set_proc_done(uint8_t done) {
-    store(g_cache_proc_done, done);
-}
 
 bool subscribing() {
     return state == State::subscribing || state == State::early;
@@ -226,7 +223,6 @@ bool gathers_no_more() {
 // What was gathered is to be applied; before all is subscribed it never will be.
 void leave_gathering() {
     enter(subscribing() ? State::early : State::applying);
-    set_proc_done(0);
 }
 
 void row_is_scanned(int32_t number) {
@@ -266,7 +262,6 @@ void mark_every_row_dirty() {
 void leave_applying() {
     if (state != State::applying) return;
     enter(State::live);
-    set_proc_done(1);
     for_followed_rows([](int32_t row, const obj_sub_entry &) {
         if (!is_apart(row_sync[row])) has_become_equal(row_sync[row]);
     });
@@ -325,6 +320,28 @@ bool is_held(const tq_mom_handle *handle, const store_msg *msg, intptr_t row) {
            row_followed(obj_sub_list[row]);
 }
 
+// What the platform refuses, or holds; a message that names no row.
+void on_refusal(tq_mom_handle *handle, const store_msg *msg, intptr_t word) {
+    const auto row = static_cast<int32_t>(word);
+    if (is_held(handle, msg, word)) return hold_row(handle, row);
+    if (msg && word > 0 && word < obj_sub_list_max && brings_change(*msg)) status_refused(row, named_object(*msg));
+}
+
+void on_confirmed(int32_t row) {
+    store(row_sync[row].confirmed, uint8_t{1});
+    DM_LOG_AS(Caller{"dm_cache_mom_callback_func"}, notice, "key[%d] subscribe finish. \n", row);
+    if (!is_apart(row_sync[row]) || subscribing()) return begin_gathering();
+    if (load(row_sync[row].late) != 0) scan_late_row(row);  // the scan of one that is only held was held with it
+}
+
+void gather(store_msg *msg, int32_t row) {
+    if (msg->value) {
+        dm_cache_mom_cache(msg, row);
+    } else if (brings_change(*msg)) {
+        status_refused(row, nullptr);
+    }
+}
+
 void reset_machine() {
     for (int32_t number = 0; number < obj_sub_list_max; ++number) {
         RowSync &row = row_sync[number];
@@ -336,7 +353,6 @@ void reset_machine() {
     }
     enter(State::subscribing);
     store(subscribed_databases, 0u);
-    set_proc_done(0);
     expect_unfollowed(false);
     status_restarted();
 }
@@ -482,11 +498,7 @@ int32_t dm_cache_mom_callback_func(tq_mom_handle *handle, store_msg *msg, void *
     const auto word = reinterpret_cast<intptr_t>(privdata);
     if (!handle || !msg || !privdata || msg->result != 0) {
         DM_LOG(failure, "global or msg or privdata is NULL \r\n");
-        if (is_held(handle, msg, word)) {
-            hold_row(handle, static_cast<int32_t>(word));
-        } else if (msg && word > 0 && word < obj_sub_list_max && brings_change(*msg)) {
-            status_refused(static_cast<int32_t>(word), named_object(*msg));
-        }
+        on_refusal(handle, msg, word);
         return -1;
     }
     if (word < 0 || word >= obj_sub_list_max) {
@@ -494,36 +506,27 @@ int32_t dm_cache_mom_callback_func(tq_mom_handle *handle, store_msg *msg, void *
         return -1;
     }
     const auto row = static_cast<int32_t>(word);
-    const bool ends_late_scan = msg->flag == 1 && state == State::live && is_apart(row_sync[row]);
-    const bool ends_no_gathering =
-        msg->flag == 1 && state == State::live && !ends_late_scan;  // what it brings is dropped
-    if (msg->flag == 1) {
+    const bool ends_scan = msg->flag == 1;
+    const bool ends_live = ends_scan && state == State::live;
+    const bool ends_late_scan = ends_live && is_apart(row_sync[row]);
+    if (ends_scan) {
         if (ends_late_scan && msg->value) apply_live(handle, msg, privdata);
         end_scan(msg, row);
         DM_LOG(notice, "scan done[%d] \n", row);
     }
     if (msg->cmd == TQ_MOM_CMD_SUBSCRIBED) {
-        store(row_sync[row].confirmed, uint8_t{1});
-        DM_LOG(notice, "key[%d] subscribe finish. \n", row);
-        if (!is_apart(row_sync[row]) || subscribing())
-            begin_gathering();
-        else if (load(row_sync[row].late) != 0)  // the scan of one that is only held was held with it
-            scan_late_row(row);
+        on_confirmed(row);
         return 0;
     }
     if (subscribing()) return 0;
     if (state == State::gathering) {
-        if (msg->value) {
-            dm_cache_mom_cache(msg, row);
-        } else if (brings_change(*msg)) {
-            status_refused(row, nullptr);
-        }
+        gather(msg, row);
         return 0;
     }
-
     apply_gathered(handle);
-    if (ends_no_gathering && brings_change(*msg)) status_refused(row, named_object(*msg));
-    if (msg->flag == 1 || state != State::live) return 0;
+    const bool is_dropped = ends_live && !ends_late_scan;  // nothing was gathered that it could end
+    if (is_dropped && brings_change(*msg)) status_refused(row, named_object(*msg));
+    if (ends_scan || state != State::live) return 0;
     DM_LOG(trace, "step 5, g_cache_proc_done = %d\n", load(g_cache_proc_done));
     const bool is_late_reply = is_scanned(msg->cmd) && load(row_sync[row].late) != 0;
     if (row != DM_ROW_DP_LIB_COMPLETE || is_late_reply) {

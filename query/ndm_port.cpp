@@ -149,7 +149,7 @@ int32_t _ndm_get_vsdid_by_objid(uint32_t objid, int32_t *vsdid, uint8_t rt) {
 const ProtobufCMessage *scanned_object(const store_msg &msg, int32_t row, Caller caller) {
     const ProtobufCMessage *obj = carried_object(msg, msg.cmd != TQ_MOM_CMD_SET, log_tag, caller);
     if (obj && is_kind(obj, kind_of_row(row)->descriptor)) return obj;
-    if (msg.value || msg.flag != 1) status_refused(row, named_object(msg));
+    if (brings_change(msg)) status_refused(row, named_object(msg));
     return nullptr;
 }
 
