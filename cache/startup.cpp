@@ -170,11 +170,10 @@ int32_t dm_cache_init(tq_mom_handle *handle, const char *name) {
     if (dm_get_cap_value() != 0) DM_LOG(failure, "dm_cache_init: get cap value failed.\n");
     keep_name(name);
     dm_cache_read_cfg();
-    if (table_is_set_up()) {
+    if (table_is_set_up())
         set_up_table_again();
-    } else {
+    else
         set_up_table();
-    }
     __atomic_store_n(&g_dm_global, handle, __ATOMIC_RELEASE);
     open_gate();
     start_begins(handle);

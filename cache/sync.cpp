@@ -335,11 +335,10 @@ void on_confirmed(int32_t row) {
 }
 
 void gather(store_msg *msg, int32_t row) {
-    if (msg->value) {
+    if (msg->value)
         dm_cache_mom_cache(msg, row);
-    } else if (brings_change(*msg)) {
+    else if (brings_change(*msg))
         status_refused(row, nullptr);
-    }
 }
 
 void reset_machine() {
