@@ -141,7 +141,8 @@ TEST_P(StoreContract, WhatWasHeardHasBeenDelivered) {
             return time <= written.back() - ago;
         });
         ASSERT_GE(seen, promised) << ago.count();
-        if (written.size() >= 300) std::this_thread::sleep_for(milliseconds(1));  // a reader that lags behind catches up
+        if (written.size() >= 300)
+            std::this_thread::sleep_for(milliseconds(1));  // a reader that lags behind catches up
     }
     reader.follow_connection();
     while (static_cast<size_t>(seen) < written.size()) std::this_thread::sleep_for(milliseconds(1));
