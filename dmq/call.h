@@ -73,7 +73,8 @@ struct Query {
     std::string_view parameters;  // their names, separated by blanks
     bool yes_or_no;
     bool zero_is_no;
-    bool pure;  // a conversion that needs no cache, so no store either
+    bool writes;  // the store
+    bool pure;    // a conversion that needs no cache, so no store either
     Callable callable;
 };
 

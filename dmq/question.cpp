@@ -258,7 +258,7 @@ Json Question::values(int64_t result) const {
 }
 
 void refuse_write(const Query &query, bool attached, const std::string &command) {
-    if (attached && query.name == "ndm_reset_module_by_node_causelly")
+    if (attached && query.writes)
         throw Failure(exit_usage, command + ": " + std::string(query.name) +
                                       " writes the store, so it is not for a process that dmq is attached to");
 }
