@@ -192,9 +192,9 @@ std::string general(const Read &read) {
     if (read.of_store()) return "neither the cache nor the store has " + row + key;
     const uint32_t objects = stats_of(read.row).objects;
     if (objects == 0) return row + " is empty";
-    const std::string among = " (" + counted_objects(objects) + ")";
+    const std::string among = " (" + counted(objects, "object") + ")";
     const uint32_t refused = stats_of(read.row).refused;
-    const std::string besides = refused ? ", and " + std::to_string(refused) + " changes of the row were refused" : "";
+    const std::string besides = refused ? ", and " + refused_text(refused) : "";
     if (read.how == DM_CACHE_READ_TREE) return "no object of " + row + " has that key" + among + besides;
     return row + " has no" + key + among + besides;
 }
@@ -262,8 +262,8 @@ std::string cause_of(const Question &question, const Road &road, const Json &val
     if (!reads.back().found) return general(reads.back());
     const std::string row = row_name(reads.back().row);
     if (reads.back().how == DM_CACHE_READ_WALK) {
-        const std::string objects = counted_objects(static_cast<size_t>(reads.back().code));
-        return "none of the " + objects + " of " + row + " fits" + said_too(road);
+        if (reads.back().code == 1) return "the one object of " + row + " does not fit" + said_too(road);
+        return "none of the " + std::to_string(reads.back().code) + " objects of " + row + " fits" + said_too(road);
     }
     if (!failed(road.answer.result)) return "that is what " + row + " says";
     return "all that it read was found, and has no answer: " + row + " is the last" + said_too(road);

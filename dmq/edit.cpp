@@ -143,7 +143,7 @@ Exit run_load(Context &context, const Command &command) {
     warn_of_short_life(context, session);
     session.write(std::move(entries));
     print_line(command.settings.json ? dump({{"loaded", count}})
-                                     : "loaded " + counted_objects(count) + " from " + file);
+                                     : "loaded " + counted(count, "object") + " from " + file);
     return exit_yes;
 }
 

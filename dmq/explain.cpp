@@ -19,7 +19,7 @@ std::string asked_text(const Read &read) {
 }
 
 std::string outcome(const Read &read) {
-    if (read.how == DM_CACHE_READ_WALK) return counted_objects(static_cast<size_t>(read.code));
+    if (read.how == DM_CACHE_READ_WALK) return counted(static_cast<size_t>(read.code), "object");
     if (read.of_store() && !asks_its_store()) return "not asked: no store is named";
     if (read.of_store() && read.code && !read.is_not_there()) return "code " + std::to_string(read.code);
     if (read.how == DM_CACHE_READ_SCAN) return "scanned";

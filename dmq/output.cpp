@@ -144,8 +144,8 @@ void hide_password(std::span<char> text) {
     for (size_t i = begin + static_cast<size_t>(secret); i < end; ++i) text[i] = '*';
 }
 
-std::string counted_objects(size_t count) {
-    return std::to_string(count) + (count == 1 ? " object" : " objects");
+std::string counted(size_t count, const std::string &one, const std::string &many) {
+    return std::to_string(count) + " " + (count == 1 ? one : many.empty() ? one + "s" : many);
 }
 
 std::string hex(int64_t key) {

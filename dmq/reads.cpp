@@ -76,6 +76,10 @@ std::string row_name(int32_t row) {
     return "row " + std::to_string(row) + (found == kinds.end() ? "" : std::string(" ") + found->type->name);
 }
 
+std::string refused_text(uint32_t count) {
+    return counted(count, "change of the row was refused", "changes of the row were refused");
+}
+
 std::string tree_name(int32_t row, int32_t tree) {
     static const char *const of_ports[] = {"ifx", "dm_phyid", "ss_phyid", "lsm"};
     static const char *const of_local_ports[] = {"unit_cport", "lport"};

@@ -234,7 +234,7 @@ void Session::write(std::vector<Entry> entries) {
             ask("objects to be written, " + std::to_string(done) + " of " + std::to_string(all) + " are", call);
         if (code)
             write_failed(code, object_name(*(*kept)[done + std::min<size_t>(refused, count - 1)].object) + " (after " +
-                                   counted_objects(done + taken) + " written)");
+                                   counted(done + taken, "object") + " written)");
         progress.show(done += count, all);
     }
     if (follows()) settle(notice ? applied : 0);
@@ -249,7 +249,7 @@ void Session::write(std::vector<Edit> edits) {
         const std::string name = object_name(edit->object());
         if (const int32_t code =
                 ask(name + " to be written", [edit, client = writer()] { return write_edit(client, *edit); }))
-            write_failed(code, name + (i ? " (after " + counted_objects(i) + " written)" : ""));
+            write_failed(code, name + (i ? " (after " + counted(i, "object") + " written)" : ""));
     }
     if (follows()) settle(notice ? applied : 0);
 }

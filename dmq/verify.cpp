@@ -129,13 +129,13 @@ std::string why(int32_t row, const Difference &difference, const Seen *seen) {
     if (stats.held) return "the store refuses the row to the cache";
     if (!stats.subscribed) return "the row is not subscribed";
     if (!stats.scanned) return "the row's scan has not ended";
-    if (stats.queued) return std::to_string(stats.queued) + " changes of the row wait in the queue";
+    if (stats.queued)
+        return counted(stats.queued, "change of the row waits in the queue", "changes of the row wait in the queue");
     if (seen && seen->about.by_client == DM_INSPECT_BY_SET_OBJ)
         return "last set by the client itself, with dm_cache_set_obj()";
     if (seen && seen->about.by_client) return "put into the list by the client itself";
     if (!difference.cache && stats.objects >= DM_CACHE_LIST_LIMIT) return "the row is full";
-    if (!difference.cache && stats.refused)
-        return std::to_string(stats.refused) + " changes of the row were refused, perhaps this one";
+    if (!difference.cache && stats.refused) return refused_text(stats.refused) + ", perhaps this one";
     if (!difference.store) return "deleted past the library";
     return difference.cache ? "written past the library, or changed in place by the client"
                             : "written past the library, or taken out by the client itself";
@@ -318,12 +318,12 @@ void print_verdict(const Verification &v, const Command &command) {
     if (!is_plain || !table.rows.empty()) print_table(table, command.table);
     const size_t rows = v.kinds.size() - v.unread.size(), differ = v.told.size();
     if (is_plain)
-        print_line(counted_objects(v.objects) + " of " + std::to_string(rows) + (rows == 1 ? " row" : " rows") +
-                   " compared, " +
-                   (differ == 0 ? "none differs" : std::to_string(differ) + (differ == 1 ? " differs" : " differ")));
+        print_line(counted(v.objects, "object") + " of " + counted(rows, "row") + " compared, " +
+                   (differ == 0 ? "none differs" : counted(differ, "differs", "differ")));
     if (v.open.empty()) return;
     const Difference &first = v.open.begin()->second;
-    note(counted_objects(v.open.size()) + " changed all the while, so that they could not be compared; the first is " +
+    note(counted(v.open.size(), "object") +
+         " changed all the while, so that they could not be compared; the first is " +
          object_name(first.store ? *first.store : *first.cache));
 }
 

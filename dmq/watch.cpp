@@ -100,7 +100,7 @@ void tell(const dm_cache_event &event) {
             return tell_object(event, "swept", Colour::bad, "object", Json::object());
         case DM_CACHE_EVENT_APPLIED: {
             const size_t gone = std::exchange(watch->swept, 0);
-            return tell("resynchronised, " + counted_objects(gone) + (gone == 1 ? " was gone" : " were gone"),
+            return tell("resynchronised, " + counted(gone, "object was gone", "objects were gone"),
                         {{"event", "resynchronised"}, {"gone", gone}});
         }
         default:
@@ -147,7 +147,7 @@ void start_watch(const std::vector<Kind> &named, const WatchOptions &options) {
             names.push_back(kind.type->name);
         }
         const std::string reason = waits_for();
-        tell("following " + kinds_text(kinds) + ", " + counted_objects(objects) +
+        tell("following " + kinds_text(kinds) + ", " + counted(objects, "object") +
                  (reason.empty() ? ", live" : ", not live: " + reason),
              {{"event", "following"}, {"kinds", names}, {"objects", objects}, {"live", reason.empty()}});
     }
@@ -180,7 +180,7 @@ void tell_refused() {
         if (more == 0) continue;
         told += more;
         const std::string kind = obj_sub_list[row].obj_tmpl->descriptor->name;
-        tell("refused, row " + std::to_string(row) + " " + kind + ": " + counted_objects(more),
+        tell("refused, row " + std::to_string(row) + " " + kind + ": " + counted(more, "object"),
              {{"event", "refused"}, {"row", row}, {"kind", kind}, {"count", more}});
     }
 }
