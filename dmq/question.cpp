@@ -12,6 +12,20 @@
 
 namespace dmq {
 
+// Asks for it, passes a number of its own, or passes memory and shows what the query writes there.
+struct Use {
+    // How many elements the query wrote. A list has memory here for all of them, so an empty one is one too.
+    enum class Count { one, list, array };
+
+    Pass pass;
+    std::string_view name;                         // empty: any other
+    bool asked = false;                            // of the person
+    size_t size = 0;                               // of the memory
+    Json (*shown)(const Argument &, size_t) = {};  // an element that the query wrote; null: not shown
+    Count count = Count::one;
+    void (*release)(void *) = {};  // what the query hands out, an address a word
+};
+
 namespace {
 
 constexpr int32_t numbers_room = 512;
@@ -23,23 +37,7 @@ Json object_handed_out(const Argument &argument, size_t i);
 Json text_there(const Argument &argument, size_t i);
 Json bytes_there(const Argument &argument, size_t i);
 
-// How many elements the query wrote.
-enum class Count { one, list, array };  // a list has memory here for all of them, so an empty one is one too
-
-}  // namespace
-
-// Asks for it, passes a number of its own, or passes memory and shows what the query writes there.
-struct Use {
-    Pass pass;
-    std::string_view name;                         // empty: any other
-    bool asked = false;                            // of the person
-    size_t size = 0;                               // of the memory
-    Json (*shown)(const Argument &, size_t) = {};  // an element that the query wrote; null: not shown
-    Count count = Count::one;
-    void (*release)(void *) = {};  // what the query hands out, an address a word
-};
-
-namespace {
+using Count = Use::Count;
 
 constexpr Use uses[] = {
     {Pass::s32, "len"},
