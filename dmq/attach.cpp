@@ -34,9 +34,10 @@ template <class T> std::string_view behind(const std::string &bytes) {
     return std::string_view(bytes).substr(std::min(sizeof(T), bytes.size()));
 }
 
-const Kind *kind_of_row(int32_t row) {
+const ObjectKind *kind_of_row(int32_t row) {
     const auto &kinds = cached_kinds();
-    const auto found = std::find_if(kinds.begin(), kinds.end(), [&](const Kind &kind) { return kind.row == row; });
+    const auto found =
+        std::find_if(kinds.begin(), kinds.end(), [&](const ObjectKind &kind) { return kind.row == row; });
     return found == kinds.end() ? nullptr : &*found;
 }
 
@@ -246,7 +247,7 @@ void Inspection::read_process(Picture &picture) {
 }
 
 void Inspection::read_objects(Picture &picture, int32_t row) {
-    const Kind *kind = kind_of_row(row);
+    const ObjectKind *kind = kind_of_row(row);
     auto &objects = picture.objects[row];
     objects.clear();
     std::map<std::string, size_t> places;

@@ -57,7 +57,7 @@ std::vector<Edit> edits_of(Session &session, std::vector<Entry> entries, bool cr
 
 void refuse_unknown(Session &session, const ProtobufCMessage &object, const char *advice) {
     constexpr size_t most = 3;
-    const Kind kind = kind_of(*object.descriptor);
+    const ObjectKind kind = kind_of(*object.descriptor);
     std::vector<std::tuple<std::pair<int, double>, std::string>> near;
     if (const ProtobufCMessage *wanted = key_of(object)) {
         const Json key = to_json(*wanted, Fields::all);
@@ -147,7 +147,7 @@ Exit run_set(Context &context, const Command &command) {
         Session &session = context.open(command.settings);
         return carry_out(context, session, command, edits_of(session, std::move(entries), command.create));
     }
-    const Kind kind = find_kind(command.words[0]);
+    const ObjectKind kind = find_kind(command.words[0]);
     const auto assignments = read_words(*kind.type, {command.words.begin() + 1, command.words.end()});
     refuse_twice(assignments);
     need_whole_key(*kind.type, assignments);
@@ -166,7 +166,7 @@ Exit run_set(Context &context, const Command &command) {
 }
 
 Exit run_delete(Context &context, const Command &command) {
-    const Kind kind = find_kind(command.words[0]);
+    const ObjectKind kind = find_kind(command.words[0]);
     Message object = read_key(*kind.type, {command.words.begin() + 1, command.words.end()});
     const auto conditions = read_words(*kind.type, command.conditions);
     Session &session = context.open(command.settings);

@@ -83,7 +83,7 @@ const ProtobufCEnumDescriptor *find_enum(const std::string &name) {
     return nullptr;
 }
 
-void print_kind(const Kind &kind, const Command &command) {
+void print_kind(const ObjectKind &kind, const Command &command) {
     const Json key = key_text(*kind.type), row = kind.row < 0 ? Json() : Json(kind.row);
     Table table{{"field", "number", "type", "key", "range_or_unit", "values"}, {}};
     add_fields(table, *kind.type, "", false);
@@ -103,7 +103,7 @@ void print_kind(const Kind &kind, const Command &command) {
 
 Table all_kinds() {
     Table table{{"row", "kind", "db", "key", "fields"}, {}};
-    for (const Kind &kind : cached_kinds())
+    for (const ObjectKind &kind : cached_kinds())
         table.rows.push_back({kind.row, kind.type->name, kind.db, key_text(*kind.type), kind.type->n_fields});
     return table;
 }

@@ -67,7 +67,7 @@ bool is_complete_notice(const ProtobufCMessage &object) {
 }
 
 // All of a process is read, or nothing.
-Picture picture_of(const std::string &path, const Deadline &deadline, const std::vector<Kind> &kinds) {
+Picture picture_of(const std::string &path, const Deadline &deadline, const std::vector<ObjectKind> &kinds) {
     Picture picture;
     Inspection inspection(path, deadline);
     inspection.read_process(picture);
@@ -122,7 +122,7 @@ void Session::open_reader() {
     tq_mom_client_set_connection_cb(reader(), on_connection, nullptr);
 }
 
-void Session::start(const std::vector<Kind> &kinds) {
+void Session::start(const std::vector<ObjectKind> &kinds) {
     if (started_) return;
     open_reader();
     if (!starting_.valid()) begin_start(kinds);
@@ -138,9 +138,9 @@ void Session::start(const std::vector<Kind> &kinds) {
 }
 
 // Once: when a command has waited in vain, the next one waits for the same start.
-void Session::begin_start(const std::vector<Kind> &kinds) {
+void Session::begin_start(const std::vector<ObjectKind> &kinds) {
     dm_cache_multi_thread_init();
-    for (const Kind &kind : kinds.empty() ? cached_kinds() : kinds) {
+    for (const ObjectKind &kind : kinds.empty() ? cached_kinds() : kinds) {
         if (attached_.empty()) dm_cache_sub_obj(kind.row, nullptr, 0);
     }
     std::packaged_task<std::pair<int32_t, bool>()> task([client = reader()] {
@@ -155,7 +155,7 @@ void Session::begin_start(const std::vector<Kind> &kinds) {
 
 // The process is read before the cache is touched: a shell goes on with what it had. One that has ended may be there again, under
 // the name by which it was found.
-void Session::take_picture(const std::vector<Kind> &kinds) {
+void Session::take_picture(const std::vector<ObjectKind> &kinds) {
     std::error_code unknown;
     if (!std::filesystem::exists(attached_, unknown)) attached_ = find_inspected(attach_, inspect_);
     const int64_t begun = now_ms();
@@ -174,7 +174,7 @@ void Session::take_picture(const std::vector<Kind> &kinds) {
     shown_picture = &*picture_;
 }
 
-void Session::synchronise(const std::vector<Kind> &kinds) {
+void Session::synchronise(const std::vector<ObjectKind> &kinds) {
     if (!attached_.empty()) return take_picture(kinds);
     start(kinds);
     Progress progress("synchronising, rows scanned");
@@ -186,7 +186,7 @@ void Session::synchronise(const std::vector<Kind> &kinds) {
         if (!left) deadline_.passed("not synchronised", reason);
         if (dm_cache_wait_applied(applied, std::min(left, 100)) == 0) continue;
         size_t enabled = 0, scanned = 0;
-        for (const Kind &kind : cached_kinds()) {
+        for (const ObjectKind &kind : cached_kinds()) {
             enabled += stats_of(kind.row).enabled;
             scanned += stats_of(kind.row).scanned;
         }
@@ -201,7 +201,7 @@ bool Session::is_lost() const {
 int64_t Session::age_ms() const {
     int64_t age = picture_ ? picture_->age_ms() : -1;
     if (picture_) return age < 0 ? -1 : age + now_ms() - picture_ms_;
-    for (const Kind &kind : cached_kinds()) {
+    for (const ObjectKind &kind : cached_kinds()) {
         if (!stats_of(kind.row).enabled) continue;
         const int64_t own = dm_cache_age_ms(kind.row);
         if (own < 0) return -1;

@@ -146,7 +146,7 @@ struct Reading {
     Differences differences;
 };
 
-void compare_row(Session &session, const Kind &kind, const Changes &changes, int64_t now, Reading &read) {
+void compare_row(Session &session, const ObjectKind &kind, const Changes &changes, int64_t now, Reading &read) {
     const Content store = stored(session, kind);
     const Cached cache = cached(session, kind.row);
     const std::set<TreeKey> leading = keys_that_lead(cache);
@@ -226,10 +226,10 @@ void add(Table &table, int32_t row, const Difference &found, bool json) {
 }
 
 // Rows that the cache is to have.
-std::vector<Kind> rows_of(const std::vector<std::string> &names, const Session &session) {
-    std::vector<Kind> wanted, kinds;
+std::vector<ObjectKind> rows_of(const std::vector<std::string> &names, const Session &session) {
+    std::vector<ObjectKind> wanted, kinds;
     for (const auto &name : names) wanted.push_back(find_cached_kind(name));
-    for (const Kind &kind : names.empty() ? cached_kinds() : wanted) {
+    for (const ObjectKind &kind : names.empty() ? cached_kinds() : wanted) {
         const Picture *picture = session.picture();
         const bool is_stored = !picture || !(picture->rows[static_cast<size_t>(kind.row)].flag & DM_CACHE_NO_STORE);
         if (stats_of(kind.row).enabled && is_stored)
@@ -247,7 +247,7 @@ bool is_live(const Session &session) {
 // One comparison, look by look.
 struct Verification {
     Session &session;
-    std::vector<Kind> kinds;
+    std::vector<ObjectKind> kinds;
     Feed feed;
     Differences open, told;  // that differ so far, and that do
     size_t objects = 0;
@@ -258,7 +258,7 @@ struct Verification {
 // Reads the rows in which something is open, at first all of them.
 Reading read_rows(Verification &v, const Changes &changes, int64_t now) {
     Reading read;
-    for (const Kind &kind : v.kinds) {
+    for (const ObjectKind &kind : v.kinds) {
         const bool is_open =
             std::any_of(v.open.begin(), v.open.end(), [&](const auto &one) { return one.first.first == kind.row; });
         if ((!v.is_first && !is_open) || v.unread.contains(kind.row)) continue;
@@ -343,12 +343,12 @@ Exit run_verify(Context &context, const Command &command) {
     Session &session = context.open(command.settings);
     session.synchronise({});
     if (session.is_cut_off()) throw Failure(exit_no, "the cache is cut off from the store");
-    const std::vector<Kind> kinds = rows_of(command.words, session);
+    const std::vector<ObjectKind> kinds = rows_of(command.words, session);
     if (kinds.empty()) throw Failure(exit_no, "there is no row to be compared");
     note_other_store(session, shown_url(command.settings.store));
-    std::vector<Kind> heard = kinds;
-    const Kind ports = find_cached_kind(std::to_string(DM_ROW_PORT_STATIC));
-    if (std::none_of(kinds.begin(), kinds.end(), [&](const Kind &kind) { return kind.row == ports.row; }))
+    std::vector<ObjectKind> heard = kinds;
+    const ObjectKind ports = find_cached_kind(std::to_string(DM_ROW_PORT_STATIC));
+    if (std::none_of(kinds.begin(), kinds.end(), [&](const ObjectKind &kind) { return kind.row == ports.row; }))
         heard.push_back(ports);
 
     Verification v{session, kinds, Feed(session, heard), {}, {}};

@@ -34,7 +34,7 @@ Feed::~Feed() {
 }
 
 void Feed::mark() {
-    for (const Kind &kind : std::span(kinds_).first(asked_ ? 1 : kinds_.size())) {
+    for (const ObjectKind &kind : std::span(kinds_).first(asked_ ? 1 : kinds_.size())) {
         const Message any = new_message(*kind.type);
         if (tq_mom_subscribe(session_.reader(), kind.db, any.get(), 0, hear, this))
             throw Failure(exit_unreachable, "cannot follow " + std::string(kind.type->name));

@@ -20,7 +20,7 @@ std::vector<uint64_t> changes_of(const Changes &changes, const ObjectId &id, con
 
 class Feed {
 public:
-    Feed(Session &session, std::vector<Kind> kinds) : session_(session), kinds_(std::move(kinds)) {}
+    Feed(Session &session, std::vector<ObjectKind> kinds) : session_(session), kinds_(std::move(kinds)) {}
     Feed(const Feed &) = delete;
     ~Feed();  // waits for a callback that is running
 
@@ -33,7 +33,7 @@ private:
     static int32_t hear(tq_mom_handle *, store_msg *msg, void *privdata);
 
     Session &session_;
-    const std::vector<Kind> kinds_;
+    const std::vector<ObjectKind> kinds_;
     std::mutex lock_;
     std::condition_variable changed_;
     Changes changes_;

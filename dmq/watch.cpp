@@ -122,15 +122,15 @@ void on_event(const dm_cache_event *event, void *) {
     tell(text, {{"event", "behind"}, {"seconds", seconds}});
 }
 
-std::string kinds_text(const std::vector<Kind> &kinds) {
+std::string kinds_text(const std::vector<ObjectKind> &kinds) {
     return kinds.size() == 1 ? kinds[0].type->name : std::to_string(kinds.size()) + " kinds";
 }
 
 }  // namespace
 
-void start_watch(const std::vector<Kind> &named, const WatchOptions &options) {
+void start_watch(const std::vector<ObjectKind> &named, const WatchOptions &options) {
     stop_watch();
-    const std::vector<Kind> &kinds = named.empty() ? cached_kinds() : named;
+    const std::vector<ObjectKind> &kinds = named.empty() ? cached_kinds() : named;
     uint32_t flags = 0;
     if (options.unchanged) flags |= DM_CACHE_FOLLOW_UNCHANGED;
     if (!options.initial) flags |= DM_CACHE_FOLLOW_FROM_NOW;
@@ -140,7 +140,7 @@ void start_watch(const std::vector<Kind> &named, const WatchOptions &options) {
         if (!options.program.empty()) watch->programs = std::make_unique<ProgramQueue>(options.program);
         size_t objects = 0;
         Json names = Json::array();
-        for (const Kind &kind : kinds) {
+        for (const ObjectKind &kind : kinds) {
             const dm_cache_stats stats = stats_of(kind.row);
             watch->refused[kind.row] = stats.refused;
             objects += stats.objects;
@@ -152,7 +152,7 @@ void start_watch(const std::vector<Kind> &named, const WatchOptions &options) {
              {{"event", "following"}, {"kinds", names}, {"objects", objects}, {"live", reason.empty()}});
     }
     int32_t code = dm_cache_follow(-1, on_event, nullptr, 0);
-    for (const Kind &kind : kinds) code |= dm_cache_follow(kind.row, on_event, nullptr, flags);
+    for (const ObjectKind &kind : kinds) code |= dm_cache_follow(kind.row, on_event, nullptr, flags);
     if (code != 0) throw Failure(exit_no, "not enough memory to follow");
 }
 
@@ -165,7 +165,7 @@ bool is_watch_blocked() {
 // Followers first: one that is being told waits for the lock.
 void stop_watch() {
     dm_cache_unfollow(-1, on_event, nullptr);
-    for (const Kind &kind : cached_kinds()) dm_cache_unfollow(kind.row, on_event, nullptr);
+    for (const ObjectKind &kind : cached_kinds()) dm_cache_unfollow(kind.row, on_event, nullptr);
     std::unique_ptr<ProgramQueue> programs;  // ends behind the lock
     const std::lock_guard lock(guard);
     if (watch) programs = std::move(watch->programs);

@@ -38,7 +38,7 @@ void add_thing(SceneFacts &facts, const char *table, const ProtobufCMessage *obj
     }
 }
 
-PDev__PortIndex key_of(const SceneCard &card, const ScenePort &port) {
+PDev__PortIndex static_key_of(const SceneCard &card, const ScenePort &port) {
     PDev__PortIndex key = P_DEV__PORT_INDEX__INIT;
     key.t_dev = card.dev;
     key.t_slot = card.user_slot;
@@ -51,7 +51,7 @@ PDev__PortIndex key_of(const SceneCard &card, const ScenePort &port) {
 PDev__VsdPortIndex global_key_of(const SceneCard &card, const ScenePort &port) {
     PDev__VsdPortIndex key = P_DEV__VSD_PORT_INDEX__INIT;
     key.t_vsdid = port.vsd;
-    return at_place_of(key_of(card, port), key);
+    return at_place_of(static_key_of(card, port), key);
 }
 
 std::string lower(std::string text) {
@@ -101,7 +101,7 @@ SceneFacts facts_of_port(const SceneCard &card, const ScenePort &port) {
     add(facts, "sub", card.sub);
     add(facts, "port", port.number);
     add(facts, "type", enum_name(p_intf__intftype_e__descriptor, port.type));
-    const auto *fixed = cached<ProtobufCMessage>(DM_ROW_PORT_STATIC, key_of(card, port));
+    const auto *fixed = cached<ProtobufCMessage>(DM_ROW_PORT_STATIC, static_key_of(card, port));
     if (!fixed) return facts;
     facts.emplace_back(fixed->descriptor->name, "");
     const Json fields = to_json(*fixed, Fields::set)["static_info"];
