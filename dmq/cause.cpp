@@ -122,9 +122,10 @@ std::string unindexed(int32_t row, const ProtobufCMessage &object) {
     const PDev__PortStatic *found = nullptr;
     dm_cache_get_obj(DM_ROW_PORT_STATIC, &port->place, &found);
     const std::string which = "its static port (row " + std::to_string(DM_ROW_PORT_STATIC) + ", same place) ";
-    if (found)
+    if (found) {
         return found->static_info ? "its keys got no memory, or the client has taken it out"
                                   : which + "has no static_info";
+    }
     const std::string trouble = trouble_of(DM_ROW_PORT_STATIC);
     return which + "is not cached" + (trouble.empty() ? "" : ": " + trouble);
 }

@@ -100,9 +100,10 @@ bool is_plain(std::string_view text) {
 
 Candidates next_command(const Asked &asked) {
     Candidates commands;
-    for (const Verb &verb : verbs())
+    for (const Verb &verb : verbs()) {
         if (asked.words.empty() && find_verb(verb.name, asked.context.in_shell))
             commands.push_back({verb.name, verb.what});
+    }
     return commands;
 }
 
@@ -169,9 +170,8 @@ Candidates next_field(const Asked &asked) {
     Candidates candidates;
     if (asked.words.empty()) return candidates;
     const ObjectKind kind = find_cached_kind(asked.words[0]);
-    for (const auto &field : fields_of(*kind.type)) {
+    for (const auto &field : fields_of(*kind.type))
         if (&field != key_field(*kind.type)) candidates.push_back({std::string(field.name) + "=", ""});
-    }
     return candidates;
 }
 

@@ -125,9 +125,8 @@ const std::vector<ObjectKind> &cached_kinds() {
 }
 
 ObjectKind kind_of(const ProtobufCMessageDescriptor &type) {
-    for (const ObjectKind &kind : cached_kinds()) {
+    for (const ObjectKind &kind : cached_kinds())
         if (kind.type == &type) return kind;
-    }
     return {&type, -1, 1};
 }
 
@@ -141,9 +140,8 @@ const ProtobufCMessageDescriptor &find_type(const std::string &name) {
 
 ObjectKind find_kind(const std::string &name) {
     if (const auto row = whole_number<int32_t>(name)) return kind_of_row(*row);
-    for (const auto *type : all_types()) {
+    for (const auto *type : all_types())
         if (name == type->name + dm_schema_package_length(type) + 1) return kind_of(*type);
-    }
     return kind_of(find_type(name));
 }
 

@@ -191,9 +191,10 @@ std::string fields_text(std::string_view name, uint32_t number) {
     if (is_node(name))
         std::snprintf(text, sizeof text, "0x%08x: device %d, slot %d, sub-slot %d", number, dev, slot, sslot);
     // Of a port's logical number two bits lie beside the slot.
-    if (is_port(name))
+    if (is_port(name)) {
         std::snprintf(text, sizeof text, "0x%08x: type %u, device %d, slot %d, sub-slot %d, logical port %u", number,
                       number >> 26, dev, slot & 31, sslot, static_cast<uint32_t>(slot) >> 5 << 8 | (number & 0xFF));
+    }
     return text;
 }
 
@@ -228,9 +229,10 @@ Question::Question(const Query &query, const std::vector<std::string> &words, co
         }
         ++count;
     }
-    if (count != words.size())
+    if (count != words.size()) {
         throw Failure(exit_usage, "it is: " + command + " " + std::string(query.name) + wanted + "\n  " +
                                       std::string(query.question) + "\n  " + std::string(query.prototype));
+    }
 }
 
 Question::Answer Question::ask() {
@@ -256,9 +258,10 @@ Json Question::values(int64_t result) const {
 }
 
 void refuse_write(const Query &query, bool attached, const std::string &command) {
-    if (attached && query.writes)
+    if (attached && query.writes) {
         throw Failure(exit_usage, command + ": " + std::string(query.name) +
                                       " writes the store, so it is not for a process that dmq is attached to");
+    }
 }
 
 std::vector<std::string_view> asked_arguments(const Query &query) {

@@ -90,9 +90,10 @@ std::string tree_name(int32_t row, int32_t tree) {
 
 std::string words_of_key(const Json &key) {
     std::string words;
-    for (const auto &[field, value] : key.items())
+    for (const auto &[field, value] : key.items()) {
         if (!is_never_compared(field) || value != 0)
             words += (words.empty() ? "" : " ") + field + "=" + cell_text(value);
+    }
     return words;
 }
 

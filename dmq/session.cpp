@@ -32,10 +32,11 @@ Client open_store(const std::string &url, const std::string &shown) {
     const int32_t code = tq_mom_client_open(url.c_str(), &handle);
     if (code == TQ_MOM_E_URL || code == TQ_MOM_E_ARGUMENT)
         throw Failure(exit_usage, "the URL " + shown + " names no store; see --store in dmq --help");
-    if (code == TQ_MOM_E_DENIED)
+    if (code == TQ_MOM_E_DENIED) {
         throw Failure(exit_unreachable, "the store " + shown +
                                             " knows no such user or password; TQ_STORE_USER and "
                                             "TQ_STORE_PASSWORD give others");
+    }
     if (code == TQ_MOM_E_MEMORY)
         throw Failure(exit_no, "the store " + shown + ": not enough memory, threads or descriptors");
     if (code == TQ_MOM_E_REFUSED) throw Failure(exit_unreachable, "the store " + shown + " is part of a cluster");
@@ -45,9 +46,10 @@ Client open_store(const std::string &url, const std::string &shown) {
 
 [[noreturn]] void write_failed(int32_t code, const std::string &what) {
     if (code == TQ_MOM_E_NOT_FOUND) throw Failure(exit_no, what + ": no such object in the store");
-    if (code == TQ_MOM_E_CHANGED)
+    if (code == TQ_MOM_E_CHANGED) {
         throw Failure(exit_no,
                       what + ": somebody else has changed it since it was read, so it was left alone; look again");
+    }
     if (code == TQ_MOM_E_MEMORY) throw Failure(exit_no, what + ": not enough memory");
     if (code == TQ_MOM_E_TIMEOUT) throw Failure(exit_timeout, what + ": the store did not answer in time");
     if (code == TQ_MOM_E_UNREACHABLE) throw Failure(exit_unreachable, what + ": the store is not reachable");
@@ -140,9 +142,8 @@ void Session::start(const std::vector<ObjectKind> &kinds) {
 // Once: when a command has waited in vain, the next one waits for the same start.
 void Session::begin_start(const std::vector<ObjectKind> &kinds) {
     dm_cache_multi_thread_init();
-    for (const ObjectKind &kind : kinds.empty() ? cached_kinds() : kinds) {
+    for (const ObjectKind &kind : kinds.empty() ? cached_kinds() : kinds)
         if (attached_.empty()) dm_cache_sub_obj(kind.row, nullptr, 0);
-    }
     std::packaged_task<std::pair<int32_t, bool>()> task([client = reader()] {
         errno = 0;
         const int32_t answer = dm_cache_init(client, "dmq");
@@ -232,9 +233,10 @@ void Session::write(std::vector<Entry> entries) {
         };
         const auto [code, taken, refused] =
             ask("objects to be written, " + std::to_string(done) + " of " + std::to_string(all) + " are", call);
-        if (code)
+        if (code) {
             write_failed(code, object_name(*(*kept)[done + std::min<size_t>(refused, count - 1)].object) + " (after " +
                                    counted(done + taken, "object") + " written)");
+        }
         progress.show(done += count, all);
     }
     if (follows()) settle(notice ? applied : 0);

@@ -26,11 +26,10 @@ int32_t take_scanned(tq_mom_handle *, store_msg *msg, void *privdata) {
     const auto *record = static_cast<const result_rec *>(msg->value);
     if (!record || !record->obj) return 0;
     if (record->error == TQ_MOM_E_MEMORY) out_of_memory();
-    if (msg->result || record->error) {
+    if (msg->result || record->error)
         content.damaged[packed_key(*record->obj)] = copy(*record->obj);
-    } else {
+    else
         take(content, *record->obj);
-    }
     return 0;
 }
 
@@ -43,9 +42,8 @@ Content cached(int32_t row) {
 // The store's objects that the cache has not, or that are not in `other`.
 std::vector<std::string> missing(const ObjectKind &kind, const Content &content, const Content &other) {
     std::vector<std::string> names;
-    for (const auto &[key, bytes] : content.objects) {
+    for (const auto &[key, bytes] : content.objects)
         if (!other.objects.contains(key)) names.push_back(name_of(kind, bytes));
-    }
     return names;
 }
 
@@ -168,9 +166,8 @@ bool row_is_whole(Session &session, const ObjectKind &kind, bool damaged) {
 }
 
 bool is_empty(Session &session) {
-    for (const ObjectKind &kind : cached_kinds()) {
+    for (const ObjectKind &kind : cached_kinds())
         if (stats_of(kind.row).objects) return false;
-    }
     for (const ObjectKind &kind : cached_kinds()) {
         const Content content = stored(session, kind);
         if (!content.objects.empty() || !content.damaged.empty()) return false;
@@ -229,9 +226,8 @@ bool is_whole(Session &session) {
     const uint64_t met = tq_mom_client_damaged(session.reader());
     const bool damaged = met != std::exchange(told, met);
     bool whole = true;
-    for (const ObjectKind &kind : cached_kinds()) {
+    for (const ObjectKind &kind : cached_kinds())
         if (!session.is_cut_off() && stats_of(kind.row).enabled) whole &= row_is_whole(session, kind, damaged);
-    }
     if (!is_empty(session)) return whole;
     note(session.store_name() + " is empty");
     return false;

@@ -104,9 +104,10 @@ std::string index_fault(int32_t row, const Seen &seen, const std::set<TreeKey> &
     if (!has_keys) return seen.about.indexed ? "indexed, though its keys cannot be known" : "";
     if (!seen.about.indexed) return "not indexed, though its keys are known";
     for (int32_t tree = 0; tree < std::min<int32_t>(set->tree_num, seen.about.trees); ++tree) {
-        if (seen.about.key[tree] != key->key[tree])
+        if (seen.about.key[tree] != key->key[tree]) {
             return "indexed wrongly, by " + tree_name(row, tree) + " " + hex(seen.about.key[tree]) + " instead of " +
                    hex(key->key[tree]);
+        }
         if (seen.about.found[tree] == DM_INSPECT_FINDS_NOTHING)
             return "not found by " + tree_name(row, tree) + " " + hex(key->key[tree]);
         if (seen.about.found[tree] == DM_INSPECT_FINDS_ANOTHER && !leading.contains({tree, key->key[tree]}))
@@ -317,9 +318,10 @@ void print_verdict(const Verification &v, const Command &command) {
     const bool is_plain = command.table.format == Format::table;
     if (!is_plain || !table.rows.empty()) print_table(table, command.table);
     const size_t rows = v.kinds.size() - v.unread.size(), differ = v.told.size();
-    if (is_plain)
+    if (is_plain) {
         print_line(counted(v.objects, "object") + " of " + counted(rows, "row") + " compared, " +
                    (differ == 0 ? "none differs" : counted(differ, "differs", "differ")));
+    }
     if (v.open.empty()) return;
     const Difference &first = v.open.begin()->second;
     note(counted(v.open.size(), "object") +

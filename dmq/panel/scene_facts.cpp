@@ -64,9 +64,8 @@ template <class Is> std::vector<FoundPort> ports_that(const Scene &scene, Is is)
     std::vector<FoundPort> found;
     for (const SceneDevice &device : scene) {
         for (const SceneCard &card : device.cards) {
-            for (const ScenePort &port : card.ports) {
+            for (const ScenePort &port : card.ports)
                 if (is(card, port)) found.push_back({&card, &port});
-            }
         }
     }
     return found;
@@ -114,11 +113,10 @@ std::vector<FoundPort> find_ports(const Scene &scene, const std::string &words) 
     std::vector<std::string> conditions;
     std::string name, word;
     while (stream >> word) {
-        if (is_condition(word)) {
+        if (is_condition(word))
             conditions.push_back(word);
-        } else {
+        else
             name += (name.empty() ? "" : " ") + word;
-        }
     }
     if (name.empty() && conditions.empty()) return {};
     const View &view = find_view("ports");
