@@ -65,7 +65,7 @@ template <class LookUp, class... Part> int64_t key_searched(LookUp look_up, Part
 
 constexpr int32_t any = 0xFF;  // all bits of a part of a key that is not known
 
-// Is it the key of something in this slot?
+// Is it the key of something in this slot? `others` is what the look-up takes besides; the key may have anything for `any`.
 template <class LookUp, class... Part>
 bool in_slot(int64_t key, LookUp look_up, int32_t dev, int32_t slot, Part... others) {
     return (key | key_searched(look_up, 0, 0, others...)) == key_searched(look_up, dev, slot, others...);
