@@ -39,7 +39,7 @@ int32_t add_object(ProtobufCMessage *object, uintptr_t *sum) {
 size_t contents() {
     size_t sum = 0;
     dm_cache_lock();
-    for (const dmq::Kind &kind : dmq::cached_kinds()) {
+    for (const dmq::ObjectKind &kind : dmq::cached_kinds()) {
         dm_cache_foreach_obj(kind.row, add_object, reinterpret_cast<uintptr_t>(&sum));
     }
     dm_cache_unlock();
@@ -53,7 +53,7 @@ void run(const std::string &url) {
     const bench::Client client = bench::open_client(url);
     tq_mom_client_set_connection_cb(client.get(), on_connection, nullptr);
     dm_cache_multi_thread_init();
-    for (const dmq::Kind &kind : dmq::cached_kinds()) dm_cache_sub_obj(kind.row, nullptr, 0);
+    for (const dmq::ObjectKind &kind : dmq::cached_kinds()) dm_cache_sub_obj(kind.row, nullptr, 0);
 
     const long long begun = now_ns();
     bench::check(dm_cache_init(client.get(), "bench"), "dm_cache_init");

@@ -94,11 +94,14 @@ void tell_of_queue(Sentence &sentence, const Rows &rows) {
     uint32_t left = 0;
     for (const RowSync &row : row_sync) left += load(row.queued);
     const uint32_t all = std::max(load(gathered_objects), left);
-    sentence.add("all %u rows are scanned, ", rows.count);
+    if (rows.count == 1)
+        sentence.add("the row is scanned, ");
+    else
+        sentence.add("all %u rows are scanned, ", rows.count);
     sentence.add_count(all - left);
     sentence.add(" of ");
     sentence.add_count(all);
-    sentence.add(" objects applied");
+    sentence.add(" object%s applied", all == 1 ? "" : "s");
 }
 
 // Others do not wait for a row that is apart; when all are, it is one of them that is waited for.

@@ -34,9 +34,10 @@ template <class T> std::string_view behind(const std::string &bytes) {
     return std::string_view(bytes).substr(std::min(sizeof(T), bytes.size()));
 }
 
-const Kind *kind_of_row(int32_t row) {
+const ObjectKind *kind_of_row(int32_t row) {
     const auto &kinds = cached_kinds();
-    const auto found = std::find_if(kinds.begin(), kinds.end(), [&](const Kind &kind) { return kind.row == row; });
+    const auto found =
+        std::find_if(kinds.begin(), kinds.end(), [&](const ObjectKind &kind) { return kind.row == row; });
     return found == kinds.end() ? nullptr : &*found;
 }
 
@@ -73,9 +74,8 @@ void put_in_tree(ndm_cache_tree &set, int32_t tree, const dm_inspect_object &abo
 void index_as_there(int32_t row, const std::vector<Seen> &objects) {
     obj_sub_entry &entry = obj_sub_list[row];
     if (!entry.port_tree) return;
-    for (const auto &[about, object] : objects) {
+    for (const auto &[about, object] : objects)
         if (!about.indexed) ndm_cache_tree_del_node(&entry, object.get());
-    }
     for (const auto &[about, object] : objects) {
         auto *node = dm_cache_list_find(entry.obj_list, entry.cmp_func, object.get());
         if (!node || !node->key || !about.indexed) continue;
@@ -118,14 +118,14 @@ std::vector<Inspected> inspected_in(const std::string &folder) {
 
 std::string find_inspected(const std::string &wanted, const std::string &folder) {
     if (wanted.find('/') != std::string::npos) return wanted;
-    if (folder.empty())
+    if (folder.empty()) {
         throw Failure(exit_usage, "in which folder is " + shown(wanted) +
                                       "? --inspect or DM_CACHE_INSPECT names it, or --attach takes a path");
+    }
     const auto all = inspected_in(folder);
     std::string safe = wanted;  // as its socket's file is called
-    for (char &c : safe) {
+    for (char &c : safe)
         if (!std::isalnum(static_cast<unsigned char>(c)) && c != '.' && c != '-' && c != '_') c = '_';
-    }
     std::vector<Inspected> meant;
     std::vector<std::string> names;
     for (const auto &one : all) {
@@ -134,9 +134,10 @@ std::string find_inspected(const std::string &wanted, const std::string &folder)
         if (is_meant && is_there(one)) meant.push_back(one);
         names.push_back(one.name);
     }
-    if (meant.empty())
+    if (meant.empty()) {
         throw Failure(exit_unreachable,
                       "no process " + shown(wanted) + " answers in " + shown(folder) + did_you_mean(wanted, names));
+    }
     if (meant.size() > 1)
         throw Failure(exit_usage, "which process is meant by " + shown(wanted) + ": " + shown_list(meant) + "?");
     return meant[0].path;
@@ -171,9 +172,10 @@ bool Inspection::connect() {
     if (::connect(fd_, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) {
         const Record hello = next();
         const auto part = part_of<dm_inspect_hello>(hello.bytes);
-        if (hello.what == DM_INSPECT_HELLO && part.version != DM_INSPECT_VERSION)
+        if (hello.what == DM_INSPECT_HELLO && part.version != DM_INSPECT_VERSION) {
             fail("it speaks version " + std::to_string(part.version) + ", and dmq " +
                  std::to_string(DM_INSPECT_VERSION));
+        }
         name_ = behind<dm_inspect_hello>(hello.bytes);
         pid_ = part.pid;
         if (hello.what == DM_INSPECT_HELLO) return true;
@@ -200,9 +202,10 @@ void Inspection::receive(void *to, size_t size) {
         const ssize_t n = recv(fd_, at, size, 0);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && errno == EAGAIN) {
-            if (!wait(POLLIN))
+            if (!wait(POLLIN)) {
                 deadline_.passed(shown(path_) + " does not answer",
                                  is_full_ ? others_are_connected : "it is stopped, or has no time");
+            }
             continue;
         }
         if (n <= 0) fail("it has ended the connection");
@@ -246,7 +249,7 @@ void Inspection::read_process(Picture &picture) {
 }
 
 void Inspection::read_objects(Picture &picture, int32_t row) {
-    const Kind *kind = kind_of_row(row);
+    const ObjectKind *kind = kind_of_row(row);
     auto &objects = picture.objects[row];
     objects.clear();
     std::map<std::string, size_t> places;
@@ -261,11 +264,10 @@ void Inspection::read_objects(Picture &picture, int32_t row) {
         if (!object) fail("it has sent an object of row " + std::to_string(row) + " that is none");
         const auto [place, is_new] = places.try_emplace(packed_key(*object), objects.size());
         Seen seen{part_of<dm_inspect_object>(record.bytes), std::move(object)};
-        if (is_new) {
+        if (is_new)
             objects.push_back(std::move(seen));
-        } else {
+        else
             objects[place->second] = std::move(seen);
-        }
     }
 }
 
@@ -273,9 +275,10 @@ void fill_cache(const Picture &picture) {
     const CacheLock lock;
     for (const auto &[row, objects] : picture.objects) {
         for (const auto &[about, object] : objects) {
-            if (dm_cache_set_obj(row, object.get()))
+            if (dm_cache_set_obj(row, object.get())) {
                 throw Failure(exit_no,
                               object_name(*object) + " of " + picture.shown_name() + " does not fit into a cache");
+            }
         }
     }
     for (const auto &[row, objects] : picture.objects) index_as_there(row, objects);

@@ -85,9 +85,8 @@ Candidates next_argument(const Asked &asked) {
         names = names_for(argument);
     }
     Candidates candidates;
-    for (const auto &name : names) {
+    for (const auto &name : names)
         if (is_plain(name)) candidates.push_back({name, ""});
-    }
     return candidates;
 }
 
@@ -96,9 +95,8 @@ Candidates next_argument(const Asked &asked) {
 Candidates next_query(const Asked &asked) {
     Candidates candidates;
     if (!asked.words.empty()) return next_argument(asked);
-    for (const Query &query : queries) {
+    for (const Query &query : queries)
         if (query.callable.call) candidates.push_back({std::string(query.name), std::string(query.question)});
-    }
     return candidates;
 }
 

@@ -39,11 +39,10 @@ template <class Result, class... Arguments> struct Signature {
     static constexpr Pass passes[] = {pass_of<Arguments>..., Pass::foreign};
 
     template <class T> static T argument(uintptr_t word) {
-        if constexpr (std::is_pointer_v<T>) {
+        if constexpr (std::is_pointer_v<T>)
             return reinterpret_cast<T>(word);
-        } else {
+        else
             return static_cast<T>(word);
-        }
     }
 
     template <size_t... i>
@@ -73,7 +72,8 @@ struct Query {
     std::string_view parameters;  // their names, separated by blanks
     bool yes_or_no;
     bool zero_is_no;
-    bool pure;  // a conversion that needs no cache, so no store either
+    bool writes;  // the store
+    bool pure;    // a conversion that needs no cache, so no store either
     Callable callable;
 };
 

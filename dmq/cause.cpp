@@ -17,12 +17,12 @@ namespace dmq {
 namespace {
 
 // What ports of two rows have in common: their place, and the numbers by which trees find them.
-struct PortFacts {
+struct PortNumbers {
     PDev__PortIndex place;
     int32_t vsdid, ifx, dev, physlot, slot;
 };
 
-template <class T> PortFacts facts_of(const T &port, int32_t vsdid) {
+template <class T> PortNumbers numbers_of(const T &port, int32_t vsdid) {
     const PDev__PortIndex place = P_DEV__PORT_INDEX__INIT;
     return {.place = at_place_of(*port.index, place),
             .vsdid = vsdid,
@@ -33,12 +33,12 @@ template <class T> PortFacts facts_of(const T &port, int32_t vsdid) {
 }
 
 // Null: the object is no port.
-std::optional<PortFacts> port_facts(int32_t row, const ProtobufCMessage &object) {
+std::optional<PortNumbers> port_numbers(int32_t row, const ProtobufCMessage &object) {
     if (row == DM_ROW_VSD_PORT) {
         const auto &port = reinterpret_cast<const PDev__VsdPort &>(object);
-        return facts_of(port, port.index->t_vsdid);
+        return numbers_of(port, port.index->t_vsdid);
     }
-    if (row == DM_ROW_VSD_PORT_ATTR) return facts_of(reinterpret_cast<const PDev__VsdPortAttr &>(object), 0);
+    if (row == DM_ROW_VSD_PORT_ATTR) return numbers_of(reinterpret_cast<const PDev__VsdPortAttr &>(object), 0);
     return std::nullopt;
 }
 
@@ -51,34 +51,52 @@ Match perhaps(bool same) {
     return same ? Match::maybe : Match::no;
 }
 
+// The key for which a look-up of the library searches a tree.
+template <class LookUp, class... Part> int64_t key_searched(LookUp look_up, Part... parts) {
+    int64_t key = 0;
+    const auto keep = [](const dm_cache_read *read, void *word) { *static_cast<int64_t *>(word) = read->tree_key; };
+    dm_cache_trace(keep, &key);
+    ProtobufCMessage *found = nullptr;
+    look_up(parts..., &found);
+    dm_cache_trace(nullptr, nullptr);
+    const Message freed(found);
+    return key;
+}
+
+constexpr int32_t any = 0xFF;  // all bits of a part of a key that is not known
+
+// Is it the key of something in this slot? `others` is what the look-up takes besides; the key may have anything for `any`.
+template <class LookUp, class... Part>
+bool in_slot(int64_t key, LookUp look_up, int32_t dev, int32_t slot, Part... others) {
+    return (key | key_searched(look_up, 0, 0, others...)) == key_searched(look_up, dev, slot, others...);
+}
+
 // Would a port that is in no tree be found by this key? Its static port would say a part of most keys, and is not known: then
 // the rest decides.
-Match port_match(const PortFacts &port, const Read &read) {
-    const auto key = static_cast<uint32_t>(read.tree_key);
-    const auto dev = static_cast<uint32_t>(port.dev), physlot = static_cast<uint32_t>(port.physlot);
+Match port_match(const PortNumbers &port, const Read &read) {
+    const int64_t key = read.tree_key;
     const std::string tree = tree_name(read.row, read.tree);
-    if (tree == "ifx")
-        return exactly(key == (static_cast<uint32_t>(port.vsdid) << 24 | static_cast<uint32_t>(port.ifx)));
-    if (tree == "dm_phyid") return perhaps(key >> 16 == (dev << 8 | physlot));
-    if (tree == "ss_phyid") return perhaps((key & 0xFFFFFF00) == (0x06000000 | dev << 16 | physlot << 8));
-    const uint32_t at = dev << 16 | static_cast<uint32_t>(port.slot) << 8;
-    if (read.row == DM_ROW_VSD_PORT_ATTR) return perhaps((key & 0xFFFF00) == at);
-    const int64_t packed = static_cast<int32_t>(static_cast<uint32_t>(port.place.t_type) << 24 | at |
-                                                static_cast<uint32_t>(port.place.t_port));
-    return exactly(read.tree_key == (static_cast<int64_t>(port.place.t_sslot) << 32 | packed));
+    if (tree == "ifx") return exactly(key == key_searched(ndm_get_static_port_by_ifx, port.vsdid, port.ifx));
+    if (tree == "dm_phyid")
+        return perhaps(in_slot(key, ndm_get_static_port_by_dm_phyid, port.dev, port.physlot, any, any));
+    if (tree == "ss_phyid") return perhaps(in_slot(key, ndm_get_static_port_by_ss_phyid, port.dev, port.physlot, any));
+    const auto by_lsm = ndm_get_static_port_by_lsm_key_with_subslot;
+    const PDev__PortIndex &place = port.place;
+    if (read.row == DM_ROW_VSD_PORT_ATTR)
+        return perhaps(in_slot(key, by_lsm, port.dev, port.slot, place.t_sslot, any, any));
+    return exactly(key == key_searched(by_lsm, port.dev, port.slot, place.t_sslot, place.t_port, place.t_type));
 }
 
 // The same of any object that a tree of its row should find.
 Match match_of(const ProtobufCMessage &object, const Read &read) {
-    if (const auto port = port_facts(read.row, object)) return port_match(*port, read);
+    if (const auto port = port_numbers(read.row, object)) return port_match(*port, read);
     if (read.row != DM_ROW_UNIT_CPORT_INFO) return Match::no;
     const PDev__UnitCportIndex &index = *reinterpret_cast<const PDev__UnitCportInfo &>(object).index;
     if (tree_name(read.row, read.tree) == "lport") return Match::maybe;
-    return exactly(read.tree_key ==
-                   static_cast<int32_t>(static_cast<uint32_t>(index.cport) << 16 | static_cast<uint32_t>(index.unit)));
+    return exactly(read.tree_key == key_searched(ndm_get_local_port_by_unit_cport, index.unit, index.cport));
 }
 
-std::string place_text(const PortFacts &port) {
+std::string place_text(const PortNumbers &port) {
     std::string text = "devid=" + std::to_string(port.place.t_dev) + " slot=" + std::to_string(port.place.t_slot);
     if (port.place.t_sslot) text += " sslot=" + std::to_string(port.place.t_sslot);
     return text + " port=" + std::to_string(port.place.t_port) + " with ifx=" + std::to_string(port.ifx);
@@ -99,20 +117,21 @@ std::string trouble_of(int32_t row) {
 
 // Why is an object in no tree?
 std::string unindexed(int32_t row, const ProtobufCMessage &object) {
-    const auto port = port_facts(row, object);
+    const auto port = port_numbers(row, object);
     if (!port) return "it has no static_info";
     const PDev__PortStatic *found = nullptr;
     dm_cache_get_obj(DM_ROW_PORT_STATIC, &port->place, &found);
     const std::string which = "its static port (row " + std::to_string(DM_ROW_PORT_STATIC) + ", same place) ";
-    if (found)
+    if (found) {
         return found->static_info ? "its keys got no memory, or the client has taken it out"
                                   : which + "has no static_info";
+    }
     const std::string trouble = trouble_of(DM_ROW_PORT_STATIC);
     return which + "is not cached" + (trouble.empty() ? "" : ": " + trouble);
 }
 
 std::string told_of(const ProtobufCMessage &object, const Read &read, const std::string &what) {
-    const auto port = port_facts(read.row, object);
+    const auto port = port_numbers(read.row, object);
     return "row " + std::to_string(read.row) + " has " + (port ? place_text(*port) : key_words(object)) + what;
 }
 
@@ -174,9 +193,9 @@ std::string general(const Read &read) {
     if (read.of_store()) return "neither the cache nor the store has " + row + key;
     const uint32_t objects = stats_of(read.row).objects;
     if (objects == 0) return row + " is empty";
-    const std::string among = " (" + counted_objects(objects) + ")";
+    const std::string among = " (" + counted(objects, "object") + ")";
     const uint32_t refused = stats_of(read.row).refused;
-    const std::string besides = refused ? ", and " + std::to_string(refused) + " changes of the row were refused" : "";
+    const std::string besides = refused ? ", and " + refused_text(refused) : "";
     if (read.how == DM_CACHE_READ_TREE) return "no object of " + row + " has that key" + among + besides;
     return row + " has no" + key + among + besides;
 }
@@ -244,8 +263,8 @@ std::string cause_of(const Question &question, const Road &road, const Json &val
     if (!reads.back().found) return general(reads.back());
     const std::string row = row_name(reads.back().row);
     if (reads.back().how == DM_CACHE_READ_WALK) {
-        const std::string objects = counted_objects(static_cast<size_t>(reads.back().code));
-        return "none of the " + objects + " of " + row + " fits" + said_too(road);
+        if (reads.back().code == 1) return "the one object of " + row + " does not fit" + said_too(road);
+        return "none of the " + std::to_string(reads.back().code) + " objects of " + row + " fits" + said_too(road);
     }
     if (!failed(road.answer.result)) return "that is what " + row + " says";
     return "all that it read was found, and has no answer: " + row + " is the last" + said_too(road);

@@ -32,11 +32,10 @@ std::optional<std::vector<Json>> look_at(const Inspected &one, double timeout) {
 void add_inspected(Table &table, const Settings &settings) {
     std::string dead;
     for (const Inspected &one : inspected_in(settings.inspect)) {
-        if (auto record = look_at(one, settings.timeout)) {
+        if (auto record = look_at(one, settings.timeout))
             table.rows.push_back(std::move(*record));
-        } else {
+        else
             dead += (dead.empty() ? "" : ", ") + one.name + "." + std::to_string(one.pid);
-        }
     }
     if (!dead.empty()) note("these have ended, and left their sockets behind: " + dead);
 }

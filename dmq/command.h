@@ -48,13 +48,13 @@ public:
     }
 
     // The same with the cache equal to the store: for these kinds, or, in a shell, for all.
-    Session &live(const std::vector<Kind> &kinds, const Settings &settings) {
-        open(settings).synchronise(in_shell ? std::vector<Kind>() : kinds);
+    Session &live(const std::vector<ObjectKind> &kinds, const Settings &settings) {
+        open(settings).synchronise(in_shell ? std::vector<ObjectKind>() : kinds);
         return *session_;
     }
 
     // The same, and tells on standard error what the cache lacks.
-    Session &synchronised(const std::vector<Kind> &kinds, const Settings &settings) {
+    Session &synchronised(const std::vector<ObjectKind> &kinds, const Settings &settings) {
         live(kinds, settings);
         doubtful = !is_whole(*session_);
         return *session_;

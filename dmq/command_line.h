@@ -14,12 +14,12 @@ namespace dmq {
 
 // Where an option's value goes. The type says how it is read: a bool is a flag, a double is seconds, a list takes one
 // value each time the option is given. What is not optional is shown with its default.
-template <class... T> using Places = std::variant<T &(*)(Command &)...>;
-using Place =
-    Places<bool, int, double, std::string, std::vector<std::string>, std::optional<int>, std::optional<double>>;
+template <class... T> using Targets = std::variant<T &(*)(Command &)...>;
+using Target =
+    Targets<bool, int, double, std::string, std::vector<std::string>, std::optional<int>, std::optional<double>>;
 
-// The place at the end of a path of members: in<&Command::watch, &WatchOptions::date>.
-template <auto... path> constexpr Place in = +[](Command &command) -> auto & {
+// The target at the end of a path of members: in<&Command::watch, &WatchOptions::date>.
+template <auto... path> constexpr Target in = +[](Command &command) -> auto & {
     return (command.*....*path);
 };
 
@@ -27,7 +27,7 @@ struct Option {
     const char *name;             // with its dashes
     const char *value = nullptr;  // what it takes: "SECONDS"; null: nothing
     const char *what;             // one line; empty: hidden
-    Place place;
+    Target target;
     Candidates (*next)(const Asked &) = nullptr;  // which values are offered
     const char *more = nullptr;
     const char *variable = nullptr;  // of the environment, for when the option is not given

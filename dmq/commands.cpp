@@ -31,7 +31,7 @@ constexpr Option common[] = {
      .value = "URL",
      .what = "The store's URL: mem:, mem:NAME, redis://HOST:PORT, redis+unix:///PATH, "
              "redis-sentinel://HOST:PORT,../NAME",
-     .place = in<&Command::settings, &Settings::store>,
+     .target = in<&Command::settings, &Settings::store>,
      .next = next_store,
      .more =
          "The store; else that of `DMQ_STORE`, else `mem:`. `mem:` and `mem:NAME` are stores of this process and end "
@@ -45,13 +45,13 @@ constexpr Option common[] = {
     {.name = "--load",
      .value = "FILE",
      .what = "Fill the store from this file first; may be repeated",
-     .place = in<&Command::settings, &Settings::load>,
+     .target = in<&Command::settings, &Settings::load>,
      .more = "Fill the store from this topology first; `-` is standard input. May be repeated.",
      .in_shell = false},
     {.name = "--attach",
      .value = "PROCESS",
      .what = "Show the cache of a running process: NAME, NAME.PID or PID in the folder, or its socket's path",
-     .place = in<&Command::settings, &Settings::attach>,
+     .target = in<&Command::settings, &Settings::attach>,
      .next = next_process,
      .more =
          "Show the cache of a running process instead of one that follows the store: by its name, name and number "
@@ -62,46 +62,46 @@ constexpr Option common[] = {
     {.name = "--inspect",
      .value = "FOLDER",
      .what = "The folder where processes let themselves be inspected",
-     .place = in<&Command::settings, &Settings::inspect>,
+     .target = in<&Command::settings, &Settings::inspect>,
      .more = "Where processes let themselves be inspected; else that of `DM_CACHE_INSPECT`.",
      .variable = "DM_CACHE_INSPECT",
      .in_shell = false},
     {.name = "--json",
      .what = "Answers as JSON",
-     .place = in<&Command::settings, &Settings::json>,
+     .target = in<&Command::settings, &Settings::json>,
      .more = "Answers as JSON, of one shape for each command; `watch` writes one object a line."},
     {.name = "--timeout",
      .value = "SECONDS",
      .what = "Seconds that all waits of a command may take together",
-     .place = in<&Command::settings, &Settings::timeout>,
+     .target = in<&Command::settings, &Settings::timeout>,
      .more = "How long all waits of a command may take together, the opening of the store included; 10 unless given. "
              "Reading a file is no wait."},
     {.name = "--log",
      .value = "LEVEL",
      .what = "Show the library's own log from this level: 0 all, 2 failures",
-     .place = in<&Command::settings, &Settings::log>,
+     .target = in<&Command::settings, &Settings::log>,
      .next = next_level,
      .more = "Show the library's own log from this level: 0 all, 1 notable events, 2 failures."},
 };
 
 // Of every command that prints a table.
 constexpr Option no_headings = {
-    .name = "--no-headings", .what = "Records only", .place = in<&Command::table, &TableOptions::no_headings>};
+    .name = "--no-headings", .what = "Records only", .target = in<&Command::table, &TableOptions::no_headings>};
 constexpr Option format = {.name = "--format",
                            .value = "FORMAT",
                            .what = "table, json or csv",
-                           .place = in<&Command::format>,
+                           .target = in<&Command::format>,
                            .next = next_format,
                            .more = "`table`, `json` (the same as `--json`) or `csv` (RFC 4180)."};
 constexpr Option columns_of_table = {.name = "--columns",
                                      .value = "COLUMN,..",
                                      .what = "Only these columns, in this order",
-                                     .place = in<&Command::table, &TableOptions::columns>};
+                                     .target = in<&Command::table, &TableOptions::columns>};
 constexpr Option sort = {
     .name = "--sort",
     .value = "COLUMN,..",
     .what = "By these columns; -COLUMN: the greatest first",
-    .place = in<&Command::table, &TableOptions::sort>,
+    .target = in<&Command::table, &TableOptions::sort>,
     .more = "By these columns; `-COLUMN`: the greatest first. Numbers within texts count as numbers."};
 
 constexpr Option table_options[] = {columns_of_table, sort, no_headings, format};
@@ -119,7 +119,7 @@ constexpr Option show_options[] = {
     format,
     {.name = "--raw",
      .what = "Also the numbers inside: physical slots, nodes, identifiers, chip ports",
-     .place = in<&Command::raw>},
+     .target = in<&Command::raw>},
 };
 
 constexpr Option call_options[] = {
@@ -129,32 +129,32 @@ constexpr Option call_options[] = {
     format,
     {.name = "--list",
      .what = "Which queries there are, or those with a word in name or question",
-     .place = in<&Command::list>},
+     .target = in<&Command::list>},
 };
 
 constexpr Option watch_options[] = {
-    {.name = "--for", .value = "SECONDS", .what = "End after so many seconds", .place = in<&Command::watch_for>},
+    {.name = "--for", .value = "SECONDS", .what = "End after so many seconds", .target = in<&Command::watch_for>},
     {.name = "--initial",
      .what = "Begin with the objects that are there",
-     .place = in<&Command::watch, &WatchOptions::initial>},
+     .target = in<&Command::watch, &WatchOptions::initial>},
     {.name = "--unchanged",
      .what = "Also objects that are written again as they were",
-     .place = in<&Command::watch, &WatchOptions::unchanged>},
-    {.name = "--date", .what = "Times with date and zone", .place = in<&Command::watch, &WatchOptions::date>},
+     .target = in<&Command::watch, &WatchOptions::unchanged>},
+    {.name = "--date", .what = "Times with date and zone", .target = in<&Command::watch, &WatchOptions::date>},
 };
 
 constexpr Option panel_options[] = {
-    {.name = "--once", .what = "Print the picture as text, once", .place = in<&Command::once>},
+    {.name = "--once", .what = "Print the picture as text, once", .target = in<&Command::once>},
 };
 
 constexpr Option dry_run = {
-    .name = "--dry-run", .what = "Only tell what would be done", .place = in<&Command::dry_run>};
+    .name = "--dry-run", .what = "Only tell what would be done", .target = in<&Command::dry_run>};
 
 constexpr Option condition = {
     .name = "--if",
     .value = "FIELD=VALUE",
     .what = "Only if the stored object has this value; may be repeated",
-    .place = in<&Command::conditions>,
+    .target = in<&Command::conditions>,
     .next = next_field,
     .more =
         "Only if the stored object has this value, also at the moment when it is written; else say what it has and end "
@@ -162,7 +162,7 @@ constexpr Option condition = {
 
 constexpr Option set_options[] = {
     dry_run,
-    {.name = "--create", .what = "Also make objects that are not there yet", .place = in<&Command::create>},
+    {.name = "--create", .what = "Also make objects that are not there yet", .target = in<&Command::create>},
     condition,
 };
 
@@ -170,47 +170,47 @@ constexpr Option delete_options[] = {dry_run, condition};
 
 constexpr Option edit_options[] = {
     dry_run,
-    {.name = "--yes", .what = "Write without asking", .place = in<&Command::yes>},
+    {.name = "--yes", .what = "Write without asking", .target = in<&Command::yes>},
 };
 
 constexpr Option wait_options[] = {
-    {.name = "--gone", .what = "Wait until there is no such object", .place = in<&Command::gone>},
+    {.name = "--gone", .what = "Wait until there is no such object", .target = in<&Command::gone>},
 };
 
 constexpr Option gen_options[] = {
     {.name = "--devices",
      .value = "N",
      .what = "Devices; more than one make a virtual unit",
-     .place = in<&Command::gen, &GenOptions::devices>},
+     .target = in<&Command::gen, &GenOptions::devices>},
     {.name = "--boards",
      .value = "N",
      .what = "Main boards of a chassis",
-     .place = in<&Command::gen, &GenOptions::boards>},
+     .target = in<&Command::gen, &GenOptions::boards>},
     {.name = "--cards",
      .value = "N",
      .what = "Line cards of a chassis",
-     .place = in<&Command::gen, &GenOptions::cards>},
+     .target = in<&Command::gen, &GenOptions::cards>},
     {.name = "--ports",
      .value = "N",
      .what = "Ports of a line card, or of a box",
-     .place = in<&Command::gen, &GenOptions::ports>},
+     .target = in<&Command::gen, &GenOptions::ports>},
     {.name = "--subcards",
      .value = "N",
      .what = "Sub-cards of the first line card, 4 ports each",
-     .place = in<&Command::gen, &GenOptions::subcards>},
+     .target = in<&Command::gen, &GenOptions::subcards>},
     {.name = "--fabrics",
      .value = "N",
      .what = "Fabric cards of a chassis",
-     .place = in<&Command::gen, &GenOptions::fabrics>},
-    {.name = "--box", .what = "Boxes instead of chassis", .place = in<&Command::gen, &GenOptions::box>},
+     .target = in<&Command::gen, &GenOptions::fabrics>},
+    {.name = "--box", .what = "Boxes instead of chassis", .target = in<&Command::gen, &GenOptions::box>},
     {.name = "--layout",
      .value = "FILE",
      .what = "A box with the ports of this file: lanes, panel port, speed in Mb/s",
-     .place = in<&Command::gen, &GenOptions::layout>},
+     .target = in<&Command::gen, &GenOptions::layout>},
 };
 
 constexpr Option help_options[] = {
-    {.name = "--man", .what = "", .place = in<&Command::manual>},
+    {.name = "--man", .what = "", .target = in<&Command::manual>},
 };
 
 constexpr Words one_file = {.name = "FILE", .what = "A topology file; - is standard input", .least = 1, .most = 1};

@@ -100,9 +100,10 @@ bool is_plain(std::string_view text) {
 
 Candidates next_command(const Asked &asked) {
     Candidates commands;
-    for (const Verb &verb : verbs())
+    for (const Verb &verb : verbs()) {
         if (asked.words.empty() && find_verb(verb.name, asked.context.in_shell))
             commands.push_back({verb.name, verb.what});
+    }
     return commands;
 }
 
@@ -133,7 +134,7 @@ Candidates next_format(const Asked &) {
 
 Candidates next_kind(const Asked &) {
     Candidates kinds;
-    for (const Kind &kind : cached_kinds()) {
+    for (const ObjectKind &kind : cached_kinds()) {
         const std::string name = kind.type->name;
         kinds.push_back({name.substr(dm_schema_package_length(kind.type) + 1), "row " + std::to_string(kind.row)});
     }
@@ -142,7 +143,7 @@ Candidates next_kind(const Asked &) {
 
 Candidates next_key(const Asked &asked) {
     if (asked.words.empty()) return next_kind(asked);
-    const Kind kind = find_cached_kind(asked.words[0]);
+    const ObjectKind kind = find_cached_kind(asked.words[0]);
     const auto *key = key_field(*kind.type);
     if (!key) return {};
     const auto named = key_part(*kind.type, read_words(*kind.type, {asked.words.begin() + 1, asked.words.end()}));
@@ -168,10 +169,9 @@ Candidates next_assignment(const Asked &asked) {
 Candidates next_field(const Asked &asked) {
     Candidates candidates;
     if (asked.words.empty()) return candidates;
-    const Kind kind = find_cached_kind(asked.words[0]);
-    for (const auto &field : fields_of(*kind.type)) {
+    const ObjectKind kind = find_cached_kind(asked.words[0]);
+    for (const auto &field : fields_of(*kind.type))
         if (&field != key_field(*kind.type)) candidates.push_back({std::string(field.name) + "=", ""});
-    }
     return candidates;
 }
 

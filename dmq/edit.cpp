@@ -32,11 +32,32 @@ std::pair<int, double> distance(const Json &one, const Json &other) {
     return far;
 }
 
+// An edit that was asked for under conditions is refused when the stored object is otherwise; that it still is as it was
+// read, the store sees to when it is written.
+void need(const std::vector<Assignment> &conditions, const Edit &edit) {
+    if (conditions.empty()) return;
+    const std::string instead = edit.damaged  ? "it is damaged in the store"
+                                : edit.before ? unlike(to_json(*edit.before, Fields::all), conditions)
+                                              : "there is no such object in the store";
+    if (!instead.empty()) throw Failure(exit_no, object_name(edit.object()) + ": " + instead + "; left alone");
+}
+
+// What the objects of a file would do. Nothing is written when one of them is not there yet, unless it may be made.
+std::vector<Edit> edits_of(Session &session, std::vector<Entry> entries, bool create) {
+    std::vector<Edit> edits;
+    for (Entry &entry : entries) {
+        Edit &edit = edits.emplace_back(read_edit(session, entry.db, *entry.object));
+        if (!edit.before && !edit.damaged && !create) refuse_unknown(session, *entry.object, "; --create makes it");
+        edit.after = std::move(entry.object);
+    }
+    return edits;
+}
+
 }  // namespace
 
 void refuse_unknown(Session &session, const ProtobufCMessage &object, const char *advice) {
     constexpr size_t most = 3;
-    const Kind kind = kind_of(*object.descriptor);
+    const ObjectKind kind = kind_of(*object.descriptor);
     std::vector<std::tuple<std::pair<int, double>, std::string>> near;
     if (const ProtobufCMessage *wanted = key_of(object)) {
         const Json key = to_json(*wanted, Fields::all);
@@ -67,20 +88,6 @@ Edit read_edit(Session &session, uint32_t db, const ProtobufCMessage &object) {
         throw Failure(exit_unreachable, "cannot read " + object_name(object) + ", code " + std::to_string(error));
     return {db, std::move(found), nullptr, error == TQ_MOM_E_DAMAGED};
 }
-
-namespace {
-
-// An edit that was asked for under conditions is refused when the stored object is otherwise; that it still is as it was
-// read, the store sees to when it is written.
-void need(const std::vector<Assignment> &conditions, const Edit &edit) {
-    if (conditions.empty()) return;
-    const std::string instead = edit.damaged  ? "it is damaged in the store"
-                                : edit.before ? unlike(to_json(*edit.before, Fields::all), conditions)
-                                              : "there is no such object in the store";
-    if (!instead.empty()) throw Failure(exit_no, object_name(edit.object()) + ": " + instead + "; left alone");
-}
-
-}  // namespace
 
 Json told_of(const Edit &edit) {
     const ProtobufCMessage *key = key_of(edit.object());
@@ -120,21 +127,6 @@ Exit carry_out(Context &context, Session &session, const Command &command, std::
     return exit_yes;
 }
 
-namespace {
-
-// What the objects of a file would do. Nothing is written when one of them is not there yet, unless it may be made.
-std::vector<Edit> edits_of(Session &session, std::vector<Entry> entries, bool create) {
-    std::vector<Edit> edits;
-    for (Entry &entry : entries) {
-        Edit &edit = edits.emplace_back(read_edit(session, entry.db, *entry.object));
-        if (!edit.before && !edit.damaged && !create) refuse_unknown(session, *entry.object, "; --create makes it");
-        edit.after = std::move(entry.object);
-    }
-    return edits;
-}
-
-}  // namespace
-
 Exit run_load(Context &context, const Command &command) {
     const std::string &file = command.words[0];
     auto entries = read_topology(file);
@@ -143,7 +135,7 @@ Exit run_load(Context &context, const Command &command) {
     warn_of_short_life(context, session);
     session.write(std::move(entries));
     print_line(command.settings.json ? dump({{"loaded", count}})
-                                     : "loaded " + counted_objects(count) + " from " + file);
+                                     : "loaded " + counted(count, "object") + " from " + file);
     return exit_yes;
 }
 
@@ -155,7 +147,7 @@ Exit run_set(Context &context, const Command &command) {
         Session &session = context.open(command.settings);
         return carry_out(context, session, command, edits_of(session, std::move(entries), command.create));
     }
-    const Kind kind = find_kind(command.words[0]);
+    const ObjectKind kind = find_kind(command.words[0]);
     const auto assignments = read_words(*kind.type, {command.words.begin() + 1, command.words.end()});
     refuse_twice(assignments);
     need_whole_key(*kind.type, assignments);
@@ -174,7 +166,7 @@ Exit run_set(Context &context, const Command &command) {
 }
 
 Exit run_delete(Context &context, const Command &command) {
-    const Kind kind = find_kind(command.words[0]);
+    const ObjectKind kind = find_kind(command.words[0]);
     Message object = read_key(*kind.type, {command.words.begin() + 1, command.words.end()});
     const auto conditions = read_words(*kind.type, command.conditions);
     Session &session = context.open(command.settings);

@@ -148,7 +148,7 @@ bool agreed() {
 }  // namespace
 
 Exit run_edit(Context &context, const Command &command) {
-    const Kind kind = find_kind(command.words[0]);
+    const ObjectKind kind = find_kind(command.words[0]);
     const Message object = read_key(*kind.type, {command.words.begin() + 1, command.words.end()});
     const bool asks = !command.yes && !command.dry_run;
     const bool to_person = isatty(STDIN_FILENO) && isatty(STDERR_FILENO);

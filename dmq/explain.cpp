@@ -1,4 +1,5 @@
 // `explain`: a query's answer as `call` gets it, with every read that led there and the cause, in one sentence, of a no.
+#include <algorithm>
 #include <memory>
 
 #include "dmq/command.h"
@@ -19,7 +20,7 @@ std::string asked_text(const Read &read) {
 }
 
 std::string outcome(const Read &read) {
-    if (read.how == DM_CACHE_READ_WALK) return counted_objects(static_cast<size_t>(read.code));
+    if (read.how == DM_CACHE_READ_WALK) return counted(static_cast<size_t>(read.code), "object");
     if (read.of_store() && !asks_its_store()) return "not asked: no store is named";
     if (read.of_store() && read.code && !read.is_not_there()) return "code " + std::to_string(read.code);
     if (read.how == DM_CACHE_READ_SCAN) return "scanned";
@@ -41,16 +42,25 @@ std::string read_line(const Read &read) {
     return asked + std::string(dots, '.') + " " + outcome(read) + "\n";
 }
 
+// The end of the reads that are each more of the one so many places before it.
+size_t alike_until(const std::vector<Read> &reads, size_t begin, size_t period) {
+    size_t end = std::min(begin + period, reads.size());
+    while (end < reads.size() && is_more_of(reads[end], reads[end - period])) ++end;
+    return end;
+}
+
 std::string read_lines(const std::vector<Read> &reads) {
     constexpr size_t most_alike = 2;
     std::string text;
     for (size_t i = 0; i < reads.size();) {
-        size_t end = i + 1;
-        while (end < reads.size() && is_more_of(reads[end], reads[i])) ++end;
-        const size_t shown = end - i > most_alike ? 1 : end - i;
+        const size_t period = alike_until(reads, i, 1) > i + 1 ? 1 : 2;  // two kinds of read may take turns
+        const size_t end = alike_until(reads, i, period);
+        const bool is_run = end - i > most_alike * period;
+        const size_t shown = is_run ? period : 1;
         for (size_t at = i; at < i + shown; ++at) text += read_line(reads[at]);
-        if (end - i > shown) text += "  and " + std::to_string(end - i - shown) + " more like it\n";
-        i = end;
+        if (is_run)
+            text += "  and " + std::to_string(end - i - shown) + " more like " + (shown == 1 ? "it" : "them") + "\n";
+        i = is_run ? end : i + 1;
     }
     return text;
 }

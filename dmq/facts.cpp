@@ -103,9 +103,8 @@ bool is_about(const Query &query, const Subject &subject) {
 
 // "ndm_get_role_by_node" is about the role.
 std::string fact_name(std::string_view query) {
-    for (const std::string_view front : {"ndm_", "get_", "calculate_"}) {
+    for (const std::string_view front : {"ndm_", "get_", "calculate_"})
         if (query.starts_with(front)) query.remove_prefix(front.size());
-    }
     return std::string(query.substr(0, std::min(query.find("_by_"), query.find("_from_"))));
 }
 
@@ -249,9 +248,8 @@ std::vector<Fact> facts_of(const View &view, const std::vector<Json> &record, co
         if (!value.is_null()) subject.known[one.argument] = cell_text(value);
     }
     std::vector<Fact> facts;
-    for (const Query &query : queries) {
+    for (const Query &query : queries)
         if (is_about(query, subject)) add_answers(facts, query, subject);
-    }
     add_object(facts, object, view.row);
     for (const auto &[about, row, only_local] : related) {
         if (about != view.name || (only_local && !is_local(subject))) continue;

@@ -42,9 +42,8 @@ std::optional<double> speed_of(std::string_view text) {
     double count = -1;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
     if (error != std::errc() || end != text.data() + text.size() - 1 || count < 0) return std::nullopt;
-    for (const auto &[unit, size] : units) {
+    for (const auto &[unit, size] : units)
         if (unit == last) return count * size;
-    }
     return std::nullopt;
 }
 
@@ -94,13 +93,14 @@ std::vector<Condition> read_conditions(const View &view, std::span<const std::st
         const size_t column = find_column(columns, name);
         const std::string text = word.substr(name.size() + sign->text.size());
         Condition &made = conditions.emplace_back(Condition{word, column, sign->sign, {}, {}});
-        if (sign->sign == Sign::same || sign->sign == Sign::other)
+        if (sign->sign == Sign::same || sign->sign == Sign::other) {
             made.values = values_of(view, columns[column], text);
-        else if (names_in(view, columns[column]))
+        } else if (names_in(view, columns[column])) {
             throw Failure(exit_usage,
                           "show: " + columns[column] + " has names, which are neither more nor less: = or !=");
-        else
+        } else {
             made.bound = bound_of(columns[column], text);
+        }
     }
     return conditions;
 }

@@ -102,12 +102,13 @@ void put_card(std::vector<Json> &out, const GenPlan &plan, const GenCard &card) 
          {"serial", hex_of(serial(card))},
          {"mac_addr", mac(4, card.dev, card.slot, card.subslot)},
          {"card_tipc_nodeid", card.subslot ? 0 : tipc_node(plan, card.dev, card.slot)}});
-    if (card.dev == plan.local->dev)
+    if (card.dev == plan.local->dev) {
         put(out, "local_card_info",
             {{"index", {{"slotid", card.slot}, {"sslotid", card.subslot}}},
              {"ldp_online", true},
              {"card_type", card.type->type},
              {"card_nodeid", node}});
+    }
 }
 
 Json card_key(int dev, int slot) {

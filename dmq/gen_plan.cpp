@@ -29,9 +29,10 @@ void check(const GenOptions &options) {
     need("--ports", options.ports, options.devices > 1 ? 2 * vsl_ports : 1, 255 - (slot_ports - options.ports));
     const int total =
         options.devices * (options.box ? options.ports : options.cards * options.ports + slot_ports - options.ports);
-    if (total > port_limit)
+    if (total > port_limit) {
         throw Failure(exit_usage, "gen: these are " + std::to_string(total) + " ports; the cache holds " +
                                       std::to_string(port_limit) + " of a kind");
+    }
 }
 
 // Ports in order over as few chips as carry them evenly. The last four can be fibre or copper; the last of all are the
@@ -40,7 +41,7 @@ std::vector<GenPort> line_ports(int count, int mbps) {
     const int chips = (count + ports_per_chip - 1) / ports_per_chip;
     const int each = (count + chips - 1) / chips;
     std::vector<GenPort> ports;
-    for (int i = 0; i < count; ++i)
+    for (int i = 0; i < count; ++i) {
         ports.push_back({.lport = i + 1,
                          .user_port = i + 1,
                          .subslot = 0,
@@ -51,14 +52,14 @@ std::vector<GenPort> line_ports(int count, int mbps) {
                          .combo = i >= count - subcard_ports,
                          .poe = false,
                          .vsl = i >= count - 2 * vsl_ports});
+    }
     return ports;
 }
 
 // A carrier lists its sub-cards' ports behind its own, on its last chip.
 void add_subcard_ports(std::vector<GenPort> &ports, int subcards) {
-    for (int subslot = 1; subslot <= subcards; ++subslot) {
+    for (int subslot = 1; subslot <= subcards; ++subslot)
         for (int i = 1; i <= subcard_ports; ++i) ports.push_back(subcard_port(ports.back(), subslot, i));
-    }
 }
 
 int number_of(std::string_view text) {
@@ -73,9 +74,8 @@ std::optional<GenPort> layout_port(const std::string &line, std::set<int> &lanes
     words >> list >> panel_port >> speed;
     if (std::string more; words >> more) return std::nullopt;
     std::istringstream each(list);
-    for (std::string lane; std::getline(each, lane, ',');) {
+    for (std::string lane; std::getline(each, lane, ',');)
         if (number_of(lane) < 1 || number_of(lane) > 255 || !lanes.insert(number_of(lane)).second) return std::nullopt;
-    }
     GenPort port{};
     port.panel_port = number_of(panel_port);
     port.mbps = number_of(speed);
@@ -113,18 +113,19 @@ std::vector<GenPort> layout_ports(const std::string &file) {
         const std::string place = "gen: " + file + ": line " + std::to_string(number) + ": ";
         std::set<int> lanes;
         const auto port = layout_port(line, lanes);
-        if (!port)
+        if (!port) {
             throw Failure(exit_usage,
                           place + "needs lanes (1 to 255), panel port (1 to 255) and speed, not " + dump(line));
-        if (!chip_ports.insert(port->cport).second)
+        }
+        if (!chip_ports.insert(port->cport).second) {
             throw Failure(exit_usage,
                           place + "lane " + std::to_string(port->cport) + " is another port's lowest already");
+        }
         ports.push_back(*port);
     }
     number_ports(ports);
-    for (const GenPort &port : ports) {
+    for (const GenPort &port : ports)
         if (port.user_port > 255) throw Failure(exit_usage, "gen: " + file + ": more ports than numbers up to 255");
-    }
     return ports;
 }
 
@@ -136,9 +137,10 @@ void plan_box(GenPlan &plan) {
     const bool laid_out = !plan.options.layout.empty();
     auto ports = laid_out ? layout_ports(plan.options.layout) : line_ports(plan.options.ports, 100000);
     if (laid_out) plan.options.ports = static_cast<int>(ports.size());
-    if (laid_out && plan.options.devices > 1 && plan.options.ports < 2 * vsl_ports)
+    if (laid_out && plan.options.devices > 1 && plan.options.ports < 2 * vsl_ports) {
         throw Failure(exit_usage,
                       "gen: " + plan.options.layout + ": too few ports to join devices; --devices 1 makes one alone");
+    }
     check(plan.options);
     int chips = 0;
     for (const GenPort &port : ports) chips = std::max(chips, port.unit + 1);

@@ -69,9 +69,8 @@ Json port_attr(const GenPort &port, const std::string &name) {
 // A carrier says of a sub-card's port only where it is; the sub-card itself describes it (see extended_ports).
 Json chip_attr(const GenCardType &type, int unit) {
     Json ports = Json::array();
-    for (const GenPort &port : type.ports) {
+    for (const GenPort &port : type.ports)
         if (port.unit == unit) ports.push_back(port.subslot ? port_place(port) : port_attr(port, ""));
-    }
     const bool fabric = type.type == type_fabric;
     return {{"name", fabric ? "fabric" : "switch"},
             {"port_num", ports.size()},
@@ -142,13 +141,11 @@ struct LinkEnd {
 
 LinkEnd link_end(const GenPlan &plan, int dev, int from_back) {
     const GenCard *card = nullptr;
-    for (const GenCard &candidate : plan.cards) {
+    for (const GenCard &candidate : plan.cards)
         if (candidate.dev == dev && !candidate.subslot && !candidate.type->ports.empty()) card = &candidate;
-    }
     std::vector<const GenPort *> own;
-    for (const GenPort &port : card->type->ports) {
+    for (const GenPort &port : card->type->ports)
         if (!port.subslot) own.push_back(&port);
-    }
     return {card, own[own.size() - static_cast<size_t>(from_back)]};
 }
 

@@ -7,16 +7,16 @@ namespace dmq {
 
 namespace {
 
-std::vector<Kind> kinds_of(const std::vector<std::string> &names) {
-    std::vector<Kind> kinds;
+std::vector<ObjectKind> kinds_of(const std::vector<std::string> &names) {
+    std::vector<ObjectKind> kinds;
     for (const auto &name : names) kinds.push_back(find_cached_kind(name));
     return kinds;
 }
 
-Table sync_table(const std::vector<Kind> &kinds) {
+Table sync_table(const std::vector<ObjectKind> &kinds) {
     Table table{{"row", "kind", "db", "subscribed", "scanned", "objects", "sets", "deletes", "swept", "refused", "ms"},
                 {}};
-    for (const Kind &kind : kinds.empty() ? cached_kinds() : kinds) {
+    for (const ObjectKind &kind : kinds.empty() ? cached_kinds() : kinds) {
         const dm_cache_stats stats = stats_of(kind.row);
         if (!stats.enabled) continue;
         table.rows.push_back({kind.row, kind.type->name, kind.db, stats.subscribed != 0, stats.scanned != 0,
@@ -30,7 +30,7 @@ Table sync_table(const std::vector<Kind> &kinds) {
 
 // All kinds, or one kind's objects that agree with the words. No such object: 1.
 Exit run_get(Context &context, const Command &command) {
-    std::vector<Kind> kinds;
+    std::vector<ObjectKind> kinds;
     std::vector<Assignment> wanted;
     if (!command.words.empty()) {
         kinds.push_back(find_cached_kind(command.words[0]));
@@ -39,7 +39,7 @@ Exit run_get(Context &context, const Command &command) {
     context.synchronised(kinds, command.settings);
     TopologyWriter writer;
     size_t count = 0;
-    for (const Kind &kind : kinds.empty() ? cached_kinds() : kinds) {
+    for (const ObjectKind &kind : kinds.empty() ? cached_kinds() : kinds) {
         each_cached(kind.row, [&](const ProtobufCMessage &object) {
             if (!wanted.empty() && !agrees(to_json(object, Fields::all), wanted)) return;
             writer.add(entry_json(kind.db, object));

@@ -69,7 +69,7 @@ Json field_json(const ProtobufCFieldDescriptor &field, const ProtobufCMessage &m
     if (field.label != PROTOBUF_C_LABEL_REPEATED) return value_json(field, &at<char>(message, field.offset), which);
     Json array = Json::array();
     const char *element = at<const char *>(message, field.offset);
-    for (size_t i = 0; i < at<size_t>(message, field.quantifier_offset); i++, element += size_of(field.type))
+    for (size_t i = 0; i < at<size_t>(message, field.quantifier_offset); ++i, element += size_of(field.type))
         array.push_back(value_json(field, element, which));
     return array;
 }

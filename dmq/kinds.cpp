@@ -66,9 +66,8 @@ Json key_text(const ProtobufCMessageDescriptor &type) {
     const auto *key = key_field(type);
     if (!key) return nullptr;
     std::string text;
-    for (const auto &field : fields_of(*sub_type(*key))) {
+    for (const auto &field : fields_of(*sub_type(*key)))
         if (!is_never_compared(field.name)) text += (text.empty() ? "" : " ") + std::string(field.name);
-    }
     return text;
 }
 
@@ -83,16 +82,17 @@ const ProtobufCEnumDescriptor *find_enum(const std::string &name) {
     return nullptr;
 }
 
-void print_kind(const Kind &kind, const Command &command) {
+void print_kind(const ObjectKind &kind, const Command &command) {
     const Json key = key_text(*kind.type), row = kind.row < 0 ? Json() : Json(kind.row);
     Table table{{"field", "number", "type", "key", "range_or_unit", "values"}, {}};
     add_fields(table, *kind.type, "", false);
-    if (command.table.format == Format::json)
+    if (command.table.format == Format::json) {
         return print_line(dump(Json{{"kind", kind.type->name},
                                     {"row", row},
                                     {"db", kind.db},
                                     {"key", key},
                                     {"fields", json_of(arranged(table, command.table))}}));
+    }
     if (command.table.are_given()) return print_table(table, command.table);
     std::string text = kind.type->name;
     text +=
@@ -103,7 +103,7 @@ void print_kind(const Kind &kind, const Command &command) {
 
 Table all_kinds() {
     Table table{{"row", "kind", "db", "key", "fields"}, {}};
-    for (const Kind &kind : cached_kinds())
+    for (const ObjectKind &kind : cached_kinds())
         table.rows.push_back({kind.row, kind.type->name, kind.db, key_text(*kind.type), kind.type->n_fields});
     return table;
 }

@@ -102,13 +102,12 @@ std::string typed(std::string_view text) {
         const bool stands_for = length && std::none_of(word.begin(), word.end(), [](char c) {
                                     return c == '_' || std::islower(static_cast<unsigned char>(c));
                                 });
-        if (stands_for) {
+        if (stands_for)
             page += "\\fI" + std::string(word) + "\\fB";
-        } else if (length) {
+        else if (length)
             page += word;
-        } else {
+        else
             page += text[0] == '-' ? "\\-" : std::string(1, text[0]);
-        }
         text.remove_prefix(std::max<size_t>(length, 1));
     }
     return page + "\\fR";
@@ -124,11 +123,12 @@ std::string paragraph(std::string_view text) {
         within = !within;
         text.remove_prefix(std::min(quote + 1, text.size()));
     }
-    for (size_t end = page.find(". "); end != std::string::npos; end = page.find(". ", end))
+    for (size_t end = page.find(". "); end != std::string::npos; end = page.find(". ", end)) {
         if (end && page[end - 1] != '.')
             page[++end] = '\n';
         else
             ++end;
+    }
     return page + "\n";
 }
 

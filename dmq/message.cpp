@@ -66,9 +66,8 @@ size_t size_of(ProtobufCType type) {
 }
 
 const ProtobufCFieldDescriptor *key_field(const ProtobufCMessageDescriptor &type) {
-    for (const auto &field : fields_of(type)) {
+    for (const auto &field : fields_of(type))
         if (dm_schema_key_mark(&field) == 2) return &field;
-    }
     return nullptr;
 }
 

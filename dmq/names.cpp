@@ -38,9 +38,9 @@ std::span<const ProtobufCMessageDescriptor *const> all_types() {
     return {types, count};
 }
 
-Kind kind_of_row(int32_t row) {
+ObjectKind kind_of_row(int32_t row) {
     std::string rows;
-    for (const Kind &kind : cached_kinds()) {
+    for (const ObjectKind &kind : cached_kinds()) {
         if (kind.row == row) return kind;
         rows += (rows.empty() ? "" : ", ") + std::to_string(kind.row);
     }
@@ -108,13 +108,13 @@ const ProtobufCEnumValue *find_value(const ProtobufCEnumDescriptor &type, std::s
     return found;
 }
 
-const std::vector<Kind> &cached_kinds() {
+const std::vector<ObjectKind> &cached_kinds() {
     static const auto kinds = [] {
         static std::array<obj_sub_entry, DM_ROW_COUNT> table{};
         for (auto &row : table) row.db_id = 1;
         dm_cache_init_obj(table.data());
         ndm_cache_init_port_obj(table.data());
-        std::vector<Kind> found;
+        std::vector<ObjectKind> found;
         for (int32_t i = 0; i < DM_ROW_COUNT; ++i) {
             const auto &row = table[static_cast<size_t>(i)];
             if (row.obj_tmpl) found.push_back({row.obj_tmpl->descriptor, i, row.db_id});
@@ -124,31 +124,29 @@ const std::vector<Kind> &cached_kinds() {
     return kinds;
 }
 
-Kind kind_of(const ProtobufCMessageDescriptor &type) {
-    for (const Kind &kind : cached_kinds()) {
+ObjectKind kind_of(const ProtobufCMessageDescriptor &type) {
+    for (const ObjectKind &kind : cached_kinds())
         if (kind.type == &type) return kind;
-    }
     return {&type, -1, 1};
 }
 
 const ProtobufCMessageDescriptor &find_type(const std::string &name) {
     if (const auto *type = dm_schema_find_message(name.c_str()); type && name == type->name) return *type;
     std::string kinds;
-    for (const Kind &kind : cached_kinds()) kinds += (kinds.empty() ? "" : ", ") + std::string(kind.type->name);
+    for (const ObjectKind &kind : cached_kinds()) kinds += (kinds.empty() ? "" : ", ") + std::string(kind.type->name);
     throw Failure(exit_usage, "there is no kind " + shown(name) + did_you_mean(name, type_names()) +
                                   "; those that the cache holds are " + kinds);
 }
 
-Kind find_kind(const std::string &name) {
+ObjectKind find_kind(const std::string &name) {
     if (const auto row = whole_number<int32_t>(name)) return kind_of_row(*row);
-    for (const auto *type : all_types()) {
+    for (const auto *type : all_types())
         if (name == type->name + dm_schema_package_length(type) + 1) return kind_of(*type);
-    }
     return kind_of(find_type(name));
 }
 
-Kind find_cached_kind(const std::string &name) {
-    const Kind kind = find_kind(name);
+ObjectKind find_cached_kind(const std::string &name) {
+    const ObjectKind kind = find_kind(name);
     if (kind.row < 0) throw Failure(exit_usage, std::string(kind.type->name) + " is not a kind that the cache holds");
     return kind;
 }

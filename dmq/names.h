@@ -47,22 +47,22 @@ template <class T> std::optional<T> whole_number(std::string_view text) {
 }
 
 // A kind of objects: its message type, the row that caches it (-1: none) and the database of the store that holds it.
-struct Kind {
+struct ObjectKind {
     const ProtobufCMessageDescriptor *type;
     int32_t row;
     uint32_t db;
 };
 
-Kind kind_of(const ProtobufCMessageDescriptor &type);
+ObjectKind kind_of(const ProtobufCMessageDescriptor &type);
 
 // By full name, by name without the package, or by row number. Throws a Failure.
-Kind find_kind(const std::string &name);
+ObjectKind find_kind(const std::string &name);
 
 // The same, and it must be a kind that the cache holds.
-Kind find_cached_kind(const std::string &name);
+ObjectKind find_cached_kind(const std::string &name);
 
 // In the order of the rows.
-const std::vector<Kind> &cached_kinds();
+const std::vector<ObjectKind> &cached_kinds();
 
 // Its full name, exactly; throws a Failure with a suggestion.
 const ProtobufCMessageDescriptor &find_type(const std::string &name);

@@ -48,9 +48,8 @@ size_t printable(std::string_view text) {
     if (first < 0x80) return first >= 0x20 && first != 0x7F;
     const size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
     if (first < 0xC2 || first > 0xF4 || (first == 0xC2 && byte(1) < 0xA0)) return 0;
-    for (size_t i = 1; i < length; ++i) {
+    for (size_t i = 1; i < length; ++i)
         if ((byte(i) & 0xC0) != 0x80) return 0;
-    }
     return length;
 }
 
@@ -144,8 +143,8 @@ void hide_password(std::span<char> text) {
     for (size_t i = begin + static_cast<size_t>(secret); i < end; ++i) text[i] = '*';
 }
 
-std::string counted_objects(size_t count) {
-    return std::to_string(count) + (count == 1 ? " object" : " objects");
+std::string counted(size_t count, const std::string &one, const std::string &many) {
+    return std::to_string(count) + " " + (count == 1 ? one : many.empty() ? one + "s" : many);
 }
 
 std::string hex(int64_t key) {

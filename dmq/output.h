@@ -42,8 +42,8 @@ std::string shown_url(const std::string &url);
 // Stars out what may be a password, in place: what lies before the last @ and is not shown of such a URL.
 void hide_password(std::span<char> text);
 
-// "1 object", "2 objects".
-std::string counted_objects(size_t count);
+// "1 object", "2 objects"; of what does not only get an s, `many` says how it is.
+std::string counted(size_t count, const std::string &one, const std::string &many = "");
 
 // A key of a tree: "0x3f", "-0x1".
 std::string hex(int64_t key);

@@ -37,7 +37,7 @@ template <class T> void add_option(CLI::App &app, const Option &option, T &value
 void add_options(CLI::App &app, std::span<const Option> options, Command &command, bool in_shell) {
     for (const Option &option : options) {
         if (in_shell && !option.in_shell) continue;
-        std::visit([&](auto *place) { add_option(app, option, place(command)); }, option.place);
+        std::visit([&](auto *target) { add_option(app, option, target(command)); }, option.target);
     }
 }
 

@@ -12,6 +12,20 @@
 
 namespace dmq {
 
+// Asks for it, passes a number of its own, or passes memory and shows what the query writes there.
+struct Use {
+    // How many elements the query wrote. A list has memory here for all of them, so an empty one is one too.
+    enum class Count { one, list, array };
+
+    Pass pass;
+    std::string_view name;                         // empty: any other
+    bool asked = false;                            // of the person
+    size_t size = 0;                               // of the memory
+    Json (*shown)(const Argument &, size_t) = {};  // an element that the query wrote; null: not shown
+    Count count = Count::one;
+    void (*release)(void *) = {};  // what the query hands out, an address a word
+};
+
 namespace {
 
 constexpr int32_t numbers_room = 512;
@@ -23,23 +37,7 @@ Json object_handed_out(const Argument &argument, size_t i);
 Json text_there(const Argument &argument, size_t i);
 Json bytes_there(const Argument &argument, size_t i);
 
-// How many elements the query wrote.
-enum class Count { one, list, array };  // a list has memory here for all of them, so an empty one is one too
-
-}  // namespace
-
-// Asks for it, passes a number of its own, or passes memory and shows what the query writes there.
-struct Use {
-    Pass pass;
-    std::string_view name;                         // empty: any other
-    bool asked = false;                            // of the person
-    size_t size = 0;                               // of the memory
-    Json (*shown)(const Argument &, size_t) = {};  // an element that the query wrote; null: not shown
-    Count count = Count::one;
-    void (*release)(void *) = {};  // what the query hands out, an address a word
-};
-
-namespace {
+using Count = Use::Count;
 
 constexpr Use uses[] = {
     {Pass::s32, "len"},
@@ -193,9 +191,10 @@ std::string fields_text(std::string_view name, uint32_t number) {
     if (is_node(name))
         std::snprintf(text, sizeof text, "0x%08x: device %d, slot %d, sub-slot %d", number, dev, slot, sslot);
     // Of a port's logical number two bits lie beside the slot.
-    if (is_port(name))
+    if (is_port(name)) {
         std::snprintf(text, sizeof text, "0x%08x: type %u, device %d, slot %d, sub-slot %d, logical port %u", number,
                       number >> 26, dev, slot & 31, sslot, static_cast<uint32_t>(slot) >> 5 << 8 | (number & 0xFF));
+    }
     return text;
 }
 
@@ -230,9 +229,10 @@ Question::Question(const Query &query, const std::vector<std::string> &words, co
         }
         ++count;
     }
-    if (count != words.size())
+    if (count != words.size()) {
         throw Failure(exit_usage, "it is: " + command + " " + std::string(query.name) + wanted + "\n  " +
                                       std::string(query.question) + "\n  " + std::string(query.prototype));
+    }
 }
 
 Question::Answer Question::ask() {
@@ -258,9 +258,10 @@ Json Question::values(int64_t result) const {
 }
 
 void refuse_write(const Query &query, bool attached, const std::string &command) {
-    if (attached && query.name == "ndm_reset_module_by_node_causelly")
+    if (attached && query.writes) {
         throw Failure(exit_usage, command + ": " + std::string(query.name) +
                                       " writes the store, so it is not for a process that dmq is attached to");
+    }
 }
 
 std::vector<std::string_view> asked_arguments(const Query &query) {

@@ -25,21 +25,21 @@ void keep_read(const dm_cache_read *read, void *word) {
 }
 
 // Who asks: other threads of the library have their own things to say.
-struct Listener {
+struct Asker {
     std::thread::id thread = std::this_thread::get_id();
     std::string *said;
 };
 
 void keep_line(int32_t, const char *, const char *, int32_t, const char *text, void *word) {
-    const auto &listener = *static_cast<Listener *>(word);
-    if (std::this_thread::get_id() == listener.thread && listener.said->empty()) *listener.said = text;
+    const auto &asker = *static_cast<Asker *>(word);
+    if (std::this_thread::get_id() == asker.thread && asker.said->empty()) *asker.said = text;
 }
 
 // The log is dmq's while it lives.
 class LogHeard {
 public:
-    explicit LogHeard(std::string *said) : listener_{.said = said} {
-        dm_cache_set_log(keep_line, &listener_);
+    explicit LogHeard(std::string *said) : asker_{.said = said} {
+        dm_cache_set_log(keep_line, &asker_);
         set_levels(1, 1);
     }
     LogHeard(const LogHeard &) = delete;
@@ -55,7 +55,7 @@ private:
     }
 
     int32_t cache_level_ = g_dm_cache_level, library_level_ = g_ndm_lib_dbg_lvl;
-    Listener listener_;
+    Asker asker_;
 };
 
 }  // namespace
@@ -72,8 +72,13 @@ Road walk_road(Question &question, bool quiet) {
 
 std::string row_name(int32_t row) {
     const auto &kinds = cached_kinds();
-    const auto found = std::find_if(kinds.begin(), kinds.end(), [&](const Kind &kind) { return kind.row == row; });
+    const auto found =
+        std::find_if(kinds.begin(), kinds.end(), [&](const ObjectKind &kind) { return kind.row == row; });
     return "row " + std::to_string(row) + (found == kinds.end() ? "" : std::string(" ") + found->type->name);
+}
+
+std::string refused_text(uint32_t count) {
+    return counted(count, "change of the row was refused", "changes of the row were refused");
 }
 
 std::string tree_name(int32_t row, int32_t tree) {
@@ -85,9 +90,10 @@ std::string tree_name(int32_t row, int32_t tree) {
 
 std::string words_of_key(const Json &key) {
     std::string words;
-    for (const auto &[field, value] : key.items())
+    for (const auto &[field, value] : key.items()) {
         if (!is_never_compared(field) || value != 0)
             words += (words.empty() ? "" : " ") + field + "=" + cell_text(value);
+    }
     return words;
 }
 

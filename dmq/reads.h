@@ -37,6 +37,9 @@ Road walk_road(Question &question, bool quiet);
 // "row 30 p_dev.vsd_port".
 std::string row_name(int32_t row);
 
+// "2 changes of the row were refused".
+std::string refused_text(uint32_t count);
+
 // The name of a row's tree: "ifx".
 std::string tree_name(int32_t row, int32_t tree);
 

@@ -32,10 +32,11 @@ Client open_store(const std::string &url, const std::string &shown) {
     const int32_t code = tq_mom_client_open(url.c_str(), &handle);
     if (code == TQ_MOM_E_URL || code == TQ_MOM_E_ARGUMENT)
         throw Failure(exit_usage, "the URL " + shown + " names no store; see --store in dmq --help");
-    if (code == TQ_MOM_E_DENIED)
+    if (code == TQ_MOM_E_DENIED) {
         throw Failure(exit_unreachable, "the store " + shown +
                                             " knows no such user or password; TQ_STORE_USER and "
                                             "TQ_STORE_PASSWORD give others");
+    }
     if (code == TQ_MOM_E_MEMORY)
         throw Failure(exit_no, "the store " + shown + ": not enough memory, threads or descriptors");
     if (code == TQ_MOM_E_REFUSED) throw Failure(exit_unreachable, "the store " + shown + " is part of a cluster");
@@ -45,9 +46,10 @@ Client open_store(const std::string &url, const std::string &shown) {
 
 [[noreturn]] void write_failed(int32_t code, const std::string &what) {
     if (code == TQ_MOM_E_NOT_FOUND) throw Failure(exit_no, what + ": no such object in the store");
-    if (code == TQ_MOM_E_CHANGED)
+    if (code == TQ_MOM_E_CHANGED) {
         throw Failure(exit_no,
                       what + ": somebody else has changed it since it was read, so it was left alone; look again");
+    }
     if (code == TQ_MOM_E_MEMORY) throw Failure(exit_no, what + ": not enough memory");
     if (code == TQ_MOM_E_TIMEOUT) throw Failure(exit_timeout, what + ": the store did not answer in time");
     if (code == TQ_MOM_E_UNREACHABLE) throw Failure(exit_unreachable, what + ": the store is not reachable");
@@ -67,7 +69,7 @@ bool is_complete_notice(const ProtobufCMessage &object) {
 }
 
 // All of a process is read, or nothing.
-Picture picture_of(const std::string &path, const Deadline &deadline, const std::vector<Kind> &kinds) {
+Picture picture_of(const std::string &path, const Deadline &deadline, const std::vector<ObjectKind> &kinds) {
     Picture picture;
     Inspection inspection(path, deadline);
     inspection.read_process(picture);
@@ -122,7 +124,7 @@ void Session::open_reader() {
     tq_mom_client_set_connection_cb(reader(), on_connection, nullptr);
 }
 
-void Session::start(const std::vector<Kind> &kinds) {
+void Session::start(const std::vector<ObjectKind> &kinds) {
     if (started_) return;
     open_reader();
     if (!starting_.valid()) begin_start(kinds);
@@ -138,11 +140,10 @@ void Session::start(const std::vector<Kind> &kinds) {
 }
 
 // Once: when a command has waited in vain, the next one waits for the same start.
-void Session::begin_start(const std::vector<Kind> &kinds) {
+void Session::begin_start(const std::vector<ObjectKind> &kinds) {
     dm_cache_multi_thread_init();
-    for (const Kind &kind : kinds.empty() ? cached_kinds() : kinds) {
+    for (const ObjectKind &kind : kinds.empty() ? cached_kinds() : kinds)
         if (attached_.empty()) dm_cache_sub_obj(kind.row, nullptr, 0);
-    }
     std::packaged_task<std::pair<int32_t, bool>()> task([client = reader()] {
         errno = 0;
         const int32_t answer = dm_cache_init(client, "dmq");
@@ -155,7 +156,7 @@ void Session::begin_start(const std::vector<Kind> &kinds) {
 
 // The process is read before the cache is touched: a shell goes on with what it had. One that has ended may be there again, under
 // the name by which it was found.
-void Session::take_picture(const std::vector<Kind> &kinds) {
+void Session::take_picture(const std::vector<ObjectKind> &kinds) {
     std::error_code unknown;
     if (!std::filesystem::exists(attached_, unknown)) attached_ = find_inspected(attach_, inspect_);
     const int64_t begun = now_ms();
@@ -174,7 +175,7 @@ void Session::take_picture(const std::vector<Kind> &kinds) {
     shown_picture = &*picture_;
 }
 
-void Session::synchronise(const std::vector<Kind> &kinds) {
+void Session::synchronise(const std::vector<ObjectKind> &kinds) {
     if (!attached_.empty()) return take_picture(kinds);
     start(kinds);
     Progress progress("synchronising, rows scanned");
@@ -186,7 +187,7 @@ void Session::synchronise(const std::vector<Kind> &kinds) {
         if (!left) deadline_.passed("not synchronised", reason);
         if (dm_cache_wait_applied(applied, std::min(left, 100)) == 0) continue;
         size_t enabled = 0, scanned = 0;
-        for (const Kind &kind : cached_kinds()) {
+        for (const ObjectKind &kind : cached_kinds()) {
             enabled += stats_of(kind.row).enabled;
             scanned += stats_of(kind.row).scanned;
         }
@@ -201,7 +202,7 @@ bool Session::is_lost() const {
 int64_t Session::age_ms() const {
     int64_t age = picture_ ? picture_->age_ms() : -1;
     if (picture_) return age < 0 ? -1 : age + now_ms() - picture_ms_;
-    for (const Kind &kind : cached_kinds()) {
+    for (const ObjectKind &kind : cached_kinds()) {
         if (!stats_of(kind.row).enabled) continue;
         const int64_t own = dm_cache_age_ms(kind.row);
         if (own < 0) return -1;
@@ -232,9 +233,10 @@ void Session::write(std::vector<Entry> entries) {
         };
         const auto [code, taken, refused] =
             ask("objects to be written, " + std::to_string(done) + " of " + std::to_string(all) + " are", call);
-        if (code)
+        if (code) {
             write_failed(code, object_name(*(*kept)[done + std::min<size_t>(refused, count - 1)].object) + " (after " +
-                                   counted_objects(done + taken) + " written)");
+                                   counted(done + taken, "object") + " written)");
+        }
         progress.show(done += count, all);
     }
     if (follows()) settle(notice ? applied : 0);
@@ -249,7 +251,7 @@ void Session::write(std::vector<Edit> edits) {
         const std::string name = object_name(edit->object());
         if (const int32_t code =
                 ask(name + " to be written", [edit, client = writer()] { return write_edit(client, *edit); }))
-            write_failed(code, name + (i ? " (after " + counted_objects(i) + " written)" : ""));
+            write_failed(code, name + (i ? " (after " + counted(i, "object") + " written)" : ""));
     }
     if (follows()) settle(notice ? applied : 0);
 }

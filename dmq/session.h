@@ -81,11 +81,11 @@ public:
     bool is_lost() const;  // the cache's own connection to the store
 
     // Starts the cache for these kinds (all when none is named) and returns at once. A second start changes nothing.
-    void start(const std::vector<Kind> &kinds);
+    void start(const std::vector<ObjectKind> &kinds);
 
     // The same, and waits until it equals the store. Throws a Failure that names the row which holds it back. Attached: makes it
     // equal to what the process has now.
-    void synchronise(const std::vector<Kind> &kinds);
+    void synchronise(const std::vector<ObjectKind> &kinds);
 
     // The cache is up and connected: it will see what is written now.
     bool follows() const { return started_ && !cut_off_; }
@@ -103,8 +103,8 @@ public:
 
 private:
     Client open();
-    void begin_start(const std::vector<Kind> &kinds);
-    void take_picture(const std::vector<Kind> &kinds);
+    void begin_start(const std::vector<ObjectKind> &kinds);
+    void take_picture(const std::vector<ObjectKind> &kinds);
 
     std::string store_, shown_;  // shown without its secret
     bool named_;

@@ -15,9 +15,8 @@ namespace {
 TableOptions plain_options(const View &view, const Command &command) {
     TableOptions options = command.table;
     if (command.raw || !options.columns.empty()) return options;
-    for (const auto &column : columns_of(view)) {
+    for (const auto &column : columns_of(view))
         if (!is_raw(column)) options.columns += (options.columns.empty() ? "" : ",") + column;
-    }
     return options;
 }
 
@@ -101,9 +100,10 @@ Exit show_things(Context &context, const View &view, const Command &command) {
         else
             name += (name.empty() ? "" : " ") + word;
     }
-    if (name.empty() && narrow.empty())
+    if (name.empty() && narrow.empty()) {
         throw Failure(exit_usage, "which " + one + "? By a name or number of it, or column=value; see show " +
                                       std::string(view.name) + " --raw");
+    }
     const auto conditions = read_conditions(view, narrow);
     context.synchronised({}, command.settings);
     const auto things = tell(view, name, conditions, command.table.format == Format::json);
@@ -127,15 +127,13 @@ Candidates next_table(const Asked &asked) {
     const View &view = find_view(asked.words[0]);
     for (const auto &column : columns_of(view)) {
         candidates.push_back({column + "=", ""});
-        if (const auto *type = names_in(view, column)) {
+        if (const auto *type = names_in(view, column))
             for (const auto &name : value_names(*type)) candidates.push_back({column + "=" + name, ""});
-        }
     }
     if (asked.words[0] == view.name) return candidates;
     asked.context.synchronised({}, asked.settings);
-    for (const auto &name : names_of_things(view)) {
+    for (const auto &name : names_of_things(view))
         if (is_plain(name)) candidates.push_back({name, ""});
-    }
     return candidates;
 }
 

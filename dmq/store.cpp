@@ -12,7 +12,7 @@ namespace dmq {
 namespace {
 
 // Bytes that were packed from an object need not be one again.
-std::string name_of(const Kind &kind, const std::string &bytes) {
+std::string name_of(const ObjectKind &kind, const std::string &bytes) {
     const Message object = unpack(*kind.type, bytes);
     return object ? object_name(*object) : std::string(kind.type->name) + " with bytes that mean nothing";
 }
@@ -26,11 +26,10 @@ int32_t take_scanned(tq_mom_handle *, store_msg *msg, void *privdata) {
     const auto *record = static_cast<const result_rec *>(msg->value);
     if (!record || !record->obj) return 0;
     if (record->error == TQ_MOM_E_MEMORY) out_of_memory();
-    if (msg->result || record->error) {
+    if (msg->result || record->error)
         content.damaged[packed_key(*record->obj)] = copy(*record->obj);
-    } else {
+    else
         take(content, *record->obj);
-    }
     return 0;
 }
 
@@ -41,16 +40,15 @@ Content cached(int32_t row) {
 }
 
 // The store's objects that the cache has not, or that are not in `other`.
-std::vector<std::string> missing(const Kind &kind, const Content &content, const Content &other) {
+std::vector<std::string> missing(const ObjectKind &kind, const Content &content, const Content &other) {
     std::vector<std::string> names;
-    for (const auto &[key, bytes] : content.objects) {
+    for (const auto &[key, bytes] : content.objects)
         if (!other.objects.contains(key)) names.push_back(name_of(kind, bytes));
-    }
     return names;
 }
 
 // One line for each object that is damaged, on one side only, or not the same on both.
-std::vector<std::string> unequal(const Kind &kind, const Content &store, const Content &cache) {
+std::vector<std::string> unequal(const ObjectKind &kind, const Content &store, const Content &cache) {
     std::vector<std::string> lines;
     for (const auto &[key, bytes] : store.objects) {
         const auto other = cache.objects.find(key);
@@ -69,7 +67,7 @@ Exit compare(Session &session, const Command &command) {
     if (command.settings.json) table.columns.push_back("differences");
     std::string told;
     bool equal = true;
-    for (const Kind &kind : cached_kinds()) {
+    for (const ObjectKind &kind : cached_kinds()) {
         if (!stats_of(kind.row).enabled) continue;
         const Content store = stored(session, kind);
         const Content cache = cached(kind.row);
@@ -128,7 +126,7 @@ Exit restart(Session &session, const Command &command) {
 
 Exit damage(Session &session, const Command &command) {
     if (command.words.size() < 2) throw Failure(exit_usage, "store damage needs KIND key=value..");
-    const Kind kind = find_kind(command.words[1]);
+    const ObjectKind kind = find_kind(command.words[1]);
     const Message object = read_key(*kind.type, {command.words.begin() + 2, command.words.end()});
     const uint8_t bytes[] = {0xff, 0xff, 0xff};
     check(tq_mem_put_bytes(session.writer(), kind.db, object.get(), bytes, sizeof bytes));
@@ -144,7 +142,7 @@ Exit lose(Session &session, const Command &command) {
 }
 
 // The row's objects that the cache should have. Cut off, it need not have them.
-bool row_is_whole(Session &session, const Kind &kind, bool damaged) {
+bool row_is_whole(Session &session, const ObjectKind &kind, bool damaged) {
     const dm_cache_stats stats = stats_of(kind.row);
     const uint32_t refused = stats.refused;
     const std::string row = "row " + std::to_string(kind.row) + " " + kind.type->name;
@@ -168,10 +166,9 @@ bool row_is_whole(Session &session, const Kind &kind, bool damaged) {
 }
 
 bool is_empty(Session &session) {
-    for (const Kind &kind : cached_kinds()) {
+    for (const ObjectKind &kind : cached_kinds())
         if (stats_of(kind.row).objects) return false;
-    }
-    for (const Kind &kind : cached_kinds()) {
+    for (const ObjectKind &kind : cached_kinds()) {
         const Content content = stored(session, kind);
         if (!content.objects.empty() || !content.damaged.empty()) return false;
     }
@@ -206,7 +203,7 @@ Candidates next_action(const Asked &asked) {
     return candidates;
 }
 
-Content stored(Session &session, const Kind &kind) {
+Content stored(Session &session, const ObjectKind &kind) {
     const auto call = [client = session.writer(), kind] {
         Content content;
         const Message any = new_message(*kind.type);
@@ -229,9 +226,8 @@ bool is_whole(Session &session) {
     const uint64_t met = tq_mom_client_damaged(session.reader());
     const bool damaged = met != std::exchange(told, met);
     bool whole = true;
-    for (const Kind &kind : cached_kinds()) {
+    for (const ObjectKind &kind : cached_kinds())
         if (!session.is_cut_off() && stats_of(kind.row).enabled) whole &= row_is_whole(session, kind, damaged);
-    }
     if (!is_empty(session)) return whole;
     note(session.store_name() + " is empty");
     return false;

@@ -13,7 +13,7 @@ struct Content {
     std::map<std::string, Message> damaged;
 };
 
-Content stored(Session &session, const Kind &kind);
+Content stored(Session &session, const ObjectKind &kind);
 
 // Has the cache what the store holds? What it lacks is named on standard error: objects that were damaged, once; rows that
 // refused objects, with the first one; and a store that is empty, which is never whole.

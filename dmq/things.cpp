@@ -130,9 +130,8 @@ std::vector<std::string> names_in_use(const View &view, const std::vector<Record
 std::vector<Thing> find_things(const View &view, const std::string &name, const std::vector<Condition> &conditions) {
     std::vector<Thing> things;
     each_cached(view.row, [&](const ProtobufCMessage &object) {
-        for (auto &record : records_of(view, object).rows) {
+        for (auto &record : records_of(view, object).rows)
             if (fits(record, conditions)) things.push_back({std::move(record), &object});
-        }
     });
     std::sort(things.begin(), things.end(), [](const Thing &a, const Thing &b) { return a.record < b.record; });
     if (name.empty()) return things;
@@ -156,9 +155,8 @@ std::string what_is_near(const View &view, const std::string &name) {
 }
 
 std::vector<std::string> names_for(std::string_view argument) {
-    for (const auto &one : numbers) {
+    for (const auto &one : numbers)
         if (one.argument == argument) return names_of_things(find_view(one.view));
-    }
     return {};
 }
 

@@ -62,7 +62,7 @@ private:
             refuse("an entry is an object with db, kind and object");
         }
         if (event == Event::object_start) keys_.emplace_back();
-        if (event == Event::object_start && level == level_entry) number_++;
+        if (event == Event::object_start && level == level_entry) ++number_;
         if (event == Event::key && !keys_.back().insert(value.get<std::string>()).second)
             refuse("the key " + dump(value) + " is given twice in one object");
         if (event == Event::object_end) keys_.pop_back();

@@ -1,15 +1,13 @@
 // verify: is a live cache equal to its store, while both of them change? What differs once may be a change on its way. A difference is
 // told when it is found twice with the same content on both sides, and the store has told of no change of that object since before
-// it was first read: not until a mark, asked for after the second reading, had come back through the store's feed. What the feed
-// tells comes on the store client's thread; its counts have a lock of their own.
+// it was first read: not until a mark, asked for after the second reading, had come back through the store's feed.
 #include <algorithm>
-#include <condition_variable>
 #include <cstdlib>
-#include <mutex>
 #include <set>
 
 #include "dmq/command.h"
 #include "dmq/reads.h"
+#include "dmq/verify_feed.h"
 #include "tq_dm_cache/dm_port_index.h"
 
 namespace dmq {
@@ -20,87 +18,6 @@ constexpr auto between_looks = std::chrono::milliseconds(250);  // at another pr
 constexpr int64_t unknown_age_ms =
     1000;  // in which another process, that does not tell how old its rows are, has heard everything
 constexpr int most_rounds = 20;
-
-using Place = std::pair<int32_t, std::string>;  // a row, and an object's packed key
-
-// What a port has in common with the static port at its place, whatever else their keys have; empty: it is no port.
-std::string port_place(const ProtobufCMessage &port) {
-    const ProtobufCMessage *const key = key_of(port);
-    std::string place;
-    for (const char *name : {"t_dev", "t_slot", "t_sslot", "t_port", "t_type"}) {
-        const auto *field = key ? find_field(*key->descriptor, name) : nullptr;
-        if (!field) return "";
-        place += std::to_string(at<int32_t>(*key, field->offset)) + "/";
-    }
-    return place;
-}
-
-// Hears of the changes of rows, and counts them by object; those of static ports by their place, too.
-class Feed {
-    // Callbacks may come until the client is closed.
-    struct Heard {
-        std::mutex lock;
-        std::condition_variable changed;
-        std::map<Place, uint64_t> changes;
-        size_t answers = 0;
-    };
-    static Heard &heard() {
-        static Heard *const kept = new Heard;
-        return *kept;
-    }
-
-public:
-    Feed(Session &session, const std::vector<Kind> &kinds) : session_(session), kinds_(kinds) {
-        const size_t before = answers();
-        for (const Kind &kind : kinds_) subscribe(kind);
-        wait_for(before + kinds_.size());
-    }
-    Feed(const Feed &) = delete;
-
-    // Returns when all has been heard that the store had to tell when it was called.
-    void mark() {
-        const size_t before = answers();
-        subscribe(kinds_.front());
-        wait_for(before + 1);
-    }
-    std::map<Place, uint64_t> changes() {
-        const std::lock_guard guard(heard().lock);
-        return heard().changes;
-    }
-
-private:
-    static int32_t hear(tq_mom_handle *, store_msg *msg, void *privdata) {
-        const auto row = static_cast<int32_t>(reinterpret_cast<intptr_t>(privdata));
-        const auto *object = static_cast<const ProtobufCMessage *>(msg->value);
-        const std::lock_guard guard(heard().lock);
-        if (msg->cmd == TQ_MOM_CMD_SUBSCRIBED) ++heard().answers;
-        if ((msg->cmd == TQ_MOM_CMD_SET || msg->cmd == TQ_MOM_CMD_DELETE) && object)
-            ++heard().changes[{row, packed_key(*object)}];
-        if ((msg->cmd == TQ_MOM_CMD_SET || msg->cmd == TQ_MOM_CMD_DELETE) && object && row == DM_ROW_PORT_STATIC)
-            ++heard().changes[{row, port_place(*object)}];
-        heard().changed.notify_all();
-        return 0;
-    }
-    void subscribe(const Kind &kind) {
-        const Message any = new_message(*kind.type);
-        void *const row = reinterpret_cast<void *>(static_cast<intptr_t>(kind.row));
-        if (tq_mom_subscribe(session_.reader(), kind.db, any.get(), 0, hear, row))
-            throw Failure(exit_unreachable, "cannot follow " + std::string(kind.type->name));
-    }
-    static size_t answers() {
-        const std::lock_guard guard(heard().lock);
-        return heard().answers;
-    }
-    void wait_for(size_t answers) {
-        std::unique_lock guard(heard().lock);
-        if (!heard().changed.wait_for(guard, std::chrono::milliseconds(session_.time_left()),
-                                      [&] { return heard().answers >= answers; }))
-            throw Failure(exit_timeout, "the store did not answer in time: waited for a mark in its feed");
-    }
-
-    Session &session_;
-    const std::vector<Kind> kinds_;
-};
 
 // A row as the cache has it.
 using Cached = std::map<std::string, Seen>;
@@ -121,7 +38,7 @@ struct Difference {
         return store_bytes == other.store_bytes && cache_bytes == other.cache_bytes && index == other.index;
     }
 };
-using Differences = std::map<Place, Difference>;
+using Differences = std::map<ObjectId, Difference>;
 
 Message copy_of(const Message &object) {
     return object ? copy(*object) : nullptr;
@@ -187,26 +104,16 @@ std::string index_fault(int32_t row, const Seen &seen, const std::set<TreeKey> &
     if (!has_keys) return seen.about.indexed ? "indexed, though its keys cannot be known" : "";
     if (!seen.about.indexed) return "not indexed, though its keys are known";
     for (int32_t tree = 0; tree < std::min<int32_t>(set->tree_num, seen.about.trees); ++tree) {
-        if (seen.about.key[tree] != key->key[tree])
+        if (seen.about.key[tree] != key->key[tree]) {
             return "indexed wrongly, by " + tree_name(row, tree) + " " + hex(seen.about.key[tree]) + " instead of " +
                    hex(key->key[tree]);
+        }
         if (seen.about.found[tree] == DM_INSPECT_FINDS_NOTHING)
             return "not found by " + tree_name(row, tree) + " " + hex(key->key[tree]);
         if (seen.about.found[tree] == DM_INSPECT_FINDS_ANOTHER && !leading.contains({tree, key->key[tree]}))
             return "taken for another one by " + tree_name(row, tree) + " " + hex(key->key[tree]);
     }
     return "";
-}
-
-// The object's own changes, and those of the static port that its keys come from.
-std::vector<uint64_t> changes_of(const std::map<Place, uint64_t> &changes, const Place &place,
-                                 const ProtobufCMessage *indexed) {
-    std::vector<uint64_t> counts;
-    for (const Place &one : {place, Place(DM_ROW_PORT_STATIC, indexed ? port_place(*indexed) : "")}) {
-        const auto found = changes.find(one);
-        counts.push_back(found == changes.end() ? 0 : found->second);
-    }
-    return counts;
 }
 
 // Comparison
@@ -223,13 +130,13 @@ std::string why(int32_t row, const Difference &difference, const Seen *seen) {
     if (stats.held) return "the store refuses the row to the cache";
     if (!stats.subscribed) return "the row is not subscribed";
     if (!stats.scanned) return "the row's scan has not ended";
-    if (stats.queued) return std::to_string(stats.queued) + " changes of the row wait in the queue";
+    if (stats.queued)
+        return counted(stats.queued, "change of the row waits in the queue", "changes of the row wait in the queue");
     if (seen && seen->about.by_client == DM_INSPECT_BY_SET_OBJ)
         return "last set by the client itself, with dm_cache_set_obj()";
     if (seen && seen->about.by_client) return "put into the list by the client itself";
     if (!difference.cache && stats.objects >= DM_CACHE_LIST_LIMIT) return "the row is full";
-    if (!difference.cache && stats.refused)
-        return std::to_string(stats.refused) + " changes of the row were refused, perhaps this one";
+    if (!difference.cache && stats.refused) return refused_text(stats.refused) + ", perhaps this one";
     if (!difference.store) return "deleted past the library";
     return difference.cache ? "written past the library, or changed in place by the client"
                             : "written past the library, or taken out by the client itself";
@@ -240,8 +147,7 @@ struct Reading {
     Differences differences;
 };
 
-void compare_row(Session &session, const Kind &kind, const std::map<Place, uint64_t> &changes, int64_t now,
-                 Reading &read) {
+void compare_row(Session &session, const ObjectKind &kind, const Changes &changes, int64_t now, Reading &read) {
     const Content store = stored(session, kind);
     const Cached cache = cached(session, kind.row);
     const std::set<TreeKey> leading = keys_that_lead(cache);
@@ -266,10 +172,10 @@ void compare_row(Session &session, const Kind &kind, const std::map<Place, uint6
         if (there != store.objects.end()) found.store = unpack(*kind.type, there->second);
         if (seen) found.cache = copy_of(seen->object);
         found.why = why(kind.row, found, seen);
-        const Place place(kind.row, key);
-        found.changes = changes_of(changes, place, found.indexed());
+        const ObjectId id(kind.row, key);
+        found.changes = changes_of(changes, id, found.indexed());
         found.first_ms = now;
-        read.differences.emplace(place, std::move(found));
+        read.differences.emplace(id, std::move(found));
     }
 }
 
@@ -281,11 +187,10 @@ bool has_heard_since(const Session &session, int32_t row, int64_t first_ms) {
 }
 
 // Differs as it did, and the store has told of no change of it since.
-bool is_still(const Place &place, const Difference &now, const Differences &open,
-              const std::map<Place, uint64_t> &after) {
-    const auto first = open.find(place);
+bool is_still(const ObjectId &id, const Difference &now, const Differences &open, const Changes &after) {
+    const auto first = open.find(id);
     return first != open.end() && first->second.same_as(now) &&
-           changes_of(after, place, now.indexed()) == first->second.changes;
+           changes_of(after, id, now.indexed()) == first->second.changes;
 }
 
 // Told
@@ -322,10 +227,10 @@ void add(Table &table, int32_t row, const Difference &found, bool json) {
 }
 
 // Rows that the cache is to have.
-std::vector<Kind> rows_of(const std::vector<std::string> &names, const Session &session) {
-    std::vector<Kind> wanted, kinds;
+std::vector<ObjectKind> rows_of(const std::vector<std::string> &names, const Session &session) {
+    std::vector<ObjectKind> wanted, kinds;
     for (const auto &name : names) wanted.push_back(find_cached_kind(name));
-    for (const Kind &kind : names.empty() ? cached_kinds() : wanted) {
+    for (const ObjectKind &kind : names.empty() ? cached_kinds() : wanted) {
         const Picture *picture = session.picture();
         const bool is_stored = !picture || !(picture->rows[static_cast<size_t>(kind.row)].flag & DM_CACHE_NO_STORE);
         if (stats_of(kind.row).enabled && is_stored)
@@ -343,7 +248,7 @@ bool is_live(const Session &session) {
 // One comparison, look by look.
 struct Verification {
     Session &session;
-    std::vector<Kind> kinds;
+    std::vector<ObjectKind> kinds;
     Feed feed;
     Differences open, told;  // that differ so far, and that do
     size_t objects = 0;
@@ -352,9 +257,9 @@ struct Verification {
 };
 
 // Reads the rows in which something is open, at first all of them.
-Reading read_rows(Verification &v, const std::map<Place, uint64_t> &changes, int64_t now) {
+Reading read_rows(Verification &v, const Changes &changes, int64_t now) {
     Reading read;
-    for (const Kind &kind : v.kinds) {
+    for (const ObjectKind &kind : v.kinds) {
         const bool is_open =
             std::any_of(v.open.begin(), v.open.end(), [&](const auto &one) { return one.first.first == kind.row; });
         if ((!v.is_first && !is_open) || v.unread.contains(kind.row)) continue;
@@ -387,11 +292,11 @@ void look(Verification &v) {
     else
         std::erase_if(read.differences, [&](const auto &one) { return !v.open.contains(one.first); });
     v.is_first = false;
-    for (auto &[place, now] : read.differences) {
-        if (!is_still(place, now, v.open, after)) continue;
-        now.first_ms = v.open.at(place).first_ms;
-        now.is_behind = !has_heard_since(v.session, place.first, now.first_ms);
-        if (!now.is_behind) v.told.emplace(place, std::move(now));
+    for (auto &[id, now] : read.differences) {
+        if (!is_still(id, now, v.open, after)) continue;
+        now.first_ms = v.open.at(id).first_ms;
+        now.is_behind = !has_heard_since(v.session, id.first, now.first_ms);
+        if (!now.is_behind) v.told.emplace(id, std::move(now));
     }
     for (const auto &entry : v.told) read.differences.erase(entry.first);
     v.open = std::move(read.differences);
@@ -409,17 +314,18 @@ void tell_what_is_behind(Verification &v) {
 
 void print_verdict(const Verification &v, const Command &command) {
     Table table{{"row", "kind", "key", "store", "cache", "why"}, {}};
-    for (const auto &[place, found] : v.told) add(table, place.first, found, command.settings.json);
+    for (const auto &[id, found] : v.told) add(table, id.first, found, command.settings.json);
     const bool is_plain = command.table.format == Format::table;
     if (!is_plain || !table.rows.empty()) print_table(table, command.table);
     const size_t rows = v.kinds.size() - v.unread.size(), differ = v.told.size();
-    if (is_plain)
-        print_line(counted_objects(v.objects) + " of " + std::to_string(rows) + (rows == 1 ? " row" : " rows") +
-                   " compared, " +
-                   (differ == 0 ? "none differs" : std::to_string(differ) + (differ == 1 ? " differs" : " differ")));
+    if (is_plain) {
+        print_line(counted(v.objects, "object") + " of " + counted(rows, "row") + " compared, " +
+                   (differ == 0 ? "none differs" : counted(differ, "differs", "differ")));
+    }
     if (v.open.empty()) return;
     const Difference &first = v.open.begin()->second;
-    note(counted_objects(v.open.size()) + " changed all the while, so that they could not be compared; the first is " +
+    note(counted(v.open.size(), "object") +
+         " changed all the while, so that they could not be compared; the first is " +
          object_name(first.store ? *first.store : *first.cache));
 }
 
@@ -439,12 +345,12 @@ Exit run_verify(Context &context, const Command &command) {
     Session &session = context.open(command.settings);
     session.synchronise({});
     if (session.is_cut_off()) throw Failure(exit_no, "the cache is cut off from the store");
-    const std::vector<Kind> kinds = rows_of(command.words, session);
+    const std::vector<ObjectKind> kinds = rows_of(command.words, session);
     if (kinds.empty()) throw Failure(exit_no, "there is no row to be compared");
     note_other_store(session, shown_url(command.settings.store));
-    std::vector<Kind> heard = kinds;
-    const Kind ports = find_cached_kind(std::to_string(DM_ROW_PORT_STATIC));
-    if (std::none_of(kinds.begin(), kinds.end(), [&](const Kind &kind) { return kind.row == ports.row; }))
+    std::vector<ObjectKind> heard = kinds;
+    const ObjectKind ports = find_cached_kind(std::to_string(DM_ROW_PORT_STATIC));
+    if (std::none_of(kinds.begin(), kinds.end(), [&](const ObjectKind &kind) { return kind.row == ports.row; }))
         heard.push_back(ports);
 
     Verification v{session, kinds, Feed(session, heard), {}, {}};

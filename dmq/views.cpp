@@ -156,16 +156,14 @@ constexpr struct {
 std::vector<std::string> view_names() {
     std::vector<std::string> names;
     for (const View &view : views) names.emplace_back(view.name);
-    for (const View &view : views) {
+    for (const View &view : views)
         if (!view.one.empty()) names.emplace_back(view.one);
-    }
     return names;
 }
 
 const View &find_view(const std::string &wanted) {
-    for (const View &view : views) {
+    for (const View &view : views)
         if (wanted == view.name || (wanted == view.one && !view.one.empty())) return view;
-    }
     throw Failure(exit_usage, no_such("show has no table", wanted, view_names()));
 }
 
@@ -175,9 +173,8 @@ std::vector<std::string> columns_of(const View &view) {
 }
 
 const ProtobufCEnumDescriptor *names_in(const View &view, const std::string &column) {
-    for (const auto &one : named_columns) {
+    for (const auto &one : named_columns)
         if (one.view == view.name && one.column == column) return one.type;
-    }
     return nullptr;
 }
 

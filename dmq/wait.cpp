@@ -13,7 +13,7 @@ namespace {
 
 class Wanted {
 public:
-    Wanted(const Kind &kind, const std::vector<std::string> &words, bool gone)
+    Wanted(const ObjectKind &kind, const std::vector<std::string> &words, bool gone)
         : kind_(kind), values_(read_words(*kind.type, words)), gone_(gone) {
         refuse_twice(values_);
         need_whole_key(*kind.type, values_);
@@ -52,7 +52,7 @@ private:
         changed_.notify_all();
     }
 
-    const Kind kind_;
+    const ObjectKind kind_;
     const std::vector<Assignment> values_;
     std::vector<Assignment> key_;
     const bool gone_;
@@ -65,7 +65,7 @@ private:
 }  // namespace
 
 Exit run_wait(Context &context, const Command &command) {
-    const Kind kind = find_cached_kind(command.words[0]);
+    const ObjectKind kind = find_cached_kind(command.words[0]);
     const std::vector<std::string> words(command.words.begin() + 1, command.words.end());
     Wanted wanted(kind, words, command.gone);
     Session &session = context.live({kind}, command.settings);

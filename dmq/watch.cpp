@@ -100,7 +100,7 @@ void tell(const dm_cache_event &event) {
             return tell_object(event, "swept", Colour::bad, "object", Json::object());
         case DM_CACHE_EVENT_APPLIED: {
             const size_t gone = std::exchange(watch->swept, 0);
-            return tell("resynchronised, " + counted_objects(gone) + (gone == 1 ? " was gone" : " were gone"),
+            return tell("resynchronised, " + counted(gone, "object was gone", "objects were gone"),
                         {{"event", "resynchronised"}, {"gone", gone}});
         }
         default:
@@ -122,15 +122,15 @@ void on_event(const dm_cache_event *event, void *) {
     tell(text, {{"event", "behind"}, {"seconds", seconds}});
 }
 
-std::string kinds_text(const std::vector<Kind> &kinds) {
+std::string kinds_text(const std::vector<ObjectKind> &kinds) {
     return kinds.size() == 1 ? kinds[0].type->name : std::to_string(kinds.size()) + " kinds";
 }
 
 }  // namespace
 
-void start_watch(const std::vector<Kind> &named, const WatchOptions &options) {
+void start_watch(const std::vector<ObjectKind> &named, const WatchOptions &options) {
     stop_watch();
-    const std::vector<Kind> &kinds = named.empty() ? cached_kinds() : named;
+    const std::vector<ObjectKind> &kinds = named.empty() ? cached_kinds() : named;
     uint32_t flags = 0;
     if (options.unchanged) flags |= DM_CACHE_FOLLOW_UNCHANGED;
     if (!options.initial) flags |= DM_CACHE_FOLLOW_FROM_NOW;
@@ -140,19 +140,19 @@ void start_watch(const std::vector<Kind> &named, const WatchOptions &options) {
         if (!options.program.empty()) watch->programs = std::make_unique<ProgramQueue>(options.program);
         size_t objects = 0;
         Json names = Json::array();
-        for (const Kind &kind : kinds) {
+        for (const ObjectKind &kind : kinds) {
             const dm_cache_stats stats = stats_of(kind.row);
             watch->refused[kind.row] = stats.refused;
             objects += stats.objects;
             names.push_back(kind.type->name);
         }
         const std::string reason = waits_for();
-        tell("following " + kinds_text(kinds) + ", " + counted_objects(objects) +
+        tell("following " + kinds_text(kinds) + ", " + counted(objects, "object") +
                  (reason.empty() ? ", live" : ", not live: " + reason),
              {{"event", "following"}, {"kinds", names}, {"objects", objects}, {"live", reason.empty()}});
     }
     int32_t code = dm_cache_follow(-1, on_event, nullptr, 0);
-    for (const Kind &kind : kinds) code |= dm_cache_follow(kind.row, on_event, nullptr, flags);
+    for (const ObjectKind &kind : kinds) code |= dm_cache_follow(kind.row, on_event, nullptr, flags);
     if (code != 0) throw Failure(exit_no, "not enough memory to follow");
 }
 
@@ -165,7 +165,7 @@ bool is_watch_blocked() {
 // Followers first: one that is being told waits for the lock.
 void stop_watch() {
     dm_cache_unfollow(-1, on_event, nullptr);
-    for (const Kind &kind : cached_kinds()) dm_cache_unfollow(kind.row, on_event, nullptr);
+    for (const ObjectKind &kind : cached_kinds()) dm_cache_unfollow(kind.row, on_event, nullptr);
     std::unique_ptr<ProgramQueue> programs;  // ends behind the lock
     const std::lock_guard lock(guard);
     if (watch) programs = std::move(watch->programs);
@@ -180,7 +180,7 @@ void tell_refused() {
         if (more == 0) continue;
         told += more;
         const std::string kind = obj_sub_list[row].obj_tmpl->descriptor->name;
-        tell("refused, row " + std::to_string(row) + " " + kind + ": " + counted_objects(more),
+        tell("refused, row " + std::to_string(row) + " " + kind + ": " + counted(more, "object"),
              {{"event", "refused"}, {"row", row}, {"kind", kind}, {"count", more}});
     }
 }

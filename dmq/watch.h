@@ -16,7 +16,7 @@ struct WatchOptions {
 };
 
 // Starts following these kinds (all enabled ones when none is named), in place of an earlier watch. The cache is live.
-void start_watch(const std::vector<Kind> &kinds, const WatchOptions &options);
+void start_watch(const std::vector<ObjectKind> &kinds, const WatchOptions &options);
 void stop_watch();
 
 // A line is being written, and nobody reads it: the watch cannot be stopped. Waits for a second to be sure.

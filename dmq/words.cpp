@@ -125,9 +125,8 @@ std::string unlike(const Json &object, const std::vector<Assignment> &assignment
 std::vector<Assignment> key_part(const ProtobufCMessageDescriptor &type, const std::vector<Assignment> &assignments) {
     std::vector<Assignment> part;
     const auto *key = key_field(type);
-    for (const auto &assignment : assignments) {
+    for (const auto &assignment : assignments)
         if (key && assignment.path.front() == key->name) part.push_back(assignment);
-    }
     return part;
 }
 

@@ -85,6 +85,11 @@ class Query:
         return self.yes_or_no or bool(re.search(r"\b0 (\(\w+\) )?when it is not", self.comment))
 
     @property
+    def writes(self):
+        """Does it change the store?"""
+        return bool(re.search(r"writ\w+ .* into the store", self.comment))
+
+    @property
     def pure(self):
         """Does it need no cache? Its comment says so, or its header's block for all that say nothing else."""
         says = "pure conversion" in block_of(HEADERS / self.header)[1] and not re.search(r"cache|The same\.", self.comment)
@@ -104,7 +109,7 @@ def cpp():
     yield '#include "dmq/call.h"\n#include "tq_dm_cache/ndm.h"\n\nnamespace dmq {\n\nstatic const Query listed[] = {\n'
     for query in read_queries():
         texts = [query.name, query.header, query.prototype, query.question, query.enumeration, query.parameters]
-        flags = [str(flag).lower() for flag in (query.yes_or_no, query.zero_is_no, query.pure)]
+        flags = [str(flag).lower() for flag in (query.yes_or_no, query.zero_is_no, query.writes, query.pure)]
         yield f"    {{{', '.join([*map(json.dumps, texts), *flags])}, call_of({query.name})}},\n"
     yield "};\n\nconst std::span<const Query> queries = listed;\n\n}  // namespace dmq\n"
 

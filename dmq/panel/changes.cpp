@@ -62,16 +62,14 @@ std::vector<std::string> changes_between(const Picture &before, const Picture &a
     };
     for (const auto &[row, objects] : after.objects) {
         std::map<std::string, const ProtobufCMessage *> earlier;
-        if (const auto found = before.objects.find(row); found != before.objects.end()) {
+        if (const auto found = before.objects.find(row); found != before.objects.end())
             for (const Seen &seen : found->second) earlier[packed_key(*seen.object)] = seen.object.get();
-        }
         for (const Seen &seen : objects) {
             const auto old = earlier.extract(packed_key(*seen.object));
-            if (old.empty()) {
+            if (old.empty())
                 tell(nullptr, seen.object.get());
-            } else if (pack(*old.mapped()) != pack(*seen.object)) {
+            else if (pack(*old.mapped()) != pack(*seen.object))
                 tell(old.mapped(), seen.object.get());
-            }
         }
         for (const auto &[key, old] : earlier) tell(old, nullptr);
     }

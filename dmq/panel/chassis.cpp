@@ -166,9 +166,8 @@ Block block_of(const SceneDevice &device, const SceneCard *chosen_card, size_t w
 // Cells have room between them when every card has it.
 bool fits_wide(const Scene &scene, size_t width) {
     for (const SceneDevice &device : scene) {
-        for (const Seat &seat : seats_of(device)) {
+        for (const Seat &seat : seats_of(device))
             if (flow(units_of(device, seat, nullptr, /*is_wide=*/true), width - label_width).size() > 2) return false;
-        }
     }
     return true;
 }

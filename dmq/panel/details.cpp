@@ -84,23 +84,23 @@ Grid grid_of(const SceneCard &card, size_t width) {
     return grid;
 }
 
-struct Place {
+struct GridPoint {
     int32_t x, y;  // column and line of the grid as it is shown
 };
 
 // Null: there is none.
-const ScenePort *port_at(const Grid &grid, Place place) {
+const ScenePort *port_at(const Grid &grid, GridPoint point) {
     const auto in_row = static_cast<int32_t>(grid.in_row), count = static_cast<int32_t>(grid.columns.size());
-    const int32_t column = place.y / 2 * in_row + place.x;
-    if (place.x < 0 || place.x >= in_row || place.y < 0 || column >= count) return nullptr;
-    return grid.columns[static_cast<size_t>(column)][static_cast<size_t>(place.y % 2)];
+    const int32_t column = point.y / 2 * in_row + point.x;
+    if (point.x < 0 || point.x >= in_row || point.y < 0 || column >= count) return nullptr;
+    return grid.columns[static_cast<size_t>(column)][static_cast<size_t>(point.y % 2)];
 }
 
-Place place_of(const Grid &grid, const ScenePort *port) {
+GridPoint point_of(const Grid &grid, const ScenePort *port) {
     const auto in_row = static_cast<int32_t>(grid.in_row), count = static_cast<int32_t>(grid.columns.size());
     for (int32_t i = 0; i < 2 * count; ++i) {
-        const Place place{i / 2 % in_row, i / 2 / in_row * 2 + i % 2};
-        if (port_at(grid, place) == port) return place;
+        const GridPoint point{i / 2 % in_row, i / 2 / in_row * 2 + i % 2};
+        if (port_at(grid, point) == port) return point;
     }
     return {0, 0};
 }
@@ -123,7 +123,7 @@ std::vector<Line> numbered_ports(const SceneCard &card, const ScenePort *port, s
         line.push_back({is_chosen ? "]" : " ", Colour::heading});
     }
     if (rows <= height) return lines;
-    const size_t pairs = height / 2, chosen_pair = static_cast<size_t>(place_of(grid, port).y) / 2;
+    const size_t pairs = height / 2, chosen_pair = static_cast<size_t>(point_of(grid, port).y) / 2;
     const size_t first = std::min(chosen_pair - std::min(chosen_pair, pairs / 2), rows / 2 - pairs);
     lines.erase(lines.begin(), lines.begin() + static_cast<ptrdiff_t>(2 * first));
     lines.resize(2 * pairs);
@@ -134,10 +134,10 @@ std::vector<Line> numbered_ports(const SceneCard &card, const ScenePort *port, s
 
 const ScenePort *neighbour(const SceneCard &card, const ScenePort &port, int32_t right, int32_t down, size_t width) {
     const Grid grid = grid_of(card, width);
-    Place place = place_of(grid, &port);
+    GridPoint point = point_of(grid, &port);
     for (size_t i = 0; i < card.ports.size(); ++i) {
-        place = {place.x + right, place.y + down};
-        if (const ScenePort *next = port_at(grid, place)) return next;
+        point = {point.x + right, point.y + down};
+        if (const ScenePort *next = port_at(grid, point)) return next;
     }
     return &port;
 }

@@ -21,7 +21,7 @@ constexpr int32_t between_looks_ms = 100, between_pictures_ms = 1000;
 Surroundings surroundings(Session &session) {
     Surroundings around;
     around.trouble = session.is_lost() ? "the connection to the store is lost" : shown(waits_for());
-    for (const Kind &kind : cached_kinds()) around.refused += stats_of(kind.row).refused;
+    for (const ObjectKind &kind : cached_kinds()) around.refused += stats_of(kind.row).refused;
     around.source = session.picture() ? session.picture()->shown_name() : session.shown_store();
     around.age_ms = session.age_ms();
     return around;
@@ -83,7 +83,7 @@ public:
         dm_cache_set_log(on_log, &news_);
         if (!of_events_) return;
         int32_t code = dm_cache_follow(-1, on_event, &news_, 0);
-        for (const Kind &kind : cached_kinds())
+        for (const ObjectKind &kind : cached_kinds())
             code |= dm_cache_follow(kind.row, on_event, &news_, DM_CACHE_FOLLOW_FROM_NOW);
         if (code == 0) return;
         stop();
@@ -97,7 +97,7 @@ private:
         dm_cache_set_log(nullptr, nullptr);
         if (!of_events_) return;
         dm_cache_unfollow(-1, on_event, &news_);
-        for (const Kind &kind : cached_kinds()) dm_cache_unfollow(kind.row, on_event, &news_);
+        for (const ObjectKind &kind : cached_kinds()) dm_cache_unfollow(kind.row, on_event, &news_);
     }
     News &news_;
     const bool of_events_;

@@ -113,9 +113,8 @@ Drawing draw(const Scene &scene, const SceneFacts &facts, const Surroundings &ar
     const auto above = head(around, page, width), below = foot(around, keys, width, height);
     drawing.lines.insert(drawing.lines.begin(), above.begin(), above.end());
     drawing.lines.insert(drawing.lines.end(), below.begin(), below.end());
-    for (Line &line : drawing.lines) {
+    for (Line &line : drawing.lines)
         if (width_of(line) > width) line = fit(std::move(line), width);
-    }
     return drawing;
 }
 

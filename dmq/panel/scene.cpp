@@ -179,9 +179,8 @@ Scene collect_scene() {
     walk(DM_ROW_VSL_PORT_INFO, add_vsl_port);
     walk(DM_ROW_PORT_STATIC, add_static_port);
     walk(DM_ROW_VSD_PORT, add_port);
-    for (const auto &[place, lport] : stage.static_ports) {
+    for (const auto &[place, lport] : stage.static_ports)
         if (!stage.made.contains(place)) add_absent(stage, place);
-    }
     constexpr int32_t most_sub_slots = 7;
     for (auto &[node, card] : stage.cards) {
         for (int32_t sub = 0; card.there && card.sub == 0 && sub <= most_sub_slots; ++sub)

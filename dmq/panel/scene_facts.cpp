@@ -38,7 +38,7 @@ void add_thing(SceneFacts &facts, const char *table, const ProtobufCMessage *obj
     }
 }
 
-PDev__PortIndex key_of(const SceneCard &card, const ScenePort &port) {
+PDev__PortIndex static_key_of(const SceneCard &card, const ScenePort &port) {
     PDev__PortIndex key = P_DEV__PORT_INDEX__INIT;
     key.t_dev = card.dev;
     key.t_slot = card.user_slot;
@@ -51,7 +51,7 @@ PDev__PortIndex key_of(const SceneCard &card, const ScenePort &port) {
 PDev__VsdPortIndex global_key_of(const SceneCard &card, const ScenePort &port) {
     PDev__VsdPortIndex key = P_DEV__VSD_PORT_INDEX__INIT;
     key.t_vsdid = port.vsd;
-    return at_place_of(key_of(card, port), key);
+    return at_place_of(static_key_of(card, port), key);
 }
 
 std::string lower(std::string text) {
@@ -64,9 +64,8 @@ template <class Is> std::vector<FoundPort> ports_that(const Scene &scene, Is is)
     std::vector<FoundPort> found;
     for (const SceneDevice &device : scene) {
         for (const SceneCard &card : device.cards) {
-            for (const ScenePort &port : card.ports) {
+            for (const ScenePort &port : card.ports)
                 if (is(card, port)) found.push_back({&card, &port});
-            }
         }
     }
     return found;
@@ -101,7 +100,7 @@ SceneFacts facts_of_port(const SceneCard &card, const ScenePort &port) {
     add(facts, "sub", card.sub);
     add(facts, "port", port.number);
     add(facts, "type", enum_name(p_intf__intftype_e__descriptor, port.type));
-    const auto *fixed = cached<ProtobufCMessage>(DM_ROW_PORT_STATIC, key_of(card, port));
+    const auto *fixed = cached<ProtobufCMessage>(DM_ROW_PORT_STATIC, static_key_of(card, port));
     if (!fixed) return facts;
     facts.emplace_back(fixed->descriptor->name, "");
     const Json fields = to_json(*fixed, Fields::set)["static_info"];
@@ -114,11 +113,10 @@ std::vector<FoundPort> find_ports(const Scene &scene, const std::string &words) 
     std::vector<std::string> conditions;
     std::string name, word;
     while (stream >> word) {
-        if (is_condition(word)) {
+        if (is_condition(word))
             conditions.push_back(word);
-        } else {
+        else
             name += (name.empty() ? "" : " ") + word;
-        }
     }
     if (name.empty() && conditions.empty()) return {};
     const View &view = find_view("ports");

@@ -89,9 +89,8 @@ attr_t look_of(const Span &span, bool colours) {
 // What a terminal that knows ASCII alone can show.
 std::string ascii(const std::string &text) {
     std::string shown;
-    for (const char c : text) {
+    for (const char c : text)
         if ((c & 0xC0) != 0x80) shown += static_cast<unsigned char>(c) < 0x80 ? c : '?';
-    }
     return shown;
 }
 
@@ -251,9 +250,8 @@ Pressed Screen::pressed() {
         {KEY_BTAB, Key::last_card}};
     const int code = getch();
     if (code == ERR) return {};
-    for (const auto &[one, key] : keys) {
+    for (const auto &[one, key] : keys)
         if (code == one) return {key};
-    }
     if (code < ' ' || code > 0xFF) return pressed();
     return {Key::text, static_cast<char>(code)};
 }

@@ -33,15 +33,15 @@ void search(Walk &walk, const Sight &sight, bool is_again) {
     }
     const Chosen where = chosen(sight.scene, walk.cursor);
     size_t next = 0;
-    for (size_t i = 0; is_again && i < found.size(); ++i) {
+    for (size_t i = 0; is_again && i < found.size(); ++i)
         if (found[i].port == where.port) next = (i + 1) % found.size();
-    }
     go_to(walk, *found[next].card);
     go_to(walk, *found[next].port);
     walk.cursor.level = Level::port;
-    if (found.size() > 1)
+    if (found.size() > 1) {
         walk.message = std::to_string(next + 1) + " of " + std::to_string(found.size()) + " that are called " +
                        shown(walk.typed) + "; n: the next";
+    }
 }
 
 void type(Walk &walk, const Sight &sight, const Pressed &pressed) {
@@ -69,9 +69,8 @@ void type(Walk &walk, const Sight &sight, const Pressed &pressed) {
 
 void move_card(Walk &walk, const Sight &sight, const Chosen &where, int32_t steps) {
     std::vector<const SceneCard *> cards;
-    for (const SceneDevice &device : sight.scene) {
+    for (const SceneDevice &device : sight.scene)
         for (const SceneCard &card : device.cards) cards.push_back(&card);
-    }
     const auto at = std::find(cards.begin(), cards.end(), where.card);
     if (at == cards.end()) return;
     const auto last = static_cast<ptrdiff_t>(cards.size()) - 1;

@@ -138,6 +138,11 @@ class Explain(unittest.TestCase):
                         (" +" if one["found"] else " -") for one in answer["reads"]]
                 self.assertEqual((answer["result"], ", ".join(read), answer["because"]), (result, reads, cause))
 
+    # A query over a chip makes hundreds of reads, which would push the answer off the terminal.
+    def test_reads_that_are_alike_are_told_once(self):
+        told = dmq(*CHASSIS, "explain", "ndm_get_static_port_in_chip", "1", "0", "0").stdout.splitlines()
+        self.assertEqual(told[4:5] + told[-2:-1] + [len(told)], ["  and 23 more like it", "  and 460 more like them", 9], told)
+
     # A cache that is not live is explained as it is; what it lacks may come from the store.
     def test_a_cache_that_is_not_live(self):
         done = dmq(*CHASSIS, lines=["store lose 1", "explain ndm_get_slot_num_rt 2 --timeout 0.2",

@@ -55,7 +55,7 @@ void note(const Query &query, const Road &road) {
 
 // What a query has read from the store it may have cached.
 bool anything_cached() {
-    for (const Kind &kind : cached_kinds())
+    for (const ObjectKind &kind : cached_kinds())
         if (obj_sub_list[kind.row].obj_list && obj_sub_list[kind.row].obj_list->count > 0) return true;
     return false;
 }
@@ -120,7 +120,7 @@ std::string text_of(const What &what) {
 
 void print_table() {
     std::printf("// What each query reads, found by asking it. Made by `make docs`: rows, and how each is read.\n");
-    for (const Kind &kind : cached_kinds()) std::printf("//   %d %s\n", kind.row, kind.type->name);
+    for (const ObjectKind &kind : cached_kinds()) std::printf("//   %d %s\n", kind.row, kind.type->name);
     for (const auto &[name, reads] : reads_of) {
         std::set<int32_t> rows;
         std::string list, how;
@@ -144,7 +144,7 @@ int main(int argc, char **argv) {
     try {
         for (const bool follows : {false, true}) {
             if (follows)
-                for (const Kind &kind : cached_kinds()) dm_cache_sub_obj(kind.row, nullptr, 0);
+                for (const ObjectKind &kind : cached_kinds()) dm_cache_sub_obj(kind.row, nullptr, 0);
             for (int i = 1; i < argc; ++i) ask_over(argv[i], follows);
         }
     } catch (const std::exception &failure) {
