@@ -39,11 +39,14 @@ TEST(Sync, SubscribesAndScansEveryEnabledRowInItsDatabase) {
                                                  "subscribe 3 p_dev.vsl_port_info"}));
     platform.confirm();
     receive(17, SET, card(1, 9, 0));
+    receive_end(17);  // of a rescan, say: what it brought was dropped
     EXPECT_EQ(drained(&platform.calls), Strings{});
     receive_value(1, SUBSCRIBED, nullptr);
     EXPECT_EQ(drained(&platform.calls), (Strings{scan_complete, scan_card, "scan 3 p_dev.vsl_port_info"}));
     receive_value(17, SUBSCRIBED, nullptr);  // another confirmation, another full scan
     EXPECT_EQ(drained(&platform.calls), (Strings{scan_complete, scan_card, "scan 3 p_dev.vsl_port_info"}));
+    for (const int32_t row : {1, 21}) receive_end(row);
+    EXPECT_EQ(g_cache_proc_done, 0);
     platform.answer_scans();
     EXPECT_EQ(g_cache_proc_done, 1);
     EXPECT_EQ(drained(&changes), Strings{});
@@ -137,6 +140,18 @@ TEST(Sync, SweepsOnlyWhatIsFollowedAndTellsNobody) {
     platform.answer_scans();
     EXPECT_EQ(cached(16) - cached(17), 1);
     EXPECT_EQ(drained(&changes), Strings{});
+}
+
+// What a late row 1 brings is no announcement: nothing is scanned again for it.
+TEST(Sync, TakesALateRow1ForContent) {
+    start_live({17});
+    dm_cache_follow(1, [](const dm_cache_event *, void *) {}, nullptr, 0);
+    platform.put(complete());
+    platform.confirm();
+    platform.calls.clear();
+    platform.answer_scans();
+    EXPECT_EQ(platform.calls, Strings{});
+    EXPECT_EQ(cached(1), 1);
 }
 
 // An empty kind ends within the call that asks for its scan.
