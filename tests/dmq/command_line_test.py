@@ -282,7 +282,8 @@ class CommandLine(unittest.TestCase):
         self.assertEqual((told[0]["event"], told[0]["kinds"], told[0]["objects"], told[0]["live"]),
                          ("following", ["p_dev.card_info"], 20, True))
         self.assertEqual((told[1]["changes"], told[1]["phase"]), ({"port_num": {"old": 48, "new": 47}}, "live"))
-        self.assertEqual(told[2]["changes"]["index.t_mod"], {"old": 0, "new": 1})  # to the cache the same object
+        # To the cache the same object.
+        self.assertEqual((told[2]["event"], told[2]["changes"]["index.t_mod"]), ("changed", {"old": 0, "new": 1}))
         events = [line["event"] for line in told[3:]]
         self.assertEqual(events[:23], ["lost", "back"] + ["swept"] * 20 + ["resynchronised"])
         self.assertEqual((events[23:], told[4]["reason"], done.returncode), ([], 2, 2))
