@@ -2,12 +2,6 @@
 #include "inspect/row_walk.h"
 
 #include "tests/support/live_cache.h"
-#include "tq_dm_cache/p_dev.pb-c.h"
-
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <map>
 
 namespace {
 

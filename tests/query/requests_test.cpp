@@ -20,6 +20,7 @@ ndm_lib_sub_info request(ProtobufCMessage *key, int32_t field_num) {
 
 // A client that follows objects by itself sees what is there once and every change after it.
 TEST_F(Requests, FollowObjectsFromTheScanOn) {
+    const auto before = platform.subscriptions;
     const Message key = object(17, "index{devid:1}");
     const std::string kind = " 3 p_dev.card_info", all = " 6 7 8 9 11 12 14 15 16 17";
     const auto subscribe = [](ndm_lib_sub_info *req) {
@@ -60,6 +61,7 @@ TEST_F(Requests, FollowObjectsFromTheScanOn) {
     to.privdata = nullptr;
     EXPECT_EQ(deliver(SET), -1);
     EXPECT_EQ(ndm_lib_subcribe(nullptr), 0);
+    platform.subscriptions = before;  // the requests are gone
 }
 
 // The wrong card reset, or a reset that nobody asked for, is an outage.
