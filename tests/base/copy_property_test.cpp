@@ -15,15 +15,11 @@
 #include <future>
 #include <random>
 
-namespace {
+static thread_local int until_failure = 0;  // the allocation that fails; 0: none
 
-thread_local int until_failure = 0;  // the allocation that fails; 0: none
-
-bool refused() {
+static bool refused() {
     return until_failure > 0 && --until_failure == 0;
 }
-
-}  // namespace
 
 extern "C" {
 void *__real_malloc(size_t size);
@@ -46,14 +42,6 @@ std::span<const ProtobufCMessageDescriptor *const> kinds() {
     return {all, count};
 }
 
-std::span<const ProtobufCFieldDescriptor> fields(const ProtobufCMessage *message) {
-    return dmq::fields_of(*message->descriptor);
-}
-
-template <class T> T &at(const ProtobufCMessage *message, unsigned offset) {
-    return dmq::at<T>(*message, offset);
-}
-
 size_t size_of(ProtobufCType type) {
     return type == PROTOBUF_C_TYPE_DOUBLE || type == PROTOBUF_C_TYPE_FIXED64 ? 8 : dmq::size_of(type);
 }
@@ -66,7 +54,7 @@ public:
     ProtobufCMessage *make(const ProtobufCMessageDescriptor *kind) {
         auto *const message = static_cast<ProtobufCMessage *>(std::calloc(1, kind->sizeof_message));
         protobuf_c_message_init(kind, message);
-        for (const auto &field : fields(message)) fill(message, field);
+        for (const auto &field : dmq::fields_of(*message->descriptor)) fill(message, field);
         if (below(2)) add_unknown(message);
         return message;
     }
@@ -74,29 +62,31 @@ public:
     // Puts another value into one field somewhere in a message.
     void change(ProtobufCMessage *message) {
         if (message->descriptor->n_fields == 0) return;
-        const auto &field = fields(message)[below(message->descriptor->n_fields)];
+        const auto &field = dmq::fields_of(*message->descriptor)[below(message->descriptor->n_fields)];
         const bool repeated = field.label == PROTOBUF_C_LABEL_REPEATED;
         if (field.type == PROTOBUF_C_TYPE_MESSAGE && !repeated && below(4))
-            if (auto *const inner = at<ProtobufCMessage *>(message, field.offset)) return change(inner);
+            if (auto *const inner = dmq::at<ProtobufCMessage *>(*message, field.offset)) return change(inner);
         const Message other(make(message->descriptor));
-        char *const mine = &at<char>(message, field.offset);
+        char *const mine = &dmq::at<char>(*message, field.offset);
         std::swap_ranges(mine, mine + (repeated ? sizeof(void *) : size_of(field.type)),
-                         &at<char>(other.get(), field.offset));
+                         &dmq::at<char>(*other.get(), field.offset));
         if (repeated)
-            std::swap(at<size_t>(message, field.quantifier_offset), at<size_t>(other.get(), field.quantifier_offset));
+            std::swap(dmq::at<size_t>(*message, field.quantifier_offset),
+                      dmq::at<size_t>(*other.get(), field.quantifier_offset));
     }
 
 private:
     uint32_t below(uint32_t limit) { return static_cast<uint32_t>(random_() % limit); }
 
     void fill(ProtobufCMessage *message, const ProtobufCFieldDescriptor &field) {
-        if (field.label != PROTOBUF_C_LABEL_REPEATED) return value(&at<char>(message, field.offset), field, false);
+        if (field.label != PROTOBUF_C_LABEL_REPEATED)
+            return value(&dmq::at<char>(*message, field.offset), field, false);
         const size_t count = below(4);
-        at<size_t>(message, field.quantifier_offset) = count;
+        dmq::at<size_t>(*message, field.quantifier_offset) = count;
         if (count == 0 && below(2)) return;
-        char *const array = at<char *>(message, field.offset) =
+        char *const array = dmq::at<char *>(*message, field.offset) =
             static_cast<char *>(std::calloc(4, size_of(field.type)));
-        for (size_t i = 0; i < count; i++) value(array + i * size_of(field.type), field, true);
+        for (size_t i = 0; i < count; ++i) value(array + i * size_of(field.type), field, true);
     }
 
     void value(void *to, const ProtobufCFieldDescriptor &field, bool element) {
@@ -154,11 +144,11 @@ bool same_value(const void *a, const void *b, const ProtobufCFieldDescriptor &fi
 
 bool same_field(const ProtobufCMessage *a, const ProtobufCMessage *b, const ProtobufCFieldDescriptor &field) {
     if (field.label != PROTOBUF_C_LABEL_REPEATED)
-        return same_value(&at<char>(a, field.offset), &at<char>(b, field.offset), field);
-    const char *const x = at<char *>(a, field.offset), *const y = at<char *>(b, field.offset);
-    const size_t count = at<size_t>(a, field.quantifier_offset), size = size_of(field.type);
-    if (count != at<size_t>(b, field.quantifier_offset) || !x != !y) return false;
-    for (size_t i = 0; i < count; i++)
+        return same_value(&dmq::at<char>(*a, field.offset), &dmq::at<char>(*b, field.offset), field);
+    const char *const x = dmq::at<char *>(*a, field.offset), *const y = dmq::at<char *>(*b, field.offset);
+    const size_t count = dmq::at<size_t>(*a, field.quantifier_offset), size = size_of(field.type);
+    if (count != dmq::at<size_t>(*b, field.quantifier_offset) || !x != !y) return false;
+    for (size_t i = 0; i < count; ++i)
         if (!same_value(x + i * size, y + i * size, field)) return false;
     return true;
 }
@@ -166,7 +156,8 @@ bool same_field(const ProtobufCMessage *a, const ProtobufCMessage *b, const Prot
 bool same_fields(const ProtobufCMessage *a, const ProtobufCMessage *b) {
     if (a->descriptor != b->descriptor || a->n_unknown_fields != b->n_unknown_fields) return false;
     if (!a->unknown_fields != !b->unknown_fields) return false;
-    return std::ranges::all_of(fields(a), [&](const auto &field) { return same_field(a, b, field); });
+    return std::ranges::all_of(dmq::fields_of(*a->descriptor),
+                               [&](const auto &field) { return same_field(a, b, field); });
 }
 
 class Copies : public testing::TestWithParam<bool> {
@@ -181,7 +172,7 @@ INSTANTIATE_TEST_SUITE_P(UnknownFields, Copies, testing::Bool());
 TEST_P(Copies, AreWhatPackingAndUnpackingGive) {
     for (const auto *const kind : kinds()) {
         SCOPED_TRACE(kind->name);
-        for (int round = 0; round < 20; round++) {
+        for (int round = 0; round < 20; ++round) {
             Message source(content.make(kind));
             const std::string bytes = packed(source.get());
             const Message unpacked = Message::unpack(kind, bytes);
@@ -207,7 +198,7 @@ TEST_P(Copies, AreTheSameWhenTheirBytesAre) {
     int same = 0, different = 0;
     for (const auto *const kind : kinds()) {
         SCOPED_TRACE(kind->name);
-        for (int round = 0; round < 40; round++) {
+        for (int round = 0; round < 40; ++round) {
             const Message a(content.make(kind)), b = Message::copy(a.get());
             ASSERT_TRUE(dm::same_content(a.get(), b.get()));
             content.change(b.get());
@@ -237,7 +228,7 @@ TEST_P(Copies, FailWithEachAllocation) {
         for (const bool is_stored : {false, true}) {
             LogCapture log(2);
             int32_t code = -1;
-            for (int n = 1; code != 0; n++) {
+            for (int n = 1; code != 0; ++n) {
                 until_failure = n;
                 code = copy(is_stored);
                 EXPECT_TRUE(!is_stored || !stored == (code != 0));
@@ -257,7 +248,7 @@ TEST_P(Copies, FailWithEachAllocation) {
 // What no plan covers is packed: a part of another kind, smaller than the one that belongs there, and what is large.
 TEST(Copies, OfWhatNoPlanCovers) {
     Message foreign = global_port(1, 1, 2, 3, 7, 5);
-    auto *&key = at<ProtobufCMessage *>(foreign.get(), offsetof(PDev__VsdPort, index));
+    auto *&key = dmq::at<ProtobufCMessage *>(*foreign.get(), offsetof(PDev__VsdPort, index));
     protobuf_c_message_free_unpacked(key, nullptr);
     key = Message("p_dev.port_index", {{"t_dev", 1}, {"t_port", 3}}).release();
     const Message large = card(1, 3, 0).set("serial", std::string(17 << 20, 's'));
@@ -281,7 +272,7 @@ TEST(Stored, LivesUntilItsLastOwnerOnWhateverThread) {
     dm::StoredMessage stored;
     ASSERT_EQ(dm::store_copy(source.get(), source.get()->descriptor, stored), 0);
     const auto own = [&source](dm::StoredMessage mine) {
-        for (int i = 0; i < 1000; i++) mine = dm::share(mine.get());
+        for (int i = 0; i < 1000; ++i) mine = dm::share(mine.get());
         return dm::same_content(mine.get(), source.get());
     };
     auto one = std::async(std::launch::async, own, dm::share(stored.get()));

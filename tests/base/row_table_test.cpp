@@ -105,7 +105,7 @@ struct Elements {
         const dm_cache_list_node *const expected = walk_for(row, one);
         ASSERT_EQ(dm_cache_list_find(list_of(row), obj_sub_list[row].cmp_func, one.get()), expected);
         const ProtobufCMessage *found = nullptr;
-        ASSERT_EQ(dm_cache_get_obj(row, key_of(one.get()), &found), expected ? 0 : -1);
+        ASSERT_EQ(dm_cache_get_obj(row, key_message(one.get()), &found), expected ? 0 : -1);
         ASSERT_EQ(found, expected ? expected->obj : nullptr);
     }
 
@@ -148,7 +148,7 @@ TEST(RowTable, HoldsAFullRow) {
         EXPECT_EQ(dm_cache_set_obj(30, port(DM_CACHE_LIST_LIMIT).get()), -1);
         for (int32_t i = 0; i <= DM_CACHE_LIST_LIMIT; ++i) {
             const PDev__VsdPort *found = nullptr;
-            dm_cache_get_obj(30, key_of(port(i).get()), &found);
+            dm_cache_get_obj(30, key_message(port(i).get()), &found);
             ASSERT_EQ(found ? found->ifx : -1, i < DM_CACHE_LIST_LIMIT ? i : -1);
         }
         constexpr int32_t place[] = {1, 2, 0, 1, 7};

@@ -12,7 +12,7 @@ int32_t note_slot(ProtobufCMessage *object, uintptr_t *word) {
     return -1;
 }
 
-constexpr auto key = [](const Message &object) { return key_of(object.get()); };
+constexpr auto key = [](const Message &object) { return key_message(object.get()); };
 constexpr auto set = [](int32_t row, const Message &object) { return dm_cache_set_obj(row, object.get()); };
 
 }  // namespace

@@ -6,29 +6,25 @@
 #include <cerrno>
 #include <set>
 
-namespace {
+static int64_t live = 0;     // blocks that are out
+static int64_t asked = 0;    // requests since fail_at()
+static int64_t failing = 0;  // the number of the one that fails; 0: none
 
-int64_t live = 0;     // blocks that are out
-int64_t asked = 0;    // requests since fail_at()
-int64_t failing = 0;  // the number of the one that fails; 0: none
-
-void fail_at(int64_t n) {
+static void fail_at(int64_t n) {
     asked = 0;
     failing = n;
 }
 
-bool refused() {
+static bool refused() {
     if (++asked != failing) return false;
     errno = ENOMEM;
     return true;
 }
 
-void *counted(void *block) {
+static void *counted(void *block) {
     live += block ? 1 : 0;
     return block;
 }
-
-}  // namespace
 
 #define PUBLIC __attribute__((visibility("default")))
 extern "C" {
@@ -114,9 +110,11 @@ bool in_trees(int32_t row, const Message &object) {
 class OutOfMemory : public testing::Test {
 protected:
     OutOfMemory() {
+        platform.answers.clear();
         start({1, 7, 17, 30});
         platform.synchronise();
     }
+    ~OutOfMemory() override { dm_cache_stop(); }
 
     const Message one = card(1, 3, 0).set("name", "M8600").set("serial", "1234");
     const Message base = static_port(1, 2, 3, 7), port = global_port(1, 1, 2, 3, 7, 5);
@@ -151,7 +149,7 @@ TEST_F(OutOfMemory, StoringAndCopying) {
         [&] { dm_cache_list_free(dm_cache_list_del(&list, cmp, one.get())); }, [&] { return list.count == 1; });
     void *out = nullptr;
     fail_at(1);
-    EXPECT_EQ(dm_cache_get_obj(17, key_of(before.get()), &out), 0);
+    EXPECT_EQ(dm_cache_get_obj(17, key_message(before.get()), &out), 0);
     EXPECT_EQ(asked, 0);
     fail_at(0);
 }
@@ -268,6 +266,7 @@ TEST_F(OutOfMemory, MessagesOfTheStore) {
     EXPECT_EQ(asked, 0);
     fail_at(0);
     EXPECT_EQ(cached(7) + cached(17) + cached(30), 0);
+    dm_cache_unfollow(17, hear, nullptr);
 }
 
 // A process that starts while memory is short must run with what it got, and lose none of it when it starts again.

@@ -86,12 +86,14 @@ TEST(Sync, AppliesClassByClassAndTheRestAsItCame) {
 // In Live a change is in the cache before its callback, which may take the lock and ask; a scan's stray end changes nothing.
 TEST(Sync, AppliesALiveChangeBeforeItsCallbackAndWithoutTheLock) {
     static int seen = 0;
+    EXPECT_EQ(dm_cache_unlock() + dm_cache_lock(), 0);  // who has one thread leaves the lock out: nobody is stopped
+    EXPECT_TRUE(another_thread_can_lock());
     dm_cache_multi_thread_init();
     const auto look = [](tq_mom_handle *handle, int32_t type, int32_t operation, ProtobufCMessage *message) {
         EXPECT_EQ(handle, &platform.handle);
         EXPECT_TRUE(another_thread_can_lock());
         PDev__CardInfo *now = nullptr;
-        EXPECT_EQ(dm_cache_get_obj(type, key_of(message), &now), operation == DM_CACHE_DELETED ? -1 : 0);
+        EXPECT_EQ(dm_cache_get_obj(type, key_message(message), &now), operation == DM_CACHE_DELETED ? -1 : 0);
         EXPECT_EQ(now ? now->port_num : 2, ++seen > 2 ? 2 : seen);
         EXPECT_EQ(operation, seen - 1);
         EXPECT_EQ(reinterpret_cast<PDev__CardInfo *>(message)->port_num, seen > 2 ? 2 : seen);
@@ -145,7 +147,8 @@ TEST(Sync, SweepsOnlyWhatIsFollowedAndTellsNobody) {
 // What a late row 1 brings is no announcement: nothing is scanned again for it.
 TEST(Sync, TakesALateRow1ForContent) {
     start_live({17});
-    dm_cache_follow(1, [](const dm_cache_event *, void *) {}, nullptr, 0);
+    dm_cache_follow(
+        1, [](const dm_cache_event *, void *) {}, nullptr, 0);
     platform.put(complete());
     platform.confirm();
     platform.calls.clear();

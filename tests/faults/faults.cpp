@@ -30,7 +30,7 @@ public:
     Faults(uint64_t seed, bool trace)
         : World(seed, trace, /*own_index_keys=*/false), writers_random_{std::mt19937_64(seed + 1'000'000'007)} {
         writer_ = open(server_.url());
-        for (int i = 0; i < 3000; i++) write_some();
+        for (int i = 0; i < 3000; ++i) write_some();
 
         reader_ = open("redis+unix://" + proxied_);
         tq_mom_client_set_connection_cb(reader_, on_connection, this);
@@ -41,7 +41,7 @@ public:
     }
 
     void run(long cycles) {
-        for (; now < cycles; now++) {
+        for (; now < cycles; ++now) {
             do strike();
             while (random.percent(40));
             follower_comes_or_goes(random);
@@ -98,7 +98,7 @@ private:
         if (error && !refused && error != TQ_MOM_E_NOT_FOUND) fail("a write is answered oddly");
         count("writes");
         count("writes while cut off or refused", refused);
-        tell([this] { writes_++; });
+        tell([this] { ++writes_; });
     }
 
     void write_some() {
@@ -106,7 +106,8 @@ private:
         if (chance.percent(50)) return write(chance);
         const Message card = random_object(chance, DM_ROW_CARD_INFO, chance.below(cards))
                                  .set("name", std::string(600, static_cast<char>('a' + chance.below(26))));
-        chance.percent(30) ? remove(DM_ROW_CARD_INFO, card) : set(DM_ROW_CARD_INFO, card);
+        if (chance.percent(30)) return remove(DM_ROW_CARD_INFO, card);
+        set(DM_ROW_CARD_INFO, card);
     }
 
     void write_on() {
@@ -199,7 +200,7 @@ private:
     void full_disk() {
         const std::string folder = std::filesystem::path(server_.socket()).parent_path();
         server_.command({"CONFIG", "SET", "dir", "/proc/self", "save", "900 1"});
-        for (int i = 0; i < 200 && !server_.command({"PING"}).starts_with("MISCONF"); i++) {
+        for (int i = 0; i < 200 && !server_.command({"PING"}).starts_with("MISCONF"); ++i) {
             server_.command({"BGSAVE"});
             ::poll(nullptr, 0, 5);
         }
@@ -246,7 +247,7 @@ private:
 
     void wait_for_clients() {
         for (tq_mom_handle *handle : {writer_, reader_}) {
-            for (int i = 0; tq_mom_client_connect_sync(handle, 0) != 0; i++) {
+            for (int i = 0; tq_mom_client_connect_sync(handle, 0) != 0; ++i) {
                 if (i == 5) fail("a client does not come back");
             }
         }

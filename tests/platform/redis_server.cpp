@@ -26,7 +26,7 @@ std::string describe(const redisReply *reply) {
     if (reply->type == REDIS_REPLY_INTEGER) return std::to_string(reply->integer);
     if (reply->type != REDIS_REPLY_ARRAY) return reply->str ? std::string(reply->str, reply->len) : "nil";
     std::string text;
-    for (size_t i = 0; i < reply->elements; i++) text += (i ? " " : "") + describe(reply->element[i]);
+    for (size_t i = 0; i < reply->elements; ++i) text += (i ? " " : "") + describe(reply->element[i]);
     return "[" + text + "]";
 }
 

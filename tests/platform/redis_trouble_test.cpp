@@ -142,7 +142,7 @@ TEST_F(ServerInTrouble, RefusedWritesAreToldAndReadingGoesOn) {
         EXPECT_TRUE(has(lines, ": refused: "s + row.word));
         EXPECT_TRUE(has(lines, is_over));
     }
-    for (int i = 0; i < 50; i++) {
+    for (int i = 0; i < 50; ++i) {
         fill_memory(true);
         EXPECT_EQ(reader.write(card_of_type(1, 1)), TQ_MOM_E_REFUSED);
         fill_memory(false);

@@ -148,7 +148,10 @@ TEST_P(StoreContract, WhatWasHeardHasBeenDelivered) {
     while (static_cast<size_t>(seen) < written.size()) std::this_thread::sleep_for(milliseconds(1));
     for (const bool is_missed : {true, false}) {
         no_memory = is_missed;
-        is_missed ? writer.set(2, 2) : disconnect();
+        if (is_missed)
+            writer.set(2, 2);
+        else
+            disconnect();
         ASSERT_TRUE(reader.wait(is_missed ? "sub: set 2:2" : "lost"));
         const auto begun = Clock::now();
         for (int i = 0; i < 20; ++i) {

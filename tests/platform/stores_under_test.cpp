@@ -47,7 +47,7 @@ int32_t lose_confirmations(tq_mom_handle *handle, int32_t n) {
 
 int32_t put_bytes(tq_mom_handle *, uint32_t db, const ProtobufCMessage *object, const uint8_t *bytes, uint32_t length) {
     const std::string hash = "dm:" + std::to_string(db) + ":" + object->descriptor->name;
-    const std::string key = packed(key_of(object)), value(reinterpret_cast<const char *>(bytes), length);
+    const std::string key = packed(key_message(object)), value(reinterpret_cast<const char *>(bytes), length);
     const std::string script(tq::write_script.text);
     EXPECT_EQ(server->command({"EVAL", script, "1", hash, key, value, hash + "/" + key}), "nil");
     return 0;

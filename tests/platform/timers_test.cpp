@@ -72,10 +72,10 @@ TEST_F(Timers, AreSafeFromEveryThread) {
     Timer timer, last = noting("last");
     std::atomic<int> runs = 0;
     timer.then = [&](Timer &self) {
-        runs++;
+        ++runs;
         self.arm(master, 1, 0);
     };
-    for (int i = 0; i < 2000; i++) {
+    for (int i = 0; i < 2000; ++i) {
         EXPECT_EQ(tq_thread_cancel(&timer.record), 0);
         EXPECT_EQ(timer.arm(master, 1, 0), 0);
     }

@@ -55,7 +55,7 @@ const std::set<std::string> in_parts = {"_ndm_get_my_card_obj_rt", "_ndm_get_my_
 
 // Every field says the number; but for the key, and the fields that are named.
 Message of(const std::string &kind, std::initializer_list<int32_t> key, int32_t number,
-           std::initializer_list<Message::Field> fields = {}) {
+           std::initializer_list<Message::Value> fields = {}) {
     const auto every_field = [](const ProtobufCFieldDescriptor &, int32_t i) { return i; };
     Message made = filled(*dm_schema_find_message(("p_dev." + kind).c_str()), number, every_field);
     if (key.size() > 0) made = keyed(std::move(made), key);
@@ -136,10 +136,11 @@ void rescan(int32_t v) {
     platform.put(a_card(4, 0, 645, v));
     platform.put(link(v), 3);
     platform.erase(link(1 - v), 3);
-    v ? platform.put(device(3, 0)) : platform.erase(device(3, 0));
     if (v) {
+        platform.put(device(3, 0));
         platform.push(complete());
     } else {
+        platform.erase(device(3, 0));
         for (const uint32_t db : {1U, 3U}) platform.lose_connection(db, 2);
         platform.confirm();
         platform.push(a_card(5, 0, 645, 1));

@@ -61,47 +61,29 @@ const std::pair<int32_t, std::string> unit[] = {
      "index{type:7} extended_port_array{logic_id:4 type:2} extended_port_array{logic_id:5 type:6 hpoe_support:1} "
      "extended_port_array{logic_id:5 type:7}"}};
 
-// Room for one more entry of a repeated field, or for the value of another.
-template <class T> T &place(const Message &to, const std::string &name) {
-    const auto *field = protobuf_c_message_descriptor_get_field_by_name(to.get()->descriptor, name.c_str());
-    char *bytes = to.as<char>();
-    T &value = *reinterpret_cast<T *>(bytes + field->offset);
-    if (field->label != PROTOBUF_C_LABEL_REPEATED) return value;
-    size_t &n = *reinterpret_cast<size_t *>(bytes + field->quantifier_offset);
-    T *&first = *reinterpret_cast<T **>(bytes + field->offset);
-    first = static_cast<T *>(std::realloc(first, (n + 1) * sizeof(T)));
-    return first[n++];
+// What stands up to the brace that closes, packed.
+std::string packed_fields(const ProtobufCMessageDescriptor &kind, std::sregex_iterator &at) {
+    std::string bytes;
+    const ProtobufCFieldDescriptor *field = nullptr;
+    for (; at != std::sregex_iterator() && at->str() != "}"; ++at) {
+        if ((*at)[1].matched) field = dmq::find_field(kind, at->str(1));
+        if ((*at)[2] == "{")
+            put_part(bytes, *field, packed_fields(part_of(*field), ++at));
+        else if ((*at)[3].matched)
+            put_part(bytes, *field, at->str(3));
+        else if ((*at)[4].matched)
+            put_number(bytes, *field, std::stoi(at->str(4)));
+    }
+    return bytes;
 }
 
 }  // namespace
 
 Message object(std::string_view kind, const std::string &fields) {
-    std::vector<std::pair<std::string, Message>> open;  // the messages that a place lies in, and the fields they go to
-    open.emplace_back("", Message(kind));
     static const std::regex token("(\\w+)([{:])|'([^']*)'|(-?[0-9]+)|\\}");
-    std::string name;
-    for (std::sregex_iterator at(fields.begin(), fields.end(), token), end; at != end; ++at) {
-        Message &to = open.back().second;
-        const auto *field = protobuf_c_message_descriptor_get_field_by_name(to.get()->descriptor, at->str(1).c_str());
-        if ((*at)[2] == "{") {
-            open.emplace_back(at->str(1),
-                              Message(static_cast<const ProtobufCMessageDescriptor *>(field->descriptor)->name));
-        } else if ((*at)[2] == ":") {
-            name = at->str(1);
-        } else if ((*at)[3].matched) {
-            std::move(to).set(name, at->str(3));
-        } else if ((*at)[4].matched) {
-            if (name == "slot_index" || name == "user_slot_index" || name == "slot_type")
-                place<int32_t>(to, name) = std::stoi(at->str(4));
-            else
-                std::move(to).set(name, std::stoi(at->str(4)));
-        } else {
-            auto [into, inner] = std::move(open.back());
-            open.pop_back();
-            place<ProtobufCMessage *>(open.back().second, into) = inner.release();
-        }
-    }
-    return std::move(open[0].second);
+    std::sregex_iterator at(fields.begin(), fields.end(), token);
+    const auto *type = dm_schema_find_message(std::string(kind).c_str());
+    return Message::unpack(type, packed_fields(*type, at));
 }
 
 Message object(int32_t row, const std::string &fields) {
@@ -123,7 +105,8 @@ Topology::Topology() {
     platform.answers.clear();
     platform.during_read = nullptr;
     platform.reads = 0;
-    g_cache_proc_done ? void(receive(1, SET, complete())) : platform.synchronise();
+    if (!g_cache_proc_done) platform.synchronise();
+    receive(1, SET, complete());
     platform.answer_scans();  // of an empty store: whatever another test has left is swept
     for (const auto &[row, fields] : unit) set(row, fields);
 }

@@ -7,7 +7,7 @@
 #include "tq_dm_cache/ndm.h"
 
 // An object from its fields: "index{devid:1} slot_index:-1,2 name:'a box'". Messages of a repeated field are named each by
-// each; of another field that is named twice the second holds.
+// each.
 Message object(std::string_view kind, const std::string &fields);
 Message object(int32_t row, const std::string &fields);
 void set(int32_t row, const std::string &fields);

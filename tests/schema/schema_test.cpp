@@ -15,7 +15,7 @@
 namespace {
 
 using Type = ProtobufCMessageDescriptor;
-using Field = ProtobufCFieldDescriptor;
+using FieldDescriptor = ProtobufCFieldDescriptor;
 
 template <class T> std::span<const T *const> all(const T *const *(*table)(uint32_t *)) {
     uint32_t count = 0;
@@ -23,11 +23,11 @@ template <class T> std::span<const T *const> all(const T *const *(*table)(uint32
     return {first, count};
 }
 
-std::span<const Field> fields(const Type *type) {
+std::span<const FieldDescriptor> fields(const Type *type) {
     return {type->fields, type->n_fields};
 }
 
-bool is_packed(const Field &field) {
+bool is_packed(const FieldDescriptor &field) {
     return field.label == PROTOBUF_C_LABEL_REPEATED && field.type != PROTOBUF_C_TYPE_MESSAGE &&
            field.type != PROTOBUF_C_TYPE_STRING && field.type != PROTOBUF_C_TYPE_BYTES;
 }
@@ -38,7 +38,7 @@ TEST(Schema, EveryTypeAndFieldIsFoundByName) {
     for (const Type *type : all(dm_schema_messages)) {
         ++types[std::string("message ") + type->package_name];
         EXPECT_EQ(dm_schema_find_message(type->name), type) << type->name;
-        for (const Field &field : fields(type)) {
+        for (const FieldDescriptor &field : fields(type)) {
             EXPECT_EQ(protobuf_c_message_descriptor_get_field_by_name(type, field.name), &field) << field.name;
             EXPECT_EQ(protobuf_c_message_descriptor_get_field(type, field.id), &field) << field.name;
             if (field.type != PROTOBUF_C_TYPE_MESSAGE) continue;
@@ -78,8 +78,8 @@ TEST(Schema, DescriptorsCarryTheirWords) {
         EXPECT_EQ(dm_schema_package_length(type), words[0]);
         EXPECT_EQ(dm_schema_name_length(type), words[1]);
         EXPECT_FALSE(type->reserved3) << type->name;
-        EXPECT_TRUE(std::ranges::is_sorted(fields(type), {}, &Field::id)) << type->name;
-        for (const Field &field : fields(type)) {
+        EXPECT_TRUE(std::ranges::is_sorted(fields(type), {}, &FieldDescriptor::id)) << type->name;
+        for (const FieldDescriptor &field : fields(type)) {
             const bool is_key = field.type == PROTOBUF_C_TYPE_MESSAGE && std::string(field.name) == "index";
             const uint32_t mark = std::strncmp(field.name, "t_", 2) == 0 ? 1 : is_key ? 2 : 0;
             EXPECT_EQ(*(&field.flags + 1), mark) << type->name << '.' << field.name;

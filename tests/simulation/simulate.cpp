@@ -19,19 +19,19 @@
 
 namespace {
 
-struct Place {
+struct RowKey {
     int32_t row;
     std::string key;
-    auto operator<=>(const Place &) const = default;
+    auto operator<=>(const RowKey &) const = default;
 };
 
-struct Object {
+struct Stored {
     std::string bytes;
     bool damaged = false;
     int64_t since = 0;  // the step that wrote it
 };
 
-using Content = std::map<Place, Object>;
+using Content = std::map<RowKey, Stored>;
 
 // What is on its way to the client: how a trace names it, and what happens when it arrives.
 struct Delivery {
@@ -41,7 +41,7 @@ struct Delivery {
 
 struct Scan {
     Request request;
-    std::vector<Place> left;
+    std::vector<RowKey> left;
 };
 
 bool asks_for(const Request &request, int32_t row) {
@@ -88,7 +88,10 @@ private:
         } else if (roll < 95) {
             for (int32_t n = random.below(8); n >= 0; --n) deliver();
         } else if (roll < 96) {
-            random.percent(50) ? follower_comes_or_goes(random) : void(older_ = content_);
+            if (random.percent(50))
+                follower_comes_or_goes(random);
+            else
+                older_ = content_;
         } else if (up_ && g_cache_proc_done && !content_.empty()) {
             const auto &[place, object] = *std::next(content_.begin(), random.below(content_.size()));
             if (!object.damaged) client_sets_object(place.row, Message::unpack(kind_of(place.row), object.bytes));
@@ -152,7 +155,10 @@ private:
     bool read_store(int32_t row, Picture &store, Picture &cache) override {
         for (const auto &[place, object] : content_) {
             if (place.row != row) continue;
-            object.damaged ? void(cache.erase(place.key)) : void(store.emplace(place.key, object.bytes));
+            if (object.damaged)
+                cache.erase(place.key);
+            else
+                store.emplace(place.key, object.bytes);
         }
         return true;
     }
@@ -325,7 +331,7 @@ private:
             if (object.damaged || object.since >= up_since_ || !follows(place.row) || late_rows.contains(place.row))
                 continue;
             const Message wanted = Message::unpack(kind_of(place.row), object.bytes);
-            if (!cache_shows(place.row, key_of(wanted.get()), wanted.get()))
+            if (!cache_shows(place.row, key_message(wanted.get()), wanted.get()))
                 fail("row %d key %s: applied, but not what the store has", place.row, key_text(wanted.get()).c_str());
         }
     }
@@ -338,7 +344,10 @@ private:
         };
         for (int turns = 0; under_way() > 0; ++turns) {
             if (turns > 100000) fail("the client never comes to rest");
-            random.percent(50) ? serve() : deliver();
+            if (random.percent(50))
+                serve();
+            else
+                deliver();
             pass_time();
         }
     }

@@ -49,7 +49,7 @@ void Listener::told(int32_t row, int32_t operation, const ProtobufCMessage *mess
     Heard &heard = rows_[static_cast<size_t>(row)];
     const std::string key = key_bytes(message);
     const bool known = heard.objects.contains(key), deleted = operation == DM_CACHE_DELETED;
-    if (!cache_shows(row, key_of(message), deleted ? nullptr : message))
+    if (!cache_shows(row, key_message(message), deleted ? nullptr : message))
         fail("row %d: a change is told that the cache does not show", row);
     // An object that is new though it was known has been swept meanwhile.
     heard.swept += operation == DM_CACHE_ADDED && known;
@@ -57,13 +57,14 @@ void Listener::told(int32_t row, int32_t operation, const ProtobufCMessage *mess
     if (deleted && heard.objects[key] != packed(message))
         fail("row %d: a delete tells another object than was cached", row);
     ++(deleted ? heard.deletes : heard.sets);
-    deleted ? void(heard.objects.erase(key)) : add(heard.objects, message);
+    heard.objects.erase(key);
+    if (!deleted) add(heard.objects, message);
 }
 
 void Listener::sets_own(int32_t row, const ProtobufCMessage *object) {
     const std::lock_guard lock(mutex_);
     Heard &heard = rows_[static_cast<size_t>(row)];
-    heard.swept += heard.objects.contains(key_bytes(object)) && cache_shows(row, key_of(object), nullptr);
+    heard.swept += heard.objects.contains(key_bytes(object)) && cache_shows(row, key_message(object), nullptr);
     add(heard.objects, object);
 }
 
@@ -118,7 +119,8 @@ void Follower::told(const dm_cache_event &event) {
     if (stays_equal && !(flags_ & DM_CACHE_FOLLOW_UNCHANGED)) fail("row %d: told of what is unchanged", row_);
     if (is_filled_ && event.phase == DM_CACHE_PHASE_FIRST) fail("row %d: the first picture comes again", row_);
     is_filled_ |= event.phase != DM_CACHE_PHASE_FIRST;
-    is_gone ? void(objects_.erase(key)) : add(objects_, event.after);
+    objects_.erase(key);
+    if (!is_gone) add(objects_, event.after);
 }
 
 std::string Follower::difference(const Picture &cache) const {

@@ -24,12 +24,12 @@ const ProtobufCMessageDescriptor &kind_named(std::string_view name) {
 }
 
 // The message that a field lies in, and the field.
-struct Place {
+struct FieldIn {
     ProtobufCMessage &message;
     const ProtobufCFieldDescriptor &field;
 };
 
-Place find(ProtobufCMessage &message, std::string_view path) {
+FieldIn find(ProtobufCMessage &message, std::string_view path) {
     const size_t dot = path.find('.');
     const auto *field = dmq::find_field(*message.descriptor, std::string(path.substr(0, dot)));
     if (!field || field->label == PROTOBUF_C_LABEL_REPEATED) wrong("field", path);
@@ -53,18 +53,16 @@ std::string content(const ProtobufCMessageDescriptor &kind, int32_t number, cons
     std::string bytes;
     for (const ProtobufCFieldDescriptor &field : dmq::fields_of(kind)) {
         const bool is_message = field.type == PROTOBUF_C_TYPE_MESSAGE, is_bool = field.type == PROTOBUF_C_TYPE_BOOL;
-        const bool with_length = is_message || is_text(field);
         const int32_t count = field.label != PROTOBUF_C_LABEL_REPEATED ? 1 : is_message ? 2 : 4;
         for (int32_t i = number; i < number + count; ++i) {
             const std::optional<int32_t> chosen = choose(field, i);
             if (!chosen) continue;
-            const std::string part =
-                is_message
-                    ? content(*static_cast<const ProtobufCMessageDescriptor *>(field.descriptor), *chosen, choose)
-                    : std::string(*chosen ? 6 : 0, static_cast<char>('@' + *chosen % 32));
-            put_varint(bytes, field.id << 3 | (with_length ? 2 : 0));
-            put_varint(bytes, with_length ? part.size() : static_cast<size_t>(is_bool ? *chosen % 2 : *chosen));
-            if (with_length) bytes += part;
+            if (is_message)
+                put_part(bytes, field, content(part_of(field), *chosen, choose));
+            else if (is_text(field))
+                put_part(bytes, field, std::string(*chosen ? 6 : 0, static_cast<char>('@' + *chosen % 32)));
+            else
+                put_number(bytes, field, is_bool ? *chosen % 2 : *chosen);
         }
     }
     return bytes;
@@ -72,21 +70,33 @@ std::string content(const ProtobufCMessageDescriptor &kind, int32_t number, cons
 
 }  // namespace
 
+void put_number(std::string &bytes, const ProtobufCFieldDescriptor &field, int32_t value) {
+    put_varint(bytes, field.id << 3);
+    put_varint(bytes, static_cast<size_t>(value));
+}
+
+void put_part(std::string &bytes, const ProtobufCFieldDescriptor &field, const std::string &part) {
+    put_varint(bytes, field.id << 3 | 2);
+    put_varint(bytes, part.size());
+    bytes += part;
+}
+
 void dmq::out_of_memory() noexcept {
     std::abort();
 }
 
-Message::Message(std::string_view kind, std::initializer_list<Field> fields)
+Message::Message(std::string_view kind, std::initializer_list<Value> values)
     : held_(dmq::new_message(kind_named(kind))) {
-    for (const auto &[path, value] : fields) std::move(*this).set(path, value);
+    for (const auto &[path, value] : values) std::move(*this).set(path, value);
 }
 
 Message &&Message::set(std::string_view path, int64_t value) && {
     const auto [message, field] = find(*held_, path);
     if (is_text(field) || field.type == PROTOBUF_C_TYPE_MESSAGE) wrong("number", path);
-    const bool wide = dmq::size_of(field.type) == sizeof value;
-    wide ? dmq::at<int64_t>(message, field.offset) = value
-         : dmq::at<int32_t>(message, field.offset) = static_cast<int32_t>(value);
+    if (dmq::size_of(field.type) == sizeof value)
+        dmq::at<int64_t>(message, field.offset) = value;
+    else
+        dmq::at<int32_t>(message, field.offset) = static_cast<int32_t>(value);
     return std::move(*this);
 }
 
@@ -114,7 +124,7 @@ bool equal(const ProtobufCMessage *a, const ProtobufCMessage *b) {
     return a->descriptor == b->descriptor && packed(a) == packed(b);
 }
 
-ProtobufCMessage *key_of(const ProtobufCMessage *message) {
+ProtobufCMessage *key_message(const ProtobufCMessage *message) {
     return const_cast<ProtobufCMessage *>(dmq::key_of(*message));
 }
 
@@ -124,7 +134,7 @@ std::string key_bytes(const ProtobufCMessage *message) {
 
 std::string key_text(const ProtobufCMessage *message) {
     std::string text;
-    const ProtobufCMessage *key = key_of(message);
+    const ProtobufCMessage *key = key_message(message);
     if (!key) return text;
     for (const auto &field : dmq::fields_of(*key->descriptor))
         text += (text.empty() ? "" : ".") + std::to_string(dmq::at<int32_t>(*key, field.offset));
@@ -133,7 +143,7 @@ std::string key_text(const ProtobufCMessage *message) {
 
 Message key_only(const ProtobufCMessage *message) {
     dmq::Message bare = dmq::new_message(*message->descriptor);
-    if (const ProtobufCMessage *key = key_of(message))
+    if (const ProtobufCMessage *key = key_message(message))
         dmq::at<ProtobufCMessage *>(*bare, dmq::key_field(*message->descriptor)->offset) = dmq::copy(*key).release();
     return Message(std::move(bare));
 }

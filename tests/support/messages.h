@@ -13,10 +13,10 @@
 // An owned message. A field is named by its path, "index.slotid"; messages on the way are made. A wrong path ends the run.
 class Message {
 public:
-    using Field = std::pair<std::string_view, int64_t>;
+    using Value = std::pair<std::string_view, int64_t>;
 
     Message() = default;
-    Message(std::string_view kind, std::initializer_list<Field> fields = {});
+    Message(std::string_view kind, std::initializer_list<Value> values = {});
     explicit Message(ProtobufCMessage *owned) : held_(owned) {}
     explicit Message(dmq::Message owned) : held_(std::move(owned)) {}
 
@@ -40,12 +40,19 @@ std::string packed(const ProtobufCMessage *message);
 bool equal(const ProtobufCMessage *a, const ProtobufCMessage *b);
 
 // The key message of an object; null when the kind has none or it is not set.
-ProtobufCMessage *key_of(const ProtobufCMessage *message);
+ProtobufCMessage *key_message(const ProtobufCMessage *message);
 std::string key_bytes(const ProtobufCMessage *message);  // packed; empty without key
 std::string key_text(const ProtobufCMessage *message);   // "1.3.0": the fields in the order of their numbers
 
 // What a delete carries: a message of the kind with nothing but the key.
 Message key_only(const ProtobufCMessage *message);
+
+// A field more of a packed message: a number, or a text or message.
+void put_number(std::string &bytes, const ProtobufCFieldDescriptor &field, int32_t value);
+void put_part(std::string &bytes, const ProtobufCFieldDescriptor &field, const std::string &part);
+inline const ProtobufCMessageDescriptor &part_of(const ProtobufCFieldDescriptor &field) {
+    return *static_cast<const ProtobufCMessageDescriptor *>(field.descriptor);
+}
 
 // A message whose fields, those of inner messages included, hold what `choose` says of each: a number, its last bit or a
 // text made of it; or nothing. Element i of a repeated field of a message that was chosen as n is asked with n + i, any other

@@ -185,7 +185,10 @@ int32_t tq_mom_subscribe(tq_mom_handle *handle, uint32_t db, const ProtobufCMess
     if (answer != 0) return answer;
     const Request asked{db, tmpl->descriptor, callback, privdata, handle};
     const auto same = std::ranges::find_if(platform.subscriptions, [&](const Request &each) { return each.is(asked); });
-    same == platform.subscriptions.end() ? platform.subscriptions.push_back(asked) : void(*same = asked);
+    if (same == platform.subscriptions.end())
+        platform.subscriptions.push_back(asked);
+    else
+        *same = asked;
     return 0;
 }
 

@@ -113,7 +113,8 @@ void World::write(Random &chance) {
     // Ports of two VSDs at one place share their index keys.
     if (row == DM_ROW_VSD_PORT) key = 2 * key + (own_index_keys_ ? 0 : chance.below(2));
     const Message object = random_object(chance, row, key);
-    chance.percent(25) ? remove(row, object) : set(row, object);
+    if (chance.percent(25)) return remove(row, object);
+    set(row, object);
 }
 
 Message World::random_object(Random &chance, int32_t row, int32_t key) const {
@@ -137,8 +138,10 @@ void World::follow(int32_t row, int32_t flag) {
 }
 
 void World::follower_comes_or_goes(Random &chance) {
-    if (!followers.empty() && chance.percent(40))
-        return followers.erase(std::next(followers.begin(), chance.below(followers.size()))), void();
+    if (!followers.empty() && chance.percent(40)) {
+        followers.erase(std::next(followers.begin(), chance.below(followers.size())));
+        return;
+    }
     const int32_t row = rows[static_cast<size_t>(chance.below(rows.size()))];
     const bool is_late = !obj_sub_list[row].enable;
     say("client   follows row %d%s", row, is_late ? ", the first to do so" : "");
