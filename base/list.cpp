@@ -1,5 +1,5 @@
-// The bounded lists: links and counts below, lists of cached messages above. Logs nothing; the callers do. Takes no lock:
-// the caller holds the cache lock.
+// The bounded lists: links and counts below, lists of cached messages above. Logs nothing; the callers do. The caller holds the
+// cache lock, or owns the list.
 #include "base/list.h"
 
 #include "base/row_table.h"

@@ -1,5 +1,7 @@
 // The queue of events, the followers and the delivery. Noting an event is a few words under the mutex; followers are called
 // without it, one at a time in the whole process, so that each object's events reach everybody in order.
+//   changes of a row, add_follower()   The caller holds the cache lock, then the mutex is taken; never the other way round.
+//   all else                           Takes no lock but the mutex.
 #include "cache/events.h"
 
 #include <algorithm>

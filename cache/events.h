@@ -2,6 +2,8 @@
 // lock, so events stand in the order of the changes; they are delivered without it. Who delivers: the store client's thread
 // after the change callbacks, and a timer for what other threads have changed. Has a mutex of its own, under which nothing
 // else is locked.
+//   changes of a row, add_follower()   The caller holds the cache lock.
+//   all else                           Takes no lock. What delivers is called without the cache lock: followers may take it.
 #pragma once
 
 #include "base/list.h"

@@ -1,6 +1,9 @@
 // The shapes that queries share: a cached read, a walk, an owned copy, a text for a caller's buffer. A query reads cached
 // objects through these and through the indexes of port_index/lookups.h only. What is borrowed must not leave the scope of
 // its SharedCacheLock.
+//   cached_object(), walked_list(), cached(), all()      The caller holds the cache lock, for reading at least.
+//   read_cached(), cached_field(), put_cached_field()    Takes the cache lock, its shared side.
+//   all else                                             Takes no lock.
 #pragma once
 
 #include <array>
