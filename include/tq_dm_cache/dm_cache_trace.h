@@ -18,7 +18,7 @@ enum {
     DM_CACHE_READ_WALK,   /* every cached object of a row, or how many there are */
     DM_CACHE_READ_RECORD, /* the store's object that has a key, as a record */
     DM_CACHE_READ_OBJECT, /* the same, as a bare object */
-    DM_CACHE_READ_SCAN /* every object of the store; told at its end, so behind what its replies have made the query read */
+    DM_CACHE_READ_SCAN /* every object of the store; reported when the scan ends, after the reads that its replies caused */
 };
 
 /* May grow at its end. The messages are good during the call, and not the callback's to change. */
