@@ -331,7 +331,7 @@ void forget_events() {
     applied_noted = false;
 }
 
-// Followers
+// Followers that come and go
 
 int32_t add_follower(int32_t type, dm_cache_follow_cb callback, void *word, uint32_t flags) {
     OwnedEvent join = new_join(type, (flags & DM_CACHE_FOLLOW_FROM_NOW) == 0 && type != applications);
