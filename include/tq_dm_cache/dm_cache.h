@@ -11,7 +11,7 @@
  * Unless a function says otherwise:
  *   - `type` is a row number, 0..38 (dm_types.h);
  *   - it takes no lock. Reads hand out the cached messages themselves: hold the cache lock from the call until the
- *     message is no longer used, and dm_cache_copy_obj() what must outlive that;
+ *     message is no longer used, and copy what must live longer with dm_cache_copy_obj();
  *   - it returns 0, or -1 for an argument that it refuses.
  */
 

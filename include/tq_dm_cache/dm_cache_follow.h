@@ -2,8 +2,8 @@
 #define TQ_DM_CACHE_FOLLOW_H
 
 /*
- * Followers: what happens to the objects of a row, with the object before and after, in the order in which it happens. They
- * stand beside the change callbacks of dm_cache_sub_obj() and hear what those do not: what is there already, what a
+ * Followers: what happens to the objects of a row, with the object before and after, in the order in which it happens.
+ * Followers are told more than the change callbacks of dm_cache_sub_obj(): what is there already, what a
  * resynchronisation sweeps, what the client itself and its queries put into the cache.
  *
  * Unless a function says otherwise: any thread may call it, from within a callback too, and before or after dm_cache_init();
@@ -85,7 +85,7 @@ DM_API int32_t dm_cache_follow_for(const char *query);
 
 /*
  * Ends what dm_cache_init() has begun: waits until no callback of the store client runs, empties the rows, forgets the
- * handle. What is registered and who follows stays, and is not told of the stop; the next dm_cache_init(), with another
+ * handle. Registrations and followers stay, and are not told of the stop; the next dm_cache_init(), with another
  * handle or the same, begins with an empty picture, as after a start that has failed. Close the handle after this,
  * since until then its callbacks may come, which do nothing any more. Meanwhile reads of the store answer as if nothing
  * was found. Not under the cache lock, and not while another thread uses what it has borrowed from the cache. 0 also

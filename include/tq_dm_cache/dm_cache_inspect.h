@@ -64,7 +64,7 @@ typedef struct dm_inspect_row {
     uint32_t callbacks; /* registered */
     uint32_t followers;
     uint32_t reserved;
-    int64_t age_ms; /* at most so long ago the row was equal to the store; -1: nobody knows */
+    int64_t age_ms; /* the row was equal to the store at most this long ago; -1: not known */
     dm_cache_stats stats;
 } dm_inspect_row;
 

@@ -36,12 +36,12 @@ typedef struct dm_cache_read {
 
 /*
  * Runs within the query, which may hold the shared side of the cache lock: it must neither take the lock nor change the cache.
- * What it asks of queries itself is not told.
+ * Reads of queries that the callback itself asks are not told.
  */
 typedef void (*dm_cache_trace_cb)(const dm_cache_read *read, void *word);
 
-/* From now on `callback` is told of each read that a query of this thread makes; null ends that. One a thread, no other thread
- * hears of it. Takes no lock. */
+/* From now on `callback` is told of each read that a query of this thread makes; null ends that. Each thread has its own
+ * callback. Takes no lock. */
 DM_API void dm_cache_trace(dm_cache_trace_cb callback, void *word);
 
 #ifdef __cplusplus

@@ -51,7 +51,7 @@
  *     TQ_MOM_RESULT_HELD comes in its place, and the client asks again by itself.
  *   - A write or read that the server refuses fails with TQ_MOM_E_REFUSED; after READONLY the connection is also lost. A
  *     change that its readers may not be told of is refused, and not made.
- *   - What lasts stands on standard error.
+ *   - A lasting trouble is reported on standard error.
  *
  * A handle belongs to the process that opened it. In a child of fork() every call of it answers TQ_MOM_E_ARGUMENT, closing
  * included, and touches neither its sockets nor its locks; a child opens a handle of its own.
@@ -134,9 +134,10 @@ DM_API int32_t tq_mom_client_set_connection_cb(tq_mom_handle *handle, tq_mom_con
 DM_API int32_t tq_mom_client_store(tq_mom_handle *handle, char *text, uint32_t size);
 
 /*
- * The client's name in the server's list of clients: letters, digits, dots and minuses, 63 at most; anything else becomes an
- * underscore. Until then it has its program's name. When the server forbids names, the client goes on without one. dm_cache_init()
- * gives the client the name that it was given. The subscribing connection gets the name when it next connects.
+ * The client's name in the server's list of clients: letters, digits, dots and minuses, 63 at most; anything else becomes
+ * an underscore. Until then it has its program's name. When the server forbids names, the client goes on without one.
+ * dm_cache_init() gives the client the name that it was given. The subscribing connection gets the name when it next
+ * connects.
  */
 DM_API int32_t tq_mom_client_set_name(tq_mom_handle *handle, const char *name);
 
@@ -149,8 +150,8 @@ typedef struct tq_mom_store_client {
 } tq_mom_store_client;
 
 /*
- * Tells who is connected to the store's server, this client included. TQ_MOM_E_ARGUMENT for a store without a server, TQ_MOM_E_REFUSED
- * when the server does not say. The callback runs on the caller's thread.
+ * Tells who is connected to the store's server, this client included. TQ_MOM_E_ARGUMENT for a store without a server,
+ * TQ_MOM_E_REFUSED when the server does not say. The callback runs on the caller's thread.
  */
 typedef void (*tq_mom_store_client_cb)(const tq_mom_store_client *client, void *word);
 DM_API int32_t tq_mom_store_clients(tq_mom_handle *handle, tq_mom_store_client_cb callback, void *word);
@@ -167,9 +168,10 @@ DM_API uint64_t tq_mom_client_damaged(tq_mom_handle *handle);
 DM_API int64_t tq_mom_client_heard_ms(tq_mom_handle *handle);
 
 /*
- * Makes a handle forget its subscriptions with this callback (of fields: with it as the first one) and its scans that are under way:
- * they are not told any more, but for a delivery that runs already. Who subscribes again is confirmed again. dm_cache_stop() does
- * this with the cache's own callbacks. TQ_MOM_E_ARGUMENT: a null callback, or no handle. Any thread, callbacks included.
+ * Makes a handle forget its subscriptions with this callback (of fields: with it as the first one) and its scans that
+ * are under way: they are not told any more, but for a delivery that runs already. A subscription that is asked for
+ * again is confirmed again. dm_cache_stop() does this with the cache's own callbacks. TQ_MOM_E_ARGUMENT: a null
+ * callback, or no handle. Any thread, callbacks included.
  */
 DM_API int32_t tq_mom_client_forget(tq_mom_handle *handle, tq_mom_msg_cb callback);
 
