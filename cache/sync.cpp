@@ -4,7 +4,7 @@
 //
 //   subscribing   not every enabled row is confirmed. Confirmations are noted, all else is dropped: the scan that follows
 //                 brings it. The last confirmation asks for a scan of every enabled row: to gathering. The end of the last
-//                 row's scan, after a reconnect while another database is not ready yet: to early.
+//                 row's scan, when the rescans of a reconnect come before the last confirmation: to early.
 //   early         still subscribing, and every enabled row has been scanned already. Those scans will not count. The last
 //                 confirmation: to gathering. A row that is to be scanned again: back to subscribing.
 //   gathering     confirmed, but not every enabled row is scanned. Replies and pushes wait in the pending queue, in order
