@@ -1,4 +1,4 @@
-// The clock that measures how long things take.
+// The clock that measures how long things take, which nobody sets. Any thread. Takes no lock.
 #pragma once
 
 #include <cstdint>

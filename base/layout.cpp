@@ -1,5 +1,6 @@
 // The record layouts that programs built elsewhere rely on, checked where they are fixed: timer records everywhere, all
-// others on 32-bit ARM, where 64-bit numbers are aligned to 8 bytes. A key follows its message's header.
+// others on 32-bit ARM, where 64-bit numbers are aligned to 8 bytes. A key follows its message's header. Nothing runs here.
+// Takes no lock.
 #include <cstddef>
 
 #include "tq_dm_cache/dm_port_index.h"

@@ -1,5 +1,8 @@
-// The bounded lists: links and counts below, lists of cached messages above. Logs nothing; the callers do. Takes no lock:
-// the caller holds the cache lock.
+// The bounded lists: links and counts below, lists of cached messages above. Logs nothing; the callers do. The caller holds the
+// cache lock, or owns the list.
+//
+// A row's own list may have a hash table beside it (row_table.h), which must never know an element that is not there: what adds
+// or takes out an element here says so, and what changes links without that, as a client's own calls do, gives the table up.
 #include "base/list.h"
 
 #include "base/row_table.h"
@@ -96,6 +99,7 @@ void dm_list_del_with_limit(dm_list_head *link, int32_t *count) {
     links_changed(count);
 }
 
+// Copied first: a failure changes nothing, and the message may be the very one that is replaced.
 int32_t dm_cache_list_add(dm_cache_list *list, const void *message, const ProtobufCMessageDescriptor *descriptor,
                           dm_cache_cmp_func cmp) {
     if (!list || !cmp) return -1;

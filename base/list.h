@@ -1,5 +1,5 @@
 // The links and lists from the inside: what the exported list operations share with the cache's row changes and with the
-// pending queue. Takes no lock: the caller holds the cache lock, or owns the list.
+// pending queue. The caller holds the cache lock, or owns the list.
 #pragma once
 
 #include "base/message.h"

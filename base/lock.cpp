@@ -11,6 +11,8 @@
 // first, and the next holder waits for them: so readers and holders take turns. When nobody is next, the first reader is
 // woken and wakes the second: who gave the word back, the store client's thread with a callback to run, is not to compete
 // with all of them for a processor.
+//
+// Takes the cache lock for its callers. The queues have a mutex of their own, under which nothing else is locked.
 #include "base/lock.h"
 
 #include <pthread.h>

@@ -4,6 +4,8 @@
 // The lock has two sides. The exclusive one is what dm_cache_lock() takes; the library itself takes it to change the cache.
 // Look-ups take the shared side, which is nothing for a thread that holds the exclusive one already. No thread asks for the
 // exclusive side while it holds the shared one, so nothing of a client's runs under the shared side.
+//
+// Takes the cache lock: each guard for its scope.
 #pragma once
 
 #include "tq_dm_cache/dm_cache.h"

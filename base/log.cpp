@@ -1,4 +1,5 @@
 // The two log thresholds, exported words that a client or the configuration file writes while others read them, and the sink.
+// Takes no lock; has a mutex of its own for the sink, which is held while the client's function runs.
 #include "base/log.h"
 
 #include <cstdarg>

@@ -1,4 +1,4 @@
-// A mutex held for a scope: for the small mutexes under which nothing else of the library is locked.
+// A mutex held for a scope: for the small mutexes under which nothing else of the library is locked. Takes no lock but that mutex.
 #pragma once
 
 #include <pthread.h>

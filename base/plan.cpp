@@ -1,4 +1,5 @@
-// The plans of all kinds of messages, made from their descriptors and found by them. One mutex of its own guards the making.
+// The plans of all kinds of messages, made from their descriptors and found by them. Takes no lock; one mutex of its own guards
+// the making.
 #include "base/plan.h"
 
 #include <pthread.h>

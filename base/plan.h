@@ -4,7 +4,7 @@
 //
 // A plan is for messages that are of their own kinds all through and carry no unknown fields; what it does not cover has to
 // be packed. No kind with a plan holds itself, so that the walks end. Plans are made at the first question for one and
-// constant from then on: any thread, no lock.
+// constant from then on. Any thread. Takes no lock; the making has a mutex of its own.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,8 @@
 // What is done along a plan: measure, copy, compare. Takes no lock.
+//
+// A message is measured before it is copied, and what a copy relies on is asked there alone: that the plan covers the message and
+// all in it, that no array or entry is missing, that all of it fits. A comparison measures nothing, and asks for each message that
+// it meets whether the plan covers it.
 #include <bit>
 #include <cstdlib>
 #include <cstring>
@@ -34,6 +38,7 @@ std::span<const Step> visited(const Plan &plan) {
     return {plan.visited, plan.end};
 }
 
+// False beyond the limit, long before a sum could begin at zero again.
 bool grow(size_t &part, size_t size) {
     if (size > extent_limit) return false;
     part += size;
@@ -105,6 +110,7 @@ template <class T> std::span<T> copy_array(ProtobufCMessage *message, Step step,
     return {array, array ? from.size() : 0};
 }
 
+// A packed message leaves out a zero of either sign, so what is unpacked has the positive one.
 template <class T> void positive_zero(T &number) {
     if (number == 0) number = 0;
 }
@@ -157,6 +163,7 @@ Comparison known(bool same) {
     return same ? Comparison::same : Comparison::different;
 }
 
+// By their bits, as they would be packed: a number that is none equals itself. Either zero would be left out.
 template <class Bits, class T> bool same_number(T a, T b) {
     return (a == 0 && b == 0) || std::bit_cast<Bits>(a) == std::bit_cast<Bits>(b);
 }
@@ -255,6 +262,7 @@ void *Memory::text(size_t size) {
     return std::exchange(texts_, texts_ + size);
 }
 
+// The whole structure at once, plain values and the source's pointers alike; then each pointer gets something of its own.
 ProtobufCMessage *copy_by_plan(const Plan &plan, const ProtobufCMessage *message, Memory &memory) {
     const size_t size = plan.descriptor->sizeof_message;
     auto *const copy = copied(memory.structure(size), message, size);
@@ -264,6 +272,7 @@ ProtobufCMessage *copy_by_plan(const Plan &plan, const ProtobufCMessage *message
     return copy;
 }
 
+// Not as one piece of memory: between fields there may be bytes that mean nothing.
 Comparison compare(const Plan &plan, const ProtobufCMessage *a, const ProtobufCMessage *b) {
     if (!covers(plan, a) || !covers(plan, b)) return Comparison::not_covered;
     Comparison so_far = Comparison::same;

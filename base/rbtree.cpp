@@ -1,5 +1,9 @@
 // The red-black tree. Left and right are the same code: a side is a pointer to one of a node's two links, and each
 // procedure that has a mirror image is told its near and its far side. Takes no lock, logs nothing.
+//
+// Always true between two calls: the root is black, a red node has no red child, and every way from a node down to an empty
+// place meets as many black nodes. So the longest way is at most twice the shortest, and recursion stays shallow. The tree owns
+// its nodes; a node keeps its place in memory, its key and its value for as long as it lives. An empty place counts as black.
 #include "tq_dm_cache/dm_rbtree.h"
 
 #include <cassert>
@@ -41,6 +45,8 @@ void rotate(rbtree_root *root, Node *x, Side side) {
     x->parent = y;
 }
 
+// `node` is red, and so may be its parent: nothing else is wrong. A red uncle takes the fault two levels up; else one or two
+// turns end it.
 void fix_insertion(rbtree_root *root, Node *node) {
     while (is_red(node->parent)) {
         Node *parent = node->parent;

@@ -1,4 +1,5 @@
-// The table of kinds, one line a kind, and the set-up of the rows that port_index/ does not set up.
+// The table of kinds, one line a kind, and the set-up of the rows that port_index/ does not set up. Takes no lock: a row is set
+// up before anybody uses it, or, at a start after one that failed, by a caller that holds the cache lock.
 #include "base/rows.h"
 
 #include "base/row_table.h"

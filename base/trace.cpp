@@ -1,4 +1,5 @@
-// The listener of each thread, and the line about a row that nobody follows. The lines that are due are atomic words.
+// The listener of each thread, and the line about a row that nobody follows. The lines that are due are atomic words. Takes no
+// lock.
 #include "base/trace.h"
 
 #include "base/log.h"

@@ -7,6 +7,7 @@
 
 namespace dm {
 
+// One a thread, set and read by that thread alone.
 struct Tracer {
     dm_cache_trace_cb callback;  // null: nobody listens
     void *word;

@@ -1,5 +1,6 @@
-// Reading and storing cached objects by row number. Reads hand out the cached messages and take no lock: their callers
-// hold it. dm_cache_set_obj takes it.
+// Reading and storing cached objects by row number.
+//   dm_cache_set_obj(), cache_object()   Takes the cache lock.
+//   reads                                The caller holds the cache lock, as long as it uses what is handed out.
 #include <cstddef>
 
 #include "base/log.h"

@@ -1,6 +1,6 @@
 // How old is the cache's picture of the store? While the cache is live the store client knows, for whatever the client has
 // delivered has been applied. While the cache gathers, what was delivered waits, and the picture is as old as it was when
-// the gathering began, and the time since. Any thread; takes no lock.
+// the gathering began, and the time since. Any thread. Takes no lock.
 #include "cache/age.h"
 
 #include "base/clock.h"

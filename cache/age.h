@@ -1,4 +1,4 @@
-// How old is the cache's picture of the store? Any thread; takes no lock.
+// How old is the cache's picture of the store? Any thread. Takes no lock.
 #pragma once
 
 #include <cstdint>

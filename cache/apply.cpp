@@ -1,5 +1,8 @@
 // Sets and deletes of the store, applied. What is refused is logged, counted and dropped: the machine goes on.
 // Takes the cache lock for each change; callbacks run without it.
+//
+// ChangeCallbacks stands before the lock in each function: it must be there before the change is, so that another thread, which
+// may deliver at once, tells no follower before the callbacks have run; and it ends last, since it delivers by itself.
 #include "cache/apply.h"
 
 #include "base/log.h"
@@ -67,6 +70,7 @@ int32_t apply_delete(tq_mom_handle *handle, int32_t row, ProtobufCMessage *obj) 
     return 0;
 }
 
+// The queue's share lives until the callbacks have run, whatever they do to the cached object.
 void apply_queued(tq_mom_handle *handle, int32_t row, int32_t cmd, StoredMessage obj) {
     DM_LOG_AS(Caller{"dm_cache_process_msg"}, notice, "<==== cmd[%d] flag[%d].\n", cmd, 0);
     apply(handle, row, cmd, obj.get(), share(obj.get()));

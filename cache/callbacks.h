@@ -1,5 +1,5 @@
-// Change callbacks, as the synchronisation runs them: on the store client's thread, and the
-// caller does not hold the cache lock.
+// Change callbacks, as the synchronisation runs them, on the store client's thread. Takes no lock, and is called without the
+// cache lock: a callback may take it, and may wait for a thread that does.
 #pragma once
 
 #include "tq_dm_cache/dm_cache.h"

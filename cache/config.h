@@ -1,4 +1,4 @@
-// What start-up reads from files: the number of chassis and this process's log threshold. On the starting thread.
+// What start-up reads from files: the number of chassis and this process's log threshold. On the starting thread. Takes no lock.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,7 @@
 // The queue of events, the followers and the delivery. Noting an event is a few words under the mutex; followers are called
 // without it, one at a time in the whole process, so that each object's events reach everybody in order.
+//   changes of a row, add_follower()   The caller holds the cache lock, then the mutex is taken; never the other way round.
+//   all else                           Takes no lock but the mutex.
 #include "cache/events.h"
 
 #include <algorithm>
@@ -329,7 +331,7 @@ void forget_events() {
     applied_noted = false;
 }
 
-// Followers
+// Followers that come and go
 
 int32_t add_follower(int32_t type, dm_cache_follow_cb callback, void *word, uint32_t flags) {
     OwnedEvent join = new_join(type, (flags & DM_CACHE_FOLLOW_FROM_NOW) == 0 && type != applications);

@@ -2,6 +2,8 @@
 // lock, so events stand in the order of the changes; they are delivered without it. Who delivers: the store client's thread
 // after the change callbacks, and a timer for what other threads have changed. Has a mutex of its own, under which nothing
 // else is locked.
+//   changes of a row, add_follower()   The caller holds the cache lock.
+//   all else                           Takes no lock. What delivers is called without the cache lock: followers may take it.
 #pragma once
 
 #include "base/list.h"
@@ -10,7 +12,7 @@
 
 namespace dm {
 
-// One thing that happened, with a share of the messages.
+// One thing that happened, with a share of the messages. In the queue it is under the mutex; whoever has taken it out owns it.
 struct Event {
     Event *next;
     ProtobufCMessage *before, *after;
@@ -31,8 +33,9 @@ int32_t begin_event(int32_t type, const dm_cache_list_node *node, ProtobufCMessa
 void note_event(OwnedEvent event) DM_REQUIRES_LOCK;
 void note_unchanged(int32_t type, const dm_cache_list_node *node) DM_REQUIRES_LOCK;
 
-// An element that has been taken out. When somebody follows the row, its memory becomes the event: so none gets lost, unless a
-// client has put a message of its own there and there is no memory for a copy. The message lives until the event is delivered. Else it stays the caller's. Its message.
+// An element that has been taken out; the answer is its message. When somebody follows the row, the element's memory becomes the
+// event, so that none gets lost, and the message lives until the event is delivered. Else the element stays the caller's, also
+// when a client has put a message of its own there and there is no memory for a copy.
 ProtobufCMessage *note_removed(int32_t type, int32_t what, OwnedNode &node) DM_REQUIRES_LOCK;
 
 // A full application has ended, the first since the start or a later one.

@@ -1,5 +1,5 @@
 // The count of callbacks inside, and the flag that keeps them out: each writes its own word, then reads the other's, in one
-// order for all threads, so one of the two sees the other.
+// order for all threads, so one of the two sees the other. Takes no lock; a mutex of its own is for the wait alone.
 #include "cache/gate.h"
 
 #include <pthread.h>

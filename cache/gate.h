@@ -1,5 +1,6 @@
 // Who is inside: callbacks of the store client that run in the cache, and calls that use the client's handle, which
-// dm_cache_stop() waits for and then keeps out. Any thread; has a mutex of its own, under which nothing else is locked.
+// dm_cache_stop() waits for and then keeps out. Any thread. Takes no lock; has a mutex of its own, under which nothing else is
+// locked.
 #pragma once
 
 #include "tq_dm_cache/dm_cache.h"

@@ -1,5 +1,6 @@
 // The pending queue. What it gathers is stored messages, which the cache keeps as they are when the queue is applied. An
-// object that the cache holds already is not copied at all. Takes the cache lock to look for it; the queue itself has none.
+// object that the cache holds already is not copied at all. Takes the cache lock, its shared side, to look for it, and by
+// cache/apply.cpp for each object that is applied; the queue itself has no lock (pending.h).
 #include "cache/pending.h"
 
 #include <utility>

@@ -1,5 +1,6 @@
 // The pending queue: what scans and pushes bring while objects are being gathered, in order of arrival, until the whole
-// picture is applied. Only the store client's callback thread touches it; takes no lock.
+// picture is applied. Takes the cache lock to look for an equal object and to apply one; the queue itself has no lock. Only the
+// store client's callback thread touches it, and dm_cache_stop() on its caller's, when no callback is inside any more.
 #pragma once
 
 #include "base/list.h"
@@ -7,6 +8,7 @@
 
 namespace dm {
 
+// What one message has brought. The queue owns it until it is applied or dropped; then whoever has taken it out does.
 struct pending_item {
     dm_list_head link;
     int32_t row;

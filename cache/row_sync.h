@@ -1,6 +1,7 @@
 // How far the synchronisation of each row has come. cache/sync.cpp writes it, on the store client's callback thread and on a
-// timer's, `late` and `followed` on any thread, and cache/pending.cpp what is queued; status, reason and events read it for
-// whoever asks. So the words are atomic, and each is right by itself. Takes no lock.
+// timer's; `late`, `followed` and `subscribed_ms` also on the thread that enables a row after the start; `equal` and `rescan`
+// also on that of a start after one that failed, and all of it on that of a stop. cache/pending.cpp writes what is queued;
+// status, reason and events read it for whoever asks. So the words are atomic, and each is right by itself. Takes no lock.
 #pragma once
 
 #include "base/rows.h"
@@ -14,7 +15,7 @@ struct RowSync {
     uint8_t confirmed;  // and said so
     uint8_t scanned;    // since it was last due
     uint8_t held;       // the store refuses its subscription or scan for now
-    uint8_t late;       // enabled after the start, and not yet scanned: any thread
+    uint8_t late;       // enabled after the start, and not yet scanned
     uint8_t filled;     // its first scan since the start has been applied
     uint8_t equal;  // to the store when it was last live: all that was pushed and scanned has been applied, none held
 

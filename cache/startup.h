@@ -1,4 +1,6 @@
 // Start-up, as the rest of the cache sees it.
+//   enable_row()   Takes the cache lock.
+//   all else       Takes no lock.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +13,7 @@ namespace dm {
 bool started();
 
 // Enables a row that holds a kind, if nobody has. After the start it is subscribed at once. Any thread, not under the cache
-// lock; takes it.
+// lock: that is a call of the store.
 void enable_row(int32_t row);
 
 // What inspect/ does, above the cache: when a start has set the rows up and is about to connect, with the handle that it was given,

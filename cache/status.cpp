@@ -1,6 +1,6 @@
 // Counters of each row and the number of full applications, for clients that wait or watch. The counters are atomic words
-// that order nothing: each is right by itself. A mutex of its own guards what is waited for, and is held for a few words at
-// a time; nothing else is locked under it.
+// that order nothing: each is right by itself. Takes no lock. A mutex of its own guards what is waited for and the key that a
+// row refused first, and is held for a few words at a time; nothing else is locked under it.
 #include "cache/status.h"
 
 #include <pthread.h>

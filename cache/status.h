@@ -1,5 +1,5 @@
-// What the synchronisation tells the counters of dm_cache_status.h. Takes a lock of its own, never waits: the caller may
-// hold the cache lock.
+// What the synchronisation tells the counters of dm_cache_status.h. Takes no lock; has a mutex of its own, which is held for a
+// few words. So the caller may hold the cache lock, but for status_refused().
 #pragma once
 
 #include <cstdint>

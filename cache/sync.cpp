@@ -3,18 +3,22 @@
 // One machine for the whole cache:
 //
 //   subscribing   not every enabled row is confirmed. Confirmations are noted, all else is dropped: the scan that follows
-//                 brings it. The last confirmation asks for a scan of every enabled row.
-//   early         still subscribing, and every enabled row has been scanned already. Those scans will not count.
+//                 brings it. The last confirmation asks for a scan of every enabled row: to gathering. The end of the last
+//                 row's scan, when the rescans of a reconnect come before the last confirmation: to early.
+//   early         still subscribing, and every enabled row has been scanned already. Those scans will not count. The last
+//                 confirmation: to gathering. A row that is to be scanned again: back to subscribing.
 //   gathering     confirmed, but not every enabled row is scanned. Replies and pushes wait in the pending queue, in order
-//                 of arrival; readers still see what was cached before.
-//   applying      every row is scanned, the queue is not yet applied (g_cache_proc_done 0). Entered by the end of the last
-//                 scan and left within that same callback: the queue is applied class by class, then what was marked
-//                 dirty before the scan and did not come again is swept.
-//   live          (g_cache_proc_done 1) each push is applied at once.
+//                 of arrival; readers still see what was cached before. The end of the last row's scan: to applying.
+//   applying      every row is scanned, the queue is not yet applied (g_cache_proc_done 0). Left within the callback that
+//                 entered it: the queue is applied class by class, then what was marked dirty before the scan and did not
+//                 come again is swept: to live. When a message that is delivered meanwhile has rows scanned again: to
+//                 gathering, without a sweep, and g_cache_proc_done stays 0 until the next application has ended.
+//   live          (g_cache_proc_done 1) each push is applied at once. Two things lead to gathering: a push of row 1 (the
+//                 store announces its content complete again), which marks every row dirty and scans all of them; and a
+//                 lost connection, after which the rows of that database are subscribed again, and marked dirty and
+//                 scanned again when each one's timer ends.
 //
-// Two things lead from live back to gathering: a push of row 1 (the store announces its content complete again), which
-// marks every row dirty and scans all of them; and a lost connection, after which the rows of that database are subscribed
-// again, and marked dirty and scanned again when each one's timer ends. Subscribing is never entered twice.
+// Another start after one that failed, and a stop, lead from any state to subscribing.
 //
 // A row whose subscription or scan is refused, or never confirmed, holds the machine where it is until a reconnect. One that
 // the platform holds, and asks for again by itself (TQ_MOM_RESULT_HELD), holds nobody: the others go on without it, nothing
@@ -24,9 +28,10 @@
 // the store takes up on a new connection before it reports the reconnect cannot be told from one that the loss cut off: the
 // application may then come before the rescan has ended, and what the rescan still brings is applied live.
 //
-// Everything here runs on the store client's callback thread, rescans on the timer's, which owns nothing but its timer
-// record and the numbers of its row's scans. What enables a row late runs on any thread, and writes words of that row alone.
-// The state and the queue have no lock; takes the cache lock to change a list.
+// The machine runs on the store client's callback thread, rescans on the timer's, which owns nothing but its timer record and
+// the numbers of its row's scans. Three other threads come in: whoever enables a row late writes words of that row alone;
+// begin_again() leaves a word for the callback thread, and disarms timers; end_sync() runs when no callback is inside any
+// more, and has everything to itself. The state and the queue have no lock. Takes the cache lock to change a list.
 #include "cache/sync.h"
 
 #include "base/clock.h"
@@ -88,7 +93,6 @@ void gather_again() {
     if (state == State::applying || state == State::live) enter(State::gathering);
 }
 
-// Calls `act` for each row that is followed in the store.
 template <class Act> void for_followed_rows(const Act &act) {
     for (int32_t row = 0; row < obj_sub_list_max; ++row)
         if (row_followed(obj_sub_list[row])) act(row, obj_sub_list[row]);
@@ -98,7 +102,7 @@ bool is_unconfirmed_late(const RowSync &row) {
     return load(row.late) != 0 && load(row.confirmed) == 0;
 }
 
-// But for those that are apart, unless all of them are.
+// Rows that are apart are ignored, unless every row is.
 bool every_followed_row(uint8_t RowSync::*is_done) {
     bool all_done = true, any_done = false, any_apart = false;
     for_followed_rows([&](int32_t row, const obj_sub_entry &) {

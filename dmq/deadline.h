@@ -13,6 +13,7 @@
 
 namespace dmq {
 
+// Constant once made: any thread may ask.
 class Deadline {
 public:
     explicit Deadline(double seconds);
@@ -42,6 +43,7 @@ private:
     sigset_t before_;
 };
 
+// What `call` answers, in time; else throws what passed() does, and the thread is left behind in `call`.
 template <class Call> auto within(const Deadline &deadline, const std::string &awaited, Call call) {
     std::packaged_task<decltype(call())()> task(std::move(call));
     auto answer = task.get_future();

@@ -84,6 +84,8 @@ std::string before_cursor(EditLine *editor) {
 
 }  // namespace
 
+// In the order in which they need each other: the editor, which uses the history and writes to `out`, is ended first. Of the
+// thread that reads lines; other threads only write to `wake`.
 struct LineEditor::Parts {
     std::function<Candidates(const std::string &)> candidates;
     int wake = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);

@@ -11,6 +11,8 @@ namespace dmq {
 
 namespace {
 
+// The object that is waited for, and what was last seen of it. take() runs on the store client's thread for each change, and on
+// the command's for what is cached: `guard_` guards the last three. The rest is constant once made.
 class Wanted {
 public:
     Wanted(const ObjectKind &kind, const std::vector<std::string> &words, bool gone)

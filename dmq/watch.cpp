@@ -22,6 +22,7 @@ namespace dmq {
 
 namespace {
 
+// What is watched, and what has been told of it so far. Read and changed under `guard`, by whichever thread tells.
 struct Watch {
     WatchOptions options;
     std::map<int32_t, uint32_t> refused;  // of each row that is followed: as many as have been told of

@@ -1,4 +1,5 @@
-// The records of an answer. All of a process fits into the buffer at once; objects are packed into it without the cache lock.
+// The records of an answer. All of a process fits into the buffer at once. Takes the cache lock, its shared side, for the
+// settings of a row; objects are packed without it.
 #include "inspect/answer.h"
 
 #include <unistd.h>

@@ -1,5 +1,6 @@
 // One client's question and its answer, as bytes: what is asked in a line becomes records, as many at a time as its buffer holds.
-// Knows nothing of sockets. One thread an answer; reads the cache as row_walk.h says, and atomic words.
+// Knows nothing of sockets. One thread an answer. Takes the cache lock, its shared side, for a row's settings and for a piece of
+// its objects (row_walk.h); the rest is atomic words.
 #pragma once
 
 #include "base/message.h"

@@ -1,6 +1,6 @@
 // The pieces of a row. Where a piece ended is found again by its objects: an element keeps its place in the list as long as it
 // is not taken out, and no change but that of the element itself moves it. Elements are found by key, never by a pointer that
-// was kept while the lock was free. Takes the shared side of the cache lock.
+// was kept while the lock was free. Takes the cache lock, its shared side, for a piece.
 #include "inspect/row_walk.h"
 
 #include "base/row_table.h"

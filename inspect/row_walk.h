@@ -1,6 +1,5 @@
-// A row's objects in pieces: a share of each object of a piece is taken under the shared side of the cache lock, which is free
-// between two pieces, and the messages are read without it. So a walk keeps nobody waiting for longer than a piece takes. One
-// thread a walk.
+// A row's objects in pieces. Takes the cache lock, its shared side, for a share of each object of a piece; it is free between two
+// pieces, and the messages are read without it. So a walk keeps nobody waiting for longer than a piece takes. One thread a walk.
 #pragma once
 
 #include "base/lock.h"

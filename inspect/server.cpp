@@ -1,7 +1,8 @@
 // The socket of a process that is inspected: a thread of its own waits for clients and answers them, four at a time, and never for
 // one of them alone. It begins with dm_cache_init() and ends with dm_cache_stop(), when DM_CACHE_INSPECT names a folder; else
 // there is none. The server belongs to the thread; the caller's of dm_cache_init() and dm_cache_stop() make it and, when the thread
-// has ended, free it. What it reads of the cache stands in answer.cpp.
+// has ended, free it. Takes no lock, but around a fork() those that its thread may have; what it reads of the cache, and under
+// which lock, stands in answer.cpp.
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -37,6 +38,7 @@ namespace {
 constexpr int64_t longest_answer_ms = 60000, deaf_ms = 100;
 constexpr int nobody = -1;
 
+// A connection and what is due to it. The inspecting thread's alone.
 struct Client {
     int fd;
     int64_t until_ms;  // by then it has asked, or read on
@@ -46,6 +48,8 @@ struct Client {
     Answer answer;
 };
 
+// Made and freed by the threads that start and stop the cache. While `thread` runs, `clients` and `deaf_until_ms` are its alone,
+// `ending` is atomic, and nothing else changes.
 struct Server {
     pthread_t thread;
     int32_t process;  // a child of it has this memory, too
@@ -57,7 +61,7 @@ struct Server {
     Client clients[DM_INSPECT_CLIENTS];
 };
 
-Server *server = nullptr;
+Server *server = nullptr;  // of the threads that start, stop and fork: the inspecting one is handed its own
 
 void drop(Client &client) {
     close(client.fd);

@@ -69,6 +69,7 @@ int32_t tq_mom_url_without_secret(const char *url, char *text, uint32_t size) {
     });
 }
 
+// Not by with_client(): closing waits for whoever is in a call, and would wait for itself.
 int32_t tq_mom_client_close(tq_mom_handle *handle) {
     Client *client = client_of(handle);
     if (!client || client->loop().on_own_thread() || !client->close()) return TQ_MOM_E_ARGUMENT;

@@ -32,6 +32,8 @@ struct FollowedField {
     bool operator==(const FollowedField &) const = default;
 };
 
+// What a client asked for. Shared with the store as a Ticket, and read on any thread without a lock: nothing in it changes once
+// the client has it, but `number`.
 struct Request {
     Place place;
     const ProtobufCMessageDescriptor *kind;

@@ -10,6 +10,7 @@ using namespace tq;
 
 namespace {
 
+// As tq_platform.h and tq_platform_bundled.h promise.
 constexpr std::chrono::seconds connect_limit(5);
 constexpr int32_t field_limit = 10;
 
@@ -107,6 +108,7 @@ int32_t tq_mom_get_reconnect_scan_time(tq_mom_handle *handle, uint32_t) {
     return with_client(handle, [](Client &client) { return client.store().rescan_delay_ms(); });
 }
 
+// Where no record can be made, or nothing could be asked, there is no reply; any other failure stands in the record.
 result_rec *tq_mom_hgetall_sync(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *obj_with_key) {
     ProtobufCMessage *message = nullptr;
     const int32_t error = read(handle, db, obj_with_key, message);
@@ -149,6 +151,7 @@ int32_t tq_mom_set(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *o
     });
 }
 
+// All of it is packed before anything is sent, so one unusable entry leaves the store as it was.
 int32_t tq_mom_set_many(tq_mom_handle *handle, const tq_mom_write *writes, uint32_t count, uint32_t *taken,
                         uint32_t *refused) {
     size_t number_taken = 0, first_refused = 0;
@@ -177,6 +180,7 @@ int32_t tq_mom_del(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *o
     });
 }
 
+// Either may be null, but not both: where one is, the other stands for it, so that both are of one kind and key.
 int32_t tq_mom_replace(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *before,
                        const ProtobufCMessage *after) {
     return with_client(handle, [&](Client &client) {

@@ -66,6 +66,7 @@ private:
     enum class State { waiting, connecting, up };
     using EventPtr = std::unique_ptr<event, FreeEvent>;
     enum class What { credentials, identity, name, subscription, fence };
+    // What was sent. Answers come in the order of sending, so the first of these is what the next answer is to.
     struct Asked {
         What what;
         std::string channel = {};

@@ -21,6 +21,7 @@ public:
     bool exceeded() const { return exceeded_; }
 
 private:
+    // One reply and the memory that it points into, which a later reply uses again: so it must not move.
     struct Kept {
         redisReply reply;
         std::string text;

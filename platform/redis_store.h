@@ -99,6 +99,7 @@ private:
 
     // On any thread.
     using IsAnswer = bool (*)(const redisReply &);
+    // One call's request, on its caller's thread alone: what is sent, and how its answer is judged.
     struct Command {
         bool is_write;
         std::string hash;

@@ -21,6 +21,7 @@ bool take_string(std::string_view &bytes, std::string_view &string) {
     return true;
 }
 
+// Of strings: the table of frames in redis_wire.h.
 bool right_number(char letter, size_t strings) {
     switch (letter) {
         case 'S':
@@ -57,6 +58,7 @@ std::string new_private_channel() {
     return "dm:client:" + random_id();
 }
 
+// A number has few digits: its length is in the last of the four bytes alone.
 std::string mark_frame(uint64_t scan) {
     const std::string number = std::to_string(scan);
     return std::string{'M', 0, 0, 0, static_cast<char>(number.size())} + number;

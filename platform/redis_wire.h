@@ -16,7 +16,7 @@
 //                        an echo: what the server is just now, a digit for each hash that was asked about, 1: it exists, and
 //                        the number that the asker gave it
 //
-// Beside the kinds there is one more hash, dm:store. Under `id` it has a word of chance that the first client writes: with the
+// Beside the kinds there is one more hash, dm:store. Under `id` it has a random identifier that the first client writes: with the
 // server's own names it makes the identity of the content. Another one, and all that was read before means nothing.
 #ifndef TQ_PLATFORM_REDIS_WIRE_H
 #define TQ_PLATFORM_REDIS_WIRE_H

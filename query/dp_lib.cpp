@@ -52,6 +52,7 @@ int32_t ndm_get_dev_type_by_devno(int32_t devid, int32_t *device_type) {
     return ret;
 }
 
+// Of the entries that are slots; min 32 and max 0 when none is.
 int32_t ndm_get_slot_range_from_device_type(int32_t device_type, int32_t *min, int32_t *max) {
     SharedCacheLock lock;
     const auto *type = cached<PDev__DeviceStaticInfo>(device_type_key(device_type));

@@ -81,7 +81,7 @@ int32_t ndm_get_sub_slot_range_from_card_type(int32_t card_type, int32_t *min, i
     return 0;
 }
 
-// The highest sub-slot of a box's main board.
+// 0 when its main board's type is not known or has none: then the box itself is the only user slot.
 int32_t max_box_sub_slot(int32_t devid, Caller caller = Caller{}) {
     int32_t min = 0;
     int32_t max = 0;
@@ -172,6 +172,7 @@ int32_t ndm_get_my_dcm_addr(uint32_t *dcm_addr) {
     return 0;
 }
 
+// Unsigned, since nothing is refused and no sum may overflow.
 int32_t ndm_calculate_tipc_node(int32_t devid, int32_t slot, int32_t cpuid) {
     const bool box = ndm_get_my_node_type() == P_DEV__DM_NODE_TYPE_E__DM_TYPE_BOX;
     const auto dev = static_cast<uint32_t>(devid);
@@ -179,6 +180,7 @@ int32_t ndm_calculate_tipc_node(int32_t devid, int32_t slot, int32_t cpuid) {
     return static_cast<int32_t>(640 + place + static_cast<uint32_t>(cpuid));
 }
 
+// Of several ports that list the number the last one answers.
 int32_t ndm_get_id_from_phyid(uint32_t phyid, int32_t *devid, int32_t *slot, int32_t *unit, int32_t *port) {
     if (!devid || !slot || !unit || !port) {
         DM_LOG(notice, "param error!\n");

@@ -32,6 +32,7 @@ int32_t logged_field(int32_t T::*field, int32_t *out, Level null_level, const Ke
     return -1;
 }
 
+// Of any chassis: no device is asked for its ranges.
 struct BoardName {
     const char *name;
     int32_t user_slot;

@@ -74,7 +74,6 @@ int32_t put_lport_bound(int32_t devid, int32_t slot, int32_t sslot, int32_t *out
     return *out >= 0 ? 0 : -1;
 }
 
-// The VSD of a cached global port.
 int32_t put_cached_vsdid(uint32_t objid, int32_t *vsdid) {
     const Port port = port_of(objid);
     SharedCacheLock lock;

@@ -50,7 +50,6 @@ int32_t put_chip_types(const PDev__DmCardStattrT &card, size_t most, ChipArray &
     return 0;
 }
 
-// The answer that a card type's description gives.
 template <class Answer> int32_t answer_from_card(int32_t card_type, uint8_t rt, const Answer &answer) {
     return answer_by_type<PDev__DmCardStattrT>(card_type, card_attributes_key(card_type), rt, answer,
                                                Caller{"ndm_get_card_obj_by_type"});
@@ -85,7 +84,7 @@ int32_t local_ports() {
     return all<PDev__UnitCportInfo>().size();
 }
 
-// Fills the row of local ports from the store.
+// The mark is older than the scan: what is changed while it runs is not undone by what it brings.
 bool scan_local_ports(Caller caller = Caller{}) {
     uint64_t since = change_mark_now();
     const int32_t ret = scan_store(DM_ROW_UNIT_CPORT_INFO, ndm_scan_local_port_obj_cb, &since);
@@ -257,6 +256,7 @@ int32_t ndm_get_my_card_multi_lport(int32_t *lports, int32_t *num) {
     return _ndm_get_my_card_multi_lport(lports, num, /*rt=*/0);
 }
 
+// The Caller is taken here: within the lambda it would name the lambda in the log.
 int32_t _ndm_get_my_lchips(int32_t **chips, uint8_t rt) {
     if (!chips) {
         DM_LOG(notice, "param error!\n");

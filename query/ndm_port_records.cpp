@@ -10,6 +10,7 @@ static constexpr dm::LogTag log_tag{"ndm_port"};
 namespace dm {
 namespace {
 
+// The device names its type, and the type's record has the name: the caller holds the lock over both.
 int32_t put_device_name(int32_t devid, char *name, int32_t len) {
     const auto type = cached_field(&PDev__DeviceInfo::config_dev_type, device_key(devid));
     if (!type) return -1;
@@ -41,6 +42,7 @@ int32_t _ndm_get_slot_num(int32_t devid, uint8_t rt) {
     return answer_from<PDev__DeviceInfo>(device_key(devid), rt, usable_slots);
 }
 
+// A role that nobody has is stored as a record without a card.
 int32_t node_of_card(const PDev__CardInfoIndex *card) {
     return card ? static_cast<int32_t>(node_of({card->devid, card->slotid, card->sslotid})) : -1;
 }

@@ -1,6 +1,10 @@
 // The shapes that queries share: a cached read, a walk, an owned copy, a text for a caller's buffer. A query reads cached
 // objects through these and through the indexes of port_index/lookups.h only. What is borrowed must not leave the scope of
-// its SharedCacheLock.
+// its SharedCacheLock. A query that asks several things holds the lock over all of them, so that its answer was true at one
+// moment; what it calls takes the shared side again, which it may.
+//   cached_object(), walked_list(), cached(), all()      The caller holds the cache lock, for reading at least.
+//   read_cached(), cached_field(), put_cached_field()    Takes the cache lock, its shared side.
+//   all else                                             Takes no lock.
 #pragma once
 
 #include <array>

@@ -1,4 +1,5 @@
-// The calls of the store behind the fallback reads. The caller does not hold the cache lock.
+// The calls of the store behind the fallback reads. Takes the cache lock for the mark before a read; the caller does not hold
+// it, because a call of the store waits for a round trip.
 #include "query/store_read.h"
 
 #include "base/trace.h"

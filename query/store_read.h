@@ -1,5 +1,6 @@
-// Reads of the store for objects that the cache lacks. They wait for a round trip, so the caller does not hold the
-// cache lock: the analysis refuses it within a function. Each logs its own failure in the name of the query, and releases its reply.
+// Reads of the store for objects that the cache lacks. Takes the cache lock to look into the cache and to cache what was read,
+// never around a call of the store: that waits for a round trip, so the caller does not hold the lock either, which the
+// analysis refuses within a function. Each logs its own failure in the name of the query, and releases its reply.
 #pragma once
 
 #include <utility>

@@ -103,6 +103,7 @@ private:
     const bool of_events_;
 };
 
+// What is shown, and where in it. The command's thread alone; `news` is where the other thread leaves what it has to tell.
 struct Panel {
     Session &session;
     const Settings &settings;

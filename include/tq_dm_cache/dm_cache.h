@@ -11,7 +11,7 @@
  * Unless a function says otherwise:
  *   - `type` is a row number, 0..38 (dm_types.h);
  *   - it takes no lock. Reads hand out the cached messages themselves: hold the cache lock from the call until the
- *     message is no longer used, and dm_cache_copy_obj() what must outlive that;
+ *     message is no longer used, and copy what must live longer with dm_cache_copy_obj();
  *   - it returns 0, or -1 for an argument that it refuses.
  */
 
@@ -26,7 +26,7 @@ extern "C" {
 /*
  * Brings the cache to life: reads the number of chassis and this process's log threshold, sets up the table, connects
  * the store. 0 also when it runs already; a code of the store is handed back, and the next call starts afresh. `handle`
- * is kept until dm_cache_stop(): another one that is given meanwhile is not taken, and a line of the log says so. Of `name`
+ * is kept until dm_cache_stop(): a different handle given before that is ignored, and a line of the log says so. Of `name`
  * 31 characters are kept. Call it from one thread, not under the cache lock, and before any other thread uses the cache: it
  * sets the table up without the lock.
  */
@@ -41,10 +41,10 @@ DM_API int32_t dm_get_vsu_switch_num_limit(void);
 DM_API int32_t dm_cache_multi_thread_init(void);
 
 /*
- * Take and give back the lock, as often as taken: the holder alone reads and changes the cache. 0; EPERM when a thread
- * gives back what it does not hold. Queries need not be locked: they take the lock's shared side, which several threads
+ * Lock and unlock. Each lock needs one unlock. The holder alone reads and changes the cache. 0; EPERM when a thread
+ * unlocks what it does not hold. Queries need not be locked: they take the lock's shared side, which several threads
  * hold at a time. Threads that wait are served in turn, a change that the store has pushed before them. Without a lock
- * both do nothing.
+ * (dm_cache_multi_thread_init()) both do nothing.
  */
 DM_API int32_t dm_cache_lock(void);
 DM_API int32_t dm_cache_unlock(void);

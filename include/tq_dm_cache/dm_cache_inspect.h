@@ -7,7 +7,7 @@
  * underscore. docs/inspect.md tells who may connect and what it costs. Reading these records needs nothing of the library.
  *
  * Every record begins with a dm_inspect_record. Numbers are the machine's own. A row's record may grow at its end, and there may
- * be more kinds of records: read as many bytes as you know, and pass over the rest. Those that something follows do not grow.
+ * be more kinds of records: read as many bytes as you know, and pass over the rest. Records with data behind them do not grow.
  *
  * The first record is a hello, or busy, after which the connection ends. Then the client asks one line after the other, and
  * each answer ends with an end record:
@@ -64,7 +64,7 @@ typedef struct dm_inspect_row {
     uint32_t callbacks; /* registered */
     uint32_t followers;
     uint32_t reserved;
-    int64_t age_ms; /* at most so long ago the row was equal to the store; -1: nobody knows */
+    int64_t age_ms; /* the row was equal to the store at most this long ago; -1: not known */
     dm_cache_stats stats;
 } dm_inspect_row;
 

@@ -32,11 +32,12 @@ DM_API int32_t dm_cache_wait_applied(uint32_t than, int32_t timeout_ms);
 DM_API int32_t dm_cache_reason(char *buf, int32_t len);
 
 /*
- * How old is a row's picture? At most so many milliseconds ago it was equal to the store, but for objects that the cache has
- * refused and what the client itself has put into the row. It grows while the connection is lost or the cache gathers. -1: no
- * promise, for the row is out of range, not enabled, not filled yet, held or refused by the store, the cache is stopped, or the
- * platform does not tell (the bundled one does: tq_mom_client_heard_ms(), on a Redis server from a fifth of the probe time on). A
- * row with DM_CACHE_NO_STORE has none. The store client's thread may call it too.
+ * How old is a row's picture? The row was equal to the store at most this many milliseconds ago, but for objects that
+ * the cache has refused and what the client itself has put into the row. The age grows while the connection is lost or
+ * the cache gathers. -1: no promise, because the row is out of range, not enabled, not filled yet, held or refused by
+ * the store, the cache is stopped, or the platform does not tell (the bundled one does: tq_mom_client_heard_ms(), on a
+ * Redis server from a fifth of the probe time on). A row with DM_CACHE_NO_STORE has none. The store client's thread may
+ * call it too.
  */
 DM_API int64_t dm_cache_age_ms(int32_t type);
 
@@ -48,11 +49,11 @@ typedef void (*dm_cache_log_cb)(int32_t level, const char *module, const char *f
                                 void *word);
 
 /*
- * Hands the log's lines to a function instead of standard output; null: standard output again. Which lines there are is decided
- * by g_dm_cache_level and g_ndm_lib_dbg_lvl, at any time. One call a line, one at a time, on the thread that has something to
- * say, which may hold the cache lock: the function must not wait for another thread that uses the library, and what it makes
- * the library say itself is dropped. When this returns, the function that was set before does not run any more. Any thread may
- * call it.
+ * Hands the log's lines to a function instead of standard output; null: standard output again. Which lines there are is
+ * decided by g_dm_cache_level and g_ndm_lib_dbg_lvl, at any time. One call a line, one at a time, on the thread that
+ * has something to say, which may hold the cache lock: the function must not wait for another thread that uses the
+ * library, and lines that it causes itself are dropped. When this returns, the function that was set before does not
+ * run any more. Any thread may call it.
  */
 DM_API void dm_cache_set_log(dm_cache_log_cb callback, void *word);
 

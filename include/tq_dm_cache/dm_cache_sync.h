@@ -31,8 +31,9 @@ DM_API int32_t dm_cache_resort_over(void);
 /* Removes every element of every enabled row that is still marked dirty; no callback runs. Always 0. */
 DM_API int32_t dm_cache_clear_data_dirty(void);
 
-/* 1 once the cache has held a complete picture of the store. Stays 1 during a resynchronisation, but for the time of the
- * application itself: use dm_cache_status.h to wait. */
+/* 1 once the cache has held a complete picture of the store. Stays 1 while a later one is gathered, and is 0 while it is
+ * applied; when the store delivers a message within the application that has everything gathered again, 0 until that is
+ * applied. 0 again after a stop. Use dm_cache_status.h to wait. */
 DM_API extern uint8_t g_cache_proc_done;
 
 #ifdef __cplusplus

@@ -18,7 +18,7 @@ enum {
     DM_CACHE_READ_WALK,   /* every cached object of a row, or how many there are */
     DM_CACHE_READ_RECORD, /* the store's object that has a key, as a record */
     DM_CACHE_READ_OBJECT, /* the same, as a bare object */
-    DM_CACHE_READ_SCAN /* every object of the store; told at its end, so behind what its replies have made the query read */
+    DM_CACHE_READ_SCAN /* every object of the store; reported when the scan ends, after the reads that its replies caused */
 };
 
 /* May grow at its end. The messages are good during the call, and not the callback's to change. */
@@ -36,12 +36,12 @@ typedef struct dm_cache_read {
 
 /*
  * Runs within the query, which may hold the shared side of the cache lock: it must neither take the lock nor change the cache.
- * What it asks of queries itself is not told.
+ * Reads of queries that the callback itself asks are not told.
  */
 typedef void (*dm_cache_trace_cb)(const dm_cache_read *read, void *word);
 
-/* From now on `callback` is told of each read that a query of this thread makes; null ends that. One a thread, no other thread
- * hears of it. Takes no lock. */
+/* From now on `callback` is told of each read that a query of this thread makes; null ends that. Each thread has its own
+ * callback. Takes no lock. */
 DM_API void dm_cache_trace(dm_cache_trace_cb callback, void *word);
 
 #ifdef __cplusplus

@@ -20,8 +20,8 @@
  * the machine. No message of the library shows a password; a URL that does not parse is shown as its scheme, and what is
  * not printable is escaped. HOST is looked up at every attempt to connect, on the loop's thread: an address, or a name of
  * /etc/hosts, costs no wait.
- * LOGIN is for the servers. What sentinels want is in TQ_SENTINEL_USER and TQ_SENTINEL_PASSWORD. They are asked in turn before
- * every attempt to connect, on the loop's thread, which waits for the probe time when all of them are silent.
+ * LOGIN is for the Redis servers; credentials for sentinels are in TQ_SENTINEL_USER and TQ_SENTINEL_PASSWORD. Sentinels are asked
+ * in turn before every attempt to connect, on the loop's thread, which waits for the probe time when all of them are silent.
  *
  * Unless a function says otherwise: any thread may call it, and it returns 0 or a TQ_MOM_E_* code. Only
  * tq_mom_client_open() also says on standard error what was wrong.
@@ -40,34 +40,18 @@
  *     object; an object that appears or is deleted changes all of its fields.
  *   - A timer that is armed already is moved. tq_thread_cancel() does not wait for a handler that is running.
  *
- * A client of a Redis server takes its connection for lost when
- *   - the server closes it: it ends, it restarts, or it cuts off a client that does not read what it is sent
- *     (client-output-buffer-limit);
- *   - nothing has come for the probe time, though the client asks for an echo five times in it: frozen server, cut cable.
- *     A long answer that keeps coming is a sign of life, for twelve probe times; echoes must come within four;
- *   - the server is no master, its answer is of another type than the request can have, or what it pushes means nothing:
- *     what was missed would be missed in silence;
- *   - it has other content than before (FLUSHALL, SWAPDB, a kind's hash removed, a time as a replica), or the two
- *     connections of the client have reached two servers.
- * A synchronous call that waits then fails with TQ_MOM_E_UNREACHABLE; it may or may not have been carried out, and may
- * be until the client is back. The server must begin each answer within the probe time, that of tq_mom_scan_sync() of a
- * large kind too. Opening waits for the probe time for each of the two connections at most. The client tries to connect
- * again within 40 ms, and as often while there is no server or it is still loading and no sentinel was asked; a server that
- * takes the connection and then fails it, refuses it or is no master is tried after waits of up to half a second. Reason 1:
- * the same content of the same run of the same server, master all the while; 2: any other. What the server restarted with
- * does not matter: whoever scans again after the reconnect has what it has now.
- * What lasts stands on standard error: a line when it begins, one a minute, one when it is over.
- * A subscription or a scan that the server refuses (no permission, a key of another type) holds its own kind only:
- * TQ_MOM_RESULT_HELD comes in its place, and the client asks again after 1 s, 2 s, up to a minute.
- * A write or read that the server refuses fails with TQ_MOM_E_REFUSED; READONLY is also a lost connection. A change that
- * its readers may not be told of is refused, and not made.
- * The server must not evict what it holds (maxmemory-policy noeviction, its default), and be no part of a cluster
- * (TQ_MOM_E_REFUSED). Whoever writes its keys by other means than this library tells nobody: a field that is set or
- * deleted so is not heard of until the next scan.
- * Redis permissions that a client needs: keys dm:*, channels dm:*, and the commands auth, eval, evalsha, exec, exists, hget,
- * hgetall, hscan, hset, hdel, info, multi, publish, pubsub, subscribe, unsubscribe. Without evalsha every write sends its
- * script, without exists a removed hash is not noticed, and a client that only reads needs neither hset nor hdel. With
- * client|setname the server's list of clients has names, with client|list tq_mom_store_clients() has an answer.
+ * A client of a Redis server considers its connection lost when the server closes it, is silent for the probe time, is no
+ * master, sends what means nothing, or has other content than before. docs/platform.md has these rules, and the settings and
+ * permissions that a server needs. What a caller sees of them:
+ *   - A synchronous call that waits fails with TQ_MOM_E_UNREACHABLE; it may have been carried out, or may still be, until
+ *     the client has reconnected. Opening waits for the probe time for each of the client's two connections at most.
+ *   - A reconnect has reason 1 for the same content of the same run of the same server, master all the while, and 2 for any
+ *     other.
+ *   - A subscription or a scan that the server refuses (no permission, a key of another type) holds its own kind only:
+ *     TQ_MOM_RESULT_HELD comes in its place, and the client asks again by itself.
+ *   - A write or read that the server refuses fails with TQ_MOM_E_REFUSED; after READONLY the connection is also lost. A
+ *     change that its readers may not be told of is refused, and not made.
+ *   - A lasting trouble is reported on standard error.
  *
  * A handle belongs to the process that opened it. In a child of fork() every call of it answers TQ_MOM_E_ARGUMENT, closing
  * included, and touches neither its sockets nor its locks; a child opens a handle of its own.
@@ -150,9 +134,10 @@ DM_API int32_t tq_mom_client_set_connection_cb(tq_mom_handle *handle, tq_mom_con
 DM_API int32_t tq_mom_client_store(tq_mom_handle *handle, char *text, uint32_t size);
 
 /*
- * What others see the client called among those of its server: letters, digits, dots and minuses, 63 at most; anything else becomes an
- * underscore. Until then it is called like its program. A server that forbids it goes on without a name. dm_cache_init() gives the
- * client the name that it was given. The connection that hears has its name from the next time it connects on.
+ * The client's name in the server's list of clients: letters, digits, dots and minuses, 63 at most; anything else becomes
+ * an underscore. Until then it has its program's name. When the server forbids names, the client goes on without one.
+ * dm_cache_init() gives the client the name that it was given. The subscribing connection gets the name when it next
+ * connects.
  */
 DM_API int32_t tq_mom_client_set_name(tq_mom_handle *handle, const char *name);
 
@@ -165,8 +150,8 @@ typedef struct tq_mom_store_client {
 } tq_mom_store_client;
 
 /*
- * Tells who is connected to the store's server, this client included. TQ_MOM_E_ARGUMENT for a store without a server, TQ_MOM_E_REFUSED
- * when the server does not say. The callback runs on the caller's thread.
+ * Tells who is connected to the store's server, this client included. TQ_MOM_E_ARGUMENT for a store without a server,
+ * TQ_MOM_E_REFUSED when the server does not say. The callback runs on the caller's thread.
  */
 typedef void (*tq_mom_store_client_cb)(const tq_mom_store_client *client, void *word);
 DM_API int32_t tq_mom_store_clients(tq_mom_handle *handle, tq_mom_store_client_cb callback, void *word);
@@ -175,17 +160,18 @@ DM_API int32_t tq_mom_store_clients(tq_mom_handle *handle, tq_mom_store_client_c
 DM_API uint64_t tq_mom_client_damaged(tq_mom_handle *handle);
 
 /*
- * At most so many milliseconds ago, everything that the store had told until then has been delivered to the callbacks, but for
- * what a reconnect has voided and a scan brings again; -1: not since the handle was opened. A Redis store is asked five times
- * in the time in which a silent one is given up, and not while a long answer comes in. It grows while the connection is lost,
- * and until the next reconnect when memory was missing for something that was told. Any thread, callbacks included.
+ * Everything that the store told up to this many milliseconds ago has been delivered to the callbacks, but for what a reconnect
+ * has voided and a scan brings again. -1: nothing is known since the handle was opened. A Redis store is asked five times in a
+ * probe time, and not while a long answer comes in. The number grows while the connection is lost, and, when memory was missing
+ * for something that the store told, until the next reconnect. Any thread, callbacks included.
  */
 DM_API int64_t tq_mom_client_heard_ms(tq_mom_handle *handle);
 
 /*
- * Makes a handle forget its subscriptions with this callback (of fields: with it as the first one) and its scans that are under way:
- * they are not told any more, but for a delivery that runs already. Who subscribes again is confirmed again. dm_cache_stop() does
- * this with the cache's own callbacks. TQ_MOM_E_ARGUMENT: a null callback, or no handle. Any thread, callbacks included.
+ * Makes a handle forget its subscriptions with this callback (of fields: with it as the first one) and its scans that
+ * are under way: they are not told any more, but for a delivery that runs already. A subscription that is asked for
+ * again is confirmed again. dm_cache_stop() does this with the cache's own callbacks. TQ_MOM_E_ARGUMENT: a null
+ * callback, or no handle. Any thread, callbacks included.
  */
 DM_API int32_t tq_mom_client_forget(tq_mom_handle *handle, tq_mom_msg_cb callback);
 

@@ -2,7 +2,7 @@
 #define TQ_NDM_CARD_PORTS_H
 
 /*
- * Cards and their ports: what sits in a slot, which ports it has, how they are called.
+ * Cards and their ports: what sits in a slot, which ports it has, what their identifiers are.
  *
  * Unless a function says otherwise:
  *   - it answers from the cache and takes the cache lock for the time of the call; any thread may call it, also from a

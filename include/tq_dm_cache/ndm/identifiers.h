@@ -28,8 +28,8 @@ DM_API int32_t ndm_get_dev_slot_cpuid_from_node(uint32_t node, int32_t *devid, i
 /* Which device and slot is a node in? The same without the sub-slot. */
 DM_API int32_t ndm_get_dev_slot_from_node(uint32_t node, int32_t *devid, int32_t *slot);
 
-/* Which card does a node number in a signed word name? It must be above 0. `reserved` must not be null; it is left
- * alone. */
+/* Which card does a node number in a signed word name? Refused: a number that is not above 0. `reserved` must not be
+ * null; it is left alone. */
 DM_API int32_t ndm_get_id_from_phy_card_type(int32_t node, int32_t *devid, int32_t *slot, int32_t *sslot,
                                              int32_t *reserved);
 

@@ -43,10 +43,10 @@ DM_API int32_t ndm_get_master_slotid(int32_t *devid, int32_t *slot);
 /* Which card is the slave of the whole unit? 0, or -1 and nothing written. */
 DM_API int32_t ndm_get_slaver_id(int32_t *devid, int32_t *slot);
 
-/* Which node is the master of the whole unit? Its sub-slot is taken as 0. 0xFFFFFFFF when it is not known. */
+/* Which node is the master of the whole unit? The sub-slot is assumed to be 0. 0xFFFFFFFF when it is not known. */
 DM_API uint32_t ndm_get_master_node(void);
 
-/* Which node is the slave of the whole unit? Its sub-slot is taken as 0. 0, or -1 and nothing written. */
+/* Which node is the slave of the whole unit? The sub-slot is assumed to be 0. 0, or -1 and nothing written. */
 DM_API int32_t ndm_get_slaver_node(uint32_t *node);
 
 /* What is the role of a node's card (p_dev.dm_role_e)? Its sub-slot is not compared. */
@@ -64,7 +64,7 @@ DM_API int32_t ndm_card_is_online(int32_t devid, int32_t slot, int32_t sslot);
 /* Is the card of a node online? */
 DM_API int32_t ndm_card_is_online_by_node(uint32_t node);
 
-/* Is a card of this chassis online? */
+/* Is a card of this chassis online? A slot outside 0..31 is a no. */
 DM_API int32_t ndm_local_is_online(int32_t slot, int32_t sslot);
 
 /* Is the card of a node a main board? */
@@ -73,7 +73,8 @@ DM_API int32_t ndm_is_mboard(uint32_t node);
 /* Is a device a box? */
 DM_API int32_t ndm_dev_is_box_switch(int32_t devid);
 
-/* What type of node is a card (p_dev.dm_node_type_e)? 0 when it is not known. */
+/* What type of node is a card (p_dev.dm_node_type_e)? 0 when it is not known, and for a number whose type bits are not a
+ * node's. */
 DM_API int32_t ndm_get_node_type(uint32_t node);
 
 /* Which cards are online? 0 with a new array of their node numbers, which the caller frees with free(), and their

@@ -23,7 +23,7 @@ extern "C" {
 #endif
 
 /*
- * Which physical slot and sub-slot is a user slot? On a chassis 22..31 are taken as physical slots of the same number,
+ * Which physical slot and sub-slot is a user slot? On a chassis user slots 22..31 are physical slots of the same number,
  * without the table. user_sslot is not used. *pslot may be written on failure: -1 when the user slot is out of range.
  */
 DM_API int32_t ndm_get_physlot_by_userslot(int32_t devid, int32_t user_slot, int32_t user_sslot, int32_t *pslot,
