@@ -104,10 +104,10 @@ def failed_test(folder, limit):
         if not failed or "not_run" in output:
             return f"?{output[-200:]}"
         name, why = failed[0]
-        if why == "Timeout" or run(ctest + ["-R", f"^{re.escape(name)}$"], limit)[0] != 0:
+        if why == "Timeout" or run(ctest + ["-R", f"^{re.escape(name)}(  #|$)"], limit)[0] != 0:
             return name
         print(f"    {name} failed once", flush=True)
-        status, output = run(ctest + ["--stop-on-failure", "-E", f"^{re.escape(name)}$"], limit)
+        status, output = run(ctest + ["--stop-on-failure", "-E", f"^{re.escape(name)}(  #|$)"], limit)
     return None
 
 
