@@ -3,7 +3,6 @@
 #include "platform/redis_store.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
 #include <utility>
 
@@ -393,14 +392,11 @@ const char *RedisStore::take(std::string_view channel) {
 
 // A hash that is there no more, though the last that was told of it was no deletion, has been removed by other means.
 const char *RedisStore::take_echo() {
-    const std::string_view text = frame_.strings[2];
-    uint64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || end != text.data() + text.size() || number > echo_asked_)
-        return "an echo that nobody asked for";
-    if (number <= echo_heard_) return nullptr;  // of an earlier connection
-    while (echo_asked_ - number + 1 < echo_times_.size()) echo_times_.pop_front();
-    echo_heard_ = number;
+    const auto number = whole_number<uint64_t>(frame_.strings[2]);
+    if (!number || *number > echo_asked_) return "an echo that nobody asked for";
+    if (*number <= echo_heard_) return nullptr;  // of an earlier connection
+    while (echo_asked_ - *number + 1 < echo_times_.size()) echo_times_.pop_front();
+    echo_heard_ = *number;
     if (!page_asked_ && fence_answered_ == fence_due_) echo_before_ = echo_asked_;
     if (echo_heard_ > echo_before_ + echoes_without_answer) return "echoes, and a request has no answer";
     Identity now;

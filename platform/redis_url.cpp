@@ -3,7 +3,6 @@
 
 #include <sys/un.h>
 #include <algorithm>
-#include <charconv>
 #include <cstdlib>
 #include <stdexcept>
 #include <string_view>
@@ -51,10 +50,9 @@ std::vector<std::string_view> parts_of(std::string_view text, std::string_view s
 }
 
 int number(std::string_view text, int least, int most, const char *fault) {
-    int value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size() || value < least || value > most) refuse(fault);
-    return value;
+    const auto value = whole_number<int>(text);
+    if (!value || *value < least || *value > most) refuse(fault);
+    return *value;
 }
 
 std::string decoded(std::string_view text) {
@@ -64,11 +62,9 @@ std::string decoded(std::string_view text) {
             plain += text.front();
             continue;
         }
-        unsigned char value = 0;
         const std::string_view digits = text.substr(1, 2);
-        const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value, 16);
-        if (error != std::errc() || digits.size() != 2 || end != digits.data() + 2 || value == 0)
-            refuse("a % needs two hexadecimal digits, not 00");
+        const auto value = whole_number<unsigned char>(digits, 16).value_or(0);
+        if (digits.size() != 2 || value == 0) refuse("a % needs two hexadecimal digits, not 00");
         plain += static_cast<char>(value);
         text.remove_prefix(2);
     }

@@ -4,7 +4,6 @@
 
 #include <poll.h>
 #include <algorithm>
-#include <charconv>
 #include <utility>
 
 #include "platform/redis_connection.h"
@@ -66,10 +65,10 @@ bool parse_address(const redisReply &reply, Address &address) {
     if (reply.type != REDIS_REPLY_ARRAY || reply.elements != 2) return false;
     if (reply.element[0]->type != REDIS_REPLY_STRING || reply.element[1]->type != REDIS_REPLY_STRING) return false;
     const std::string_view host = text_of(*reply.element[0]), port = text_of(*reply.element[1]);
-    const auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), address.port);
     address.host = host;
-    return !host.empty() && std::all_of(host.begin(), host.end(), is_printable) && error == std::errc() &&
-           end == port.data() + port.size() && address.port > 0 && address.port < 65536;
+    address.port = whole_number<int>(port).value_or(0);
+    return !host.empty() && std::all_of(host.begin(), host.end(), is_printable) && address.port > 0 &&
+           address.port < 65536;
 }
 
 // What is said to the credentials may quote them.

@@ -1,7 +1,9 @@
-// Words of others in a message. No state, no lock.
+// Words of others: shown in a message, read as a number. No state, no lock.
 #ifndef TQ_PLATFORM_TEXT_H
 #define TQ_PLATFORM_TEXT_H
 
+#include <charconv>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -25,6 +27,14 @@ inline std::string printable(std::string_view text, size_t longest = 600) {
         }
     }
     return text.size() > longest ? shown + "..." : shown;
+}
+
+// The whole text as a number of that base; nothing when it is none, or does not fit.
+template <class T> std::optional<T> whole_number(std::string_view text, int base = 10) {
+    T number = 0;
+    const char *const text_end = text.data() + text.size();
+    const auto [end, error] = std::from_chars(text.data(), text_end, number, base);
+    return error == std::errc() && end == text_end ? std::optional(number) : std::nullopt;
 }
 
 }  // namespace tq
