@@ -41,6 +41,7 @@ redis.call('PUBLISH', ARGV[2], struct.pack('>c0I4c0I4c0I4c0', 'E', #is, is, #the
 // A command: what has just been connected to is asked for its identity.
 std::string identity_question();
 
+inline constexpr const char *no_master = "the server is no master any more";
 inline constexpr const char *other_answer = "the server answers something else than was asked";
 
 }  // namespace tq

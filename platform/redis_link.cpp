@@ -10,8 +10,6 @@ namespace tq {
 
 namespace {
 
-// Their answers wait at the server until all of them are sent, and other callers until all of these are there.
-constexpr size_t commands_at_a_time = 256, bytes_at_a_time = 256 << 10;
 constexpr int longest_answer = 12;  // probe times, while it keeps coming
 constexpr int longest_silence = 5;  // fifths of a probe time
 
@@ -82,30 +80,21 @@ Reply RedisLink::call(const Words &command) {
     return reply;
 }
 
-bool RedisLink::call_many(size_t count, const Command &command, const Take &take) {
-    bool more = true;
-    for (size_t begin = 0, end = 0; more && begin < count; begin = end) {
-        std::string bytes;
-        for (; end < count && end < begin + commands_at_a_time && bytes.size() < bytes_at_a_time; ++end) {
-            bytes += command(end);
+std::vector<Reply> RedisLink::call_many(size_t count, const std::string &commands) {
+    std::vector<Reply> replies;
+    replies.reserve(count);
+    {
+        const std::lock_guard lock(mutex_);
+        const LoseWhenThrown guard{*this};
+        take_posted();
+        connection_.add(commands);
+        take_all_owed();
+        while (usable_ && replies.size() < count) {
+            if (Reply reply = answer()) replies.push_back(std::move(reply));
         }
-        std::vector<Reply> replies;
-        replies.reserve(end - begin);
-        {
-            const std::lock_guard lock(mutex_);
-            const LoseWhenThrown guard{*this};
-            take_posted();
-            connection_.add(bytes);
-            take_all_owed();
-            while (usable_ && replies.size() < end - begin) {
-                if (Reply reply = answer()) replies.push_back(std::move(reply));
-            }
-        }
-        send_posted();
-        for (size_t i = 0; i < replies.size(); ++i) more &= take(begin + i, *replies[i]);
-        if (replies.size() < end - begin) return false;
     }
-    return true;
+    send_posted();
+    return replies;
 }
 
 void RedisLink::post(const std::vector<Words> &commands, bool is_transaction, bool may_be_refused) {

@@ -6,7 +6,6 @@
 
 #include <deque>
 #include <exception>
-#include <functional>
 #include <mutex>
 
 #include "platform/redis_connection.h"
@@ -31,12 +30,9 @@ public:
 
     // Null: the connection is lost.
     Reply call(const Words &command);
-    // The same for many commands, some hundred at a time: those are sent before the first one's answer is waited for. `take`
-    // gets the answers in order; when one of a group made it answer false, no further group is sent. False: the connection
-    // is lost.
-    using Command = std::function<std::string(size_t number)>;
-    using Take = std::function<bool(size_t number, const redisReply &answer)>;
-    bool call_many(size_t count, const Command &command, const Take &take);
+    // The same for so many formatted commands: all are sent before the first one's answer is waited for. Fewer answers: the
+    // connection is lost.
+    std::vector<Reply> call_many(size_t count, const std::string &commands);
     // Waits for no call under way: whoever is in one sends it along.
     void post(const Words &command) { post({command}, /*is_transaction=*/false); }
     // The same, and a refusal is no fault.

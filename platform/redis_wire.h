@@ -25,6 +25,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/redis_connection.h"
 #include "platform/store.h"
 
 namespace tq {
@@ -33,6 +34,11 @@ std::string hash_of(const Place &place);  // and its channel
 std::string channel_of(const Place &place, const std::string &key);
 std::string random_id();
 std::string new_private_channel();
+
+ObjectPtr new_object(std::string_view key, std::string_view bytes);
+// The objects of a hash, or of a page of it: keys and values by turns.
+bool is_list_of_pairs(const redisReply &reply);
+std::vector<ObjectPtr> objects_of(const redisReply &list);
 
 // What one push on a channel says.
 struct Frame {
