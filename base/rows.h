@@ -42,6 +42,19 @@ inline constexpr size_t largest_object = sizeof(PDev__DmPortAttrT);
 // Null for a row that holds no kind.
 const Kind *kind_of_row(int32_t row);
 
+// A message of a kind that carries only a key: to ask for, or to compare with.
+class KeyedMessage {
+public:
+    KeyedMessage(const Kind &kind, const ProtobufCMessage *key) {
+        kind.descriptor->message_init(message());
+        if (kind.index_offset > 0) put(bytes_ + kind.index_offset, key);
+    }
+    ProtobufCMessage *message() { return reinterpret_cast<ProtobufCMessage *>(bytes_); }
+
+private:
+    alignas(std::max_align_t) char bytes_[largest_object];
+};
+
 // Writes a row up to its index set; `proc_order` is the caller's last step.
 void fill_row(obj_sub_entry *entry, const Kind &kind);
 

@@ -7,7 +7,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "bench/world.h"
+#include "bench/unit.h"
 #include "tq_dm_cache/dm_cache.h"
 #include "tq_dm_cache/p_dev.pb-c.h"
 

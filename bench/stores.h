@@ -3,8 +3,8 @@
 
 // The groups of benchmarks, and the stores that they share.
 
-#include "bench/table.h"
-#include "bench/world.h"
+#include "bench/report.h"
+#include "bench/unit.h"
 #include "tests/platform/redis_server.h"
 
 namespace bench {

@@ -1,10 +1,8 @@
 // Reading and storing cached objects by row number. Reads hand out the cached messages and take no lock: their callers
 // hold it. dm_cache_set_obj takes it.
-#include <cstddef>
-
+#include "cache/access.h"
 #include "base/log.h"
 #include "base/row_table.h"
-#include "cache/access.h"
 #include "cache/events.h"
 #include "cache/row_update.h"
 #include "cache/startup.h"
@@ -15,22 +13,13 @@ static constexpr dm::LogTag log_tag{"dm_cache"};
 namespace dm {
 namespace {
 
-// A message of any kind, zeroed, that carries only a key: what a look-up compares with.
-class Probe {
-public:
-    Probe(const obj_sub_entry &row, const void *key) {
-        if (row.index_offset > 0) put(bytes_ + row.index_offset, key);
-    }
-    const void *get() const { return bytes_; }
-
-private:
-    alignas(std::max_align_t) char bytes_[largest_object] = {};
-};
-
-dm_cache_list_node *find_keyed(const obj_sub_entry &row, const ProtobufCMessage *key) {
+dm_cache_list_node *find_keyed(int32_t type, const ProtobufCMessage *key) {
+    const obj_sub_entry &row = obj_sub_list[type];
     if (const RowTable *table = table_for(row.obj_list, row.cmp_func)) return find_in(*table, key);
-    const Probe probe(row, key);
-    return dm_cache_list_find(row.obj_list, row.cmp_func, probe.get());
+    const Kind *const kind = kind_of_row(type);
+    if (!kind) return nullptr;
+    KeyedMessage probe(*kind, key);
+    return dm_cache_list_find(row.obj_list, row.cmp_func, probe.message());
 }
 
 }  // namespace
@@ -57,7 +46,7 @@ int32_t dm_cache_get_obj(int32_t type, const void *key, void *out) {
         DM_LOG(failure, "param err[%d][%p][%p].\n", type, key, out);
         return -1;
     }
-    const dm_cache_list_node *node = find_keyed(obj_sub_list[type], static_cast<const ProtobufCMessage *>(key));
+    const dm_cache_list_node *node = find_keyed(type, static_cast<const ProtobufCMessage *>(key));
     put(out, node ? node->obj : nullptr);
     return node ? 0 : -1;
 }

@@ -281,7 +281,7 @@ void Client::deliver(const Confirmed &event, uint64_t) {
     confirm(*event.ticket);
 }
 
-void Client::deliver(const Held &event, uint64_t epoch) {
+void Client::deliver(const OnHold &event, uint64_t epoch) {
     if (epoch != epoch_) return;
     const Request &request = *event.ticket;
     result_rec record = {nullptr, {}, TQ_MOM_RESULT_HELD};

@@ -104,7 +104,7 @@ private:
 
     // Its delivery, on the loop's thread.
     void deliver(const Confirmed &event, uint64_t epoch);
-    void deliver(const Held &event, uint64_t epoch);
+    void deliver(const OnHold &event, uint64_t epoch);
     void deliver(const Changed &event, uint64_t epoch);
     void deliver(const Page &event, uint64_t epoch);
     void push(const Request &request, const Listener &listener, const Changed &event);

@@ -88,7 +88,7 @@ static Message unpack(const ProtobufCMessageDescriptor &kind, std::string_view b
         protobuf_c_message_unpack(&kind, &allocator, bytes.size(), reinterpret_cast<const uint8_t *>(bytes.data())));
 }
 
-std::optional<std::string> key_of(const ProtobufCMessage &message) {
+std::optional<std::string> packed_key(const ProtobufCMessage &message) {
     const ProtobufCFieldDescriptor *field = key_field(*message.descriptor);
     if (!field) return std::string();
     const auto *place = reinterpret_cast<const char *>(&message) + field->offset;
@@ -101,7 +101,7 @@ Target::Target(uint32_t db, const ProtobufCMessage *message) {
     if (!message || !message->descriptor) return;
     kind = message->descriptor;
     place = {db, kind->name};
-    key = key_of(*message);
+    key = packed_key(*message);
 }
 
 Message key_only(const ProtobufCMessageDescriptor &kind, const std::string &key) {
@@ -120,7 +120,7 @@ Decoded decode(const ProtobufCMessageDescriptor &kind, const Object &object) {
     Message message = unpack(kind, object.bytes, no_memory);
     // Whoever copies the message packs and unpacks it.
     const bool survives = message && (!may_hold_field_zero(object.bytes) || unpack(kind, pack(*message), no_memory));
-    if (survives && key_of(*message) == object.key) return {std::move(message), 0};
+    if (survives && packed_key(*message) == object.key) return {std::move(message), 0};
     return {key_only(kind, object.key), no_memory ? TQ_MOM_E_MEMORY : TQ_MOM_E_DAMAGED};
 }
 

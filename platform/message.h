@@ -21,7 +21,7 @@ using Message = std::unique_ptr<ProtobufCMessage, FreeMessage>;
 std::string pack(const ProtobufCMessage &message);
 
 // The packed key: empty for a kind with one object. Nothing when a keyed kind's message carries no key.
-std::optional<std::string> key_of(const ProtobufCMessage &message);
+std::optional<std::string> packed_key(const ProtobufCMessage &message);
 
 // Where a message's object lies in the store. No kind: the message is unusable. No key: it may still name a kind.
 struct Target {

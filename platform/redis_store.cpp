@@ -162,7 +162,7 @@ void RedisStore::confirm(const Confirmation &confirmation) {
     const auto &[ticket, channel] = confirmation;
     if (!channel->is_refused) return sink_.post(Confirmed{ticket});
     holds_.find(channel->hash)->confirmations.push_back(confirmation);
-    sink_.post(Held{ticket, /*is_scan=*/false});
+    sink_.post(OnHold{ticket, /*is_scan=*/false});
 }
 
 // The link is opened here, with a wait: this server has just answered.
@@ -409,7 +409,7 @@ void RedisStore::scan(const Place &place, const Ticket &ticket) {
     const std::string hash = hash_of(place);
     if (Hold *hold = holds_.find(hash)) {
         hold->scans.push_back(ticket);
-        return sink_.post(Held{ticket, /*is_scan=*/true});
+        return sink_.post(OnHold{ticket, /*is_scan=*/true});
     }
     scans_.add({hash, ticket});
     ask_page();
@@ -458,7 +458,7 @@ void RedisStore::deliver_page() {
 void RedisStore::page_refused(const std::string &fault) {
     Hold &hold = holds_.refuse(scans_.current().hash, "a scan is refused: " + fault);
     for (RedisScans::Scan &scan : scans_.refuse()) {
-        if (!scan.is_told) sink_.post(Held{scan.ticket, /*is_scan=*/true});
+        if (!scan.is_told) sink_.post(OnHold{scan.ticket, /*is_scan=*/true});
         hold.scans.push_back(std::move(scan.ticket));
     }
     ask_page();

@@ -5,7 +5,7 @@
 //   - follow, scan, and every change of a followed place take their turn in one order, and the sink hears in that order.
 //     So a scanned object is never older than a change told before it;
 //   - a scan ends with a Page that is the last one, unless the connection is lost first;
-//   - a subscription or a scan that the store refuses holds up its own place only, and is Held until it is granted;
+//   - a subscription or a scan that the store refuses holds up its own place only, and is OnHold until it is granted;
 //   - what was followed survives a lost connection: it is followed again before connected() is told;
 //   - read, read_all, write, erase and replace work on any thread, the loop's included, and wait for nothing that the loop does;
 //   - the sink hears nothing after the Store's destructor has returned.
@@ -55,7 +55,7 @@ struct Confirmed {
 };
 
 // What was asked for is refused for now: the store asks again by itself, and the answer comes when it is given.
-struct Held {
+struct OnHold {
     Ticket ticket;
     bool is_scan;
 };
@@ -74,7 +74,7 @@ struct Page {
     bool last;
 };
 
-using Event = std::variant<Confirmed, Held, Changed, Page>;
+using Event = std::variant<Confirmed, OnHold, Changed, Page>;
 
 // Hears from a store, on the store's threads: it must not call the store back, nor wait.
 class Sink {

@@ -8,23 +8,6 @@
 static constexpr dm::LogTag log_tag{"ndm_port", dm::Threshold::library};
 
 namespace dm {
-namespace {
-
-// An empty message of a row's kind that carries only a key.
-class Request {
-public:
-    Request(int32_t row, const ProtobufCMessage *key) {
-        const Kind &kind = *kind_of_row(row);
-        kind.descriptor->message_init(message());
-        if (kind.index_offset > 0) put(bytes_ + kind.index_offset, key);
-    }
-    ProtobufCMessage *message() { return reinterpret_cast<ProtobufCMessage *>(bytes_); }
-
-private:
-    alignas(std::max_align_t) char bytes_[largest_object];
-};
-
-}  // namespace
 
 uint64_t change_mark_now() {
     SharedCacheLock lock;
@@ -39,7 +22,7 @@ StoreReply::StoreReply(int32_t row, uint32_t db, const ProtobufCMessage *key, Re
 }
 
 int32_t StoreReply::ask(uint32_t db, const ProtobufCMessage *key, ReadBy by, Caller caller) {
-    Request request(row_, key);
+    KeyedMessage request(*kind_of_row(row_), key);
     int32_t error = 0;
     const StoreCallback inside;
     if (!inside.may_run()) {
