@@ -1,8 +1,6 @@
-#ifndef TQ_DM_BENCH_REPORT_H
-#define TQ_DM_BENCH_REPORT_H
-
 // Benchmarks that count for themselves, and a table of what they counted: the median of all repetitions, beside that of
 // the bare subscriber.
+#pragma once
 
 #include <benchmark/benchmark.h>
 
@@ -39,5 +37,3 @@ private:
 };
 
 }  // namespace bench
-
-#endif

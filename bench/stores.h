@@ -1,7 +1,5 @@
-#ifndef TQ_DM_BENCH_STORES_H
-#define TQ_DM_BENCH_STORES_H
-
 // The groups of benchmarks, and the stores that they share.
+#pragma once
 
 #include "bench/report.h"
 #include "bench/unit.h"
@@ -21,5 +19,3 @@ void add_restarts();
 void add_caches();
 
 }  // namespace bench
-
-#endif

@@ -1,8 +1,6 @@
-#ifndef TQ_DM_BENCH_UNIT_H
-#define TQ_DM_BENCH_UNIT_H
-
 // What the figures are taken of: the largest unit that the cache holds, 10,000 global and 10,000 static ports and all
 // that belongs to them, as `dmq gen` makes them. Times are those of one clock, in every process of the machine.
+#pragma once
 
 #include <atomic>
 #include <chrono>
@@ -51,5 +49,3 @@ private:
 };
 
 }  // namespace bench
-
-#endif

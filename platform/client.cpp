@@ -72,7 +72,7 @@ bool Client::enter() {
 
 void Client::leave() {
     const std::lock_guard lock(calls_mutex_);
-    calls_--;
+    --calls_;
     calls_over_.notify_all();
 }
 

@@ -114,7 +114,7 @@ void MemClient::follow(const Place &place, const std::string *, const Ticket &ti
     }
     if (up_ && confirmations_to_lose_ == 0) return sink_.post(Confirmed{ticket});
     owed_.push_back(ticket);
-    if (up_) confirmations_to_lose_--;
+    if (up_) --confirmations_to_lose_;
 }
 
 // The whole content at one point of the order.

@@ -67,16 +67,8 @@ bool may_hold_field_zero(std::string_view bytes) {
     return false;
 }
 
-}  // namespace
-
-std::string pack(const ProtobufCMessage &message) {
-    std::string bytes(protobuf_c_message_get_packed_size(&message), '\0');
-    protobuf_c_message_pack(&message, reinterpret_cast<uint8_t *>(bytes.data()));
-    return bytes;
-}
-
 // No message, and `no_memory` when that is why. The stock functions free what it has made.
-static Message unpack(const ProtobufCMessageDescriptor &kind, std::string_view bytes, bool &no_memory) {
+Message unpack(const ProtobufCMessageDescriptor &kind, std::string_view bytes, bool &no_memory) {
     const auto allocate = [](void *failed, size_t size) {
         void *block = std::malloc(size);
         if (!block) *static_cast<bool *>(failed) = true;
@@ -86,6 +78,14 @@ static Message unpack(const ProtobufCMessageDescriptor &kind, std::string_view b
     no_memory = false;
     return Message(
         protobuf_c_message_unpack(&kind, &allocator, bytes.size(), reinterpret_cast<const uint8_t *>(bytes.data())));
+}
+
+}  // namespace
+
+std::string pack(const ProtobufCMessage &message) {
+    std::string bytes(protobuf_c_message_get_packed_size(&message), '\0');
+    protobuf_c_message_pack(&message, reinterpret_cast<uint8_t *>(bytes.data()));
+    return bytes;
 }
 
 std::optional<std::string> packed_key(const ProtobufCMessage &message) {

@@ -1,6 +1,5 @@
 // Messages as the store holds them: packed bytes, found by the bytes of their key. Constant descriptors only, no lock.
-#ifndef TQ_PLATFORM_MESSAGE_H
-#define TQ_PLATFORM_MESSAGE_H
+#pragma once
 
 #include <protobuf-c/protobuf-c.h>
 
@@ -51,5 +50,3 @@ bool has_field(const ProtobufCMessageDescriptor &kind, uint32_t number);
 bool field_differs(std::string_view before, std::string_view after, uint32_t number);
 
 }  // namespace tq
-
-#endif

@@ -1,6 +1,5 @@
 // Who a server is, and whether what it holds is still what was read there. No state, no lock.
-#ifndef TQ_PLATFORM_REDIS_IDENTITY_H
-#define TQ_PLATFORM_REDIS_IDENTITY_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -45,5 +44,3 @@ inline constexpr const char *no_master = "the server is no master any more";
 inline constexpr const char *other_answer = "the server answers something else than was asked";
 
 }  // namespace tq
-
-#endif

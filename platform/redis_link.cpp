@@ -45,7 +45,7 @@ int32_t RedisLink::ask_identity(Identity &identity, std::string &fault) {
     connection_.add(auth);
     connection_.add(identity_question());
     connection_.add(name_.command());
-    for (int answers = auth.empty() ? 1 : 2; answers > 0; answers--) {
+    for (int answers = auth.empty() ? 1 : 2; answers > 0; --answers) {
         const Reply reply = read_answer();
         if (!reply) return TQ_MOM_E_UNREACHABLE;
         if (is_error(*reply)) {

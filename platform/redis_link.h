@@ -1,8 +1,7 @@
 // The connection on which a client gives commands. call() waits for its answer. post() does not wait, and what it sends
 // goes before whatever is called later: one thread's requests keep their order. Of the answers to what is posted only those
 // of transactions are kept.
-#ifndef TQ_PLATFORM_REDIS_LINK_H
-#define TQ_PLATFORM_REDIS_LINK_H
+#pragma once
 
 #include <deque>
 #include <exception>
@@ -104,5 +103,3 @@ private:
 };
 
 }  // namespace tq
-
-#endif

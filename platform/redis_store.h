@@ -8,8 +8,7 @@
 //
 // Fences, scans and echoes have numbers that only grow: what is owed is what was asked for beyond what was answered, and a
 // late answer is known by its number.
-#ifndef TQ_PLATFORM_REDIS_STORE_H
-#define TQ_PLATFORM_REDIS_STORE_H
+#pragma once
 
 #include <atomic>
 #include <deque>
@@ -150,5 +149,3 @@ private:
 };
 
 }  // namespace tq
-
-#endif

@@ -177,7 +177,7 @@ std::string shown(const RedisUrl &url, const Scheme &scheme) {
     std::string text(scheme.prefix);
     if (!user.empty()) text += encoded(user, ":@/?") + ":@";
     if (!scheme.asks_sentinels) return text + address_text(url.server, "?");
-    for (size_t i = 0; i < url.sentinels.size(); i++) text += (i ? "," : "") + address_text(url.sentinels[i], "?,");
+    for (size_t i = 0; i < url.sentinels.size(); ++i) text += (i ? "," : "") + address_text(url.sentinels[i], "?,");
     return text + (scheme.by_sockets ? "?name=" : "/") + url.master_name;
 }
 

@@ -18,8 +18,7 @@
 //
 // Beside the kinds there is one more hash, dm:store. Under `id` it has a word of chance that the first client writes: with the
 // server's own names it makes the identity of the content. Another one, and all that was read before means nothing.
-#ifndef TQ_PLATFORM_REDIS_WIRE_H
-#define TQ_PLATFORM_REDIS_WIRE_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -99,5 +98,3 @@ inline constexpr std::string_view mark_script =
     "redis.set_repl(redis.REPL_NONE) redis.call('PUBLISH', ARGV[1], ARGV[2])";
 
 }  // namespace tq
-
-#endif

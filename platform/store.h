@@ -11,8 +11,7 @@
 //   - the sink hears nothing after the Store's destructor has returned.
 //
 // The client calls follow() and up() with its own lock held: they must not wait for the loop.
-#ifndef TQ_PLATFORM_STORE_H
-#define TQ_PLATFORM_STORE_H
+#pragma once
 
 #include <cstdint>
 #include <memory>
@@ -130,5 +129,3 @@ public:
 std::unique_ptr<Store> open_store(const std::string &url, Sink &sink, Loop &loop, int32_t &error);
 
 }  // namespace tq
-
-#endif

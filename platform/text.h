@@ -1,6 +1,5 @@
 // Words of others: shown in a message, read as a number. No state, no lock.
-#ifndef TQ_PLATFORM_TEXT_H
-#define TQ_PLATFORM_TEXT_H
+#pragma once
 
 #include <charconv>
 #include <optional>
@@ -38,5 +37,3 @@ template <class T> std::optional<T> whole_number(std::string_view text, int base
 }
 
 }  // namespace tq
-
-#endif
