@@ -61,9 +61,8 @@ std::optional<std::string> field_bytes(std::string_view bytes, uint32_t number) 
 // A field's number written as zero, in more bytes than it needs. protobuf-c reads it as an unknown field, but packs it into
 // one byte, which it does not read. In bytes as they are packed a zero follows such a byte by chance only.
 bool may_hold_field_zero(std::string_view bytes) {
-    for (size_t at = bytes.find('\0', 1); at != std::string_view::npos; at = bytes.find('\0', at + 1)) {
+    for (size_t at = bytes.find('\0', 1); at != std::string_view::npos; at = bytes.find('\0', at + 1))
         if ((static_cast<uint8_t>(bytes[at - 1]) & 0xf8) == 0x80) return true;
-    }
     return false;
 }
 

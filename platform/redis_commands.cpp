@@ -67,9 +67,8 @@ int32_t RedisStore::judge(const Command &command, const redisReply &reply, uint6
     }
     const std::lock_guard lock(mutex_);
     for (auto &[about, trouble] : call_troubles_) {
-        if (about.second == command.is_write && (about.first == command.hash || is_of_server(about.first))) {
+        if (about.second == command.is_write && (about.first == command.hash || is_of_server(about.first)))
             trouble.end();
-        }
     }
     return 0;
 }
@@ -169,9 +168,8 @@ void RedisStore::write_groups(const std::vector<Write> &writes, Progress &progre
 
 int32_t RedisStore::erase(const Place &place, const std::string &key) {
     Reply reply;
-    if (const int32_t error = run(erase_script, hash_of(place), {key, channel_of(place, key)}, is_number, reply)) {
+    if (const int32_t error = run(erase_script, hash_of(place), {key, channel_of(place, key)}, is_number, reply))
         return error;
-    }
     return reply->integer == 1 ? 0 : TQ_MOM_E_NOT_FOUND;
 }
 

@@ -89,9 +89,8 @@ std::vector<Reply> RedisLink::call_many(size_t count, const std::string &command
         take_posted();
         connection_.add(commands);
         take_all_owed();
-        while (usable_ && replies.size() < count) {
+        while (usable_ && replies.size() < count)
             if (Reply reply = answer()) replies.push_back(std::move(reply));
-        }
     }
     send_posted();
     return replies;
@@ -190,16 +189,14 @@ void RedisLink::take_owed(Reply reply) {
     }
     Owed &owed = owed_.front();
     if (is_error(*reply) && owed.fault.empty() && !owed.may_be_refused) owed.fault = text_of(*reply);
-    for (size_t i = 0; i < reply->elements && owed.fault.empty(); ++i) {
+    for (size_t i = 0; i < reply->elements && owed.fault.empty(); ++i)
         if (is_error(*reply->element[i])) owed.fault = text_of(*reply->element[i]);
-    }
     ++answers_;
     if (--owed.answers > 0) return;
-    if (owed.is_transaction) {
+    if (owed.is_transaction)
         transactions_.push_back({std::move(reply), std::move(owed.fault)});
-    } else if (!owed.fault.empty()) {
+    else if (!owed.fault.empty())
         fault_ = std::move(owed.fault);
-    }
     owed_.pop_front();
 }
 

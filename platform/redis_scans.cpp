@@ -30,9 +30,8 @@ Page RedisScans::take(const redisReply &reply) {
     Scan &scan = scans_.front();
     scan.cursor = text_of(*reply.element[0]);
     Page page{scan.ticket, objects_of(*reply.element[1]), scan.cursor == "0"};
-    for (const ObjectPtr &object : page.objects) {
+    for (const ObjectPtr &object : page.objects)
         scan.largest = std::max(scan.largest, object->key.size() + object->bytes.size());
-    }
     scan.count = std::clamp(page_bytes / scan.largest, size_t{1}, std::min(growth * scan.count, most_at_once_));
     if (page.last) {
         scans_.pop_front();

@@ -150,11 +150,10 @@ void RedisStore::answered(uint64_t fence) {
 void RedisStore::confirm(uint64_t fence) {
     while (!to_confirm_.empty() && to_confirm_.begin()->first <= fence) {
         const auto first = to_confirm_.extract(to_confirm_.begin());
-        if (first.key() == fence) {
+        if (first.key() == fence)
             confirm(first.mapped());
-        } else {
+        else
             owed_.push_back(first.mapped());
-        }
     }
 }
 
@@ -169,9 +168,8 @@ void RedisStore::confirm(const Confirmation &confirmation) {
 void RedisStore::establish() {
     std::string fault;
     if (!starting_ && link_.open(feed_.server(), link_identity_, fault) != 0) return feed_.lose(fault);
-    if (!same_content(link_identity_, feed_.identity())) {
+    if (!same_content(link_identity_, feed_.identity()))
         return feed_.lose("the address leads to two servers, one after the other");
-    }
     if (!is_master_still()) return feed_.lose("the sentinels name another master by now");
     if (!come_up()) return feed_.send();
     if (std::exchange(starting_, false)) started_.set_value(true);
@@ -201,11 +199,10 @@ bool RedisStore::come_up() {
     std::vector<Ticket> confirmed;
     std::vector<Confirmation> refused;
     for (const Confirmation &owed : std::exchange(owed_, {})) {
-        if (owed.channel->is_refused) {
+        if (owed.channel->is_refused)
             refused.push_back(owed);
-        } else {
+        else
             confirmed.push_back(owed.ticket);
-        }
     }
     if (!starting_) sink_.connected(reason, std::move(confirmed));
     for (const Confirmation &owed : refused) confirm(owed);
@@ -235,9 +232,8 @@ void RedisStore::try_held() {
         for (const std::string &hash : holds_.take_due(Clock::now())) {
             auto &scans = holds_.find(hash)->scans;
             if (is_refused(hash)) {
-                for (const auto &[name, channel] : channels_) {
+                for (const auto &[name, channel] : channels_)
                     if (channel.is_refused && channel.hash == hash) to_subscribe_.push_back(name);
-                }
             } else if (!scans.empty()) {
                 scans_.add({hash, std::move(scans.front()), /*is_told=*/true});
                 scans.erase(scans.begin());
@@ -447,11 +443,10 @@ void RedisStore::deliver_page() {
     if (!is_page && answer.fault.empty()) return feed_.lose("a page of a scan means nothing");
     const std::lock_guard lock(mutex_);
     if (!up_ || !scans_.is_page_due()) return;
-    if (is_page) {
+    if (is_page)
         take_page(*page);
-    } else {
+    else
         page_refused(answer.fault);
-    }
 }
 
 // Scans of other places go on.

@@ -76,19 +76,17 @@ std::string encoded(std::string_view plain, std::string_view signs) {
     std::string text;
     for (const char c : plain) {
         const auto byte = static_cast<unsigned char>(c);
-        if (is_printable(c) && c != ' ' && c != '%' && signs.find(c) == std::string_view::npos) {
+        if (is_printable(c) && c != ' ' && c != '%' && signs.find(c) == std::string_view::npos)
             text += c;
-        } else {
+        else
             text.append("%").append(1, digits[byte >> 4]).append(1, digits[byte & 15]);
-        }
     }
     return text;
 }
 
 const Scheme &scheme_of(std::string_view url) {
-    for (const Scheme &scheme : schemes) {
+    for (const Scheme &scheme : schemes)
         if (url.starts_with(scheme.prefix)) return scheme;
-    }
     if (url.starts_with("rediss:")) refuse("there is no TLS here; docs/platform.md shows the road by a tunnel");
     refuse(
         "give mem:, mem:NAME, redis://HOST:PORT, redis+unix:///PATH, "

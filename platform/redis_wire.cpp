@@ -71,9 +71,8 @@ bool is_list_of_pairs(const redisReply &reply) {
 std::vector<ObjectPtr> objects_of(const redisReply &list) {
     std::vector<ObjectPtr> objects;
     objects.reserve(list.elements / 2);
-    for (size_t i = 0; i < list.elements; i += 2) {
+    for (size_t i = 0; i < list.elements; i += 2)
         objects.push_back(new_object(text_of(*list.element[i]), text_of(*list.element[i + 1])));
-    }
     return objects;
 }
 

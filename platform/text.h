@@ -19,11 +19,10 @@ inline std::string printable(std::string_view text, size_t longest = 600) {
     std::string shown;
     for (const char c : text.substr(0, longest)) {
         const auto byte = static_cast<unsigned char>(c);
-        if (is_printable(c)) {
+        if (is_printable(c))
             shown += c;
-        } else {
+        else
             shown.append("\\x").append(1, digits[byte >> 4]).append(1, digits[byte & 15]);
-        }
     }
     return text.size() > longest ? shown + "..." : shown;
 }

@@ -94,9 +94,8 @@ void wake_for_next(Loop &loop) {
 
 void disarm_all(Loop &loop) {
     const std::lock_guard lock(all_timers().mutex);
-    for (auto it = all_timers().first(loop); it != all_timers().by_time.end(); it = all_timers().first(loop)) {
+    for (auto it = all_timers().first(loop); it != all_timers().by_time.end(); it = all_timers().first(loop))
         all_timers().disarm(it->second.due.timer);
-    }
 }
 
 }  // namespace tq
