@@ -78,7 +78,7 @@ int BareSubscriber::scan(const ProtobufCMessageDescriptor &kind) {
         if (cursor != "0") ask_page(hash, cursor);
         const redisReply &list = *page->element[1];
         for (size_t i = 1; i < list.elements; i += 2)
-            unpack(kind, {list.element[i]->str, list.element[i]->len}, [&] { objects++; });
+            unpack(kind, {list.element[i]->str, list.element[i]->len}, [&] { ++objects; });
     } while (cursor != "0");
     return objects;
 }

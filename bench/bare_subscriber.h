@@ -1,8 +1,6 @@
-#ifndef TQ_DM_BENCH_BARE_SUBSCRIBER_H
-#define TQ_DM_BENCH_BARE_SUBSCRIBER_H
-
 // The rival: hiredis and protobuf-c and nothing else. One connection hears, another commands; no loop, no second
 // thread, no thought of a server that goes away.
+#pragma once
 
 #include <hiredis.h>
 #include <protobuf-c/protobuf-c.h>
@@ -44,5 +42,3 @@ private:
 };
 
 }  // namespace bench
-
-#endif

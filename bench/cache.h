@@ -1,13 +1,11 @@
-#ifndef TQ_DM_BENCH_CACHE_H
-#define TQ_DM_BENCH_CACHE_H
-
 // A live cache in this process, over an embedded store that holds so many global and so many static ports, and all that
 // belongs to them. A cache lives as long as its process, so a size is a run of the program. What a figure is compared with
 // has the same name and "/rival" behind it.
+#pragma once
 
 #include <benchmark/benchmark.h>
 
-#include "bench/world.h"
+#include "bench/unit.h"
 #include "tq_dm_cache/dm_cache.h"
 #include "tq_dm_cache/p_dev.pb-c.h"
 
@@ -64,5 +62,3 @@ int print_synchronisation(int count);
 void add_synchronisations(const std::string &program, int count);
 
 }  // namespace bench
-
-#endif

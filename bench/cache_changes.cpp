@@ -75,7 +75,7 @@ void add_stream() {
         [](benchmark::State &state) {
             for (auto _ : state)
                 for (const Port &port : cache().ports)
-                    for (int i = 0; i < 3; i++) release(packed_copy(port.global->base));
+                    for (int i = 0; i < 3; ++i) release(packed_copy(port.global->base));
             state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(cache().ports.size()));
         })
         ->Unit(benchmark::kMillisecond)
@@ -90,7 +90,7 @@ void stream_changes(benchmark::State &state) {
     for (const Port &port : live.ports) copies.push_back(own_copy(port.global));
     for (auto _ : state) {
         for (PDev__VsdPort *copy : copies) {
-            copy->bandwidth++;
+            ++copy->bandwidth;
             set(live.client, copy->base);
         }
         check(tq_mom_client_drain(live.client.get(), 60'000), "drain");

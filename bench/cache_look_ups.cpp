@@ -26,7 +26,7 @@ void add_look_up_by_key(const std::string &name, size_t step) {
     benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State &state) {
         std::vector<PDev__VsdPortIndex> keys;
         Way way(cache().ports.size(), step);
-        for (size_t i = 0; i < cache().ports.size(); i++) keys.push_back(*cache().ports[way.next()].global->index);
+        for (size_t i = 0; i < cache().ports.size(); ++i) keys.push_back(*cache().ports[way.next()].global->index);
         Way next(keys.size());
         dm_cache_lock();
         for (auto _ : state) {

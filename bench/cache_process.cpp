@@ -5,7 +5,7 @@
 #include <unistd.h>
 #include <iostream>
 
-#include "bench/world.h"
+#include "bench/unit.h"
 #include "dmq/names.h"
 #include "tq_dm_cache/dm_cache_status.h"
 

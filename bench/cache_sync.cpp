@@ -37,7 +37,7 @@ double copy_twice(const std::vector<Port> &all) {
     double took = 0;
     std::thread([&] {
         const double begun = thread_time();
-        for (int i = 0; i < 2; i++)
+        for (int i = 0; i < 2; ++i)
             for (const Port &port : all) {
                 packed_copy(port.global->base);  // kept, so that all memory is fresh
                 packed_copy(port.at_its_place->base);

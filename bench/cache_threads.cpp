@@ -31,7 +31,7 @@ public:
         : thread_([this] {
               auto *port = reinterpret_cast<PDev__VsdPort *>(packed_copy(cache().ports[0].global->base));
               for (auto next = Clock::now(); !stop_; std::this_thread::sleep_until(next += 1ms)) {
-                  port->bandwidth++;
+                  ++port->bandwidth;
                   dm_cache_set_obj(DM_ROW_VSD_PORT, port);
               }
               release(&port->base);
@@ -75,7 +75,7 @@ void measure_pushes(benchmark::State &state, const std::function<void()> &walk) 
     LiveCache &live = cache();
     std::atomic<bool> stop = false;
     std::vector<std::thread> walkers;
-    for (int i = 0; walk && i < 8; i++)
+    for (int i = 0; walk && i < 8; ++i)
         walkers.emplace_back([&] {
             while (!stop) walk();
         });
@@ -84,7 +84,7 @@ void measure_pushes(benchmark::State &state, const std::function<void()> &walk) 
     listening = true;
     for (auto _ : state) {
         std::this_thread::sleep_for(1ms);
-        port->bandwidth++;
+        ++port->bandwidth;
         const auto begun = Clock::now();
         set(live.client, port->base);
         heard.acquire();

@@ -104,7 +104,7 @@ std::string saved_contents() {
 void make_changes_to_lose() {
     const Client writer = open_client(server().url());
     const auto ports = global_ports();
-    for (size_t i = 0; i < lost_changes; i++) {
+    for (size_t i = 0; i < lost_changes; ++i) {
         const dmq::Message changed = dmq::unpack(*ports[i]->descriptor, dmq::pack(*ports[i]));
         reinterpret_cast<PDev__VsdPort *>(changed.get())->def_mtu = 9000;
         set(writer, *changed);
@@ -134,7 +134,7 @@ void measure_fleet(Counters &counters) {
     server().restart(/*keep=*/true);
     const auto begun = Clock::now();
     std::list<CacheProcess> fleet;
-    for (int i = 0; i < fleet_size; i++) fleet.emplace_back(server().url());
+    for (int i = 0; i < fleet_size; ++i) fleet.emplace_back(server().url());
     count_spread(counters, "live at first", begun, told_by(fleet), 1);
 
     make_changes_to_lose();

@@ -22,7 +22,7 @@ std::string mem_store() {
 }  // namespace bench
 
 int main(int argc, char **argv) {
-    using bench::Target;
+    using bench::Goal;
     char mixed[] = "--benchmark_enable_random_interleaving=true";
     std::vector<char *> arguments(argv, argv + argc);
     arguments.insert(arguments.begin() + 1, mixed);
@@ -33,14 +33,14 @@ int main(int argc, char **argv) {
     bench::add_pushes();
     bench::add_restarts();
     bench::add_caches();
-    bench::Table table({{{"scan/redis", "ms"}, {Target::times_at_most, 1.3}},
-                        {{"push/redis", "us, median"}, {Target::times_at_most, 1.2}},
-                        {{"push/redis", "us, 99 of 100 within"}, {Target::times_at_most, 1.5}},
-                        {{"flood/redis", "pushes a second"}, {Target::times_at_least, 0.8}},
-                        {{"sets/redis", "pushes a second"}, {Target::times_at_least, 0.8}},
-                        {{"retry/redis", "ms after the loss"}, {Target::at_most, 100}},
-                        {{"restart/redis", "ms after the first answer"}, {Target::at_most, 50}},
-                        {{"outage/redis", "ms after the first answer"}, {Target::at_most, 50}}});
-    benchmark::RunSpecifiedBenchmarks(&table);
-    return table.failed ? 1 : 0;
+    bench::Report report({{{"scan/redis", "ms"}, {Goal::times_at_most, 1.3}},
+                          {{"push/redis", "us, median"}, {Goal::times_at_most, 1.2}},
+                          {{"push/redis", "us, 99 of 100 within"}, {Goal::times_at_most, 1.5}},
+                          {{"flood/redis", "pushes a second"}, {Goal::times_at_least, 0.8}},
+                          {{"sets/redis", "pushes a second"}, {Goal::times_at_least, 0.8}},
+                          {{"retry/redis", "ms after the loss"}, {Goal::at_most, 100}},
+                          {{"restart/redis", "ms after the first answer"}, {Goal::at_most, 50}},
+                          {{"outage/redis", "ms after the first answer"}, {Goal::at_most, 50}}});
+    benchmark::RunSpecifiedBenchmarks(&report);
+    return report.failed ? 1 : 0;
 }

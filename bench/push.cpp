@@ -64,7 +64,7 @@ void measure_latency(Counters &counters, const std::string &url, const NewHearer
     const Client writer = open_client(url);
     const auto hearer = new_hearer();
     std::vector<double> us;
-    for (size_t i = 0; i < timed_pushes; i++) {
+    for (size_t i = 0; i < timed_pushes; ++i) {
         hearer->heard.expect(1);
         const auto begun = Clock::now();
         set(writer, *objects[i]);
@@ -103,7 +103,7 @@ void send_all(const std::string &commands) {
 std::string many(size_t pushes, std::string (*command)(const std::string &key, const std::string &value)) {
     const auto objects = global_ports();
     std::string commands;
-    for (size_t i = 0; i < pushes; i++) {
+    for (size_t i = 0; i < pushes; ++i) {
         const ProtobufCMessage &object = *objects[i % objects.size()];
         commands += command(dmq::pack(*dmq::key_of(object)), dmq::pack(object));
     }
@@ -128,7 +128,7 @@ std::string write(const std::string &key, const std::string &value) {
 void set_in_mem() {
     const auto objects = global_ports();
     const Client writer = open_client(mem_store());
-    for (size_t i = 0; i < set_pushes; i++) set(writer, *objects[i % objects.size()]);
+    for (size_t i = 0; i < set_pushes; ++i) set(writer, *objects[i % objects.size()]);
 }
 
 }  // namespace

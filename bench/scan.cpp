@@ -16,7 +16,11 @@ struct Scan {
 
 int32_t take(tq_mom_handle *, store_msg *msg, void *privdata) {
     auto &scan = *static_cast<Scan *>(privdata);
-    msg->flag == 1 ? scan.ends.hear() : void(scan.objects++);
+    if (msg->flag == 1) {
+        scan.ends.hear();
+    } else {
+        ++scan.objects;
+    }
     return 0;
 }
 

@@ -1,10 +1,8 @@
-#ifndef TQ_DM_BENCH_STORES_H
-#define TQ_DM_BENCH_STORES_H
-
 // The groups of benchmarks, and the stores that they share.
+#pragma once
 
-#include "bench/table.h"
-#include "bench/world.h"
+#include "bench/report.h"
+#include "bench/unit.h"
 #include "tests/platform/redis_server.h"
 
 namespace bench {
@@ -21,5 +19,3 @@ void add_restarts();
 void add_caches();
 
 }  // namespace bench
-
-#endif

@@ -1,12 +1,11 @@
 // What only the bundled platform has: opening and closing a client, hearing of its connection, and the embedded store's
 // faults.
-#include <charconv>
-
 #include "platform/client.h"
 #include "platform/guard.h"
 #include "platform/mem_store.h"
 #include "platform/message.h"
 #include "platform/redis_url.h"
+#include "platform/text.h"
 
 using namespace tq;
 
@@ -29,9 +28,7 @@ std::string field_of(std::string_view line, std::string_view word) {
 }
 
 uint32_t number_of(const std::string &text) {
-    uint32_t number = 0;
-    std::from_chars(text.data(), text.data() + text.size(), number);
-    return number;
+    return whole_number<uint32_t>(text).value_or(0);
 }
 
 // A line a connection: "id=3 addr=10.0.0.7:4242 name=cards age=35 idle=0 sub=0 ..". Each client has two, and one of them subscribes.

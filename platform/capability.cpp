@@ -1,7 +1,6 @@
 // The capability file: an XML tree of named values, read with pugixml. No lock: a handle is used by one thread at a time.
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <memory>
 #include <pugixml.hpp>
@@ -9,6 +8,7 @@
 #include <string_view>
 
 #include "platform/guard.h"
+#include "platform/text.h"
 
 namespace tq {
 
@@ -62,10 +62,9 @@ pugi::xml_node find(const pugi::xml_node &parent, const std::string &path) {
 int32_t parse_int32(std::string_view text, int32_t &value) {
     text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
     text = text.substr(0, text.find_last_not_of(blanks) + 1);
-    int32_t parsed = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), parsed);
-    if (error != std::errc() || end != text.data() + text.size()) return TQ_MOM_E_DAMAGED;
-    value = parsed;
+    const auto parsed = whole_number<int32_t>(text);
+    if (!parsed) return TQ_MOM_E_DAMAGED;
+    value = *parsed;
     return 0;
 }
 

@@ -30,12 +30,10 @@ store_msg new_msg(const Request &request, int32_t cmd) {
 std::vector<Listener> affected(const Request &request, const Changed &event) {
     std::vector<Listener> listeners;
     for (const FollowedField &field : request.fields) {
-        if (event.before && event.after && !field_differs(event.before->bytes, event.after->bytes, field.number)) {
+        if (event.before && event.after && !field_differs(event.before->bytes, event.after->bytes, field.number))
             continue;
-        }
-        if (std::find(listeners.begin(), listeners.end(), field.listener) == listeners.end()) {
+        if (std::find(listeners.begin(), listeners.end(), field.listener) == listeners.end())
             listeners.push_back(field.listener);
-        }
     }
     return listeners;
 }
@@ -72,7 +70,7 @@ bool Client::enter() {
 
 void Client::leave() {
     const std::lock_guard lock(calls_mutex_);
-    calls_--;
+    --calls_;
     calls_over_.notify_all();
 }
 
@@ -148,9 +146,8 @@ void Client::subscribe(Request request) {
     const std::lock_guard lock(mutex_);
     auto found = std::find_if(subscriptions_.begin(), subscriptions_.end(),
                               [&](const Ticket &other) { return same_subscription(*other, request); });
-    if (found == subscriptions_.end()) {
+    if (found == subscriptions_.end())
         found = subscriptions_.insert(found, std::make_shared<Request>(std::move(request)));
-    }
     Request &kept = **found;
     kept.number = ++requests_;
     store_->follow(kept.place, kept.fields.empty() ? nullptr : &kept.key, *found);
@@ -203,9 +200,8 @@ int32_t Client::read(const Place &place, const ProtobufCMessageDescriptor &kind,
 int32_t Client::replace(const Target &target, const ProtobufCMessage *before, const ProtobufCMessage *after) {
     ObjectPtr stored;
     if (before) {
-        if (const int32_t error = store_->read(target.place, *target.key, stored)) {
+        if (const int32_t error = store_->read(target.place, *target.key, stored))
             return error == TQ_MOM_E_NOT_FOUND ? TQ_MOM_E_CHANGED : error;
-        }
         const Decoded decoded = decode(*target.kind, *stored);
         if (decoded.error == TQ_MOM_E_MEMORY) return decoded.error;
         if (decoded.error || pack(*decoded.message) != pack(*before)) return TQ_MOM_E_CHANGED;
@@ -281,7 +277,7 @@ void Client::deliver(const Confirmed &event, uint64_t) {
     confirm(*event.ticket);
 }
 
-void Client::deliver(const Held &event, uint64_t epoch) {
+void Client::deliver(const OnHold &event, uint64_t epoch) {
     if (epoch != epoch_) return;
     const Request &request = *event.ticket;
     result_rec record = {nullptr, {}, TQ_MOM_RESULT_HELD};

@@ -3,8 +3,7 @@
 //
 // A handle belongs to the process that opened it: a child has its memory, but not its thread, and shares its connections.
 // Whoever is in a call holds the client: closing waits until all have left, and a call that comes meanwhile fails.
-#ifndef TQ_PLATFORM_CLIENT_H
-#define TQ_PLATFORM_CLIENT_H
+#pragma once
 
 #include <condition_variable>
 #include <map>
@@ -106,7 +105,7 @@ private:
 
     // Its delivery, on the loop's thread.
     void deliver(const Confirmed &event, uint64_t epoch);
-    void deliver(const Held &event, uint64_t epoch);
+    void deliver(const OnHold &event, uint64_t epoch);
     void deliver(const Changed &event, uint64_t epoch);
     void deliver(const Page &event, uint64_t epoch);
     void push(const Request &request, const Listener &listener, const Changed &event);
@@ -179,5 +178,3 @@ template <class F> int32_t with_client(const tq_mom_handle *handle, F &&act) {
 }
 
 }  // namespace tq
-
-#endif

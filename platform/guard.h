@@ -1,6 +1,5 @@
 // The C boundary: no exception leaves a C function.
-#ifndef TQ_PLATFORM_GUARD_H
-#define TQ_PLATFORM_GUARD_H
+#pragma once
 
 #include <exception>
 
@@ -18,5 +17,3 @@ template <class F> int32_t guarded(F &&call) {
 }
 
 }  // namespace tq
-
-#endif

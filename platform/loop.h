@@ -1,6 +1,5 @@
 // One event loop: a thread that runs what is posted to it, in order, and the timers armed on it.
-#ifndef TQ_PLATFORM_LOOP_H
-#define TQ_PLATFORM_LOOP_H
+#pragma once
 
 #include <atomic>
 #include <chrono>
@@ -67,5 +66,3 @@ private:
     const uint32_t process_ = tq::this_process();
     std::thread thread_;
 };
-
-#endif

@@ -49,9 +49,8 @@ private:
 };
 
 void MemStore::tell(const Content &content, const ObjectPtr &before, const ObjectPtr &after) {
-    for (const Follower &follower : content.followers) {
+    for (const Follower &follower : content.followers)
         if (follower.client->up_) follower.client->sink_.post(Changed{follower.ticket, before, after});
-    }
 }
 
 // A replaced object keeps its place in the order.
@@ -96,9 +95,8 @@ MemClient::MemClient(MemStore &store, Sink &sink) : store_(store), sink_(sink) {
 MemClient::~MemClient() {
     const std::lock_guard lock(store_.mutex);
     std::erase(store_.clients, this);
-    for (auto &[place, content] : store_.contents) {
+    for (auto &[place, content] : store_.contents)
         std::erase_if(content.followers, [this](const Follower &follower) { return follower.client == this; });
-    }
 }
 
 bool MemClient::up() const {
@@ -109,12 +107,11 @@ bool MemClient::up() const {
 void MemClient::follow(const Place &place, const std::string *, const Ticket &ticket) {
     const std::lock_guard lock(store_.mutex);
     auto &followers = store_.contents[place].followers;
-    if (std::none_of(followers.begin(), followers.end(), [&](const Follower &f) { return f.ticket == ticket; })) {
+    if (std::none_of(followers.begin(), followers.end(), [&](const Follower &f) { return f.ticket == ticket; }))
         followers.push_back({this, ticket});
-    }
     if (up_ && confirmations_to_lose_ == 0) return sink_.post(Confirmed{ticket});
     owed_.push_back(ticket);
-    if (up_) confirmations_to_lose_--;
+    if (up_) --confirmations_to_lose_;
 }
 
 // The whole content at one point of the order.
@@ -179,11 +176,10 @@ int32_t MemClient::replace(const Place &place, const ObjectPtr &before, const Ob
     const bool is_there = found != content.by_key.end();
     if (is_there != (before != nullptr)) return TQ_MOM_E_CHANGED;
     if (is_there && (*found->second)->bytes != before->bytes) return TQ_MOM_E_CHANGED;
-    if (after) {
+    if (after)
         store_.put(content, after);
-    } else {
+    else
         store_.remove(content, key);
-    }
     return 0;
 }
 

@@ -1,7 +1,6 @@
 // The embedded store: content of this process, shared by every client that gives the same name, kept as long as the
 // process. It can be made to misbehave.
-#ifndef TQ_PLATFORM_MEM_STORE_H
-#define TQ_PLATFORM_MEM_STORE_H
+#pragma once
 
 #include "platform/store.h"
 #include "tq_dm_cache/tq_platform_bundled.h"
@@ -54,5 +53,3 @@ private:
 MemStore &mem_store(const std::string &name);
 
 }  // namespace tq
-
-#endif

@@ -61,22 +61,13 @@ std::optional<std::string> field_bytes(std::string_view bytes, uint32_t number) 
 // A field's number written as zero, in more bytes than it needs. protobuf-c reads it as an unknown field, but packs it into
 // one byte, which it does not read. In bytes as they are packed a zero follows such a byte by chance only.
 bool may_hold_field_zero(std::string_view bytes) {
-    for (size_t at = bytes.find('\0', 1); at != std::string_view::npos; at = bytes.find('\0', at + 1)) {
+    for (size_t at = bytes.find('\0', 1); at != std::string_view::npos; at = bytes.find('\0', at + 1))
         if ((static_cast<uint8_t>(bytes[at - 1]) & 0xf8) == 0x80) return true;
-    }
     return false;
 }
 
-}  // namespace
-
-std::string pack(const ProtobufCMessage &message) {
-    std::string bytes(protobuf_c_message_get_packed_size(&message), '\0');
-    protobuf_c_message_pack(&message, reinterpret_cast<uint8_t *>(bytes.data()));
-    return bytes;
-}
-
 // No message, and `no_memory` when that is why. The stock functions free what it has made.
-static Message unpack(const ProtobufCMessageDescriptor &kind, std::string_view bytes, bool &no_memory) {
+Message unpack(const ProtobufCMessageDescriptor &kind, std::string_view bytes, bool &no_memory) {
     const auto allocate = [](void *failed, size_t size) {
         void *block = std::malloc(size);
         if (!block) *static_cast<bool *>(failed) = true;
@@ -88,7 +79,15 @@ static Message unpack(const ProtobufCMessageDescriptor &kind, std::string_view b
         protobuf_c_message_unpack(&kind, &allocator, bytes.size(), reinterpret_cast<const uint8_t *>(bytes.data())));
 }
 
-std::optional<std::string> key_of(const ProtobufCMessage &message) {
+}  // namespace
+
+std::string pack(const ProtobufCMessage &message) {
+    std::string bytes(protobuf_c_message_get_packed_size(&message), '\0');
+    protobuf_c_message_pack(&message, reinterpret_cast<uint8_t *>(bytes.data()));
+    return bytes;
+}
+
+std::optional<std::string> packed_key(const ProtobufCMessage &message) {
     const ProtobufCFieldDescriptor *field = key_field(*message.descriptor);
     if (!field) return std::string();
     const auto *place = reinterpret_cast<const char *>(&message) + field->offset;
@@ -101,7 +100,7 @@ Target::Target(uint32_t db, const ProtobufCMessage *message) {
     if (!message || !message->descriptor) return;
     kind = message->descriptor;
     place = {db, kind->name};
-    key = key_of(*message);
+    key = packed_key(*message);
 }
 
 Message key_only(const ProtobufCMessageDescriptor &kind, const std::string &key) {
@@ -120,7 +119,7 @@ Decoded decode(const ProtobufCMessageDescriptor &kind, const Object &object) {
     Message message = unpack(kind, object.bytes, no_memory);
     // Whoever copies the message packs and unpacks it.
     const bool survives = message && (!may_hold_field_zero(object.bytes) || unpack(kind, pack(*message), no_memory));
-    if (survives && key_of(*message) == object.key) return {std::move(message), 0};
+    if (survives && packed_key(*message) == object.key) return {std::move(message), 0};
     return {key_only(kind, object.key), no_memory ? TQ_MOM_E_MEMORY : TQ_MOM_E_DAMAGED};
 }
 

@@ -1,6 +1,5 @@
 // Messages as the store holds them: packed bytes, found by the bytes of their key. Constant descriptors only, no lock.
-#ifndef TQ_PLATFORM_MESSAGE_H
-#define TQ_PLATFORM_MESSAGE_H
+#pragma once
 
 #include <protobuf-c/protobuf-c.h>
 
@@ -21,7 +20,7 @@ using Message = std::unique_ptr<ProtobufCMessage, FreeMessage>;
 std::string pack(const ProtobufCMessage &message);
 
 // The packed key: empty for a kind with one object. Nothing when a keyed kind's message carries no key.
-std::optional<std::string> key_of(const ProtobufCMessage &message);
+std::optional<std::string> packed_key(const ProtobufCMessage &message);
 
 // Where a message's object lies in the store. No kind: the message is unusable. No key: it may still name a kind.
 struct Target {
@@ -51,5 +50,3 @@ bool has_field(const ProtobufCMessageDescriptor &kind, uint32_t number);
 bool field_differs(std::string_view before, std::string_view after, uint32_t number);
 
 }  // namespace tq
-
-#endif

@@ -32,9 +32,8 @@ int32_t read(tq_mom_handle *handle, uint32_t db, const ProtobufCMessage *obj_wit
 
 bool usable_fields(const ProtobufCMessageDescriptor &kind, const uint32_t *numbers, const tq_mom_msg_cb *callbacks,
                    int32_t n) {
-    for (int32_t i = 0; i < n; ++i) {
+    for (int32_t i = 0; i < n; ++i)
         if (!callbacks[i] || !has_field(kind, numbers[i])) return false;
-    }
     return true;
 }
 

@@ -1,7 +1,6 @@
 // What a child of fork() must not touch: its memory is a copy, locks in it may be held for ever, and the threads that work
 // on it are not there.
-#ifndef TQ_PLATFORM_PROCESS_H
-#define TQ_PLATFORM_PROCESS_H
+#pragma once
 
 #include <cstdint>
 
@@ -14,5 +13,3 @@ uint32_t this_process();
 void run_in_child(void (*act)());
 
 }  // namespace tq
-
-#endif

@@ -127,9 +127,8 @@ bool RedisConnection::may_wait() {
     const auto left = ceil<milliseconds>(deadline_ - steady_clock::now());
     if (left <= milliseconds(0)) return fail(reason_of(EAGAIN));
     const milliseconds wait = std::min(left, limit_);
-    if (wait != may_wait_ && redisSetTimeout(context_.get(), timeval_of(wait)) != REDIS_OK) {
+    if (wait != may_wait_ && redisSetTimeout(context_.get(), timeval_of(wait)) != REDIS_OK)
         return fail(context_->errstr);
-    }
     may_wait_ = wait;
     return true;
 }
@@ -173,9 +172,8 @@ RedisConnection::Received RedisConnection::receive() {
 Reply RedisConnection::next() {
     void *reply = nullptr;
     if (!begun_) replies_.begin_next();
-    if (redisGetReplyFromReader(context_.get(), &reply) != REDIS_OK) {
+    if (redisGetReplyFromReader(context_.get(), &reply) != REDIS_OK)
         fail(replies_.exceeded() ? "the server announces more than a reply can be" : context_->errstr);
-    }
     begun_ = reply == nullptr;
     return Reply(static_cast<redisReply *>(reply), {!blocking()});
 }

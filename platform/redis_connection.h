@@ -1,7 +1,6 @@
 // One connection to a Redis server: commands out, replies in. Its owner says who may touch it. mutex_ guards the life of the
 // descriptor, for shut() and received() come from any thread.
-#ifndef TQ_PLATFORM_REDIS_CONNECTION_H
-#define TQ_PLATFORM_REDIS_CONNECTION_H
+#pragma once
 
 #include <hiredis.h>
 
@@ -104,5 +103,3 @@ private:
 };
 
 }  // namespace tq
-
-#endif

@@ -161,14 +161,12 @@ bool RedisFeed::take_replies() {
 // In the order of how often they come.
 void RedisFeed::take(const redisReply &reply) {
     const bool is_list = reply.type == REDIS_REPLY_ARRAY && reply.elements == 3;
-    if (is_list && text_of(*reply.element[0]) == "message") {
+    if (is_list && text_of(*reply.element[0]) == "message")
         return owner_.heard(text_of(*reply.element[1]), text_of(*reply.element[2]));
-    }
     if (is_full(reply)) return lose(std::string(text_of(reply)));
     while (is_list && !asked_.empty() && asked_.front().what == What::fence &&
-           text_of(*reply.element[1]) != asked_.front().channel) {
+           text_of(*reply.element[1]) != asked_.front().channel)
         asked_.pop_front();  // its answer has got lost; what it confirms waits for another connection
-    }
     if (asked_.empty()) return lose(other_answer);
     const Asked asked = std::move(asked_.front());
     asked_.pop_front();
@@ -180,14 +178,11 @@ void RedisFeed::take_answer(const Asked &asked, const redisReply &reply) {
     const bool is_list = reply.type == REDIS_REPLY_ARRAY && reply.elements == 3;
     const std::string_view word = is_list ? text_of(*reply.element[0]) : std::string_view();
     if ((asked.what == What::credentials || asked.what == What::name) && reply.type == REDIS_REPLY_STATUS) return;
-    if (asked.what == What::subscription && word == "subscribe" && text_of(*reply.element[1]) == asked.channel) {
+    if (asked.what == What::subscription && word == "subscribe" && text_of(*reply.element[1]) == asked.channel)
         return owner_.subscribed(asked.channel, {});
-    }
     if (asked.what == What::fence && word == "unsubscribe") return owner_.answered(asked.number);
-    if (asked.what != What::identity || reply.type != REDIS_REPLY_STRING ||
-        !parse_identity(text_of(reply), identity_)) {
+    if (asked.what != What::identity || reply.type != REDIS_REPLY_STRING || !parse_identity(text_of(reply), identity_))
         return lose(other_answer);
-    }
     if (const std::string fault = unfit(identity_); !fault.empty()) return lose(fault);
     if (identity_.role != "master") lose("the server is no master (" + identity_.role + ")");
 }
@@ -196,9 +191,8 @@ void RedisFeed::take_answer(const Asked &asked, const redisReply &reply) {
 void RedisFeed::take_error(const Asked &asked, std::string_view text) {
     if (text.starts_with("LOADING")) reached_ = false;
     if (asked.what == What::name) return;
-    if (asked.what == What::credentials) {
+    if (asked.what == What::credentials)
         return lose("the server refuses the credentials (" + std::string(text.substr(0, text.find(' '))) + ")");
-    }
     if (asked.what == What::subscription && text.starts_with("NOPERM")) return owner_.subscribed(asked.channel, text);
     lose(std::string(text));
 }

@@ -15,8 +15,7 @@
 //
 // A server that is silent while it is asked something every tick is lost after ticks_of_silence. They are counted, not
 // measured: when the loop's own thread was held up by a callback, what came meanwhile is read before the next tick.
-#ifndef TQ_PLATFORM_REDIS_FEED_H
-#define TQ_PLATFORM_REDIS_FEED_H
+#pragma once
 
 #include <deque>
 #include <random>
@@ -107,5 +106,3 @@ private:
 };
 
 }  // namespace tq
-
-#endif

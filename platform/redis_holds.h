@@ -3,8 +3,7 @@
 //
 // The hold of a place outlives the connection, with its trouble and nothing else: the next connection may be refused just so,
 // which is the same trouble. No lock: the store's.
-#ifndef TQ_PLATFORM_REDIS_HOLDS_H
-#define TQ_PLATFORM_REDIS_HOLDS_H
+#pragma once
 
 #include <map>
 
@@ -59,5 +58,3 @@ private:
 };
 
 }  // namespace tq
-
-#endif

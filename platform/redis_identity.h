@@ -1,6 +1,5 @@
 // Who a server is, and whether what it holds is still what was read there. No state, no lock.
-#ifndef TQ_PLATFORM_REDIS_IDENTITY_H
-#define TQ_PLATFORM_REDIS_IDENTITY_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -41,8 +40,7 @@ redis.call('PUBLISH', ARGV[2], struct.pack('>c0I4c0I4c0I4c0', 'E', #is, is, #the
 // A command: what has just been connected to is asked for its identity.
 std::string identity_question();
 
+inline constexpr const char *no_master = "the server is no master any more";
 inline constexpr const char *other_answer = "the server answers something else than was asked";
 
 }  // namespace tq
-
-#endif

@@ -10,8 +10,6 @@ namespace tq {
 
 namespace {
 
-// Their answers wait at the server until all of them are sent, and other callers until all of these are there.
-constexpr size_t commands_at_a_time = 256, bytes_at_a_time = 256 << 10;
 constexpr int longest_answer = 12;  // probe times, while it keeps coming
 constexpr int longest_silence = 5;  // fifths of a probe time
 
@@ -47,7 +45,7 @@ int32_t RedisLink::ask_identity(Identity &identity, std::string &fault) {
     connection_.add(auth);
     connection_.add(identity_question());
     connection_.add(name_.command());
-    for (int answers = auth.empty() ? 1 : 2; answers > 0; answers--) {
+    for (int answers = auth.empty() ? 1 : 2; answers > 0; --answers) {
         const Reply reply = read_answer();
         if (!reply) return TQ_MOM_E_UNREACHABLE;
         if (is_error(*reply)) {
@@ -82,30 +80,20 @@ Reply RedisLink::call(const Words &command) {
     return reply;
 }
 
-bool RedisLink::call_many(size_t count, const Command &command, const Take &take) {
-    bool more = true;
-    for (size_t begin = 0, end = 0; more && begin < count; begin = end) {
-        std::string bytes;
-        for (; end < count && end < begin + commands_at_a_time && bytes.size() < bytes_at_a_time; ++end) {
-            bytes += command(end);
-        }
-        std::vector<Reply> replies;
-        replies.reserve(end - begin);
-        {
-            const std::lock_guard lock(mutex_);
-            const LoseWhenThrown guard{*this};
-            take_posted();
-            connection_.add(bytes);
-            take_all_owed();
-            while (usable_ && replies.size() < end - begin) {
-                if (Reply reply = answer()) replies.push_back(std::move(reply));
-            }
-        }
-        send_posted();
-        for (size_t i = 0; i < replies.size(); ++i) more &= take(begin + i, *replies[i]);
-        if (replies.size() < end - begin) return false;
+std::vector<Reply> RedisLink::call_many(size_t count, const std::string &commands) {
+    std::vector<Reply> replies;
+    replies.reserve(count);
+    {
+        const std::lock_guard lock(mutex_);
+        const LoseWhenThrown guard{*this};
+        take_posted();
+        connection_.add(commands);
+        take_all_owed();
+        while (usable_ && replies.size() < count)
+            if (Reply reply = answer()) replies.push_back(std::move(reply));
     }
-    return true;
+    send_posted();
+    return replies;
 }
 
 void RedisLink::post(const std::vector<Words> &commands, bool is_transaction, bool may_be_refused) {
@@ -201,16 +189,14 @@ void RedisLink::take_owed(Reply reply) {
     }
     Owed &owed = owed_.front();
     if (is_error(*reply) && owed.fault.empty() && !owed.may_be_refused) owed.fault = text_of(*reply);
-    for (size_t i = 0; i < reply->elements && owed.fault.empty(); ++i) {
+    for (size_t i = 0; i < reply->elements && owed.fault.empty(); ++i)
         if (is_error(*reply->element[i])) owed.fault = text_of(*reply->element[i]);
-    }
     ++answers_;
     if (--owed.answers > 0) return;
-    if (owed.is_transaction) {
+    if (owed.is_transaction)
         transactions_.push_back({std::move(reply), std::move(owed.fault)});
-    } else if (!owed.fault.empty()) {
+    else if (!owed.fault.empty())
         fault_ = std::move(owed.fault);
-    }
     owed_.pop_front();
 }
 

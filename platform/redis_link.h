@@ -1,12 +1,10 @@
 // The connection on which a client gives commands. call() waits for its answer. post() does not wait, and what it sends
 // goes before whatever is called later: one thread's requests keep their order. Of the answers to what is posted only those
 // of transactions are kept.
-#ifndef TQ_PLATFORM_REDIS_LINK_H
-#define TQ_PLATFORM_REDIS_LINK_H
+#pragma once
 
 #include <deque>
 #include <exception>
-#include <functional>
 #include <mutex>
 
 #include "platform/redis_connection.h"
@@ -31,12 +29,9 @@ public:
 
     // Null: the connection is lost.
     Reply call(const Words &command);
-    // The same for many commands, some hundred at a time: those are sent before the first one's answer is waited for. `take`
-    // gets the answers in order; when one of a group made it answer false, no further group is sent. False: the connection
-    // is lost.
-    using Command = std::function<std::string(size_t number)>;
-    using Take = std::function<bool(size_t number, const redisReply &answer)>;
-    bool call_many(size_t count, const Command &command, const Take &take);
+    // The same for so many formatted commands: all are sent before the first one's answer is waited for. Fewer answers: the
+    // connection is lost.
+    std::vector<Reply> call_many(size_t count, const std::string &commands);
     // Waits for no call under way: whoever is in one sends it along.
     void post(const Words &command) { post({command}, /*is_transaction=*/false); }
     // The same, and a refusal is no fault.
@@ -108,5 +103,3 @@ private:
 };
 
 }  // namespace tq
-
-#endif

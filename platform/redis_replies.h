@@ -1,8 +1,7 @@
 // Replies in bounds. A reply that announces more elements than anything asked for can have is refused before memory is taken
 // for it. What is pushed comes a million times a second at best: hiredis' own replies, eight allocations a push, would cost
 // as much as all the rest, so a subscriber's replies use their memory again. No lock: one connection's owner.
-#ifndef TQ_PLATFORM_REDIS_REPLIES_H
-#define TQ_PLATFORM_REDIS_REPLIES_H
+#pragma once
 
 #include <hiredis.h>
 
@@ -42,5 +41,3 @@ private:
 };
 
 }  // namespace tq
-
-#endif

@@ -3,7 +3,6 @@
 #include "platform/redis_store.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
 #include <utility>
 
@@ -16,35 +15,8 @@ namespace tq {
 namespace {
 
 constexpr uint64_t echoes_without_answer = 5, most_echoes_due = 20;
-constexpr const char *no_master = "the server is no master any more";
 constexpr const char *other_content = "the server has other content than before";
-constexpr size_t page_bytes = 262144, most_at_once = 256, growth = 4, regrowth = 16;
 constexpr int32_t shortest_rescan_ms = 10, rescan_spread_ms = 500;
-
-bool hash_is_refused(const redisReply &error) {
-    return text_of(error).starts_with("NOSCRIPT") || text_of(error).starts_with("NOPERM");
-}
-
-// What the whole server refuses, whatever it is asked to write.
-bool is_of_server(std::string_view word) {
-    return word == "OOM" || word == "MISCONF" || word == "READONLY" || word == "NOREPLICAS" || word == "MASTERDOWN";
-}
-
-bool is_nil(const redisReply &reply) {
-    return reply.type == REDIS_REPLY_NIL;
-}
-bool is_number(const redisReply &reply) {
-    return reply.type == REDIS_REPLY_INTEGER;
-}
-bool is_list_of_pairs(const redisReply &reply) {
-    if (reply.type != REDIS_REPLY_ARRAY || reply.elements % 2 != 0) return false;
-    return std::all_of(reply.element, reply.element + reply.elements,
-                       [](const redisReply *element) { return element->type == REDIS_REPLY_STRING; });
-}
-
-ObjectPtr new_object(std::string_view key, std::string_view bytes) {
-    return std::make_shared<const Object>(Object{std::string(key), std::string(bytes)});
-}
 
 }  // namespace
 
@@ -178,11 +150,10 @@ void RedisStore::answered(uint64_t fence) {
 void RedisStore::confirm(uint64_t fence) {
     while (!to_confirm_.empty() && to_confirm_.begin()->first <= fence) {
         const auto first = to_confirm_.extract(to_confirm_.begin());
-        if (first.key() == fence) {
+        if (first.key() == fence)
             confirm(first.mapped());
-        } else {
+        else
             owed_.push_back(first.mapped());
-        }
     }
 }
 
@@ -190,16 +161,15 @@ void RedisStore::confirm(const Confirmation &confirmation) {
     const auto &[ticket, channel] = confirmation;
     if (!channel->is_refused) return sink_.post(Confirmed{ticket});
     holds_.find(channel->hash)->confirmations.push_back(confirmation);
-    sink_.post(Held{ticket, /*is_scan=*/false});
+    sink_.post(OnHold{ticket, /*is_scan=*/false});
 }
 
 // The link is opened here, with a wait: this server has just answered.
 void RedisStore::establish() {
     std::string fault;
     if (!starting_ && link_.open(feed_.server(), link_identity_, fault) != 0) return feed_.lose(fault);
-    if (!same_content(link_identity_, feed_.identity())) {
+    if (!same_content(link_identity_, feed_.identity()))
         return feed_.lose("the address leads to two servers, one after the other");
-    }
     if (!is_master_still()) return feed_.lose("the sentinels name another master by now");
     if (!come_up()) return feed_.send();
     if (std::exchange(starting_, false)) started_.set_value(true);
@@ -229,11 +199,10 @@ bool RedisStore::come_up() {
     std::vector<Ticket> confirmed;
     std::vector<Confirmation> refused;
     for (const Confirmation &owed : std::exchange(owed_, {})) {
-        if (owed.channel->is_refused) {
+        if (owed.channel->is_refused)
             refused.push_back(owed);
-        } else {
+        else
             confirmed.push_back(owed.ticket);
-        }
     }
     if (!starting_) sink_.connected(reason, std::move(confirmed));
     for (const Confirmation &owed : refused) confirm(owed);
@@ -251,7 +220,7 @@ bool RedisStore::is_refused(const std::string &hash) const {
 void RedisStore::release(const std::string &hash) {
     Hold released = holds_.release(hash);
     for (const Confirmation &confirmation : released.confirmations) confirm(confirmation);
-    for (Ticket &ticket : released.scans) add_scan({hash, std::move(ticket), /*is_told=*/true});
+    for (Ticket &ticket : released.scans) scans_.add({hash, std::move(ticket), /*is_told=*/true});
     ask_page();
 }
 
@@ -263,11 +232,10 @@ void RedisStore::try_held() {
         for (const std::string &hash : holds_.take_due(Clock::now())) {
             auto &scans = holds_.find(hash)->scans;
             if (is_refused(hash)) {
-                for (const auto &[name, channel] : channels_) {
+                for (const auto &[name, channel] : channels_)
                     if (channel.is_refused && channel.hash == hash) to_subscribe_.push_back(name);
-                }
             } else if (!scans.empty()) {
-                add_scan({hash, std::move(scans.front()), /*is_told=*/true});
+                scans_.add({hash, std::move(scans.front()), /*is_told=*/true});
                 scans.erase(scans.begin());
             }
         }
@@ -293,9 +261,7 @@ void RedisStore::lose() {
     for (const auto &[fence, confirmation] : to_confirm_) owed_.push_back(confirmation);
     to_confirm_.clear();
     for (Confirmation &confirmation : holds_.lose()) owed_.push_back(std::move(confirmation));
-    if (page_asked_) most_at_once_ = std::max(scans_.front().count / growth, size_t{1});
-    scans_.clear();
-    page_asked_ = false;
+    scans_.lose();
     echo_heard_ = echo_asked_;
     echo_times_.clear();
 }
@@ -341,7 +307,7 @@ void RedisStore::tick() {
     {
         const std::lock_guard lock(mutex_);
         no_echoes = echo_asked_ > echo_heard_ + most_echoes_due;
-        if (page_asked_ && link_.take_failed(failed)) page_refused(failed.fault);
+        if (scans_.is_page_due() && link_.take_failed(failed)) page_refused(failed.fault);
     }
     if (no_echoes) return feed_.lose("echoes do not come");
     try_held();
@@ -393,15 +359,12 @@ const char *RedisStore::take(std::string_view channel) {
 
 // A hash that is there no more, though the last that was told of it was no deletion, has been removed by other means.
 const char *RedisStore::take_echo() {
-    const std::string_view text = frame_.strings[2];
-    uint64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || end != text.data() + text.size() || number > echo_asked_)
-        return "an echo that nobody asked for";
-    if (number <= echo_heard_) return nullptr;  // of an earlier connection
-    while (echo_asked_ - number + 1 < echo_times_.size()) echo_times_.pop_front();
-    echo_heard_ = number;
-    if (!page_asked_ && fence_answered_ == fence_due_) echo_before_ = echo_asked_;
+    const auto number = whole_number<uint64_t>(frame_.strings[2]);
+    if (!number || *number > echo_asked_) return "an echo that nobody asked for";
+    if (*number <= echo_heard_) return nullptr;  // of an earlier connection
+    while (echo_asked_ - *number + 1 < echo_times_.size()) echo_times_.pop_front();
+    echo_heard_ = *number;
+    if (!scans_.is_page_due() && fence_answered_ == fence_due_) echo_before_ = echo_asked_;
     if (echo_heard_ > echo_before_ + echoes_without_answer) return "echoes, and a request has no answer";
     Identity now;
     if (!parse_identity(frame_.strings[0], now)) return "an echo that names no server";
@@ -442,34 +405,28 @@ void RedisStore::scan(const Place &place, const Ticket &ticket) {
     const std::string hash = hash_of(place);
     if (Hold *hold = holds_.find(hash)) {
         hold->scans.push_back(ticket);
-        return sink_.post(Held{ticket, /*is_scan=*/true});
+        return sink_.post(OnHold{ticket, /*is_scan=*/true});
     }
-    add_scan({hash, ticket});
+    scans_.add({hash, ticket});
     ask_page();
-}
-
-void RedisStore::add_scan(Scan scan) {
-    scan.number = ++last_scan_;
-    scan.count = std::min(scan.count, most_at_once_);
-    scans_.push_back(std::move(scan));
 }
 
 // One at a time, and none while a subscription may not be in force yet: a scan must not be older than the first change
 // that is pushed.
 void RedisStore::ask_page() {
-    if (scans_.empty() || page_asked_ || fence_answered_ != fence_due_) return;
-    const Scan &scan = scans_.front();
-    page_asked_ = true;
+    if (fence_answered_ != fence_due_) return;
+    const RedisScans::Scan *const scan = scans_.ask();
+    if (!scan) return;
     echo_before_ = echo_asked_;
     link_.post_transaction({{"MULTI"},
-                            {"EVAL", mark_script, "0", private_channel_, mark_frame(scan.number)},
-                            {"HSCAN", scan.hash, scan.cursor, "COUNT", std::to_string(scan.count)},
+                            {"EVAL", mark_script, "0", private_channel_, mark_frame(scan->number)},
+                            {"HSCAN", scan->hash, scan->cursor, "COUNT", std::to_string(scan->count)},
                             {"EXEC"}});
 }
 
 // The mark of a scan that a lost connection has cut off may still come.
 bool RedisStore::is_my_mark() const {
-    return frame_.letter == 'M' && page_asked_ && frame_.strings[0] == std::to_string(scans_.front().number);
+    return frame_.letter == 'M' && scans_.is_page_due() && frame_.strings[0] == std::to_string(scans_.current().number);
 }
 
 // Here in the order the page belongs. The server has carried out the transaction, so the answer is on its way: what
@@ -485,204 +442,29 @@ void RedisStore::deliver_page() {
                          page->element[0]->type == REDIS_REPLY_STRING && is_list_of_pairs(*page->element[1]);
     if (!is_page && answer.fault.empty()) return feed_.lose("a page of a scan means nothing");
     const std::lock_guard lock(mutex_);
-    if (!up_ || !page_asked_) return;
-    if (is_page) {
+    if (!up_ || !scans_.is_page_due()) return;
+    if (is_page)
         take_page(*page);
-    } else {
+    else
         page_refused(answer.fault);
-    }
 }
 
 // Scans of other places go on.
 void RedisStore::page_refused(const std::string &fault) {
-    const std::string hash = scans_.front().hash;
-    Hold &hold = holds_.refuse(hash, "a scan is refused: " + fault);
-    std::deque<Scan> others;
-    for (Scan &scan : scans_) {
-        if (scan.hash != hash) {
-            others.push_back(std::move(scan));
-            continue;
-        }
-        if (!scan.is_told) sink_.post(Held{scan.ticket, /*is_scan=*/true});
+    Hold &hold = holds_.refuse(scans_.current().hash, "a scan is refused: " + fault);
+    for (RedisScans::Scan &scan : scans_.refuse()) {
+        if (!scan.is_told) sink_.post(OnHold{scan.ticket, /*is_scan=*/true});
         hold.scans.push_back(std::move(scan.ticket));
     }
-    scans_ = std::move(others);
-    page_asked_ = false;
     ask_page();
 }
 
 void RedisStore::take_page(const redisReply &reply) {
-    Scan &scan = scans_.front();
-    const std::string hash = scan.hash;
-    scan.cursor = text_of(*reply.element[0]);
-    Page page{scan.ticket, {}, scan.cursor == "0"};
-    const redisReply &list = *reply.element[1];
-    page.objects.reserve(list.elements / 2);
-    for (size_t i = 0; i < list.elements; i += 2) {
-        const std::string_view key = text_of(*list.element[i]), bytes = text_of(*list.element[i + 1]);
-        scan.largest = std::max(scan.largest, key.size() + bytes.size());
-        page.objects.push_back(new_object(key, bytes));
-    }
-    scan.count = std::clamp(page_bytes / scan.largest, size_t{1}, std::min(growth * scan.count, most_at_once_));
-    if (page.last) {
-        scans_.pop_front();
-        most_at_once_ = std::min(most_at_once_ + regrowth, most_at_once);
-    }
-    page_asked_ = false;
+    const std::string hash = scans_.current().hash;
+    Page page = scans_.take(reply);
     ask_page();
     sink_.post(std::move(page));
     if (!is_refused(hash)) release(hash);
-}
-
-// Commanding
-
-int32_t RedisStore::call(const Words &words, Reply &reply, uint64_t &connection) {
-    {
-        const std::lock_guard lock(mutex_);
-        if (!up_) return TQ_MOM_E_UNREACHABLE;
-        connection = connection_;
-    }
-    reply = link_.call(words);
-    if (reply) return 0;
-    lose(connection, nullptr);
-    return TQ_MOM_E_UNREACHABLE;
-}
-
-int32_t RedisStore::carry_out(const Command &command, Reply &reply) {
-    uint64_t connection = 0;
-    if (const int32_t error = call(command.words, reply, connection)) return error;
-    return judge(command, *reply, connection);
-}
-
-// A script by its hash. A server that does not know it yet, or a user who may not name it so, has the text sent.
-int32_t RedisStore::run(const Script &script, const std::string &hash, Words words, IsAnswer is_answer, Reply &reply) {
-    words.insert(words.begin(), {"EVALSHA", script.hash, "1", hash});
-    Command command = {/*is_write=*/true, hash, std::move(words), is_answer};
-    uint64_t connection = 0;
-    if (const int32_t error = call(command.words, reply, connection)) return error;
-    if (!is_error(*reply) || !hash_is_refused(*reply)) return judge(command, *reply, connection);
-    command.words[0] = "EVAL";
-    command.words[1] = script.text;
-    return carry_out(command, reply);
-}
-
-// An answer of another type than the request can have is no answer: the server is not what it should be.
-int32_t RedisStore::judge(const Command &command, const redisReply &reply, uint64_t connection) {
-    if (is_error(reply)) return refused(command, text_of(reply), connection);
-    if (!command.is_answer(reply)) {
-        lose(connection, other_answer);
-        return TQ_MOM_E_UNREACHABLE;
-    }
-    const std::lock_guard lock(mutex_);
-    for (auto &[about, trouble] : call_troubles_) {
-        if (about.second == command.is_write && (about.first == command.hash || is_of_server(about.first))) {
-            trouble.end();
-        }
-    }
-    return 0;
-}
-
-int32_t RedisStore::refused(const Command &command, std::string_view error, uint64_t connection) {
-    const std::string word(error.substr(0, error.find(' ')));
-    const std::string text(error.substr(0, error.find(" script: ")));  // which one it was is nobody's business
-    {
-        const std::lock_guard lock(mutex_);
-        const auto about = std::pair(is_of_server(word) ? word : command.hash, command.is_write);
-        Trouble &trouble = call_troubles_.try_emplace(about, url_.shown).first->second;
-        trouble.say((is_of_server(word) ? "refused: " : command.hash + ": refused: ") + text);
-    }
-    if (word == "READONLY") lose(connection, no_master);
-    return TQ_MOM_E_REFUSED;
-}
-
-int32_t RedisStore::read(const Place &place, const std::string &key, ObjectPtr &found) {
-    const auto is_answer = [](const redisReply &reply) {
-        return reply.type == REDIS_REPLY_STRING || reply.type == REDIS_REPLY_NIL;
-    };
-    const std::string hash = hash_of(place);
-    Reply reply;
-    if (const int32_t error = carry_out({false, hash, {"HGET", hash, key}, is_answer}, reply)) return error;
-    if (reply->type == REDIS_REPLY_NIL) return TQ_MOM_E_NOT_FOUND;
-    found = new_object(key, text_of(*reply));
-    return 0;
-}
-
-int32_t RedisStore::read_all(const Place &place, std::vector<ObjectPtr> &objects) {
-    const std::string hash = hash_of(place);
-    Reply reply;
-    if (const int32_t error = carry_out({false, hash, {"HGETALL", hash}, is_list_of_pairs}, reply)) return error;
-    for (size_t i = 0; i < reply->elements; i += 2) {
-        objects.push_back(new_object(text_of(*reply->element[i]), text_of(*reply->element[i + 1])));
-    }
-    return 0;
-}
-
-int32_t RedisStore::write(const Place &place, Object object) {
-    Reply reply;
-    return run(write_script, hash_of(place), {object.key, object.bytes, channel_of(place, object.key)}, is_nil, reply);
-}
-
-// The first one makes the server know the script. Should it forget it on the way, the rest goes one by one.
-int32_t RedisStore::write_many(const std::vector<Write> &writes, size_t &taken, size_t &refused_at) {
-    taken = 0;
-    refused_at = writes.size();
-    int32_t code = 0;
-    const auto note = [&](size_t i, int32_t error) {
-        if (error == 0) ++taken;
-        if (error == 0 || i > refused_at) return;
-        refused_at = i;
-        code = error;
-    };
-    size_t answered = 0, one_by_one = writes.size();
-    const auto write_alone = [&](size_t i) { note(i, write(writes[i].place, writes[i].object)); };
-    if (writes.empty()) return 0;
-    write_alone(answered++);
-    if (code != 0) return code;
-
-    uint64_t connection = 0;
-    {
-        const std::lock_guard lock(mutex_);
-        connection = connection_;
-    }
-    const auto command_of = [&](size_t i) {
-        const auto &[place, object] = writes[i + 1];
-        return formatted({"EVALSHA", write_script.hash, "1", hash_of(place), object.key, object.bytes,
-                          channel_of(place, object.key)});
-    };
-    const auto take = [&](size_t i, const redisReply &reply) {
-        ++answered;
-        if (is_error(reply) && hash_is_refused(reply)) one_by_one = std::min(one_by_one, i + 1);
-        if (one_by_one < writes.size()) return false;
-        const bool is_fine = is_nil(reply);
-        note(i + 1, is_fine ? 0 : judge({true, hash_of(writes[i + 1].place), {}, is_nil}, reply, connection));
-        return code == 0;
-    };
-    if (!link_.call_many(writes.size() - 1, command_of, take)) {
-        lose(connection, nullptr);
-        note(std::min(answered, one_by_one), TQ_MOM_E_UNREACHABLE);
-    }
-    for (size_t i = one_by_one; code == 0 && i < writes.size(); ++i) write_alone(i);
-    return code;
-}
-
-int32_t RedisStore::erase(const Place &place, const std::string &key) {
-    Reply reply;
-    if (const int32_t error = run(erase_script, hash_of(place), {key, channel_of(place, key)}, is_number, reply)) {
-        return error;
-    }
-    return reply->integer == 1 ? 0 : TQ_MOM_E_NOT_FOUND;
-}
-
-int32_t RedisStore::replace(const Place &place, const ObjectPtr &before, const ObjectPtr &after) {
-    const std::string expected = before ? "=" + before->bytes : "";
-    const std::string &key = (after ? after : before)->key;
-    const std::string hash = hash_of(place), channel = channel_of(place, key);
-    const auto is_answer = [](const redisReply &reply) { return is_nil(reply) || is_number(reply); };
-    Reply reply;
-    const int32_t error = after ? run(write_script, hash, {key, after->bytes, channel, expected}, is_answer, reply)
-                                : run(erase_script, hash, {key, channel, expected}, is_answer, reply);
-    if (error) return error;
-    return is_number(*reply) && reply->integer == 0 ? TQ_MOM_E_CHANGED : 0;
 }
 
 }  // namespace tq

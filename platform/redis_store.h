@@ -8,8 +8,7 @@
 //
 // Fences, scans and echoes have numbers that only grow: what is owed is what was asked for beyond what was answered, and a
 // late answer is known by its number.
-#ifndef TQ_PLATFORM_REDIS_STORE_H
-#define TQ_PLATFORM_REDIS_STORE_H
+#pragma once
 
 #include <atomic>
 #include <deque>
@@ -21,6 +20,7 @@
 #include "platform/redis_feed.h"
 #include "platform/redis_holds.h"
 #include "platform/redis_link.h"
+#include "platform/redis_scans.h"
 #include "platform/redis_wire.h"
 #include "platform/store.h"
 #include "platform/trouble.h"
@@ -50,16 +50,6 @@ public:
 
 private:
     using Channels = std::map<std::string, Channel, std::less<>>;
-    // One that is asked for page by page.
-    struct Scan {
-        std::string hash;
-        Ticket ticket;
-        bool is_told = false;  // that it is held
-        uint64_t number = 0;
-        std::string cursor = "0";
-        size_t count = 4;  // to ask for: few at first, since nothing is known of the objects
-        size_t largest = 1;
-    };
 
     RedisStore(const RedisUrl &url, Sink &sink, Loop &loop);
     int32_t start();
@@ -91,13 +81,15 @@ private:
     bool subscribe_rest();
     void confirm(uint64_t fence);
     void confirm(const Confirmation &confirmation);
-    void add_scan(Scan scan);
     void ask_page();
     void lose();
     void release(const std::string &hash);
     bool is_refused(const std::string &hash) const;
 
-    // On any thread.
+    // On any thread, without the lock.
+    void lose(uint64_t connection, const char *why);
+
+    // The same, for commands: redis_commands.cpp.
     using IsAnswer = bool (*)(const redisReply &);
     // One call's request, on its caller's thread alone: what is sent, and how its answer is judged.
     struct Command {
@@ -111,7 +103,14 @@ private:
     int32_t run(const Script &script, const std::string &hash, Words words, IsAnswer is_answer, Reply &reply);
     int32_t judge(const Command &command, const redisReply &reply, uint64_t connection);
     int32_t refused(const Command &command, std::string_view error, uint64_t connection);
-    void lose(uint64_t connection, const char *why);
+    // How far many writes have come; the first that was refused counts.
+    struct Progress {
+        size_t &taken, &refused_at;
+        size_t answered = 0;
+        int32_t code = 0;
+        void note(int32_t error);
+    };
+    void write_groups(const std::vector<Write> &writes, Progress &progress);
 
     const RedisUrl url_;
     Sink &sink_;
@@ -141,11 +140,7 @@ private:
     uint64_t fence_due_ = 0, fence_sent_ = 0, fence_answered_ = 0;  // the last one's number
     std::map<uint64_t, Confirmation> to_confirm_;                   // by the fence whose answer confirms it
     std::vector<Confirmation> owed_;                                // what the next connection confirms
-    std::deque<Scan> scans_;                                        // the first one is under way
-    uint64_t last_scan_ = 0;
-    bool page_asked_ = false;
-    size_t most_at_once_ = 256;  // to ask for in a page. Fewer after a connection was lost with one under way: a server
-                                 // that cuts off whoever asks for so much would do it again, and again
+    RedisScans scans_;
     uint64_t echo_asked_ = 0, echo_heard_ = 0;  // the last one's number
     std::deque<Clock::time_point> echo_times_;  // when those were asked for that are not heard yet
     uint64_t echo_before_ = 0;                  // the last one that was asked for before the page or fence that is owed
@@ -155,5 +150,3 @@ private:
 };
 
 }  // namespace tq
-
-#endif

@@ -3,7 +3,6 @@
 
 #include <sys/un.h>
 #include <algorithm>
-#include <charconv>
 #include <cstdlib>
 #include <stdexcept>
 #include <string_view>
@@ -51,10 +50,9 @@ std::vector<std::string_view> parts_of(std::string_view text, std::string_view s
 }
 
 int number(std::string_view text, int least, int most, const char *fault) {
-    int value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size() || value < least || value > most) refuse(fault);
-    return value;
+    const auto value = whole_number<int>(text);
+    if (!value || *value < least || *value > most) refuse(fault);
+    return *value;
 }
 
 std::string decoded(std::string_view text) {
@@ -64,11 +62,9 @@ std::string decoded(std::string_view text) {
             plain += text.front();
             continue;
         }
-        unsigned char value = 0;
         const std::string_view digits = text.substr(1, 2);
-        const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value, 16);
-        if (error != std::errc() || digits.size() != 2 || end != digits.data() + 2 || value == 0)
-            refuse("a % needs two hexadecimal digits, not 00");
+        const auto value = whole_number<unsigned char>(digits, 16).value_or(0);
+        if (digits.size() != 2 || value == 0) refuse("a % needs two hexadecimal digits, not 00");
         plain += static_cast<char>(value);
         text.remove_prefix(2);
     }
@@ -80,19 +76,17 @@ std::string encoded(std::string_view plain, std::string_view signs) {
     std::string text;
     for (const char c : plain) {
         const auto byte = static_cast<unsigned char>(c);
-        if (is_printable(c) && c != ' ' && c != '%' && signs.find(c) == std::string_view::npos) {
+        if (is_printable(c) && c != ' ' && c != '%' && signs.find(c) == std::string_view::npos)
             text += c;
-        } else {
+        else
             text.append("%").append(1, digits[byte >> 4]).append(1, digits[byte & 15]);
-        }
     }
     return text;
 }
 
 const Scheme &scheme_of(std::string_view url) {
-    for (const Scheme &scheme : schemes) {
+    for (const Scheme &scheme : schemes)
         if (url.starts_with(scheme.prefix)) return scheme;
-    }
     if (url.starts_with("rediss:")) refuse("there is no TLS here; docs/platform.md shows the road by a tunnel");
     refuse(
         "give mem:, mem:NAME, redis://HOST:PORT, redis+unix:///PATH, "
@@ -181,7 +175,7 @@ std::string shown(const RedisUrl &url, const Scheme &scheme) {
     std::string text(scheme.prefix);
     if (!user.empty()) text += encoded(user, ":@/?") + ":@";
     if (!scheme.asks_sentinels) return text + address_text(url.server, "?");
-    for (size_t i = 0; i < url.sentinels.size(); i++) text += (i ? "," : "") + address_text(url.sentinels[i], "?,");
+    for (size_t i = 0; i < url.sentinels.size(); ++i) text += (i ? "," : "") + address_text(url.sentinels[i], "?,");
     return text + (scheme.by_sockets ? "?name=" : "/") + url.master_name;
 }
 

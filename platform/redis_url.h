@@ -1,6 +1,5 @@
 // The URL of a store on a Redis server, and what it says without its secret. No state, no lock.
-#ifndef TQ_PLATFORM_REDIS_URL_H
-#define TQ_PLATFORM_REDIS_URL_H
+#pragma once
 
 #include <chrono>
 #include <string>
@@ -43,5 +42,3 @@ std::string url_without_secret(const std::string &url);
 std::string name_of(const Address &address);
 
 }  // namespace tq
-
-#endif

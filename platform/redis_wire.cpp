@@ -1,6 +1,7 @@
-// Names and frames of a store on a Redis server. No state, no lock.
+// Names, objects and frames of a store on a Redis server. No state, no lock.
 #include "platform/redis_wire.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <random>
 
@@ -56,6 +57,24 @@ std::string random_id() {
 
 std::string new_private_channel() {
     return "dm:client:" + random_id();
+}
+
+ObjectPtr new_object(std::string_view key, std::string_view bytes) {
+    return std::make_shared<const Object>(Object{std::string(key), std::string(bytes)});
+}
+
+bool is_list_of_pairs(const redisReply &reply) {
+    if (reply.type != REDIS_REPLY_ARRAY || reply.elements % 2 != 0) return false;
+    return std::all_of(reply.element, reply.element + reply.elements,
+                       [](const redisReply *element) { return element->type == REDIS_REPLY_STRING; });
+}
+
+std::vector<ObjectPtr> objects_of(const redisReply &list) {
+    std::vector<ObjectPtr> objects;
+    objects.reserve(list.elements / 2);
+    for (size_t i = 0; i < list.elements; i += 2)
+        objects.push_back(new_object(text_of(*list.element[i]), text_of(*list.element[i + 1])));
+    return objects;
 }
 
 // A number has few digits: its length is in the last of the four bytes alone.

@@ -18,13 +18,13 @@
 //
 // Beside the kinds there is one more hash, dm:store. Under `id` it has a random identifier that the first client writes: with the
 // server's own names it makes the identity of the content. Another one, and all that was read before means nothing.
-#ifndef TQ_PLATFORM_REDIS_WIRE_H
-#define TQ_PLATFORM_REDIS_WIRE_H
+#pragma once
 
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "platform/redis_connection.h"
 #include "platform/store.h"
 
 namespace tq {
@@ -33,6 +33,11 @@ std::string hash_of(const Place &place);  // and its channel
 std::string channel_of(const Place &place, const std::string &key);
 std::string random_id();
 std::string new_private_channel();
+
+ObjectPtr new_object(std::string_view key, std::string_view bytes);
+// The objects of a hash, or of a page of it: keys and values by turns.
+bool is_list_of_pairs(const redisReply &reply);
+std::vector<ObjectPtr> objects_of(const redisReply &list);
 
 // What one push on a channel says.
 struct Frame {
@@ -93,5 +98,3 @@ inline constexpr std::string_view mark_script =
     "redis.set_repl(redis.REPL_NONE) redis.call('PUBLISH', ARGV[1], ARGV[2])";
 
 }  // namespace tq
-
-#endif

@@ -4,7 +4,6 @@
 
 #include <poll.h>
 #include <algorithm>
-#include <charconv>
 #include <utility>
 
 #include "platform/redis_connection.h"
@@ -53,9 +52,8 @@ void ask_next(Round &round) {
     const Address &address = round.url.sentinels[number];
     Sentinel &sentinel = round.sentinels[number];
     RedisConnection &connection = sentinel.connection;
-    if (!connection.open(address, round.url.probe, /*is_blocking=*/false)) {
+    if (!connection.open(address, round.url.probe, /*is_blocking=*/false))
         return end_with(sentinel, connection.fault());
-    }
     const std::string auth = auth_command(round.url.sentinel_credentials);
     sentinel.auth_owed = !auth.empty();
     connection.add(auth);
@@ -66,18 +64,17 @@ bool parse_address(const redisReply &reply, Address &address) {
     if (reply.type != REDIS_REPLY_ARRAY || reply.elements != 2) return false;
     if (reply.element[0]->type != REDIS_REPLY_STRING || reply.element[1]->type != REDIS_REPLY_STRING) return false;
     const std::string_view host = text_of(*reply.element[0]), port = text_of(*reply.element[1]);
-    const auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), address.port);
     address.host = host;
-    return !host.empty() && std::all_of(host.begin(), host.end(), is_printable) && error == std::errc() &&
-           end == port.data() + port.size() && address.port > 0 && address.port < 65536;
+    address.port = whole_number<int>(port).value_or(0);
+    return !host.empty() && std::all_of(host.begin(), host.end(), is_printable) && address.port > 0 &&
+           address.port < 65536;
 }
 
 // What is said to the credentials may quote them.
 void take_answer(Round &round, Sentinel &sentinel, const redisReply &reply) {
     const std::string_view text = text_of(reply);
-    if (is_error(reply) && sentinel.auth_owed && !is_full(reply)) {
+    if (is_error(reply) && sentinel.auth_owed && !is_full(reply))
         return end_with(sentinel, "refuses the credentials (" + std::string(text.substr(0, text.find(' '))) + ")");
-    }
     if (is_error(reply)) return end_with(sentinel, text);
     if (std::exchange(sentinel.auth_owed, false)) return;
     const bool is_empty = reply.type == REDIS_REPLY_ARRAY && reply.elements == 0;
@@ -85,11 +82,10 @@ void take_answer(Round &round, Sentinel &sentinel, const redisReply &reply) {
     Address address;
     if (!parse_address(reply, address)) return end_with(sentinel, "answers something else than was asked");
     sentinel.connection.close();
-    if (address == round.last) {
+    if (address == round.last)
         round.last_named = true;
-    } else if (!round.is_over()) {
+    else if (!round.is_over())
         round.found = address;
-    }
 }
 
 void hear(Round &round, Sentinel &sentinel, short events) {
@@ -119,9 +115,8 @@ bool hear_all(Round &round, SteadyClock::time_point until) {
     if (ready.empty()) return false;
     const auto wait = std::chrono::ceil<milliseconds>(until - SteadyClock::now());
     ::poll(ready.data(), ready.size(), static_cast<int>(std::max<milliseconds::rep>(wait.count(), 0)));
-    for (size_t i = 0; i < ready.size(); ++i) {
+    for (size_t i = 0; i < ready.size(); ++i)
         if (ready[i].revents != 0) hear(round, *of[i], ready[i].revents);
-    }
     return true;
 }
 

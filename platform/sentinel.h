@@ -1,6 +1,5 @@
 // Which server is the master just now, by those who watch the servers of a chassis and choose. No state, no lock.
-#ifndef TQ_PLATFORM_SENTINEL_H
-#define TQ_PLATFORM_SENTINEL_H
+#pragma once
 
 #include <cstddef>
 #include <string>
@@ -18,5 +17,3 @@ namespace tq {
 bool find_master(const RedisUrl &url, size_t attempt, Address &found, std::string &fault);
 
 }  // namespace tq
-
-#endif

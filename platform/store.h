@@ -5,14 +5,13 @@
 //   - follow, scan, and every change of a followed place take their turn in one order, and the sink hears in that order.
 //     So a scanned object is never older than a change told before it;
 //   - a scan ends with a Page that is the last one, unless the connection is lost first;
-//   - a subscription or a scan that the store refuses holds up its own place only, and is Held until it is granted;
+//   - a subscription or a scan that the store refuses holds up its own place only, and is OnHold until it is granted;
 //   - what was followed survives a lost connection: it is followed again before connected() is told;
 //   - read, read_all, write, erase and replace work on any thread, the loop's included, and wait for nothing that the loop does;
 //   - the sink hears nothing after the Store's destructor has returned.
 //
 // The client calls follow() and up() with its own lock held: they must not wait for the loop.
-#ifndef TQ_PLATFORM_STORE_H
-#define TQ_PLATFORM_STORE_H
+#pragma once
 
 #include <cstdint>
 #include <memory>
@@ -55,7 +54,7 @@ struct Confirmed {
 };
 
 // What was asked for is refused for now: the store asks again by itself, and the answer comes when it is given.
-struct Held {
+struct OnHold {
     Ticket ticket;
     bool is_scan;
 };
@@ -74,7 +73,7 @@ struct Page {
     bool last;
 };
 
-using Event = std::variant<Confirmed, Held, Changed, Page>;
+using Event = std::variant<Confirmed, OnHold, Changed, Page>;
 
 // Hears from a store, on the store's threads: it must not call the store back, nor wait.
 class Sink {
@@ -130,5 +129,3 @@ public:
 std::unique_ptr<Store> open_store(const std::string &url, Sink &sink, Loop &loop, int32_t &error);
 
 }  // namespace tq
-
-#endif

@@ -29,7 +29,7 @@ struct Armed {
 };
 
 // Both maps hold the same timers. The caller holds the mutex.
-struct Table {
+struct Timers {
     std::mutex mutex;
     uint64_t armed_so_far = 0;
     std::map<Slot, Armed> by_time;
@@ -62,12 +62,12 @@ struct Table {
 };
 
 // Never destroyed: a loop may still run while the process ends. A child has no loop yet, and another table.
-std::atomic<Table *> current = nullptr;
+std::atomic<Timers *> current = nullptr;
 
-Table &table() {
+Timers &all_timers() {
     static const bool made = [] {
-        run_in_child([] { current = new Table; });
-        current = new Table;
+        run_in_child([] { current = new Timers; });
+        current = new Timers;
         return true;
     }();
     static_cast<void>(made);
@@ -77,26 +77,25 @@ Table &table() {
 }  // namespace
 
 bool take_due(Loop &loop, Clock::time_point now, Due &due) {
-    const std::lock_guard lock(table().mutex);
-    const auto first = table().first(loop);
-    if (first == table().by_time.end() || first->first.when > now) return false;
+    const std::lock_guard lock(all_timers().mutex);
+    const auto first = all_timers().first(loop);
+    if (first == all_timers().by_time.end() || first->first.when > now) return false;
     due = first->second.due;
     due.timer->arg = first->second.arg;
-    table().disarm(due.timer);
+    all_timers().disarm(due.timer);
     return true;
 }
 
 void wake_for_next(Loop &loop) {
-    const std::lock_guard lock(table().mutex);
-    const auto first = table().first(loop);
-    if (first != table().by_time.end()) loop.wake_at(first->first.when);
+    const std::lock_guard lock(all_timers().mutex);
+    const auto first = all_timers().first(loop);
+    if (first != all_timers().by_time.end()) loop.wake_at(first->first.when);
 }
 
 void disarm_all(Loop &loop) {
-    const std::lock_guard lock(table().mutex);
-    for (auto it = table().first(loop); it != table().by_time.end(); it = table().first(loop)) {
-        table().disarm(it->second.due.timer);
-    }
+    const std::lock_guard lock(all_timers().mutex);
+    for (auto it = all_timers().first(loop); it != all_timers().by_time.end(); it = all_timers().first(loop))
+        all_timers().disarm(it->second.due.timer);
 }
 
 }  // namespace tq
@@ -108,7 +107,7 @@ int32_t tq_thread_insert_timer(tq_thread_master *master, tq_thread_timer *timer,
                                int32_t arg, int32_t delay_ms, const char *) {
     if (!master || !timer || !handler || !master->is_of_this_process()) return TQ_MOM_E_ARGUMENT;
     return guarded([&] {
-        Table &timers = table();
+        Timers &timers = all_timers();
         const std::lock_guard lock(timers.mutex);
         const auto when = Clock::now() + std::chrono::milliseconds(std::max(delay_ms, 0));
         timers.disarm(timer);
@@ -121,8 +120,8 @@ int32_t tq_thread_insert_timer(tq_thread_master *master, tq_thread_timer *timer,
 int32_t tq_thread_cancel(tq_thread_timer *timer) {
     if (!timer) return TQ_MOM_E_ARGUMENT;
     return guarded([&] {
-        const std::lock_guard lock(table().mutex);
-        table().disarm(timer);
+        const std::lock_guard lock(all_timers().mutex);
+        all_timers().disarm(timer);
         return 0;
     });
 }

@@ -1,6 +1,5 @@
 // The process's armed timers. The table is what counts: nothing in a record is believed.
-#ifndef TQ_PLATFORM_TIMERS_H
-#define TQ_PLATFORM_TIMERS_H
+#pragma once
 
 #include "platform/loop.h"
 #include "tq_dm_cache/tq_platform.h"
@@ -20,5 +19,3 @@ void wake_for_next(Loop &loop);
 void disarm_all(Loop &loop);
 
 }  // namespace tq
-
-#endif

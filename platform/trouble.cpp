@@ -30,11 +30,10 @@ void Trouble::say(const std::string &reason) {
     ++lines_;
     said_ = now;
     const std::string shown = printable(reason);
-    if (begins || !is_due) {
+    if (begins || !is_due)
         std::fprintf(stderr, "tq_platform: store %s: %s\n", store_.c_str(), shown.c_str());
-    } else {
+    else
         std::fprintf(stderr, "tq_platform: store %s: for %.0f s now: %s\n", store_.c_str(), seconds(), shown.c_str());
-    }
     is_told_ = true;
 }
 

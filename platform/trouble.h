@@ -1,7 +1,6 @@
 // A lasting trouble on standard error: one line when it begins, one a minute while it lasts, one when it ends; one that
 // comes and goes is not told each time. No lock: its owner's.
-#ifndef TQ_PLATFORM_TROUBLE_H
-#define TQ_PLATFORM_TROUBLE_H
+#pragma once
 
 #include <chrono>
 #include <string>
@@ -28,5 +27,3 @@ private:
 };
 
 }  // namespace tq
-
-#endif

@@ -11,11 +11,10 @@ static constexpr dm::LogTag log_tag{"ndm_port", dm::Threshold::library};
 namespace dm {
 namespace {
 
-// An empty message of a row's kind that carries only a key.
-class Request {
+// A message of a kind that carries only a key: to ask for, or to compare with.
+class KeyedMessage {
 public:
-    Request(int32_t row, const ProtobufCMessage *key) {
-        const Kind &kind = *kind_of_row(row);
+    KeyedMessage(const Kind &kind, const ProtobufCMessage *key) {
         kind.descriptor->message_init(message());
         if (kind.index_offset > 0) put(bytes_ + kind.index_offset, key);
     }
@@ -40,7 +39,7 @@ StoreReply::StoreReply(int32_t row, uint32_t db, const ProtobufCMessage *key, Re
 }
 
 int32_t StoreReply::ask(uint32_t db, const ProtobufCMessage *key, ReadBy by, Caller caller) {
-    Request request(row_, key);
+    KeyedMessage request(*kind_of_row(row_), key);
     int32_t error = 0;
     const StoreCallback inside;
     if (!inside.may_run()) {

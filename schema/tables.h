@@ -1,6 +1,5 @@
 // Every message and enumeration of the schema, sorted by full name: generated into schema_tables.c, searched by schema.cpp.
-#ifndef DM_SCHEMA_TABLES_H
-#define DM_SCHEMA_TABLES_H
+#pragma once
 
 #include <protobuf-c/protobuf-c.h>
 #include <stdint.h>
@@ -19,6 +18,4 @@ extern const uint32_t dm_schema_table_enums_count;
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

@@ -1,14 +1,12 @@
-#ifndef TQ_DM_BENCH_WORLD_H
-#define TQ_DM_BENCH_WORLD_H
-
 // What the figures are taken of: the largest unit that the cache holds, 10,000 global and 10,000 static ports and all
 // that belongs to them, as `dmq gen` makes them. Times are those of one clock, in every process of the machine.
+#pragma once
 
 #include <atomic>
 #include <chrono>
 #include <semaphore>
 
-#include "dmq/topology.h"
+#include "dmq/session.h"
 #include "tq_dm_cache/tq_platform_bundled.h"
 
 namespace bench {
@@ -26,10 +24,7 @@ double thread_time();
 const std::vector<dmq::Entry> &objects();
 std::vector<const ProtobufCMessage *> global_ports();
 
-struct CloseClient {
-    void operator()(tq_mom_handle *handle) const { tq_mom_client_close(handle); }
-};
-using Client = std::unique_ptr<tq_mom_handle, CloseClient>;
+using dmq::Client;
 
 void check(int32_t code, const char *what);  // throws unless it is 0
 Client open_client(const std::string &url);
@@ -54,5 +49,3 @@ private:
 };
 
 }  // namespace bench
-
-#endif

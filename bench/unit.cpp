@@ -1,5 +1,5 @@
 // The objects, and putting them into a store.
-#include "bench/world.h"
+#include "bench/unit.h"
 
 #include <ctime>
 #include <stdexcept>

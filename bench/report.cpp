@@ -1,5 +1,5 @@
 // The table.
-#include "bench/table.h"
+#include "bench/report.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -13,12 +13,12 @@ double median(std::vector<double> values) {
     return (values[values.size() / 2] + values[(values.size() - 1) / 2]) / 2;
 }
 
-std::string verdict(const Target &target, double value, double times) {
-    const bool least = target.kind == Target::times_at_least, absolute = target.kind == Target::at_most;
+std::string verdict(const Goal &goal, double value, double times) {
+    const bool least = goal.rule == Goal::times_at_least, absolute = goal.rule == Goal::at_most;
     const double reached = absolute ? value : times;
-    const bool met = least ? reached >= target.value : reached <= target.value;
+    const bool met = least ? reached >= goal.value : reached <= goal.value;
     char text[64];
-    std::snprintf(text, sizeof text, "%s %g%s: %s", least ? "at least" : "at most", target.value, absolute ? "" : "x",
+    std::snprintf(text, sizeof text, "%s %g%s: %s", least ? "at least" : "at most", goal.value, absolute ? "" : "x",
                   met ? "met" : "MISSED");
     return text;
 }
@@ -38,7 +38,7 @@ void add(const std::string &name, int repetitions, std::function<void(Counters &
     benchmark::RegisterBenchmark(name.c_str(), once)->Iterations(1)->Repetitions(repetitions);
 }
 
-void Table::ReportRuns(const std::vector<Run> &runs) {
+void Report::ReportRuns(const std::vector<Run> &runs) {
     for (const Run &run : runs) {
         if (run.run_type != Run::RT_Iteration) continue;
         if (run.error_occurred) std::printf("%s: %s\n", run.benchmark_name().c_str(), run.error_message.c_str());
@@ -49,20 +49,20 @@ void Table::ReportRuns(const std::vector<Run> &runs) {
     }
 }
 
-void Table::Finalize() {
+void Report::Finalize() {
     std::printf("%-14s %-28s %10s %10s %10s %4s %6s  %s\n", "FIGURE", "WHAT", "MEDIAN", "LEAST", "MOST", "RUNS",
-                "X BARE", "TARGET");
+                "X BARE", "GOAL");
     for (const auto &[name, values] : values_) {
         const auto &[benchmark, counter] = name;
         const auto [least, most] = std::minmax_element(values.begin(), values.end());
         const auto rival = values_.find({benchmark.substr(0, benchmark.rfind('/')) + "/bare", counter});
         const double times = rival == values_.end() ? 0 : median(values) / median(rival->second);
-        const auto target = targets_.find(name);
+        const auto goal = goals_.find(name);
         char shown[16] = "";
         if (times > 0) std::snprintf(shown, sizeof shown, "%.2f", times);
         std::printf("%-14s %-28s %10.4g %10.4g %10.4g %4zu %6s  %s\n", benchmark.c_str(), counter.c_str(),
                     median(values), *least, *most, values.size(), shown,
-                    target == targets_.end() ? "" : verdict(target->second, median(values), times).c_str());
+                    goal == goals_.end() ? "" : verdict(goal->second, median(values), times).c_str());
     }
 }
 
