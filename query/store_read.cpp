@@ -11,7 +11,7 @@ static constexpr dm::LogTag log_tag{"ndm_port", dm::Threshold::library};
 namespace dm {
 namespace {
 
-// A message of a kind that carries only a key: to ask for, or to compare with.
+// A message of a kind that carries only a key: what the store is asked for.
 class KeyedMessage {
 public:
     KeyedMessage(const Kind &kind, const ProtobufCMessage *key) {
