@@ -64,7 +64,8 @@ class Attach(WithFolder):
                 self.assertEqual(done.returncode, code, done.stderr)
                 self.assertIn(message, done.stderr)
         other = self.process()
-        self.assertIn(f"which process is meant by dmq: {', '.join(sorted([process.name, other.name]))}?",
+        both = ", ".join(one.name for one in sorted([process, other], key=lambda one: one.shell.pid))
+        self.assertIn(f"which process is meant by dmq: {both}?",
                       self.dmq("--attach", "dmq", "show").stderr)
         self.assertEqual(sorted(dmq("complete", "--inspect", self.folder, "--attach", "").stdout.split()),
                          sorted([process.name, other.name]))
