@@ -35,7 +35,7 @@ Page RedisScans::take(const redisReply &reply) {
     scan.count = std::clamp(page_bytes / scan.largest, size_t{1}, std::min(growth * scan.count, most_at_once_));
     if (page.last) {
         scans_.pop_front();
-        most_at_once_ = std::min(most_at_once_ + regrowth, most_at_once);
+        most_at_once_ = std::min(most_at_once_ + regrowth, largest_page);
     }
     page_due_ = false;
     return page;

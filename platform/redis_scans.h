@@ -36,14 +36,14 @@ public:
     void lose();
 
 private:
-    static constexpr size_t most_at_once = 256;
+    static constexpr size_t largest_page = 256;  // objects
 
     std::deque<Scan> scans_;
     uint64_t last_number_ = 0;
     bool page_due_ = false;
-    size_t most_at_once_ =
-        most_at_once;  // Fewer after a connection was lost with a page under way: a server that cuts off
-                       // whoever asks for so much would do it again, and again
+    // Fewer after a connection was lost with a page under way: a server that cuts off whoever asks for so much would do it again,
+    // and again.
+    size_t most_at_once_ = largest_page;
 };
 
 }  // namespace tq
