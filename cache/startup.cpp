@@ -55,13 +55,9 @@ void set_up_table() {
     ndm_cache_init_port_obj(obj_sub_list);
 }
 
-// A start that failed, or a client that set the table up by itself, has left objects and index sets behind. What the former
-// still brings meanwhile is void.
+// A start that failed, or a client that set the table up by itself, has left objects and index sets behind.
 void set_up_table_again() {
-    if (g_dm_global) {
-        close_gate();
-        begin_again();
-    }
+    if (g_dm_global) begin_again();
     CacheLock lock;
     for (int32_t row = 0; row < obj_sub_list_max; ++row) discard_row(row);
     forget_events();

@@ -30,8 +30,8 @@
 //
 // The machine runs on the store client's callback thread, rescans on the timer's, which owns nothing but its timer record and
 // the numbers of its row's scans. Three other threads come in: whoever enables a row late writes words of that row alone;
-// begin_again() leaves a word for the callback thread, and disarms timers; end_sync() has everything to itself. The last two run
-// while callbacks are kept out. The state and the queue have no lock. Takes the cache lock to change a list.
+// begin_again() leaves a word for the callback thread, and disarms timers; end_sync() runs when no callback is inside any
+// more, and has everything to itself. The state and the queue have no lock. Takes the cache lock to change a list.
 #include "cache/sync.h"
 
 #include "base/clock.h"

@@ -25,7 +25,7 @@ bool subscribes_at_once(uint32_t db);
 void subscribe_nothing_at_once();
 
 // For another start after one that failed: disarms what waits for its timer, and has the machine begin again with the next
-// database that is ready. On the starting thread, while callbacks are kept out.
+// database that is ready. On the starting thread.
 void begin_again();
 
 // For a stop, over a handle that is still open: what was asked for is not told any more, where the platform can promise that.

@@ -29,39 +29,40 @@ std::vector<uint64_t> changes_of(const Changes &changes, const ObjectId &id, con
 }
 
 Feed::~Feed() {
-    tq_mom_client_forget(session_.reader(), hear);
-    tq_mom_client_drain(session_.reader(), INT32_MAX);
+    const bool is_forgotten = tq_mom_client_forget(session_.reader(), hear) == 0;
+    const bool is_over = is_forgotten && tq_mom_client_drain(session_.reader(), session_.time_left()) == 0;
+    if (!is_over) static_cast<void>(heard_.release());  // a callback may still use it
 }
 
 void Feed::mark() {
     for (const ObjectKind &kind : std::span(kinds_).first(asked_ ? 1 : kinds_.size())) {
         const Message any = new_message(*kind.type);
-        if (tq_mom_subscribe(session_.reader(), kind.db, any.get(), 0, hear, this))
+        if (tq_mom_subscribe(session_.reader(), kind.db, any.get(), 0, hear, heard_.get()))
             throw Failure(exit_unreachable, "cannot follow " + std::string(kind.type->name));
         ++asked_;
     }
-    std::unique_lock guard(lock_);
-    if (!changed_.wait_for(guard, std::chrono::milliseconds(session_.time_left()),
-                           [this] { return answers_ >= asked_; }))
+    std::unique_lock guard(heard_->lock);
+    if (!heard_->changed.wait_for(guard, std::chrono::milliseconds(session_.time_left()),
+                                  [this] { return heard_->answers >= asked_; }))
         throw Failure(exit_timeout, "the store did not answer in time: waited for a mark in its feed");
 }
 
 Changes Feed::changes() {
-    const std::lock_guard guard(lock_);
-    return changes_;
+    const std::lock_guard guard(heard_->lock);
+    return heard_->changes;
 }
 
 int32_t Feed::hear(tq_mom_handle *, store_msg *msg, void *privdata) {
-    Feed &feed = *static_cast<Feed *>(privdata);
-    const std::lock_guard guard(feed.lock_);
-    if (msg->cmd == TQ_MOM_CMD_SUBSCRIBED) ++feed.answers_;
+    Heard &heard = *static_cast<Heard *>(privdata);
+    const std::lock_guard guard(heard.lock);
+    if (msg->cmd == TQ_MOM_CMD_SUBSCRIBED) ++heard.answers;
     const auto *object = static_cast<const ProtobufCMessage *>(msg->value);
     if ((msg->cmd == TQ_MOM_CMD_SET || msg->cmd == TQ_MOM_CMD_DELETE) && object) {
         const int32_t row = kind_of(*object->descriptor).row;
-        ++feed.changes_[{row, packed_key(*object)}];
-        if (row == DM_ROW_PORT_STATIC) ++feed.changes_[{row, port_place(*object)}];
+        ++heard.changes[{row, packed_key(*object)}];
+        if (row == DM_ROW_PORT_STATIC) ++heard.changes[{row, port_place(*object)}];
     }
-    feed.changed_.notify_all();
+    heard.changed.notify_all();
     return 0;
 }
 

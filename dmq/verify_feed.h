@@ -22,7 +22,7 @@ class Feed {
 public:
     Feed(Session &session, std::vector<ObjectKind> kinds) : session_(session), kinds_(std::move(kinds)) {}
     Feed(const Feed &) = delete;
-    ~Feed();  // waits for a callback that is running
+    ~Feed();  // waits for a callback that is running, until the deadline of the command
 
     // Returns when all has been heard that the store had to tell when it was called; the first time, when it tells of all rows.
     // Throws a Failure when the store does not answer in time.
@@ -30,14 +30,19 @@ public:
     Changes changes();
 
 private:
+    // What the callback uses, under the lock.
+    struct Heard {
+        std::mutex lock;
+        std::condition_variable changed;
+        Changes changes;
+        size_t answers = 0;  // subscriptions that are confirmed
+    };
     static int32_t hear(tq_mom_handle *, store_msg *msg, void *privdata);
 
     Session &session_;
     const std::vector<ObjectKind> kinds_;
-    std::mutex lock_;
-    std::condition_variable changed_;
-    Changes changes_;
-    size_t asked_ = 0, answers_ = 0;  // subscriptions, and those that are confirmed
+    size_t asked_ = 0;  // subscriptions
+    std::unique_ptr<Heard> heard_ = std::make_unique<Heard>();
 };
 
 }  // namespace dmq

@@ -155,8 +155,8 @@ void RedisStore::write_groups(const std::vector<Write> &writes, Progress &progre
         const std::vector<Reply> replies = link_.call_many(end - begin, bytes);
         for (const Reply &reply : replies) {
             if (is_error(*reply) && hash_is_refused(*reply)) break;
-            const std::string hash = hash_of(writes[progress.answered].place);
-            progress.note(is_nil(*reply) ? 0 : judge({true, hash, {}, is_nil}, *reply, connection));
+            const Place &place = writes[progress.answered].place;
+            progress.note(is_nil(*reply) ? 0 : judge({true, hash_of(place), {}, is_nil}, *reply, connection));
         }
         if (replies.size() < end - begin) {
             lose(connection, nullptr);
