@@ -172,7 +172,7 @@ TEST_F(StoreRead, ScansForAPort) {
     EXPECT_EQ(scanned("scan", 30, DELETE, global(0, 0)), "-1 ~;2 0 -1;");  // any of them may be gone
     EXPECT_EQ(scanned("scan", 30, SET, global(0, 55)), "0 4;2 2 55;");
     EXPECT_EQ(scanned("get", 7, DELETE, static_port(1, 3, 0, 7)), "-1 ~;0 0 -1;");
-    EXPECT_EQ(scanned("get", 7, SET, static_port(1, 3, 0, 7).set("static_info.user_port", 9)), "0 4;2 2 0;");
+    EXPECT_EQ(scanned("get", 7, SET, static_port(1, 3, 1, 7).set("static_info.user_port", 9)), "0 4;2 2 0;");
     const uint32_t before = counters(30).refused;
     platform.during_read = [] { obj_sub_list[30].obj_list->count = DM_CACHE_LIST_LIMIT; };
     receive(30, DELETE, global(0, 0));
