@@ -87,7 +87,7 @@ class Server(WithServer):
     # A difference that is none sends an operator after a fault that is not there; one that is not told leaves him with it.
     def test_verify_tells_what_differs_while_everything_changes(self):
         process = self.process(*self.store)
-        stop = threading.Event()
+        begun, stop = threading.Event(), threading.Event()
         ports = "t_vsdid=0 t_dev=1 t_slot=2 t_type=8 t_sslot=0"
         written = 0
 
@@ -106,17 +106,18 @@ class Server(WithServer):
                     while shell.stdout.readline() != "done\n":
                         pass
                     written += 1
+                    begun.set()
                 shell.stdin.close()
 
         writer = threading.Thread(target=write)
         writer.start()
         try:
+            self.assertTrue(begun.wait(60))
             for words in [(), ("--attach", "dmq")] * 2:
                 self.assertEqual(self.verify(*words)[:2], (0, []), words)
         finally:
             stop.set()
             writer.join()
-        self.assertGreater(written, 0)
         card = "devid=1 slotid=30 sslotid=0"
         self.command("COPY dm:1:p_dev.card_info kept")
         process(f"set vsd_port {ports} t_port=45 ifx=80000", f"set vsd_port {ports} t_port=46 ifx=80000",
