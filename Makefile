@@ -99,7 +99,7 @@ faults:
 	cmake --build build -j$(JOBS) --target faults
 	build/tests/faults/faults --runs $(FAULT_RUNS) --cycles 10 --first $(FIRST_FAULT)
 
-# Faults planted one by one in a copy of the project: which test notices each. An hour; PLANT chooses by file or description.
+# Faults planted one by one in a copy of the project: which test notices each. Hours; PLANT chooses by file or description.
 PLANT ?=
 plant:
 	scripts/setup.sh build test server
