@@ -324,7 +324,7 @@ bool is_held(const tq_mom_handle *handle, const store_msg *msg, intptr_t row) {
            row_followed(obj_sub_list[row]);
 }
 
-// What the platform refuses, or holds; a message that names no row.
+// Of a message that cannot be used, or says that the store refuses or holds what was asked for.
 void on_refusal(tq_mom_handle *handle, const store_msg *msg, intptr_t word) {
     const auto row = static_cast<int32_t>(word);
     if (is_held(handle, msg, word)) return hold_row(handle, row);

@@ -4,8 +4,8 @@ add_library(dm_warnings INTERFACE)
 target_compile_options(dm_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion $<$<BOOL:${DM_WERROR}>:-Werror>
   $<$<COMPILE_LANGUAGE:CXX>:-Wmissing-declarations>)
-# At -O3, g++ 12 sees in the string concatenations of its own library copies that overlap (restrict) and copies that are longer
-# than any object (stringop-overflow).
+# At -O3, g++ 12 sees in the string concatenations of its own library copies that overlap (restrict), that are longer than any
+# object (stringop-overflow) or that leave one (array-bounds).
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
   set(release_cxx $<AND:$<CONFIG:Release>,$<COMPILE_LANGUAGE:CXX>>)
   target_compile_options(dm_warnings INTERFACE $<${release_cxx}:-Wno-restrict>

@@ -34,13 +34,6 @@ template <class T> std::string_view behind(const std::string &bytes) {
     return std::string_view(bytes).substr(std::min(sizeof(T), bytes.size()));
 }
 
-const ObjectKind *kind_of_row(int32_t row) {
-    const auto &kinds = cached_kinds();
-    const auto found =
-        std::find_if(kinds.begin(), kinds.end(), [&](const ObjectKind &kind) { return kind.row == row; });
-    return found == kinds.end() ? nullptr : &*found;
-}
-
 std::string shown_list(const std::vector<Inspected> &list) {
     std::string text;
     for (const auto &one : list) text += (text.empty() ? "" : ", ") + shown(one.name + "." + std::to_string(one.pid));

@@ -38,12 +38,10 @@ std::span<const ProtobufCMessageDescriptor *const> all_types() {
     return {types, count};
 }
 
-ObjectKind kind_of_row(int32_t row) {
+ObjectKind need_kind_of_row(int32_t row) {
+    if (const ObjectKind *kind = kind_of_row(row)) return *kind;
     std::string rows;
-    for (const ObjectKind &kind : cached_kinds()) {
-        if (kind.row == row) return kind;
-        rows += (rows.empty() ? "" : ", ") + std::to_string(kind.row);
-    }
+    for (const ObjectKind &kind : cached_kinds()) rows += (rows.empty() ? "" : ", ") + std::to_string(kind.row);
     throw Failure(exit_usage, "row " + std::to_string(row) + " holds no kind; the rows that do are " + rows);
 }
 
@@ -124,6 +122,12 @@ const std::vector<ObjectKind> &cached_kinds() {
     return kinds;
 }
 
+const ObjectKind *kind_of_row(int32_t row) {
+    for (const ObjectKind &kind : cached_kinds())
+        if (kind.row == row) return &kind;
+    return nullptr;
+}
+
 ObjectKind kind_of(const ProtobufCMessageDescriptor &type) {
     for (const ObjectKind &kind : cached_kinds())
         if (kind.type == &type) return kind;
@@ -139,7 +143,7 @@ const ProtobufCMessageDescriptor &find_type(const std::string &name) {
 }
 
 ObjectKind find_kind(const std::string &name) {
-    if (const auto row = whole_number<int32_t>(name)) return kind_of_row(*row);
+    if (const auto row = whole_number<int32_t>(name)) return need_kind_of_row(*row);
     for (const auto *type : all_types())
         if (name == type->name + dm_schema_package_length(type) + 1) return kind_of(*type);
     return kind_of(find_type(name));

@@ -63,6 +63,8 @@ ObjectKind find_cached_kind(const std::string &name);
 
 // In the order of the rows.
 const std::vector<ObjectKind> &cached_kinds();
+// Null: the row holds no kind.
+const ObjectKind *kind_of_row(int32_t row);
 
 // Its full name, exactly; throws a Failure with a suggestion.
 const ProtobufCMessageDescriptor &find_type(const std::string &name);

@@ -71,10 +71,8 @@ Road walk_road(Question &question, bool quiet) {
 }
 
 std::string row_name(int32_t row) {
-    const auto &kinds = cached_kinds();
-    const auto found =
-        std::find_if(kinds.begin(), kinds.end(), [&](const ObjectKind &kind) { return kind.row == row; });
-    return "row " + std::to_string(row) + (found == kinds.end() ? "" : std::string(" ") + found->type->name);
+    const ObjectKind *const kind = kind_of_row(row);
+    return "row " + std::to_string(row) + (kind ? std::string(" ") + kind->type->name : "");
 }
 
 std::string refused_text(uint32_t count) {

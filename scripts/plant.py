@@ -9,8 +9,9 @@ written \\n, a backslash \\\\ and a bar between blanks \\|. The old text stands 
 with # are comments.
 
 The copy lies in build-plant/ and is built once; the checkout is never changed. For each fault the tests of the folder of
-the same name run first, then all, where the machine allows it on a network of their own. A test or a run of tests that takes
-longer than its limit has noticed the fault; a test that fails once and then passes has noticed nothing.
+the same name run first, then all, where the machine allows it on a network of their own. A run of tests that takes longer than
+the limit has noticed the fault, and a test that takes longer than its own has failed; one that fails once and then passes has
+noticed nothing.
 """
 
 import argparse
